@@ -1,0 +1,30 @@
+// The operating-system layer: the few services the portable code needs, declared once and
+// implemented in os_win32.cpp and os_posix.cpp. Paths are UTF-8 everywhere.
+#pragma once
+#include "base/types.h"
+
+// [SECTION] Files
+typedef struct OsFile { intptr_t handle; } OsFile;  // handle 0 = not open
+enum OsResult { kOsOk = 0, kOsFailed = 1 };
+
+// Opens an existing file for reading, shared for reading by others.
+int OsFileOpenRead(const char *path, OsFile *out);
+// Creates or truncates a file for writing.
+int OsFileOpenWrite(const char *path, OsFile *out);
+void OsFileClose(OsFile *file);
+int OsFileSeek(OsFile file, u64 offset);
+// Reads up to count bytes at the current position; *read_count receives how many were read.
+int OsFileRead(OsFile file, void *buffer, u64 count, u64 *read_count);
+int OsFileWrite(OsFile file, const void *buffer, u64 count);
+int OsFileSize(OsFile file, u64 *size);
+bool OsFileExists(const char *path);
+// Number of read calls made through OsFileRead since start-up (tests check that reads merge).
+u64 OsFileReadCallCount(void);
+
+// [SECTION] Virtual memory
+// Reserves and commits size bytes of zeroed read/write memory; null when the system refuses.
+void *OsMemoryAllocate(u64 size);
+void OsMemoryRelease(void *base, u64 size);
+
+// [SECTION] Time
+u64 OsTimeMicroseconds(void);  // monotonic

@@ -1,0 +1,106 @@
+// Win32 side of the OS layer.
+#include "base/os.h"
+
+#include <windows.h>
+
+static u64 g_read_calls;
+
+// Converts a UTF-8 path to UTF-16 into a caller's buffer; false when it does not fit.
+static bool WidenPath(const char *path, wchar_t *out, int capacity) {
+  int n = MultiByteToWideChar(CP_UTF8, 0, path, -1, out, capacity);
+  return n > 0;
+}
+
+static int OpenWith(const char *path, DWORD access, DWORD share, DWORD disposition, OsFile *out) {
+  static const int kCapacity = 32768;  // the longest path Windows accepts
+  wchar_t *wide = (wchar_t *)HeapAlloc(GetProcessHeap(), 0, kCapacity * sizeof(wchar_t));
+  out->handle = 0;
+  if (!wide) return kOsFailed;
+  HANDLE h = INVALID_HANDLE_VALUE;
+  if (WidenPath(path, wide, kCapacity))
+    h = CreateFileW(wide, access, share, nullptr, disposition, FILE_ATTRIBUTE_NORMAL, nullptr);
+  HeapFree(GetProcessHeap(), 0, wide);
+  if (h == INVALID_HANDLE_VALUE) return kOsFailed;
+  out->handle = (intptr_t)h;
+  return kOsOk;
+}
+
+int OsFileOpenRead(const char *path, OsFile *out) {
+  return OpenWith(path, GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING, out);
+}
+
+int OsFileOpenWrite(const char *path, OsFile *out) {
+  return OpenWith(path, GENERIC_WRITE, 0, CREATE_ALWAYS, out);
+}
+
+void OsFileClose(OsFile *file) {
+  if (file->handle) CloseHandle((HANDLE)file->handle);
+  file->handle = 0;
+}
+
+int OsFileSeek(OsFile file, u64 offset) {
+  LARGE_INTEGER to;
+  to.QuadPart = (LONGLONG)offset;
+  return SetFilePointerEx((HANDLE)file.handle, to, nullptr, FILE_BEGIN) ? kOsOk : kOsFailed;
+}
+
+int OsFileRead(OsFile file, void *buffer, u64 count, u64 *read_count) {
+  g_read_calls++;
+  u64 total = 0;
+  while (total < count) {  // ReadFile takes at most 4 GiB - 1 at a time
+    DWORD want = (DWORD)MinU64(count - total, 0x40000000u);
+    DWORD got = 0;
+    if (!ReadFile((HANDLE)file.handle, (char *)buffer + total, want, &got, nullptr)) {
+      *read_count = total;
+      return kOsFailed;
+    }
+    total += got;
+    if (got < want) break;
+  }
+  *read_count = total;
+  return kOsOk;
+}
+
+int OsFileWrite(OsFile file, const void *buffer, u64 count) {
+  u64 total = 0;
+  while (total < count) {
+    DWORD want = (DWORD)MinU64(count - total, 0x40000000u);
+    DWORD put = 0;
+    if (!WriteFile((HANDLE)file.handle, (const char *)buffer + total, want, &put, nullptr) || put == 0)
+      return kOsFailed;
+    total += put;
+  }
+  return kOsOk;
+}
+
+int OsFileSize(OsFile file, u64 *size) {
+  LARGE_INTEGER s;
+  if (!GetFileSizeEx((HANDLE)file.handle, &s)) return kOsFailed;
+  *size = (u64)s.QuadPart;
+  return kOsOk;
+}
+
+bool OsFileExists(const char *path) {
+  OsFile f;
+  if (OsFileOpenRead(path, &f) != kOsOk) return false;
+  OsFileClose(&f);
+  return true;
+}
+
+u64 OsFileReadCallCount(void) { return g_read_calls; }
+
+void *OsMemoryAllocate(u64 size) {
+  return VirtualAlloc(nullptr, (SIZE_T)size, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE);
+}
+
+void OsMemoryRelease(void *base, u64 size) {
+  if (base) VirtualFree(base, 0, MEM_RELEASE);
+}
+
+u64 OsTimeMicroseconds(void) {
+  static LARGE_INTEGER frequency;
+  if (!frequency.QuadPart) QueryPerformanceFrequency(&frequency);
+  LARGE_INTEGER now;
+  QueryPerformanceCounter(&now);
+  return (u64)((double)now.QuadPart * 1e6 / (double)frequency.QuadPart);
+}
