@@ -17,7 +17,7 @@ set(CMAKE_RC_FLAGS "--target=x86_64-w64-mingw32")
 
 set(CMAKE_C_FLAGS_INIT "-gcodeview")
 set(CMAKE_CXX_FLAGS_INIT "-gcodeview -isystem ${KTRN_MINGW_GCC_DIR}/include/c++ -isystem ${KTRN_MINGW_GCC_DIR}/include/c++/x86_64-w64-mingw32")
-set(KTRN_WIN_LINK_FLAGS "-fuse-ld=lld -Wl,--pdb= -L${KTRN_MINGW_GCC_DIR} -static -pthread")
+set(KTRN_WIN_LINK_FLAGS "-Wno-unused-command-line-argument -fuse-ld=lld -Wl,--pdb= -L${KTRN_MINGW_GCC_DIR} -static -pthread")
 set(CMAKE_EXE_LINKER_FLAGS_INIT "${KTRN_WIN_LINK_FLAGS}")
 set(CMAKE_SHARED_LINKER_FLAGS_INIT "${KTRN_WIN_LINK_FLAGS}")
 
