@@ -20,6 +20,15 @@ int OsFileSize(OsFile file, u64 *size);
 bool OsFileExists(const char *path);
 // Number of read calls made through OsFileRead since start-up (tests check that reads merge).
 u64 OsFileReadCallCount(void);
+bool OsDirectoryExists(const char *path);
+// Moves a file over another one in one step, replacing it (saving through a temporary file, so a
+// failed write never destroys the previous contents).
+int OsFileReplace(const char *from, const char *to);
+
+// [SECTION] Paths
+// The absolute, normalised form of a path (relative to the current directory), without touching
+// the file system beyond the current directory; kOsFailed when it does not fit in capacity bytes.
+int OsPathMakeAbsolute(const char *path, char *out, u64 capacity);
 
 // [SECTION] Virtual memory
 // Reserves and commits size bytes of zeroed read/write memory; null when the system refuses.

@@ -2,6 +2,8 @@
 #include "base/os.h"
 
 #include <fcntl.h>
+#include <stdio.h>
+#include <string.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <time.h>
@@ -66,6 +68,50 @@ int OsFileSize(OsFile file, u64 *size) {
 
 bool OsFileExists(const char *path) { return access(path, F_OK) == 0; }
 u64 OsFileReadCallCount(void) { return g_read_calls; }
+
+bool OsDirectoryExists(const char *path) {
+  struct stat st;
+  return stat(path, &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+int OsFileReplace(const char *from, const char *to) { return rename(from, to) == 0 ? kOsOk : kOsFailed; }
+
+// Joins the current directory and the path, then drops "." and empty components and lets ".."
+// remove the one before it, as Windows' full-path call does, without asking the file system.
+int OsPathMakeAbsolute(const char *path, char *out, u64 capacity) {
+  if (!path || !out || capacity < 2) return kOsFailed;
+  char joined[8192];
+  u64 path_len = strlen(path);
+  u64 used = 0;
+  if (path[0] != '/') {
+    if (!getcwd(joined, sizeof(joined))) return kOsFailed;
+    used = strlen(joined);
+    if (used + 1 < sizeof(joined)) joined[used++] = '/';
+  }
+  if (used + path_len + 1 > sizeof(joined)) return kOsFailed;
+  memcpy(joined + used, path, path_len + 1);
+  u64 out_len = 0;
+  const char *p = joined;
+  while (*p) {
+    while (*p == '/') p++;
+    const char *start = p;
+    while (*p && *p != '/') p++;
+    u64 n = (u64)(p - start);
+    if (n == 0 || (n == 1 && start[0] == '.')) continue;
+    if (n == 2 && start[0] == '.' && start[1] == '.') {
+      while (out_len > 0 && out[out_len - 1] != '/') out_len--;
+      if (out_len > 0) out_len--;  // the slash before the dropped component
+      continue;
+    }
+    if (out_len + 1 + n + 1 > capacity) return kOsFailed;
+    out[out_len++] = '/';
+    memcpy(out + out_len, start, n);
+    out_len += n;
+  }
+  if (out_len == 0) out[out_len++] = '/';
+  out[out_len] = 0;
+  return kOsOk;
+}
 
 void *OsMemoryAllocate(u64 size) {
   void *p = mmap(nullptr, (size_t)size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);

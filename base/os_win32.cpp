@@ -89,6 +89,29 @@ bool OsFileExists(const char *path) {
 
 u64 OsFileReadCallCount(void) { return g_read_calls; }
 
+bool OsDirectoryExists(const char *path) {
+  wchar_t wide[32768 / 4];
+  if (!WidenPath(path, wide, (int)KTRN_ARRAY_COUNT(wide))) return false;
+  DWORD attributes = GetFileAttributesW(wide);
+  return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY);
+}
+
+int OsFileReplace(const char *from, const char *to) {
+  wchar_t wide_from[1024], wide_to[1024];
+  if (!WidenPath(from, wide_from, 1024) || !WidenPath(to, wide_to, 1024)) return kOsFailed;
+  return MoveFileExW(wide_from, wide_to, MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) ? kOsOk : kOsFailed;
+}
+
+int OsPathMakeAbsolute(const char *path, char *out, u64 capacity) {
+  if (!path || !out || capacity < 2) return kOsFailed;
+  wchar_t wide[1024], full[1024];
+  if (!WidenPath(path, wide, 1024)) return kOsFailed;
+  DWORD n = GetFullPathNameW(wide, 1024, full, nullptr);
+  if (n == 0 || n >= 1024) return kOsFailed;
+  int bytes = WideCharToMultiByte(CP_UTF8, 0, full, -1, out, (int)MinU64(capacity, 0x7fffffff), nullptr, nullptr);
+  return bytes > 0 ? kOsOk : kOsFailed;
+}
+
 void *OsMemoryAllocate(u64 size) {
   return VirtualAlloc(nullptr, (SIZE_T)size, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE);
 }
