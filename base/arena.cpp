@@ -1,0 +1,103 @@
+#include "base/arena.h"
+
+#include "base/os.h"
+
+static ArenaChunk *NewChunk(u64 capacity, ArenaChunk *previous) {
+  ArenaChunk *chunk = (ArenaChunk *)OsMemoryAllocate(capacity);
+  if (!chunk) return nullptr;
+  chunk->base = (u64)(uintptr_t)chunk;
+  chunk->used = kArenaChunkHeaderBytes;
+  chunk->capacity = capacity;
+  chunk->previous = previous;
+  return chunk;
+}
+
+static void *BumpFrom(ArenaChunk *chunk, u64 size) {
+  void *result = (u8 *)(uintptr_t)chunk->base + chunk->used;
+  chunk->used += size;
+  return result;
+}
+
+static bool Fits(const ArenaChunk *chunk, u64 size) {
+  return chunk && size <= chunk->capacity - chunk->used;
+}
+
+static void ReleaseChain(ArenaChunk *chunk) {
+  while (chunk) {
+    ArenaChunk *previous = chunk->previous;
+    OsMemoryRelease(chunk, chunk->capacity);
+    chunk = previous;
+  }
+}
+
+// [SECTION] SymbolArena
+
+void *SymbolArenaAllocate(SymbolArena *arena, u64 size) {
+  if (!Fits(arena->newest, size)) {
+    if (size > ~0ull - kArenaChunkHeaderBytes) return nullptr;
+    ArenaChunk *chunk = NewChunk(MaxU64(size + kArenaChunkHeaderBytes, kSymbolArenaChunkBytes), arena->newest);
+    if (!chunk) return nullptr;
+    arena->newest = chunk;
+  }
+  return BumpFrom(arena->newest, size);
+}
+
+void SymbolArenaRelease(SymbolArena *arena) {
+  ReleaseChain(arena->newest);
+  arena->newest = nullptr;
+}
+
+u64 SymbolArenaReservedBytes(const SymbolArena *arena) {
+  u64 total = 0;
+  for (const ArenaChunk *c = arena->newest; c; c = c->previous) total += c->capacity;
+  return total;
+}
+
+u64 SymbolArenaUsedBytes(const SymbolArena *arena) {
+  u64 total = 0;
+  for (const ArenaChunk *c = arena->newest; c; c = c->previous) total += c->used;
+  return total;
+}
+
+u32 SymbolArenaChunkCount(const SymbolArena *arena) {
+  u32 count = 0;
+  for (const ArenaChunk *c = arena->newest; c; c = c->previous) count++;
+  return count;
+}
+
+// [SECTION] ScratchArena
+
+static ScratchArena g_scratch;
+
+void ScratchBegin(void) { g_scratch.depth++; }
+
+void *ScratchAllocate(u64 size) {
+  if (!Fits(g_scratch.newest, size)) {
+    if (size > ~0ull - 2 * 4096) return nullptr;
+    ArenaChunk *chunk = NewChunk(AlignUp(size + kArenaChunkHeaderBytes, 4096), g_scratch.newest);
+    if (!chunk) return nullptr;
+    g_scratch.newest = chunk;
+  }
+  return BumpFrom(g_scratch.newest, size);
+}
+
+void ScratchEnd(void) {
+  if (g_scratch.depth == 0) return;  // unbalanced end: nothing is open
+  g_scratch.depth--;
+  if (g_scratch.depth != 0 || !g_scratch.newest) return;
+  if (!g_scratch.newest->previous) {
+    g_scratch.newest->used = kArenaChunkHeaderBytes;
+    return;
+  }
+  // Several chunks: replace them by one that holds what they held together, so the next
+  // round of the same work fits without a system call.
+  u64 capacity = 0, count = 0;
+  for (const ArenaChunk *c = g_scratch.newest; c; c = c->previous) {
+    capacity += c->capacity;
+    count++;
+  }
+  ReleaseChain(g_scratch.newest);
+  g_scratch.newest = NewChunk(AlignUp(capacity - kArenaChunkHeaderBytes * (count - 1), 4096), nullptr);
+}
+
+const ScratchArena *ScratchState(void) { return &g_scratch; }
