@@ -1,0 +1,39 @@
+#include "symbols/pdb_file.h"
+
+#include <string.h>
+
+#include "symbols/pdb_error.h"
+
+int PdbOpen(SymbolArena *arena, const CodeViewIdentity *expected, const char *path, bool ignore_signature,
+            PdbFile *out, PdbSummary *summary) {
+  memset(out, 0, sizeof(*out));
+  memset(summary, 0, sizeof(*summary));
+  out->arena = arena;
+  int error = MsfOpen(arena, path, &out->msf);
+  if (error) return error;
+  MsfFile *msf = &out->msf;
+
+  s32 names_stream = -1;
+  if (PdbReadInfoStream(arena, expected, msf, &names_stream, ignore_signature) != kPdbOk) {
+    MsfClose(msf);
+    return kPdbSignatureMismatch;
+  }
+  error = PdbLoadStringTable(arena, msf, names_stream, &out->strings, &out->source_files);
+  if (!error) error = PdbReadDbiHeader(msf, &out->dbi);
+  if (error) {
+    MsfClose(msf);
+    return error;
+  }
+  // The global tables are optional: when they cannot be built they stay empty.
+  PdbLoadGlobals(arena, msf, out->dbi.global_stream, out->dbi.symbol_record_stream, &out->globals);
+  error = PdbLoadModules(arena, msf, &out->dbi, &out->modules);
+  if (!error) error = PdbLoadModuleSymbols(arena, msf, &out->modules, &out->scopes);
+  MsfClose(msf);
+  if (error) return error;
+
+  summary->module_count = out->modules.module_count;
+  summary->procedure_count = out->scopes.procedure_count;
+  summary->block_count = out->scopes.block_count;
+  summary->data_count = out->globals.data_count;
+  return kPdbOk;
+}

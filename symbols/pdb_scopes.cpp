@@ -1,0 +1,193 @@
+#include "symbols/pdb_scopes.h"
+
+#include <stdlib.h>
+#include <string.h>
+
+#include "base/hash.h"
+#include "symbols/pdb_alloc.h"
+#include "symbols/pdb_error.h"
+#include "symbols/pdb_kinds.h"
+#include "symbols/pdb_record.h"
+
+// [SECTION] Reading the module streams
+
+static void ReadModule(SymbolArena *arena, const MsfFile *msf, const DbiModuleInfo *info, PdbModuleSymbols *out) {
+  memset(out, 0, sizeof(*out));
+  if (info->symbol_stream == kNoStream || info->symbol_bytes < 4) return;
+  const MsfStream *stream = MsfStreamAt(msf, info->symbol_stream);
+  if (!stream) return;
+  // The symbols (after their signature), the old C11 lines and the C13 lines lie back to back.
+  u64 wanted = (u64)info->symbol_bytes - 4 + info->c11_line_bytes + info->c13_line_bytes;
+  u32 size = MsfStreamSize(msf, info->symbol_stream);
+  if (size < 4 || size - 4 < wanted || size > msf->file_size) return;
+  u8 *bytes = (u8 *)PdbAllocate(arena, wanted);
+  if (!bytes || MsfReadStream(msf, stream, bytes, wanted, 4)) return;
+  out->symbols = bytes;
+  out->symbol_bytes = info->symbol_bytes - 4;
+  if (info->c13_line_bytes) {
+    out->c13 = bytes + out->symbol_bytes + info->c11_line_bytes;
+    out->c13_bytes = info->c13_line_bytes;
+  }
+}
+
+static bool IsProcedureKind(u16 kind) { return kind == kS_LPROC32 || kind == kS_GPROC32; }
+
+static bool IsUsableProcedure(const u8 *record, u32 bytes) {
+  return IsProcedureKind(ReadU16(record + 2)) && SymbolRecordHasName(record, bytes, kProcSymName);
+}
+
+// [SECTION] Scope building
+
+typedef struct ScopeBuild {
+  PdbScopes *scopes;
+  u32 block_limit;
+  u32 address_limit;
+} ScopeBuild;
+
+static PdbScopeLocals *LocalsOf(PdbScopes *scopes, PdbProcScope *procedure, u32 block) {
+  return block == kPdbNoBlock ? &procedure->locals : &scopes->blocks[block].locals;
+}
+
+static void Note(const u8 **first, u32 *count, const u8 *record) {
+  if (!*first) *first = record;
+  (*count)++;
+}
+
+// Walks the records of the procedure at `at` up to its end; returns the offset after its end
+// record (or the end of the symbols when it has none).
+static u32 BuildProcedure(ScopeBuild *b, const PdbModuleSymbols *module, u32 module_index, u32 at, u32 bytes) {
+  PdbScopes *scopes = b->scopes;
+  const u8 *record = module->symbols + at;
+  u32 hash_value = HashNameZ((const char *)record + kProcSymName);
+  u32 slot = hash_value % scopes->procedure_capacity;
+  while (scopes->procedures[slot].record) slot = (slot + 1) % scopes->procedure_capacity;
+  PdbProcScope *procedure = &scopes->procedures[slot];
+  memset(procedure, 0, sizeof(*procedure));
+  procedure->record = record;
+  procedure->name_hash = hash_value;
+  procedure->module_index = module_index;
+  procedure->first_block = scopes->block_count;
+  scopes->procedure_count++;
+
+  PdbProcAddress *address = &scopes->addresses[b->address_limit++];
+  memset(address, 0, sizeof(*address));
+  address->section = ReadU16(record + kProcSymSection);
+  address->start = ReadU32(record + kProcSymOffset);
+  address->end = address->start + ReadU32(record + kProcSymLength);
+  address->procedure = procedure;
+
+  // The end field is the stream offset of the procedure's S_END; a value outside the procedure's
+  // own extent is ignored and the walk ends at the S_END that closes the procedure instead.
+  u64 end_at = (u64)ReadU32(record + kProcSymEnd) - 4;
+  u32 current = kPdbNoBlock;
+  u32 size = module->symbol_bytes;
+  at += bytes;
+  while (u32 rec_bytes = SymbolRecordBytes(module->symbols, size, at)) {
+    const u8 *r = module->symbols + at;
+    u16 kind = ReadU16(r + 2);
+    u32 next = at + rec_bytes;
+    if (at == end_at) return next;
+    PdbScopeLocals *locals = LocalsOf(scopes, procedure, current);
+    switch (kind) {
+      case kS_FRAMEPROC:
+        if (!procedure->frameproc) procedure->frameproc = r;
+        break;
+      case kS_REGREL32:
+        if (!locals->first_regrel) locals->first_regrel = r;
+        if (rec_bytes >= kRegRelSymRegister + 2) {
+          u16 reg = ReadU16(r + kRegRelSymRegister);
+          if (reg == kCvRegRbp || reg == kCvRegRsp) locals->frame_regrel_count++;
+        }
+        break;
+      case kS_LOCAL: Note(&locals->first_local, &locals->local_count, r); break;
+      case kS_LDATA32: Note(&locals->first_ldata, &locals->ldata_count, r); break;
+      case kS_LTHREAD32: Note(&locals->first_lthread, &locals->lthread_count, r); break;
+      case kS_DEFRANGE_REGISTER:
+      case kS_DEFRANGE_FRAMEPOINTER_REL:
+      case kS_DEFRANGE_REGISTER_REL: locals->defrange_count++; break;
+      case kS_BLOCK32: {
+        if (scopes->block_count >= b->block_limit) break;  // cannot happen: counted beforehand
+        u32 index = scopes->block_count++;
+        PdbBlockScope *block = &scopes->blocks[index];
+        memset(block, 0, sizeof(*block));
+        block->record = r;
+        block->parent_block = current;
+        block->procedure = slot;
+        procedure->block_count++;
+        current = index;
+      } break;
+      case kS_END:
+        if (current == kPdbNoBlock) return next;
+        current = scopes->blocks[current].parent_block;
+        break;
+    }
+    at = next;
+  }
+  return size;
+}
+
+static int CompareAddresses(const void *a, const void *b) {
+  const PdbProcAddress *x = (const PdbProcAddress *)a, *y = (const PdbProcAddress *)b;
+  if (x->section != y->section) return x->section < y->section ? -1 : 1;
+  if (x->start != y->start) return x->start < y->start ? -1 : 1;
+  return 0;
+}
+
+int PdbLoadModuleSymbols(SymbolArena *arena, const MsfFile *msf, const PdbModuleList *list, PdbScopes *out) {
+  memset(out, 0, sizeof(*out));
+  PdbScopes s = {};
+  s.module_count = list->module_count;
+  s.modules = (PdbModuleSymbols *)PdbAllocate(arena, (u64)list->module_count * sizeof(PdbModuleSymbols));
+  if (!s.modules && list->module_count) return kPdbUnreadable;
+  u64 procedure_total = 0, block_total = 0;
+  for (u32 m = 0; m < list->module_count; m++) {
+    ReadModule(arena, msf, list->modules[m], &s.modules[m]);
+    const PdbModuleSymbols *module = &s.modules[m];
+    for (u32 at = 0, bytes; (bytes = SymbolRecordBytes(module->symbols, module->symbol_bytes, at)); at += bytes) {
+      const u8 *r = module->symbols + at;
+      u16 kind = ReadU16(r + 2);
+      if (kind == kS_BLOCK32) block_total++;
+      else if (IsUsableProcedure(r, bytes)) procedure_total++;
+    }
+  }
+  u64 capacity = MaxU64(procedure_total + procedure_total / 2, 8);
+  s.procedure_capacity = (u32)capacity;
+  s.procedures = (PdbProcScope *)PdbAllocate(arena, capacity * sizeof(PdbProcScope));
+  s.blocks = (PdbBlockScope *)PdbAllocate(arena, block_total * sizeof(PdbBlockScope));
+  s.addresses = (PdbProcAddress *)PdbAllocate(arena, procedure_total * sizeof(PdbProcAddress));
+  if (!s.procedures || (!s.blocks && block_total) || (!s.addresses && procedure_total)) return kPdbUnreadable;
+  memset(s.procedures, 0, capacity * sizeof(PdbProcScope));
+
+  ScopeBuild build = {&s, (u32)block_total, 0};
+  for (u32 m = 0; m < s.module_count; m++) {
+    const PdbModuleSymbols *module = &s.modules[m];
+    u32 at = 0, bytes;
+    while ((bytes = SymbolRecordBytes(module->symbols, module->symbol_bytes, at))) {
+      const u8 *r = module->symbols + at;
+      if (IsUsableProcedure(r, bytes)) at = BuildProcedure(&build, module, m, at, bytes);
+      else at += bytes;
+    }
+  }
+  if (s.procedure_count) qsort(s.addresses, s.procedure_count, sizeof(PdbProcAddress), CompareAddresses);
+  *out = s;
+  return kPdbOk;
+}
+
+// [SECTION] Lookups
+
+const char *PdbProcName(const PdbProcScope *procedure) { return (const char *)procedure->record + kProcSymName; }
+
+const PdbProcScope *PdbFindProcedure(const PdbScopes *scopes, const char *name, const PdbProcScope *after) {
+  if (!scopes->procedure_capacity || !scopes->procedures) return nullptr;
+  u32 hash_value = HashNameZ(name);
+  u32 slot = after ? (u32)(after - scopes->procedures) + 1 : hash_value;
+  slot %= scopes->procedure_capacity;
+  u32 start = hash_value % scopes->procedure_capacity;
+  for (u32 probes = 0; probes < scopes->procedure_capacity; probes++, slot = (slot + 1) % scopes->procedure_capacity) {
+    const PdbProcScope *p = &scopes->procedures[slot];
+    if (!p->record) return nullptr;
+    if (after && slot == start) return nullptr;  // wrapped around a full table
+    if (p->name_hash == hash_value && strcmp(PdbProcName(p), name) == 0) return p;
+  }
+  return nullptr;
+}
