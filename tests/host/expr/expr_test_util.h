@@ -1,0 +1,47 @@
+// Shared helper of the expression tests: parse a text and print its tree (or "parse error"),
+// checking that every node is back in the pool afterwards.
+#pragma once
+#include "expr/expr_parser.h"
+#include "expr/expr_print.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+
+struct ParsedText {
+  std::string printed;  // the S-expression line, or "parse error"
+  u32 failure;          // ExprParseFailure
+};
+
+inline ParsedText ParseAndPrint(const std::string &text) {
+  std::unique_ptr<ExprPool> pool(new ExprPool);
+  InitExprPool(pool.get());
+  ExprParseResult result;
+  ParsedText out;
+  if (Parse(pool.get(), text.c_str(), &result)) {
+    std::string line(PrintExpr(nullptr, 0, result.tree, result.format) + 1, '\0');
+    PrintExpr(&line[0], line.size(), result.tree, result.format);
+    line.pop_back();
+    out.printed = line;
+    FreeTree(pool.get(), result.tree);
+    FreeTree(pool.get(), result.format);
+  } else {
+    EXPECT_EQ(result.tree, nullptr) << text;
+    EXPECT_EQ(result.format, nullptr) << text;
+    out.printed = "parse error";
+  }
+  out.failure = result.failure;
+  EXPECT_EQ(pool->free_count, (u32)kExprPoolCapacity) << "nodes left out of the pool by: " << text;
+  return out;
+}
+
+struct TextCase {
+  const char *text;
+  const char *expected;  // printed tree, or "parse error"
+};
+
+template <size_t N>
+void ExpectTrees(const TextCase (&cases)[N]) {
+  for (const TextCase &c : cases) EXPECT_EQ(ParseAndPrint(c.text).printed, c.expected) << "text: " << c.text;
+}
