@@ -1,0 +1,26 @@
+// llvm-pdbutil as the oracle: runs it and ktrn-pdb on the same PDB and turns both outputs into
+// the same line forms ("SSSS:OOOOOOOO LLLLLLLL name" for procedures, "SSSS:OOOOOOOO TTTTTTTT
+// name" for data globals).
+#pragma once
+#include <string>
+#include <vector>
+
+struct CommandResult {
+  int exit_status = -1;  // -1: killed by a signal or could not run
+  std::string output;
+};
+CommandResult RunCommand(const std::string &command);
+std::string Quote(const std::string &text);
+
+struct OracleDump {
+  bool ok = false;             // llvm-pdbutil ran and reported no error
+  std::string failure;         // why not
+  std::vector<std::string> procedures;  // from the module symbols
+  std::vector<std::string> globals;     // S_LDATA32 / S_GDATA32 of the global stream, in order
+};
+OracleDump RunOracle(const std::string &pdb_path);
+
+std::vector<std::string> SplitLines(const std::string &text);
+
+// Compares two lists and describes the first differences (empty when equal).
+std::string DescribeDifference(const std::vector<std::string> &ours, const std::vector<std::string> &oracle);

@@ -1,0 +1,181 @@
+// The test programs' PDBs and our own programs' PDBs, read by ktrn-pdb and by llvm-pdbutil: the
+// procedures and data globals must agree exactly; the name lookups must find every one of them.
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <string.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+
+#include "oracle.h"
+#include "symbols/pdb_error.h"
+#include "symbols/pdb_file.h"
+
+namespace {
+
+const std::string kTargetsDir = KTRN_TARGETS_DIR;
+const std::string kTool = KTRN_PDB_TOOL;
+
+bool Exists(const std::string &path) {
+  struct stat st;
+  return stat(path.c_str(), &st) == 0;
+}
+
+std::vector<std::string> ToolLines(const std::string &command, const std::string &pdb, int *status,
+                                   const std::string &argument = "") {
+  std::string line = Quote(kTool) + " " + command + " " + Quote(pdb);
+  if (!argument.empty()) line += " " + Quote(argument);
+  CommandResult r = RunCommand(line);
+  *status = r.exit_status;
+  return SplitLines(r.output);
+}
+
+// Procedures: ours come by address; procedures at the same address may come in any order, so
+// both sides are compared sorted. Globals: exactly, in the order of the hash records.
+void ExpectAgreesWithOracle(const std::string &pdb) {
+  SCOPED_TRACE(pdb);
+  OracleDump oracle = RunOracle(pdb);
+  ASSERT_TRUE(oracle.ok) << oracle.failure;
+  int status = 0;
+  std::vector<std::string> procs = ToolLines("procs", pdb, &status);
+  ASSERT_EQ(status, 0);
+  EXPECT_TRUE(std::is_sorted(procs.begin(), procs.end(), [](const std::string &a, const std::string &b) {
+    return a.compare(0, 13, b, 0, 13) < 0;
+  })) << "procedures by section and offset";
+  std::sort(procs.begin(), procs.end());
+  std::sort(oracle.procedures.begin(), oracle.procedures.end());
+  EXPECT_EQ(DescribeDifference(procs, oracle.procedures), "");
+  std::vector<std::string> globals = ToolLines("globals", pdb, &status);
+  ASSERT_EQ(status, 0);
+  EXPECT_EQ(DescribeDifference(globals, oracle.globals), "");
+}
+
+std::string TargetPdb(const char *name) { return kTargetsDir + "/" + name + ".pdb"; }
+std::string OwnBinPdb(const char *name) { return kTargetsDir + "/../../bin/" + name + ".pdb"; }
+
+struct InProcess {
+  SymbolArena arena = {};
+  PdbFile pdb = {};
+  PdbSummary summary = {};
+  int status = -1;
+  explicit InProcess(const std::string &path) {
+    CodeViewIdentity none = {};
+    status = PdbOpen(&arena, &none, path.c_str(), true, &pdb, &summary);
+  }
+  ~InProcess() {
+    MsfClose(&pdb.msf);
+    SymbolArenaRelease(&arena);
+  }
+};
+
+}  // namespace
+
+TEST(OracleTargets, TheTargetsDirectoryIsConfigured) {
+  ASSERT_FALSE(kTargetsDir.empty()) << "configure the host build with -DKTRN_TARGETS_DIR=<windows build>/tests/targets";
+  ASSERT_TRUE(Exists(kTargetsDir)) << kTargetsDir << " is missing: build the Windows tree first";
+}
+
+TEST(OracleTargets, TestProgramsAgreeWithLlvmPdbutil) {
+  ASSERT_FALSE(kTargetsDir.empty());
+  for (const char *name : {"sym_c", "sym_cpp"}) ASSERT_TRUE(Exists(TargetPdb(name))) << TargetPdb(name);
+  // Every test program's PDB, those of other areas included.
+  DIR *dir = opendir(kTargetsDir.c_str());
+  ASSERT_TRUE(dir);
+  int checked = 0;
+  while (dirent *e = readdir(dir)) {
+    std::string file = e->d_name;
+    if (file.size() > 4 && file.compare(file.size() - 4, 4, ".pdb") == 0) {
+      ExpectAgreesWithOracle(kTargetsDir + "/" + file);
+      checked++;
+    }
+  }
+  closedir(dir);
+  EXPECT_GE(checked, 2);
+}
+
+// kestrune.exe's own PDB (the largest program we build) and ktrn-pdb.exe's, beside them in the
+// Windows build's bin folder.
+TEST(OracleTargets, OwnProgramsAgreeWithLlvmPdbutil) {
+  ASSERT_FALSE(kTargetsDir.empty());
+  for (const char *name : {"kestrune", "ktrn-pdb"}) {
+    std::string pdb = OwnBinPdb(name);
+    ASSERT_TRUE(Exists(pdb)) << pdb << " is missing: build " << name << ".exe in the Windows tree";
+    ExpectAgreesWithOracle(pdb);
+  }
+}
+
+// What the test programs were written to contain.
+TEST(OracleTargets, TheTestProgramsHoldWhatTheyWereWrittenFor) {
+  ASSERT_FALSE(kTargetsDir.empty());
+  InProcess c(TargetPdb("sym_c"));
+  ASSERT_EQ(c.status, kPdbOk);
+  const PdbGlobals &g = c.pdb.globals;
+  int counters = 0;
+  for (const PdbDataEntry *e = PdbFindData(&g, "counter", nullptr); e; e = PdbFindData(&g, "counter", e)) counters++;
+  EXPECT_EQ(counters, 3) << "file statics of the same name in three modules";
+  EXPECT_TRUE(PdbFindData(&g, "gr\xC3\xB6\xC3\x9F" "e", nullptr)) << "UTF-8 identifier";
+  EXPECT_TRUE(PdbFindThreadData(&g, "t_depth"));
+  EXPECT_TRUE(PdbFindThreadData(&g, "t_util_calls"));
+  EXPECT_TRUE(PdbFindUdt(&g, "PointAlias"));
+  int helpers = 0;
+  for (const PdbProcScope *p = PdbFindProcedure(&c.pdb.scopes, "Helper", nullptr); p;
+       p = PdbFindProcedure(&c.pdb.scopes, "Helper", p))
+    helpers++;
+  EXPECT_EQ(helpers, 2) << "static functions of the same name in two modules";
+  const PdbProcScope *nested = PdbFindProcedure(&c.pdb.scopes, "Nested", nullptr);
+  ASSERT_TRUE(nested);
+  EXPECT_GE(nested->block_count, 2u);
+  const PdbProcScope *more = PdbFindProcedure(&c.pdb.scopes, "MoreCompute", nullptr);
+  ASSERT_TRUE(more);
+  ASSERT_EQ(more->block_count, 2u);
+  EXPECT_EQ(c.pdb.scopes.blocks[more->first_block + 1].parent_block, more->first_block) << "nested block";
+
+  InProcess cpp(TargetPdb("sym_cpp"));
+  ASSERT_EQ(cpp.status, kPdbOk);
+  EXPECT_TRUE(PdbFindConstant(&cpp.pdb.globals, "app::kMaxFrames"));
+  EXPECT_TRUE(PdbFindData(&cpp.pdb.globals, "shapes::Shape::s_created", nullptr));
+  EXPECT_TRUE(PdbFindThreadData(&cpp.pdb.globals, "app::t_frame_local"));
+  EXPECT_TRUE(PdbFindProcedure(&cpp.pdb.scopes, "shapes::Circle::Area", nullptr));
+
+  int status = 0;
+  std::vector<std::string> found = ToolLines("find", TargetPdb("sym_c"), &status, "counter");
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(found.size(), 3u);
+  ToolLines("find", TargetPdb("sym_c"), &status, "no_such_name");
+  EXPECT_EQ(status, 1);
+}
+
+// Every procedure and data global that llvm-pdbutil lists is found through the name tables, with
+// the same address (and type for data).
+TEST(OracleTargets, LookupsFindEveryListedName) {
+  ASSERT_FALSE(kTargetsDir.empty());
+  for (std::string pdb : {TargetPdb("sym_c"), TargetPdb("sym_cpp"), OwnBinPdb("ktrn-pdb")}) {
+    SCOPED_TRACE(pdb);
+    OracleDump oracle = RunOracle(pdb);
+    ASSERT_TRUE(oracle.ok) << oracle.failure;
+    InProcess loaded(pdb);
+    ASSERT_EQ(loaded.status, kPdbOk);
+    for (const std::string &line : oracle.globals) {
+      unsigned section, offset, type;
+      ASSERT_EQ(sscanf(line.c_str(), "%x:%x %x", &section, &offset, &type), 3);
+      std::string name = line.substr(23);
+      bool hit = false;
+      for (const PdbDataEntry *e = PdbFindData(&loaded.pdb.globals, name.c_str(), nullptr); e && !hit;
+           e = PdbFindData(&loaded.pdb.globals, name.c_str(), e))
+        hit = e->section_minus_1 + 1u == section && e->offset == offset && e->type_index == type;
+      EXPECT_TRUE(hit) << line;
+    }
+    for (const std::string &line : oracle.procedures) {
+      unsigned section, offset, length;
+      ASSERT_EQ(sscanf(line.c_str(), "%x:%x %x", &section, &offset, &length), 3);
+      std::string name = line.substr(23);
+      bool hit = false;
+      for (const PdbProcScope *p = PdbFindProcedure(&loaded.pdb.scopes, name.c_str(), nullptr); p && !hit;
+           p = PdbFindProcedure(&loaded.pdb.scopes, name.c_str(), p)) {
+        u32 at = (u32)(p->record[32] | p->record[33] << 8 | p->record[34] << 16 | (u32)p->record[35] << 24);
+        hit = at == offset && (p->record[36] | p->record[37] << 8) == (int)section;
+      }
+      EXPECT_TRUE(hit) << line;
+    }
+  }
+}

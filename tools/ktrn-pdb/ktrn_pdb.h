@@ -1,0 +1,27 @@
+// ktrn-pdb: the contents of a PDB on the command line. Each group of subcommands lives in a file
+// of its own and is listed in the command table of main.cpp.
+#pragma once
+#include "symbols/pdb_file.h"
+
+// A PDB opened for a subcommand (no image at hand, so the GUID check is off).
+struct LoadedPdb {
+  SymbolArena arena;
+  PdbFile pdb;
+  PdbSummary summary;
+  int status;
+  double load_ms;
+};
+
+// Opens the PDB; on failure prints a one-line message to stderr and returns false.
+bool LoadPdb(const char *path, LoadedPdb *out);
+void UnloadPdb(LoadedPdb *loaded);
+const char *PdbErrorText(int status);
+
+// A subcommand: args are what follows the subcommand's name. Returns the exit status.
+typedef int (*CommandFn)(int argc, char **argv);
+
+// Symbol commands (symbol_commands.cpp).
+int CommandInfo(int argc, char **argv);
+int CommandProcs(int argc, char **argv);
+int CommandGlobals(int argc, char **argv);
+int CommandFind(int argc, char **argv);

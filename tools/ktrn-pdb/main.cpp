@@ -1,0 +1,79 @@
+// ktrn-pdb: prints what the PDB reader loads from a file, in stable text forms that tests compare
+// with other tools.
+#include <stdio.h>
+#include <string.h>
+
+#include "base/os.h"
+#include "ktrn_pdb.h"
+#include "symbols/pdb_error.h"
+
+struct Command {
+  const char *name;
+  const char *arguments;
+  int argument_count;  // exact count of arguments after the name
+  CommandFn run;
+  const char *help;
+};
+
+static const Command kCommands[] = {
+    {"info", "FILE.pdb", 1, CommandInfo, "load status and counts"},
+    {"procs", "FILE.pdb", 1, CommandProcs, "procedures by address: SSSS:OOOOOOOO LLLLLLLL name"},
+    {"globals", "FILE.pdb", 1, CommandGlobals, "data globals: SSSS:OOOOOOOO TTTTTTTT name"},
+    {"find", "FILE.pdb NAME", 2, CommandFind, "procedures and data globals of that name"},
+};
+
+static void Usage(FILE *to) {
+  fprintf(to, "usage: ktrn-pdb COMMAND ARGS...\n");
+  for (const Command &c : kCommands) fprintf(to, "  ktrn-pdb %-7s %-15s %s\n", c.name, c.arguments, c.help);
+}
+
+const char *PdbErrorText(int status) {
+  switch (status) {
+    case kPdbOk: return "loaded";
+    case kPdbUnreadable: return "the file cannot be opened or read";
+    case kPdbBadFormat: return "not a valid PDB (bad format)";
+    case kPdbUnsupportedVersion: return "unsupported PDB version";
+    case kPdbSignatureMismatch: return "the PDB information stream is unusable";
+    case kPdbStreamMissing: return "a required stream is missing";
+  }
+  return "unknown error";
+}
+
+bool LoadPdb(const char *path, LoadedPdb *out) {
+  memset(out, 0, sizeof(*out));
+  CodeViewIdentity no_image = {};
+  u64 start = OsTimeMicroseconds();
+  out->status = PdbOpen(&out->arena, &no_image, path, true, &out->pdb, &out->summary);
+  out->load_ms = (double)(OsTimeMicroseconds() - start) / 1000.0;
+  if (out->status != kPdbOk) {
+    fprintf(stderr, "ktrn-pdb: %s: %s (status %d)\n", path, PdbErrorText(out->status), out->status);
+    return false;
+  }
+  return true;
+}
+
+void UnloadPdb(LoadedPdb *loaded) {
+  MsfClose(&loaded->pdb.msf);  // still open only after a rejected superblock
+  SymbolArenaRelease(&loaded->arena);
+}
+
+int main(int argc, char **argv) {
+  if (argc < 2) {
+    Usage(stderr);
+    return 2;
+  }
+  if (strcmp(argv[1], "-h") == 0 || strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "help") == 0) {
+    Usage(stdout);
+    return 0;
+  }
+  for (const Command &c : kCommands) {
+    if (strcmp(argv[1], c.name) != 0) continue;
+    if (argc - 2 != c.argument_count) {
+      fprintf(stderr, "ktrn-pdb: usage: ktrn-pdb %s %s\n", c.name, c.arguments);
+      return 2;
+    }
+    return c.run(argc - 2, argv + 2);
+  }
+  fprintf(stderr, "ktrn-pdb: unknown command '%s' (try ktrn-pdb --help)\n", argv[1]);
+  return 2;
+}
