@@ -1,0 +1,573 @@
+// Session files: exact bytes, truncated and old files, hostile counts, hooks, round trips.
+#include <gtest/gtest.h>
+
+#include <random>
+
+#include "test_util.h"
+
+namespace {
+
+// A session that uses every section: three target commands, all four breakpoint kinds (a
+// processor one between two function ones), watches with comments in three windows, two files.
+void BuildRichSession(Session *s) {
+  u32 t;
+  SessionAddTarget(s, "C:\\work\\game.exe", "-level 3 \"two words\"", "C:\\work", &t);
+  s->targets[t].environment = TextDuplicateZ("PATH=C:\\bin\nMODE=fast");
+  s->targets[t].inherit_from_parent = 1;
+  SessionAddTarget(s, "C:\\work\\tool.exe", nullptr, nullptr, &t);
+  s->targets[t].halt_at_nominal_entry = 0;
+  SessionAddTarget(s, "C:\\other\\x.exe", "a", "C:\\other", &t);
+  s->targets[t].environment = TextDuplicateZ("A=1");
+  s->current_target = 2;
+  u32 b;
+  SessionAddBreakpoint(s, kBreakpointFunction, "main", 0, 0, &b);
+  SessionAddBreakpoint(s, kBreakpointProcessor, "&g_counter", 0, 0, &b);
+  s->breakpoints[b].size = 8;
+  s->breakpoints[b].access = kAccessReadWrite;
+  s->breakpoints[b].enabled = 1;
+  SessionAddBreakpoint(s, kBreakpointFunction, "Game::Update", 0, 0, &b);
+  s->breakpoints[b].condition = TextDuplicateZ("frame > 100");
+  s->breakpoints[b].enabled = 0;
+  SessionAddBreakpoint(s, kBreakpointSourceLine, "C:\\work\\src\\main.cpp", 42, 0, &b);
+  SessionAddBreakpoint(s, kBreakpointAddress, nullptr, 0, 0x00007FF612340000ull, &b);
+  SessionAddWatchRow(s, 0, "player.position", "where we are");
+  SessionAddWatchRow(s, 0, "enemies, 8", "");
+  SessionAddWatchRow(s, 3, "xmm0, ps", "lanes");
+  SessionAddWatchRow(s, 7, "g_frame", "");
+  SessionAddSourceFile(s, "C:\\work\\src\\main.cpp");
+  SessionAddSourceFile(s, "C:\\work\\src\\game.cpp");
+  s->modified = 0;
+}
+
+TEST(SessionFile, EmptySessionHasTheDocumentedBytes) {
+  ScopedSession s;
+  Image expected;
+  expected.raw("KTRN").zeros(3);     // 1, 2
+  expected.u32v(0).u32v(0);          // 3, 4
+  expected.u32v(0);                  // 5
+  expected.u32v(0).u32v(0);          // 6, 7
+  expected.u32v(0).u8v(0);           // 8: empty environment and a 0 byte
+  expected.u32v(0).u32v(0);          // 9, 10
+  expected.u32v(7).zeros(7);         // 11
+  expected.u32v(0).u32v(0);          // 12, 13
+  expected.zeros(8);                 // 14
+  expected.u32v(0);                  // 15
+  EXPECT_EQ(WriteImage(s.get()), expected.b);
+  ScopedSession back;
+  u32 sections = 0;
+  ASSERT_EQ(ReadImage(back.get(), expected.b, &sections), kSessionFileOk);
+  EXPECT_EQ(sections, 15u);
+  EXPECT_EQ(SessionDifference(s.get(), back.get()), nullptr);
+  EXPECT_EQ(back->target_count, 0u);
+}
+
+TEST(SessionFile, RichSessionRoundTripsAndRewritesToTheSameBytes) {
+  ScopedSession s, back;
+  BuildRichSession(s.get());
+  Bytes image = WriteImage(s.get());
+  u32 sections = 0;
+  ASSERT_EQ(ReadImage(back.get(), image, &sections), kSessionFileOk);
+  EXPECT_EQ(sections, 15u);
+  EXPECT_EQ(SessionDifference(s.get(), back.get()), nullptr);
+  EXPECT_EQ(back->modified, 0);
+  EXPECT_EQ(WriteImage(back.get()), image);
+}
+
+TEST(SessionFile, ProcessorBreakpointKeepsItsPlaceAndOnlyItHasASection12Record) {
+  ScopedSession s;
+  SessionAddBreakpoint(s.get(), kBreakpointFunction, "a", 0, 0, nullptr);
+  u32 p;
+  SessionAddBreakpoint(s.get(), kBreakpointProcessor, "p+4", 0, 0, &p);
+  s->breakpoints[p].size = 8;
+  s->breakpoints[p].access = kAccessExecute;
+  SessionAddBreakpoint(s.get(), kBreakpointFunction, "b", 0, 0, nullptr);
+  Bytes image = WriteImage(s.get());
+  // Sections 12 to 15 close the file: one processor record, three enabled bytes, empty watches.
+  Image tail;
+  tail.u32v(3).str("p+4").u32v(8).u32v(kAccessExecute);
+  tail.u32v(3).u8v(1).u8v(1).u8v(1);
+  tail.zeros(8).u32v(0);
+  ASSERT_GE(image.size(), tail.b.size());
+  EXPECT_EQ(Bytes(image.end() - tail.b.size(), image.end()), tail.b);
+  // Section 4 holds the three in order, the processor one with its kind and nothing else.
+  Image section4;
+  section4.u32v(3).u32v(0).u32v(0).str("a").u32v(0).u32v(3).u32v(0).u32v(0).str("b");
+  EXPECT_NE(std::search(image.begin(), image.end(), section4.b.begin(), section4.b.end()), image.end());
+  ScopedSession back;
+  ASSERT_EQ(ReadImage(back.get(), image), kSessionFileOk);
+  ASSERT_EQ(back->breakpoint_count, 3u);
+  EXPECT_STREQ(back->breakpoints[0].place, "a");
+  EXPECT_EQ(back->breakpoints[1].kind, (u32)kBreakpointProcessor);
+  EXPECT_STREQ(back->breakpoints[1].place, "p+4");
+  EXPECT_EQ(back->breakpoints[1].size, 8u);
+  EXPECT_EQ(back->breakpoints[1].access, (u32)kAccessExecute);
+  EXPECT_STREQ(back->breakpoints[2].place, "b");
+}
+
+// Cutting the file anywhere never fails the read; the last complete section grows with the cut
+// and is 15 only for the whole file.
+TEST(SessionFile, EveryCutReadsUpToTheLastCompleteSection) {
+  ScopedSession s;
+  BuildRichSession(s.get());
+  Bytes image = WriteImage(s.get());
+  u32 previous = 0;
+  u32 boundary[16] = {};
+  for (size_t cut = 0; cut <= image.size(); cut++) {
+    ScopedSession back;
+    u32 sections = 99;
+    Bytes prefix(image.begin(), image.begin() + cut);
+    int result = ReadImage(back.get(), prefix, &sections);
+    if (cut < 4) {
+      EXPECT_EQ(result, kSessionFileBadMagic);
+      EXPECT_EQ(sections, 0u);
+      continue;
+    }
+    ASSERT_EQ(result, kSessionFileOk) << "cut " << cut;
+    ASSERT_GE(sections, previous) << "cut " << cut;
+    ASSERT_LE(sections, 15u);
+    if (sections > previous) boundary[sections] = (u32)cut;
+    previous = sections;
+    EXPECT_EQ(sections == 15, cut == image.size()) << "cut " << cut;
+  }
+  for (u32 k = 1; k <= 15; k++) EXPECT_GT(boundary[k], 0u) << "section " << k << " never completed";
+}
+
+// A file written before sections 12 to 15 existed.
+TEST(SessionFile, OldFileWithoutSections12To15GetsTheDefaults) {
+  ScopedSession s;
+  BuildRichSession(s.get());
+  Bytes image = WriteImage(s.get());
+  u32 cut_after_11 = 0;
+  for (size_t cut = 4; cut <= image.size(); cut++) {
+    ScopedSession probe;
+    u32 sections = 0;
+    ReadImage(probe.get(), Bytes(image.begin(), image.begin() + cut), &sections);
+    if (sections == 11) {
+      cut_after_11 = (u32)cut;
+      break;
+    }
+  }
+  ASSERT_GT(cut_after_11, 0u);
+  ScopedSession old;
+  u32 sections = 0;
+  ASSERT_EQ(ReadImage(old.get(), Bytes(image.begin(), image.begin() + cut_after_11), &sections), kSessionFileOk);
+  EXPECT_EQ(sections, 11u);
+  ASSERT_EQ(old->breakpoint_count, 5u);
+  for (u32 i = 0; i < old->breakpoint_count; i++) {
+    const Breakpoint *b = &old->breakpoints[i];
+    bool starts_enabled = b->kind == kBreakpointFunction || b->kind == kBreakpointSourceLine;
+    EXPECT_EQ(b->enabled, starts_enabled) << "breakpoint " << i;
+    if (b->kind == kBreakpointProcessor) {
+      EXPECT_STREQ(b->place, " ");
+      EXPECT_EQ(b->access, (u32)kAccessWrite);
+    }
+  }
+  EXPECT_STREQ(old->breakpoints[2].condition, "frame > 100");  // section 7 is still there
+  for (u32 w = 0; w < kWatchWindowCount; w++)
+    for (u32 r = 0; r < old->watches[w].count; r++) EXPECT_STREQ(old->watches[w].rows[r].comment, "");
+  EXPECT_EQ(old->watches[0].count, 2u);
+  EXPECT_STREQ(old->watches[3].rows[0].expression, "xmm0, ps");
+  ASSERT_EQ(old->target_count, 3u);
+  for (u32 i = 0; i < 3; i++) EXPECT_EQ(old->targets[i].halt_at_nominal_entry, 1) << "target " << i;
+  EXPECT_EQ(old->current_target, 2u);
+}
+
+// A hand-made file with only the first target command's strings (an old file cut after 2).
+TEST(SessionFile, FirstTargetCommandComesFromSection2Alone) {
+  Image img;
+  img.raw("KTRN").str("C:\\a.exe").str("").str("C:\\");
+  ScopedSession s;
+  u32 sections;
+  ASSERT_EQ(ReadImage(s.get(), img.b, &sections), kSessionFileOk);
+  EXPECT_EQ(sections, 2u);
+  ASSERT_EQ(s->target_count, 1u);
+  EXPECT_STREQ(s->targets[0].command, "C:\\a.exe");
+  EXPECT_EQ(s->targets[0].arguments, nullptr);
+  EXPECT_EQ(s->targets[0].halt_at_nominal_entry, 1);
+}
+
+TEST(SessionFile, EmptyFirstTargetCommandSurvivesARoundTrip) {
+  ScopedSession s, back;
+  SessionAddTarget(s.get(), nullptr, nullptr, nullptr, nullptr);
+  SessionAddTarget(s.get(), "b.exe", nullptr, nullptr, nullptr);
+  ASSERT_EQ(ReadImage(back.get(), WriteImage(s.get())), kSessionFileOk);
+  EXPECT_EQ(SessionDifference(s.get(), back.get()), nullptr);
+}
+
+struct WrongMagicCase {
+  const char *name;
+  std::string bytes;
+};
+
+TEST(SessionFile, WrongMagicLeavesAnEmptySession) {
+  const WrongMagicCase cases[] = {
+      {"empty", ""}, {"short", "KTR"}, {"other magic", std::string("KTRX\0\0\0\0", 8)}, {"lower case", "ktrn"},
+  };
+  for (const WrongMagicCase &c : cases) {
+    ScopedSession s;
+    BuildRichSession(s.get());
+    u32 sections = 7;
+    Bytes image(c.bytes.begin(), c.bytes.end());
+    EXPECT_EQ(ReadImage(s.get(), image, &sections), kSessionFileBadMagic) << c.name;
+    EXPECT_EQ(sections, 0u) << c.name;
+    ScopedSession empty;
+    EXPECT_EQ(SessionDifference(s.get(), empty.get()), nullptr) << c.name;
+  }
+}
+
+// [SECTION] Watch rows
+
+TEST(SessionFile, RowTextOf511BytesEndsThatListAndTheRestIsReadOutOfStep) {
+  std::string long_text(511, 'x');
+  Image img;
+  img.raw("KTRN").zeros(3).u32v(0).u32v(0);
+  img.u32v(3).str("first").str(long_text).str("third");  // section 5
+  ScopedSession s;
+  u32 sections = 0;
+  ASSERT_EQ(ReadImage(s.get(), img.b, &sections), kSessionFileOk);
+  ASSERT_EQ(s->watches[0].count, 1u);
+  EXPECT_STREQ(s->watches[0].rows[0].expression, "first");
+  // Section 6 then reads its count from the 511 text bytes ("xxxx" = 0x78787878 sizes), and the
+  // image ends inside it.
+  EXPECT_EQ(sections, 5u);
+}
+
+TEST(SessionFile, RowTextOf510BytesIsKept) {
+  std::string text(510, 'y');
+  Image img;
+  img.raw("KTRN").zeros(3).u32v(0).u32v(0).u32v(1).str(text);
+  ScopedSession s;
+  ASSERT_EQ(ReadImage(s.get(), img.b), kSessionFileOk);
+  ASSERT_EQ(s->watches[0].count, 1u);
+  EXPECT_EQ(std::string(s->watches[0].rows[0].expression), text);
+}
+
+TEST(SessionFile, WriterNeverProducesARowTextOf511Bytes) {
+  ScopedSession s, back;
+  std::string ascii(600, 'a');
+  std::string wide;  // 300 two-byte characters: the cut must not split one
+  for (int i = 0; i < 300; i++) wide += "\xC3\xA9";
+  SessionAddWatchRow(s.get(), 0, ascii.c_str(), wide.c_str());
+  // Rows may also be filled straight into their buffers (the watch window's edit box does).
+  SessionAddWatchRow(s.get(), 1, "", "");
+  memset(s->watches[1].rows[0].expression, 'b', 511);
+  s->watches[1].rows[0].expression[511] = 0;
+  ASSERT_EQ(ReadImage(back.get(), WriteImage(s.get())), kSessionFileOk);
+  EXPECT_EQ(std::string(back->watches[0].rows[0].expression), std::string(510, 'a'));
+  EXPECT_EQ(strlen(back->watches[0].rows[0].comment), 510u);
+  EXPECT_EQ(std::string(back->watches[0].rows[0].comment), wide.substr(0, 510));
+  EXPECT_EQ(std::string(back->watches[1].rows[0].expression), std::string(510, 'b'));
+  EXPECT_EQ(back->target_count, 0u);  // nothing after the rows was read out of step
+}
+
+TEST(SessionFile, CommentsAreStoredOnlyForRowsThatExist) {
+  Image img;
+  img.raw("KTRN").zeros(3).u32v(0).u32v(0);
+  img.u32v(1).str("a");                          // 5
+  img.u32v(0).u32v(0).u32v(0).u8v(0).u32v(0).u32v(0);  // 6 to 10
+  img.u32v(7).zeros(7);                          // 11
+  img.u32v(0).u32v(0);                           // 12, 13
+  img.u32v(3).str("c1").str("c2").str("c3");     // 14: window 1 has one row only
+  img.u32v(1).str("lonely");                     // window 2 has none
+  img.zeros(6).u32v(0);
+  ScopedSession s;
+  u32 sections;
+  ASSERT_EQ(ReadImage(s.get(), img.b, &sections), kSessionFileOk);
+  EXPECT_EQ(sections, 15u);
+  ASSERT_EQ(s->watches[0].count, 1u);
+  EXPECT_STREQ(s->watches[0].rows[0].comment, "c1");
+  EXPECT_EQ(s->watches[1].count, 0u);
+}
+
+// [SECTION] Hostile counts
+
+struct HostileCase {
+  const char *name;
+  Image image;
+  u32 sections;
+};
+
+TEST(SessionFile, HugeCountsStopAtTheEndOfTheImage) {
+  std::vector<HostileCase> cases;
+  {
+    HostileCase c{"4 billion source files", {}, 2};
+    c.image.raw("KTRN").zeros(3).u32v(0xFFFFFFFF).str("a");
+    cases.push_back(c);
+  }
+  {
+    HostileCase c{"4 billion watch rows", {}, 4};
+    c.image.raw("KTRN").zeros(3).u32v(0).u32v(0).u32v(0xFFFFFFFF).str("a").str("b");
+    cases.push_back(c);
+  }
+  {
+    HostileCase c{"string longer than the file", {}, 1};
+    c.image.raw("KTRN").u32v(0xFFFFFFF0).raw("abc");
+    cases.push_back(c);
+  }
+  {
+    HostileCase c{"4 billion further watch windows", {}, 10};
+    c.image.raw("KTRN").zeros(3).u32v(0).u32v(0).u32v(0).u32v(0).u32v(0).u32v(0).u8v(0).u32v(0).u32v(0);
+    c.image.u32v(0xFFFFFFFF).zeros(20);
+    cases.push_back(c);
+  }
+  {
+    // Section 12's count is bounded by the real breakpoints: 4 billion with none reads nothing.
+    HostileCase c{"section 12 count without breakpoints", {}, 15};
+    c.image.raw("KTRN").zeros(3).u32v(0).u32v(0).u32v(0).u32v(0).u32v(0).u32v(0).u8v(0).u32v(0).u32v(0);
+    c.image.u32v(7).zeros(7).u32v(0xFFFFFFFF).u32v(0).zeros(8).u32v(0);
+    cases.push_back(c);
+  }
+  {
+    HostileCase c{"unknown breakpoint kind", {}, 3};
+    c.image.raw("KTRN").zeros(3).u32v(0).u32v(2).u32v(0).u32v(0).str("f").u32v(0).u32v(9).zeros(40);
+    cases.push_back(c);
+  }
+  {
+    HostileCase c{"target count 4 billion", {}, 8};
+    c.image.raw("KTRN").zeros(3).u32v(0).u32v(0).u32v(0).u32v(0).u32v(0).u32v(0).u8v(0).u32v(0xFFFFFFFF).zeros(9);
+    cases.push_back(c);
+  }
+  for (HostileCase &c : cases) {
+    ScopedSession s;
+    u32 sections = 0;
+    EXPECT_EQ(ReadImage(s.get(), c.image.b, &sections), kSessionFileOk) << c.name;
+    EXPECT_EQ(sections, c.sections) << c.name;
+    ScopedSession back;  // whatever was read is a session that writes and reads back whole
+    EXPECT_EQ(ReadImage(back.get(), WriteImage(s.get())), kSessionFileOk) << c.name;
+    EXPECT_EQ(SessionDifference(s.get(), back.get()), nullptr) << c.name;
+  }
+}
+
+TEST(SessionFile, ExtraPerBreakpointValuesAreReadAndDropped) {
+  Image img;
+  img.raw("KTRN").zeros(3).u32v(0);
+  img.u32v(1).u32v(0).u32v(kBreakpointAddress).u64v(0x1000);  // 4
+  img.u32v(0);                                                // 5
+  img.u32v(3).u32v(16).u32v(99).u32v(98);                     // 6: two values too many
+  img.u32v(2).str("x == 1").str("dropped");                   // 7
+  img.u32v(0).u8v(0).u32v(0).u32v(0).u32v(7).zeros(7);        // 8 to 11
+  img.u32v(1);                                                // 12: not a processor breakpoint
+  img.u32v(2).u8v(1).u8v(0);                                  // 13
+  img.zeros(8).u32v(0);                                       // 14, 15
+  ScopedSession s;
+  u32 sections;
+  ASSERT_EQ(ReadImage(s.get(), img.b, &sections), kSessionFileOk);
+  EXPECT_EQ(sections, 15u);
+  ASSERT_EQ(s->breakpoint_count, 1u);
+  EXPECT_EQ(s->breakpoints[0].address, 0x1000u);
+  EXPECT_EQ(s->breakpoints[0].size, 16u);
+  EXPECT_STREQ(s->breakpoints[0].condition, "x == 1");
+  EXPECT_EQ(s->breakpoints[0].enabled, 1);
+}
+
+// [SECTION] Hooks
+
+struct HookLog {
+  std::vector<std::string> opened, output;
+  std::vector<std::string> breakpoints;
+};
+
+bool OpenUnlessMissing(void *user, const char *path) {
+  HookLog *log = (HookLog *)user;
+  if (strstr(path, "missing")) return false;
+  log->opened.push_back(path);
+  return true;
+}
+void LogOutput(void *user, const char *text) { ((HookLog *)user)->output.push_back(text); }
+void LogBreakpoint(void *user, const Session *s, u32 index) {
+  const Breakpoint *b = &s->breakpoints[index];
+  ((HookLog *)user)->breakpoints.push_back(std::string(b->place ? b->place : "") + "|" +
+                                           (b->condition ? b->condition : "") + "|" + (b->enabled ? "on" : "off"));
+}
+
+TEST(SessionFile, SourceFilesGoThroughTheHookAndFailuresAreReported) {
+  std::string too_long = "C:\\" + std::string(256, 'd');  // 259 bytes: skipped without a word
+  Image img;
+  img.raw("KTRN").zeros(3);
+  img.u32v(4).str("C:\\a.cpp").str("C:\\missing.cpp").str(too_long).str("C:\\b.cpp");
+  HookLog log;
+  SessionReadHooks hooks = {&log, OpenUnlessMissing, LogBreakpoint, LogOutput};
+  ScopedSession s;
+  ASSERT_EQ(ReadImage(s.get(), img.b, nullptr, &hooks), kSessionFileOk);
+  EXPECT_EQ(log.opened, (std::vector<std::string>{"C:\\a.cpp", "C:\\b.cpp"}));
+  EXPECT_EQ(log.output, (std::vector<std::string>{"Unable to open C:\\missing.cpp\n"}));
+  ASSERT_EQ(s->source_file_count, 2u);
+  EXPECT_STREQ(s->source_files[1], "C:\\b.cpp");
+}
+
+TEST(SessionFile, BreakpointsReachTheHookCompleteAfterTheWholeFile) {
+  ScopedSession s, back;
+  BuildRichSession(s.get());
+  HookLog log;
+  SessionReadHooks hooks = {&log, nullptr, LogBreakpoint, nullptr};
+  ASSERT_EQ(ReadImage(back.get(), WriteImage(s.get()), nullptr, &hooks), kSessionFileOk);
+  EXPECT_EQ(log.breakpoints, (std::vector<std::string>{"main||on", "&g_counter||on", "Game::Update|frame > 100|off",
+                                                       "C:\\work\\src\\main.cpp||on", "||on"}));
+}
+
+// [SECTION] Files and the recent list
+
+TEST(SessionFile, SaveAndOpenThroughFilesKeepTheRecentList) {
+  TempFolder dir;
+  ASSERT_FALSE(dir.path.empty());
+  ScopedSession s;
+  BuildRichSession(s.get());
+  s->modified = 1;
+  RecentFiles recent = {};
+  std::string path = dir.path + "/work.ktrn";
+  ASSERT_EQ(SessionWriteFile(s.get(), path.c_str(), &recent), kSessionFileOk);
+  EXPECT_EQ(s->modified, 0);
+  EXPECT_EQ(std::string(s->path), path);
+  ASSERT_EQ(recent.count, 1u);
+  EXPECT_EQ(std::string(recent.paths[0]), path);
+  // Saving again replaces the file whole (no temporary file left behind).
+  SessionAddWatchRow(s.get(), 2, "extra", "");
+  ASSERT_EQ(SessionWriteFile(s.get(), path.c_str(), &recent), kSessionFileOk);
+  EXPECT_FALSE(OsFileExists((path + ".tmp").c_str()));
+  EXPECT_EQ(recent.count, 1u);
+
+  ScopedSession back;
+  std::string other = dir.File("other.ktrn", "NOPE");
+  u32 sections = 0;
+  ASSERT_EQ(SessionReadFile(back.get(), path.c_str(), nullptr, &recent, &sections), kSessionFileOk);
+  EXPECT_EQ(sections, 15u);
+  EXPECT_EQ(SessionDifference(s.get(), back.get()), nullptr);
+  EXPECT_EQ(std::string(back->path), path);
+  // A file with the wrong magic still goes to the head of the list; a missing one does not.
+  EXPECT_EQ(SessionReadFile(back.get(), other.c_str(), nullptr, &recent, nullptr), kSessionFileBadMagic);
+  EXPECT_EQ(back->breakpoint_count, 0u);
+  EXPECT_EQ(back->path[0], 0);
+  ASSERT_EQ(recent.count, 2u);
+  EXPECT_EQ(std::string(recent.paths[0]), other);
+  EXPECT_EQ(SessionReadFile(back.get(), (dir.path + "/none.ktrn").c_str(), nullptr, &recent, nullptr),
+            kSessionFileUnreadable);
+  EXPECT_EQ(recent.count, 2u);
+}
+
+TEST(SessionFile, FailedSaveKeepsThePreviousFile) {
+  TempFolder dir;
+  ScopedSession s;
+  BuildRichSession(s.get());
+  s->modified = 1;
+  std::string nowhere = dir.path + "/no/such/folder/x.ktrn";
+  EXPECT_EQ(SessionWriteFile(s.get(), nowhere.c_str(), nullptr), kSessionFileWriteFailed);
+  EXPECT_EQ(s->modified, 1);
+  EXPECT_EQ(s->path[0], 0);
+  // A folder in the way of the target: the write fails and the folder is untouched.
+  std::string blocked = dir.path + "/blocked.ktrn";
+  ASSERT_EQ(mkdir(blocked.c_str(), 0755), 0);
+  EXPECT_EQ(SessionWriteFile(s.get(), blocked.c_str(), nullptr), kSessionFileWriteFailed);
+  EXPECT_TRUE(OsDirectoryExists(blocked.c_str()));
+}
+
+TEST(RecentFiles, TenEntriesMostRecentFirstWithoutRegardToCase) {
+  RecentFiles recent = {};
+  char name[64];
+  for (int i = 0; i < 11; i++) {
+    snprintf(name, sizeof(name), "/s/session%d.ktrn", i);
+    ASSERT_EQ(RecentFilesAdd(&recent, name), 0);
+  }
+  ASSERT_EQ(recent.count, 10u);
+  EXPECT_STREQ(recent.paths[0], "/s/session10.ktrn");
+  EXPECT_STREQ(recent.paths[9], "/s/session1.ktrn");  // session0 fell off
+  ASSERT_EQ(RecentFilesAdd(&recent, "/S/SESSION5.KTRN"), 0);
+  EXPECT_EQ(recent.count, 10u);
+  EXPECT_STREQ(recent.paths[0], "/S/SESSION5.KTRN");
+  EXPECT_STREQ(recent.paths[1], "/s/session10.ktrn");
+  for (u32 i = 1; i < recent.count; i++) EXPECT_FALSE(TextEqualNoCase(recent.paths[i], "/s/session5.ktrn"));
+  // Relative paths are made absolute; ones too long for an entry are refused.
+  char cwd[1024];
+  ASSERT_NE(getcwd(cwd, sizeof(cwd)), nullptr);
+  ASSERT_EQ(RecentFilesAdd(&recent, "rel/../here.ktrn"), 0);
+  EXPECT_EQ(std::string(recent.paths[0]), std::string(cwd) + "/here.ktrn");
+  EXPECT_EQ(RecentFilesAdd(&recent, ("/" + std::string(300, 'x')).c_str()), 1);
+  EXPECT_EQ(RecentFilesAdd(&recent, ""), 1);
+  EXPECT_EQ(std::string(recent.paths[0]), std::string(cwd) + "/here.ktrn");
+}
+
+// [SECTION] Model helpers the command words use
+
+TEST(SessionModel, RemoveFunctionBreakpointsRemovesAdjacentOnesByExactName) {
+  ScopedSession s;
+  const char *names[] = {"f", "f", "F", "g", "f", "f "};
+  for (const char *n : names) SessionAddBreakpoint(s.get(), kBreakpointFunction, n, 0, 0, nullptr);
+  SessionAddBreakpoint(s.get(), kBreakpointSourceLine, "f", 1, 0, nullptr);
+  int seen = 0;
+  EXPECT_EQ(SessionRemoveFunctionBreakpoints(s.get(), "f", [](void *u, const Breakpoint *) { ++*(int *)u; }, &seen), 3u);
+  EXPECT_EQ(seen, 3);
+  ASSERT_EQ(s->breakpoint_count, 4u);
+  EXPECT_STREQ(s->breakpoints[0].place, "F");
+  EXPECT_STREQ(s->breakpoints[1].place, "g");
+  EXPECT_STREQ(s->breakpoints[2].place, "f ");
+  EXPECT_EQ(s->breakpoints[3].kind, (u32)kBreakpointSourceLine);
+  EXPECT_EQ(SessionFindSourceLineBreakpoint(s.get(), "F", 1), 3);
+  EXPECT_EQ(SessionFindSourceLineBreakpoint(s.get(), "f", 2), -1);
+}
+
+TEST(SessionModel, RefusesWhatTheFileCouldNotHold) {
+  ScopedSession s;
+  EXPECT_EQ(SessionAddSourceFile(s.get(), std::string(259, 'p').c_str()), kSessionBadArgument);
+  EXPECT_EQ(SessionAddSourceFile(s.get(), std::string(258, 'p').c_str()), kSessionOk);
+  EXPECT_EQ(SessionAddSourceFile(s.get(), ""), kSessionBadArgument);
+  EXPECT_EQ(SessionAddBreakpoint(s.get(), 4, "x", 0, 0, nullptr), kSessionBadArgument);
+  EXPECT_EQ(SessionAddWatchRow(s.get(), kWatchWindowCount, "x", ""), kSessionBadArgument);
+  EXPECT_EQ(SessionRemoveTarget(s.get(), 0), kSessionBadArgument);
+}
+
+// [SECTION] Randomised round trips
+
+std::string RandomText(std::mt19937 &rng, size_t max_length) {
+  static const char *const pieces[] = {"a", "Z", " ", "\"", "\\", "/", ",", "\xC3\xA9", "\xE2\x82\xAC", "\t", "9", "x"};
+  size_t length = rng() % (max_length + 1);
+  std::string text;
+  while (text.size() < length) text += pieces[rng() % KTRN_ARRAY_COUNT(pieces)];
+  return text;
+}
+
+void BuildRandomSession(std::mt19937 &rng, Session *s) {
+  u32 targets = rng() % 4;
+  for (u32 i = 0; i < targets; i++) {
+    u32 t;
+    std::string c = RandomText(rng, 40), a = RandomText(rng, 30), d = RandomText(rng, 20);
+    SessionAddTarget(s, c.c_str(), a.c_str(), d.c_str(), &t);
+    TextReplace(&s->targets[t].environment, RandomText(rng, 50).c_str());
+    s->targets[t].inherit_from_parent = rng() % 2;
+    s->targets[t].halt_at_nominal_entry = rng() % 2;
+  }
+  s->current_target = targets ? rng() % targets : 0;
+  u32 breakpoints = rng() % 7;
+  for (u32 i = 0; i < breakpoints; i++) {
+    u32 kind = rng() % 4, b;
+    std::string place = RandomText(rng, 60);
+    SessionAddBreakpoint(s, kind, place.c_str(), rng(), ((u64)rng() << 32) | rng(), &b);
+    Breakpoint *bp = &s->breakpoints[b];
+    bp->size = rng() % 3 ? 1u << (rng() % 4) : rng();
+    if (kind == kBreakpointProcessor) bp->access = rng() % 3;
+    if (rng() % 2) TextReplace(&bp->condition, RandomText(rng, 30).c_str());
+    bp->enabled = rng() % 2;
+  }
+  for (u32 w = 0; w < kWatchWindowCount; w++) {
+    u32 rows = rng() % 3 == 0 ? rng() % 140 : 0;  // sometimes past the first 128 rows
+    for (u32 r = 0; r < rows; r++)
+      SessionAddWatchRow(s, w, RandomText(rng, rng() % 8 ? 20 : 520).c_str(), RandomText(rng, 10).c_str());
+  }
+  u32 files = rng() % 4;
+  for (u32 i = 0; i < files; i++) SessionAddSourceFile(s, ("/src/" + RandomText(rng, 200)).c_str());
+}
+
+TEST(SessionFile, RandomSessionsRoundTrip) {
+  std::mt19937 rng(20261122);
+  for (int iteration = 0; iteration < 300; iteration++) {
+    ScopedSession s, back;
+    BuildRandomSession(rng, s.get());
+    Bytes image = WriteImage(s.get());
+    u32 sections = 0;
+    ASSERT_EQ(ReadImage(back.get(), image, &sections), kSessionFileOk) << "iteration " << iteration;
+    ASSERT_EQ(sections, 15u) << "iteration " << iteration;
+    const char *difference = SessionDifference(s.get(), back.get());
+    ASSERT_EQ(difference, nullptr) << "iteration " << iteration << ": " << difference;
+    ASSERT_EQ(WriteImage(back.get()), image) << "iteration " << iteration;
+  }
+}
+
+}  // namespace
