@@ -1,0 +1,57 @@
+// libFuzzer target: PdbOpen over arbitrary bytes (written to a file, as the loader reads files),
+// then the lookups over whatever loaded.
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "symbols/pdb_file.h"
+
+static std::string InputPath() {
+  const char *dir = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
+  return std::string(dir) + "/ktrn-fuzz-pdb-" + std::to_string(getpid()) + ".pdb";
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+  static const std::string path = InputPath();
+  FILE *f = fopen(path.c_str(), "wb");
+  if (!f) return 0;
+  fwrite(data, 1, size, f);
+  fclose(f);
+
+  SymbolArena arena = {};
+  PdbFile pdb;
+  PdbSummary summary;
+  CodeViewIdentity identity = {};
+  if (size >= 24) memcpy(identity.bytes, data, 24);
+  int status = PdbOpen(&arena, &identity, path.c_str(), (size & 1) != 0, &pdb, &summary);
+  if (status == 0) {
+    // Walk what the lookups of later stages walk.
+    const PdbGlobals &g = pdb.globals;
+    for (u32 i = 0; i < g.hash_record_count; i++) {
+      u16 kind;
+      if (const u8 *record = PdbGlobalRecord(&g, i, &kind)) {
+        const char *name = PdbGlobalRecordName(record);
+        for (const PdbDataEntry *e = PdbFindData(&g, name, nullptr); e; e = PdbFindData(&g, name, e)) {
+        }
+        PdbFindConstant(&g, name);
+        PdbFindThreadData(&g, name);
+        PdbFindUdt(&g, name);
+      }
+    }
+    for (u32 i = 0; i < pdb.scopes.procedure_count; i++) {
+      const PdbProcScope *p = pdb.scopes.addresses[i].procedure;
+      const char *name = PdbProcName(p);
+      for (const PdbProcScope *q = PdbFindProcedure(&pdb.scopes, name, nullptr); q;
+           q = PdbFindProcedure(&pdb.scopes, name, q)) {
+      }
+      for (u32 b = 0; b < p->block_count; b++) (void)pdb.scopes.blocks[p->first_block + b].parent_block;
+    }
+    for (u32 m = 0; m < pdb.modules.module_count; m++) (void)strlen(DbiModuleObjectName(pdb.modules.modules[m]));
+  }
+  MsfClose(&pdb.msf);  // open only after a rejected superblock
+  SymbolArenaRelease(&arena);
+  return 0;
+}
