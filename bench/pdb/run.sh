@@ -1,0 +1,46 @@
+#!/usr/bin/env bash
+# PdbOpen on synthetic PDBs beside llvm-pdbutil and a plain read of the same file, in one run.
+#   bench/pdb/run.sh [RUNS]
+# Builds bench_pdb_open in build/pdb-release (release, no sanitizers), makes the PDBs with
+# /work/shared/bench/synth-pdb.sh into build/bench-pdb/{small,ref} when they are missing (the
+# reference 400x400 PDB takes a long while), and prints one table row per PDB.
+set -euo pipefail
+root=$(cd "$(dirname "$0")/../.." && pwd)
+runs=${1:-7}
+build=$root/build/pdb-release
+out=$root/build/bench-pdb
+synth=${KTRN_SYNTH_PDB:-$root/../shared/bench/synth-pdb.sh}
+
+cmake -S "$root" -B "$build" -G Ninja -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-host-clang.cmake \
+  -DCMAKE_BUILD_TYPE=Release -DKTRN_SANITIZE=OFF -DKTRN_FUZZ=OFF >/dev/null
+ninja -C "$build" -j2 bench_pdb_open >/dev/null
+
+make_pdb() {  # make_pdb NAME NTU NFN
+  if [ ! -f "$out/$1/synth.pdb" ]; then
+    echo "making $1 ($2 x $3) ..." >&2
+    nice -n 19 "$synth" "$2" "$3" "$out/$1" >&2
+  fi
+}
+make_pdb small 20 50
+make_pdb ref 400 400
+
+value() { grep "^$1 " <<<"$2" | cut -d' ' -f2; }
+median_pdbutil() {  # prints "seconds peak_kib", the median run of three by time
+  for i in 1 2 3; do
+    /usr/bin/time -f '%e %M' llvm-pdbutil-14 dump -globals -l "$1" 2>&1 >/dev/null | tail -1
+  done | sort -n | sed -n 2p
+}
+
+echo "| PDB | file MB | read once ms | PdbOpen ms (median of $runs) | arena MB (x file) | peak RSS MB | llvm-pdbutil dump -globals -l s | llvm-pdbutil peak RSS MB |"
+echo "|---|---|---|---|---|---|---|---|"
+for name in small ref; do
+  pdb=$out/$name/synth.pdb
+  read=$("$build/bin/bench_pdb_open" read "$pdb" "$runs")
+  load=$("$build/bin/bench_pdb_open" load "$pdb" "$runs")
+  util=$(median_pdbutil "$pdb")
+  bytes=$(value file_bytes "$read")
+  arena=$(value arena_used_bytes "$load")
+  awk -v n="$name" -v b="$bytes" -v r="$(value read_ms_median "$read")" -v l="$(value load_ms_median "$load")" \
+      -v a="$arena" -v rss="$(value peak_rss_bytes "$load")" -v us="${util% *}" -v um="${util#* }" \
+      'BEGIN { printf "| %s | %.1f | %.1f | %.1f | %.1f (%.2fx) | %.1f | %.2f | %.1f |\n", n, b/1048576, r, l, a/1048576, a/b, rss/1048576, us, um/1024 }'
+done
