@@ -1,0 +1,387 @@
+// The start-up command line, the command buffer and the command words.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "app/command_buffer.h"
+#include "app/command_line.h"
+#include "app/command_words.h"
+#include "test_util.h"
+
+namespace {
+
+std::string Cwd() {
+  char cwd[1024];
+  return getcwd(cwd, sizeof(cwd)) ? cwd : "";
+}
+
+// [SECTION] Start-up arguments
+
+struct JoinCase {
+  std::vector<const char *> args;
+  const char *joined;
+};
+
+TEST(StartupArguments, ProgramArgumentsAreJoinedWithTheQuotingRules) {
+  const JoinCase cases[] = {
+      {{}, ""},
+      {{"a", "b"}, "a b"},
+      {{"two words"}, "\"two words\""},
+      {{"say\"hi\""}, "say\\\"hi\\\""},            // quotes, no space, none in a row: not wrapped
+      {{"a\"\"b"}, "\"a\\\"\\\"b\""},              // two in a row: wrapped
+      {{""}, "\"\""},
+      {{"x", "", "y"}, "x \"\" y"},
+      {{"say \"hi\""}, "\"say \\\"hi\\\"\""},
+      {{"C:\\dir\\"}, "C:\\dir\\"},                // backslashes stay as they are
+      {{"tab\there"}, "tab\there"},
+  };
+  for (const JoinCase &c : cases) {
+    char *joined = JoinProgramArguments((int)c.args.size(), c.args.data());
+    ASSERT_NE(joined, nullptr);
+    EXPECT_STREQ(joined, c.joined);
+    free(joined);
+  }
+}
+
+TEST(StartupArguments, ProgramFolderKeepsARootSeparator) {
+  const char *cases[][2] = {
+      {"C:\\dir\\prog.exe", "C:\\dir"}, {"C:\\prog.exe", "C:\\"}, {"/usr/bin/prog", "/usr/bin"},
+      {"/prog", "/"},                   {"prog.exe", ""},         {"a/b\\c.exe", "a/b"},
+  };
+  for (auto &c : cases) {
+    char folder[64];
+    ProgramFolder(c[0], folder, sizeof(folder));
+    EXPECT_STREQ(folder, c[1]) << c[0];
+  }
+}
+
+struct Parsed {
+  StartupArguments a;
+  Parsed(std::vector<const char *> argv) { StartupArgumentsParse(&a, (int)argv.size(), argv.data()); }
+  ~Parsed() { StartupArgumentsFree(&a); }
+};
+
+TEST(StartupArguments, FileIsTriedAsGivenThenWithExe) {
+  TempFolder dir;
+  std::string exe = dir.File("prog.exe", std::string("MZ\x90\0", 4));
+  std::string session = dir.File("work.ktrn", std::string("KTRN\0\0\0\0", 8));
+  std::string tiny = dir.File("tiny", "KT");
+  std::string both = dir.File("both", "MZ");
+  dir.File("both.exe", "KTRN");
+  std::string prog = dir.path + "/prog";
+
+  Parsed program({"kestrune.exe", "-g", "-q", prog.c_str(), "two words", "x"});
+  EXPECT_EQ(program.a.go, 1);
+  EXPECT_EQ(program.a.quit_on_exit, 1);
+  EXPECT_EQ(program.a.kind, (u32)kStartupProgram);
+  EXPECT_EQ(std::string(program.a.path), exe);
+  EXPECT_STREQ(program.a.arguments, "\"two words\" x");
+
+  Parsed as_session({"kestrune.exe", session.c_str()});
+  EXPECT_EQ(as_session.a.kind, (u32)kStartupSession);
+  EXPECT_EQ(std::string(as_session.a.path), session);
+  EXPECT_EQ(as_session.a.go, 0);
+
+  Parsed short_file({"kestrune.exe", tiny.c_str()});  // fewer than four bytes: a program
+  EXPECT_EQ(short_file.a.kind, (u32)kStartupProgram);
+  EXPECT_STREQ(short_file.a.arguments, "");
+
+  Parsed as_given_first({"kestrune.exe", both.c_str()});  // "both" opens, so "both.exe" is never looked at
+  EXPECT_EQ(as_given_first.a.kind, (u32)kStartupProgram);
+  EXPECT_EQ(std::string(as_given_first.a.path), both);
+
+  std::string missing = dir.path + "/nothing";
+  Parsed none({"kestrune.exe", "-q", missing.c_str(), "arg"});
+  EXPECT_EQ(none.a.kind, (u32)kStartupNothing);
+  EXPECT_EQ(none.a.quit_on_exit, 1);
+  EXPECT_EQ(none.a.arguments, nullptr);
+}
+
+TEST(StartupArguments, SwitchesAreExactlyTwoCharacters) {
+  TempFolder dir;
+  std::string exe = dir.File("p.exe", "MZ");
+  Parsed a({"kestrune.exe", "-g", "-gq", exe.c_str()});  // "-gq" ends the switches and is the file
+  EXPECT_EQ(a.a.go, 1);
+  EXPECT_EQ(a.a.kind, (u32)kStartupNothing);
+  Parsed b({"kestrune.exe", "-x", exe.c_str()});
+  EXPECT_EQ(b.a.kind, (u32)kStartupNothing);
+  Parsed c({"kestrune.exe", exe.c_str(), "-g"});  // after the file everything belongs to the program
+  EXPECT_EQ(c.a.go, 0);
+  EXPECT_STREQ(c.a.arguments, "-g");
+  Parsed d({"kestrune.exe"});
+  EXPECT_EQ(d.a.kind, (u32)kStartupNothing);
+  Parsed e({"kestrune.exe", "-g", "-q"});
+  EXPECT_EQ(e.a.kind, (u32)kStartupNothing);
+  EXPECT_EQ(e.a.go + e.a.quit_on_exit, 2);
+}
+
+TEST(StartupArguments, RelativeProgramBecomesTheCurrentTargetCommand) {
+  TempFolder dir;
+  dir.File("game.exe", "MZ");
+  std::string cwd = Cwd();
+  ASSERT_EQ(chdir(dir.path.c_str()), 0);
+  Parsed p({"kestrune.exe", "game", "--level", "3"});
+  ASSERT_EQ(chdir(cwd.c_str()), 0);
+  ASSERT_EQ(p.a.kind, (u32)kStartupProgram);
+  EXPECT_EQ(std::string(p.a.path), dir.path + "/game.exe");
+  ScopedSession s;
+  ASSERT_EQ(StartupApplyProgram(&p.a, s.get()), kSessionOk);
+  TargetCommand *t = SessionCurrentTarget(s.get());
+  ASSERT_NE(t, nullptr);
+  EXPECT_EQ(std::string(t->command), dir.path + "/game.exe");
+  EXPECT_EQ(std::string(t->working_directory), dir.path);
+  EXPECT_STREQ(t->arguments, "--level 3");
+  // A second program replaces the current command instead of adding one.
+  Parsed q({"kestrune.exe", (dir.path + "/game.exe").c_str()});
+  ASSERT_EQ(StartupApplyProgram(&q.a, s.get()), kSessionOk);
+  EXPECT_EQ(s->target_count, 1u);
+  EXPECT_EQ(SessionCurrentTarget(s.get())->arguments, nullptr);
+}
+
+// [SECTION] Command buffer
+
+Bytes Encode(std::vector<const char *> args) {
+  u16 size = CommandBufferSize((int)args.size(), args.data());
+  Bytes buffer(size);
+  CommandBufferEncode(buffer.data(), buffer.size(), (int)args.size(), args.data());
+  return buffer;
+}
+
+u16 Word(const Bytes &b, size_t at) { return (u16)(b[at] | b[at + 1] << 8); }
+
+TEST(CommandBuffer, OpenFileWithPathAndLineHasTheDocumentedLayout) {
+  std::string path = "C:\\src\\main.cpp";
+  Bytes b = Encode({"open-file", path.c_str(), "42"});
+  ASSERT_EQ(b.size(), 23 + 10 + path.size() + 1 + 3);
+  EXPECT_EQ(std::string(b.begin(), b.begin() + 4), "10tk");
+  EXPECT_EQ(b[4], 3);
+  EXPECT_EQ(Word(b, 5), 0);
+  EXPECT_EQ(Word(b, 7), 10);
+  EXPECT_EQ(Word(b, 9), 10 + path.size() + 1);
+  for (size_t slot = 3; slot < 8; slot++) EXPECT_EQ(Word(b, 5 + 2 * slot), 0) << "slot " << slot;
+  EXPECT_EQ(Word(b, 21), 10 + path.size() + 1 + 3);
+  EXPECT_EQ(std::string((const char *)&b[23]), "open-file");
+  EXPECT_EQ(std::string((const char *)&b[33]), path);
+  EXPECT_EQ(b.back(), 0);
+
+  ReceivedCommand *received = new ReceivedCommand;
+  ASSERT_EQ(CommandBufferDecode(b.data(), b.size(), received), kCommandBufferOk);
+  ASSERT_EQ(received->argc, 4);
+  EXPECT_STREQ(received->argv[0], "kestrune.exe");
+  EXPECT_STREQ(received->argv[1], "open-file");
+  EXPECT_EQ(std::string(received->argv[2]), path);
+  EXPECT_STREQ(received->argv[3], "42");
+  delete received;
+}
+
+TEST(CommandBuffer, ZeroToSevenArgumentsTravelAndEightAreIgnored) {
+  ReceivedCommand *r = new ReceivedCommand;
+  std::vector<std::string> texts = {"stop-debugging", "", "b c", "\xC3\xA9", "4", "five", "6", "7", "8", "9"};
+  for (size_t n = 0; n <= texts.size(); n++) {
+    std::vector<const char *> args;
+    for (size_t i = 0; i < n; i++) args.push_back(texts[i].c_str());
+    Bytes b = Encode(args);
+    int result = CommandBufferDecode(b.data(), b.size(), r);
+    if (n >= 8) {
+      EXPECT_EQ(result, kCommandBufferTooManyArguments) << n << " arguments";
+      EXPECT_EQ(b[4], n);
+      continue;
+    }
+    ASSERT_EQ(result, kCommandBufferOk) << n << " arguments";
+    ASSERT_EQ(r->argc, (int)n + 1);
+    for (size_t i = 0; i < n; i++) EXPECT_EQ(std::string(r->argv[i + 1]), texts[i]);
+  }
+  delete r;
+}
+
+TEST(CommandBuffer, HostileBuffersNeverReadOutside) {
+  ReceivedCommand *r = new ReceivedCommand;
+  Bytes good = Encode({"open-file", "x.cpp", "7"});
+  EXPECT_EQ(CommandBufferDecode(good.data(), 22, r), kCommandBufferTooShort);
+  EXPECT_EQ(CommandBufferDecode(nullptr, 0, r), kCommandBufferTooShort);
+  Bytes bad = good;
+  bad[0] = '0';
+  EXPECT_EQ(CommandBufferDecode(bad.data(), bad.size(), r), kCommandBufferBadMagic);
+  EXPECT_EQ(CommandBufferDecode(good.data(), good.size() - 1, r), kCommandBufferTruncated);
+  // Offsets are taken as given: one past the area is empty, one inside a string starts there,
+  // and a string without its zero ends with the area.
+  Bytes odd = good;
+  odd[5] = 0xFF, odd[6] = 0xFF;  // argument 0 far away
+  odd[7] = 2, odd[8] = 0;        // argument 1 inside "open-file"
+  odd.back() = 'Z';              // "7" loses its terminator
+  ASSERT_EQ(CommandBufferDecode(odd.data(), odd.size(), r), kCommandBufferOk);
+  EXPECT_STREQ(r->argv[1], "");
+  EXPECT_STREQ(r->argv[2], "en-file");
+  EXPECT_STREQ(r->argv[3], "7Z");
+  // A zero-length area with arguments: every one is empty.
+  Bytes header(23, 0);
+  memcpy(header.data(), "10tk", 4);
+  header[4] = 7;
+  for (int i = 0; i < 7; i++) header[5 + 2 * i] = (u8)(i * 3);
+  ASSERT_EQ(CommandBufferDecode(header.data(), header.size(), r), kCommandBufferOk);
+  for (int i = 1; i <= 7; i++) EXPECT_STREQ(r->argv[i], "");
+  delete r;
+}
+
+TEST(CommandBuffer, SenderSizeWrapsAtSixteenBitsWithoutWritingOutside) {
+  std::string big(40000, 'a');
+  std::vector<const char *> args = {"open-file", big.c_str(), big.c_str()};
+  u16 size = CommandBufferSize(3, args.data());
+  EXPECT_EQ(size, (u16)(23 + 10 + 40001 + 40001));
+  Bytes b = Encode(args);  // the buffer is the wrapped size; the encoder stops at its end
+  EXPECT_EQ(b.size(), size);
+  // Nine or more arguments: slot 8 lands on the length field, as the sender always did.
+  std::vector<const char *> nine = {"a", "b", "c", "d", "e", "f", "g", "h", "i"};
+  Bytes n = Encode(nine);
+  EXPECT_EQ(Word(n, 21), 16);  // argument 8's offset, not the length 18
+}
+
+// [SECTION] Command words
+
+struct Recorder {
+  std::vector<std::string> calls;
+  static Recorder *Of(void *u) { return (Recorder *)u; }
+};
+
+CommandActions RecordingActions(Recorder *r) {
+  CommandActions a = {};
+  a.user = r;
+  a.set_settings_folder = [](void *u, const char *f) { Recorder::Of(u)->calls.push_back(std::string("settings ") + f); };
+  a.open_session = [](void *u, const char *p) { Recorder::Of(u)->calls.push_back(std::string("session ") + p); };
+  a.open_file = [](void *u, const char *p, u32 l) {
+    Recorder::Of(u)->calls.push_back(std::string("open ") + p + " " + std::to_string(l));
+  };
+  a.close_file = [](void *u, const char *p) { Recorder::Of(u)->calls.push_back(std::string("close ") + p); };
+  a.start_debugging = [](void *u, bool b) { Recorder::Of(u)->calls.push_back(b ? "start break" : "start"); };
+  a.stop_debugging = [](void *u) { Recorder::Of(u)->calls.push_back("stop"); };
+  a.attach_to_process = [](void *u, u32 pid, bool run) {
+    Recorder::Of(u)->calls.push_back("attach " + std::to_string(pid) + (run ? " run" : " suspended"));
+  };
+  a.add_breakpoint_at_file = [](void *u, const char *p, u32 l) {
+    Recorder::Of(u)->calls.push_back(std::string("add ") + p + ":" + std::to_string(l));
+  };
+  a.remove_breakpoint_at_file = [](void *u, const char *p, u32 l) {
+    Recorder::Of(u)->calls.push_back(std::string("remove ") + p + ":" + std::to_string(l));
+  };
+  a.remove_all_breakpoints = [](void *u) { Recorder::Of(u)->calls.push_back("remove all"); };
+  a.add_breakpoint_at_function = [](void *u, const char *n, const char *c) {
+    Recorder::Of(u)->calls.push_back(std::string("add fn ") + n + (c ? std::string(" if ") + c : ""));
+  };
+  a.remove_breakpoint_at_function = [](void *u, const char *n) {
+    Recorder::Of(u)->calls.push_back(std::string("remove fn ") + n);
+  };
+  a.continue_execution = [](void *u) { Recorder::Of(u)->calls.push_back("continue"); };
+  a.run_to_cursor = [](void *u, const char *p, u32 l) {
+    Recorder::Of(u)->calls.push_back(std::string("run to ") + p + ":" + std::to_string(l));
+  };
+  return a;
+}
+
+struct WordCase {
+  std::vector<const char *> args;  // after the program name
+  bool taken;
+  const char *call;                // "" when nothing may be called; "@" stands for the cwd
+};
+
+TEST(CommandWords, EachWordWithItsArguments) {
+  const WordCase cases[] = {
+      {{"open-file", "/src/a.cpp", "42"}, true, "open /src/a.cpp 42"},
+      {{"open-file", "/src/a.cpp"}, true, "open /src/a.cpp 0"},
+      {{"open-file", "rel.cpp", "x"}, true, "open @/rel.cpp 0"},
+      {{"open-file", "/a.cpp", "12abc", "extra"}, true, "open /a.cpp 12"},
+      {{"open-file"}, false, ""},
+      {{"close-file", "/src/../b.cpp"}, true, "close /b.cpp"},
+      {{"open-session", "/s/w.ktrn"}, false, "session /s/w.ktrn"},
+      {{"start-debugging"}, true, "start"},
+      {{"start-debugging", "1"}, true, "start break"},
+      {{"start-debugging", "0"}, true, "start"},
+      {{"start-debugging", "yes"}, true, "start"},
+      {{"stop-debugging"}, true, "stop"},
+      {{"attach-to-process-by-id", "1234", "--continue"}, true, "attach 1234 run"},
+      {{"attach-to-process-by-id", "1234", "--Continue"}, true, "attach 1234 suspended"},
+      {{"attach-to-process-by-id", "1234", "--continue "}, true, "attach 1234 suspended"},
+      {{"attach-to-process-by-id", "1234"}, true, "attach 1234 suspended"},
+      {{"attach-to-process-by-id", "1234", "--continue", "x"}, false, ""},
+      {{"attach-to-process-by-id"}, false, ""},
+      {{"attach-to-process-by-id", "pid"}, true, "attach 0 suspended"},
+      {{"add-breakpoint-at-file", "/a.cpp", "10"}, true, "add /a.cpp:10"},
+      {{"add-breakpoint-at-file", "/a.cpp"}, false, ""},
+      {{"remove-breakpoint-at-file", "/a.cpp", "-3"}, true, "remove /a.cpp:0"},
+      {{"add-breakpoint-at-function", "Game::Update"}, true, "add fn Game::Update"},
+      {{"add-breakpoint-at-function", "f", "x > 1"}, true, "add fn f if x > 1"},
+      {{"remove-breakpoint-at-function", "f"}, true, "remove fn f"},
+      {{"remove-all-breakpoints"}, true, "remove all"},
+      {{"continue-execution"}, false, "continue"},
+      {{"run-to-cursor", "/a.cpp", "99"}, true, "run to /a.cpp:99"},
+      {{"run-to-cursor", "/a.cpp"}, false, ""},
+      {{"Open-File", "/a.cpp"}, false, ""},
+      {{"unknown"}, false, ""},
+      {{"/path/to/prog.exe", "arg"}, false, ""},
+  };
+  std::string cwd = Cwd();
+  for (const WordCase &c : cases) {
+    Recorder r;
+    CommandActions a = RecordingActions(&r);
+    std::vector<const char *> argv = {"kestrune.exe"};
+    argv.insert(argv.end(), c.args.begin(), c.args.end());
+    std::string label = c.args.empty() ? "" : c.args[0];
+    for (size_t i = 1; i < c.args.size(); i++) label += std::string(" ") + c.args[i];
+    EXPECT_EQ(CommandDispatch(&a, (int)argv.size(), argv.data()), c.taken) << label;
+    std::string call = c.call;
+    if (call.find('@') != std::string::npos) call.replace(call.find('@'), 1, cwd);
+    if (call.empty()) {
+      EXPECT_TRUE(r.calls.empty()) << label;
+    } else {
+      EXPECT_EQ(r.calls, std::vector<std::string>{call}) << label;
+    }
+  }
+}
+
+TEST(CommandWords, SettingsFolderMustExistAndLosesOneTrailingSeparator) {
+  TempFolder dir;
+  Recorder r;
+  CommandActions a = RecordingActions(&r);
+  std::string with_slash = dir.path + "/";
+  const char *ok[] = {"kestrune.exe", "--settings", with_slash.c_str()};
+  EXPECT_FALSE(CommandDispatch(&a, 3, ok));  // acts, but reports not-taken
+  EXPECT_EQ(r.calls, std::vector<std::string>{"settings " + dir.path});
+  r.calls.clear();
+  std::string missing = dir.path + "/missing";
+  const char *bad[] = {"kestrune.exe", "--settings", missing.c_str()};
+  EXPECT_FALSE(CommandDispatch(&a, 3, bad));
+  EXPECT_TRUE(r.calls.empty());
+  EXPECT_FALSE(CommandIsChannelWord("--settings"));
+}
+
+TEST(CommandWords, ThirteenChannelWords) {
+  const char *words[] = {"open-session", "open-file", "close-file", "start-debugging", "stop-debugging",
+                         "attach-to-process-by-id", "add-breakpoint-at-file", "add-breakpoint-at-function",
+                         "remove-breakpoint-at-file", "remove-breakpoint-at-function", "remove-all-breakpoints",
+                         "continue-execution", "run-to-cursor"};
+  for (const char *w : words) EXPECT_TRUE(CommandIsChannelWord(w)) << w;
+  for (const char *w : {"--settings", "-g", "", "open", "open-file "}) EXPECT_FALSE(CommandIsChannelWord(w)) << w;
+  EXPECT_FALSE(CommandIsChannelWord(nullptr));
+}
+
+TEST(CommandWords, NumbersAreDecimalAndNonNumbersZero) {
+  const std::pair<const char *, s32> cases[] = {{"42", 42}, {"  7", 7}, {"-5", -5}, {"+9", 9}, {"abc", 0},
+                                                {"", 0},    {"0x10", 0}, {"12abc", 12}, {"99999999999", 0x7FFFFFFF},
+                                                {"-99999999999", (s32)0x80000000}};
+  for (auto &c : cases) EXPECT_EQ(CommandReadNumber(c.first), c.second) << c.first;
+  EXPECT_EQ(CommandReadNumber(nullptr), 0);
+}
+
+// From the sender's argument list to the action, through the buffer, as the running instance sees it.
+TEST(CommandWords, ForwardedCommandArrivesThroughTheBuffer) {
+  Bytes b = Encode({"add-breakpoint-at-file", "/src/game.cpp", "120"});
+  ReceivedCommand *received = new ReceivedCommand;
+  ASSERT_EQ(CommandBufferDecode(b.data(), b.size(), received), kCommandBufferOk);
+  Recorder r;
+  CommandActions a = RecordingActions(&r);
+  EXPECT_TRUE(CommandDispatch(&a, received->argc, received->argv));
+  EXPECT_EQ(r.calls, std::vector<std::string>{"add /src/game.cpp:120"});
+  delete received;
+}
+
+}  // namespace
