@@ -2,8 +2,8 @@
 
 #include "base/os.h"
 
-static ArenaChunk *NewChunk(u64 capacity, ArenaChunk *previous) {
-  ArenaChunk *chunk = (ArenaChunk *)OsMemoryAllocate(capacity);
+static ArenaChunk *NewChunk(u64 capacity, ArenaChunk *previous, bool large) {
+  ArenaChunk *chunk = (ArenaChunk *)(large ? OsMemoryAllocateLarge(capacity) : OsMemoryAllocate(capacity));
   if (!chunk) return nullptr;
   chunk->base = (u64)(uintptr_t)chunk;
   chunk->used = kArenaChunkHeaderBytes;
@@ -35,7 +35,7 @@ static void ReleaseChain(ArenaChunk *chunk) {
 void *SymbolArenaAllocate(SymbolArena *arena, u64 size) {
   if (!Fits(arena->newest, size)) {
     if (size > ~0ull - kArenaChunkHeaderBytes) return nullptr;
-    ArenaChunk *chunk = NewChunk(MaxU64(size + kArenaChunkHeaderBytes, kSymbolArenaChunkBytes), arena->newest);
+    ArenaChunk *chunk = NewChunk(MaxU64(size + kArenaChunkHeaderBytes, kSymbolArenaChunkBytes), arena->newest, true);
     if (!chunk) return nullptr;
     arena->newest = chunk;
   }
@@ -74,7 +74,7 @@ void ScratchBegin(void) { g_scratch.depth++; }
 void *ScratchAllocate(u64 size) {
   if (!Fits(g_scratch.newest, size)) {
     if (size > ~0ull - 2 * 4096) return nullptr;
-    ArenaChunk *chunk = NewChunk(AlignUp(size + kArenaChunkHeaderBytes, 4096), g_scratch.newest);
+    ArenaChunk *chunk = NewChunk(AlignUp(size + kArenaChunkHeaderBytes, 4096), g_scratch.newest, false);
     if (!chunk) return nullptr;
     g_scratch.newest = chunk;
   }
@@ -97,7 +97,7 @@ void ScratchEnd(void) {
     count++;
   }
   ReleaseChain(g_scratch.newest);
-  g_scratch.newest = NewChunk(AlignUp(capacity - kArenaChunkHeaderBytes * (count - 1), 4096), nullptr);
+  g_scratch.newest = NewChunk(AlignUp(capacity - kArenaChunkHeaderBytes * (count - 1), 4096), nullptr, false);
 }
 
 const ScratchArena *ScratchState(void) { return &g_scratch; }

@@ -33,6 +33,9 @@ int OsPathMakeAbsolute(const char *path, char *out, u64 capacity);
 // [SECTION] Virtual memory
 // Reserves and commits size bytes of zeroed read/write memory; null when the system refuses.
 void *OsMemoryAllocate(u64 size);
+// The same for big blocks that are filled at once (symbol arenas): where the system offers it
+// without privileges, the block is backed by large pages, which cuts the cost of first touches.
+void *OsMemoryAllocateLarge(u64 size);
 void OsMemoryRelease(void *base, u64 size);
 
 // [SECTION] Time

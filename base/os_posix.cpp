@@ -118,6 +118,12 @@ void *OsMemoryAllocate(u64 size) {
   return p == MAP_FAILED ? nullptr : p;
 }
 
+void *OsMemoryAllocateLarge(u64 size) {
+  void *p = OsMemoryAllocate(size);
+  if (p) madvise(p, (size_t)size, MADV_HUGEPAGE);  // advice only: a refusal changes nothing
+  return p;
+}
+
 void OsMemoryRelease(void *base, u64 size) {
   if (base) munmap(base, (size_t)size);
 }

@@ -116,6 +116,9 @@ void *OsMemoryAllocate(u64 size) {
   return VirtualAlloc(nullptr, (SIZE_T)size, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE);
 }
 
+// Large pages on Windows need a privilege that a debugger should not ask for.
+void *OsMemoryAllocateLarge(u64 size) { return OsMemoryAllocate(size); }
+
 void OsMemoryRelease(void *base, u64 size) {
   if (base) VirtualFree(base, 0, MEM_RELEASE);
 }

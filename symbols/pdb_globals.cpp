@@ -65,6 +65,26 @@ static T *AllocateCleared(SymbolArena *arena, u32 count, bool *failed) {
 }
 
 static u32 CapacityFor(u32 count) { return count + count / 2; }
+static u32 NextSlot(u32 slot, u32 capacity) { return slot + 1 == capacity ? 0 : slot + 1; }
+
+// What the first pass keeps of a record for the table inserts of the second.
+typedef struct KeptGlobal {
+  u32 record_offset;
+  u32 name_hash;
+  u32 type_index;
+  u32 offset;  // data only
+  u16 section;
+  u16 table;   // TableKind
+} KeptGlobal;
+
+static void PrefetchSlot(const PdbGlobals *g, const KeptGlobal *k) {
+  switch (k->table) {
+    case kTableConstant: __builtin_prefetch(&g->constant_records[k->name_hash % g->constant_capacity], 1); break;
+    case kTableUdt: __builtin_prefetch(&g->udts[k->name_hash % g->udt_capacity], 1); break;
+    case kTableData: __builtin_prefetch(&g->data[k->name_hash % g->data_capacity], 1); break;
+    case kTableThread: __builtin_prefetch(&g->thread_records[k->name_hash % g->thread_capacity], 1); break;
+  }
+}
 
 int PdbLoadGlobals(SymbolArena *arena, const MsfFile *msf, u32 global_stream, u32 record_stream, PdbGlobals *out) {
   memset(out, 0, sizeof(*out));
@@ -86,11 +106,35 @@ int PdbLoadGlobals(SymbolArena *arena, const MsfFile *msf, u32 global_stream, u3
   g.hash_records = (const GsiHashRecord *)(hash + sizeof(GsiHashHeader));
   g.hash_record_count = hash_record_count;
 
-  // First pass: how many of each kind, to size the tables once.
+  // First pass: validate each record once, hash its name and note what the tables keep, so the
+  // second pass (table inserts) touches the record stream no more.
+  ScratchBegin();
+  KeptGlobal *kept = (KeptGlobal *)ScratchAllocate((u64)hash_record_count * sizeof(KeptGlobal));
+  if (!kept && hash_record_count) {
+    ScratchEnd();
+    return kPdbUnreadable;
+  }
+  u32 kept_count = 0;
   u32 counts[5] = {};
+  enum { kLookAhead = 16 };  // records and slots are met at random: overlap their cache misses
   for (u32 i = 0; i < hash_record_count; i++) {
+    if (i + kLookAhead < hash_record_count) {
+      u32 ahead = g.hash_records[i + kLookAhead].offset_plus_one - 1;
+      if (ahead < record_bytes) __builtin_prefetch(records + ahead);
+    }
     u16 kind;
-    if (PdbGlobalRecord(&g, i, &kind)) counts[TableOf(kind)]++;
+    const u8 *record = PdbGlobalRecord(&g, i, &kind);
+    if (!record) continue;
+    KeptGlobal *k = &kept[kept_count++];
+    k->table = TableOf(kind);
+    k->record_offset = (u32)(record - records);
+    k->name_hash = HashNameZ(PdbGlobalRecordName(record));
+    k->type_index = ReadU32(record + kDataSymType);  // same place in every kept kind
+    if (k->table == kTableData) {
+      k->offset = ReadU32(record + kDataSymOffset);
+      k->section = ReadU16(record + kDataSymSection);
+    }
+    counts[k->table]++;
   }
   bool failed = false;
   g.constant_capacity = CapacityFor(counts[kTableConstant]);
@@ -104,29 +148,30 @@ int PdbLoadGlobals(SymbolArena *arena, const MsfFile *msf, u32 global_stream, u3
   g.thread_capacity = CapacityFor(counts[kTableThread]);
   g.thread_hashes = AllocateCleared<u32>(arena, g.thread_capacity, &failed);
   g.thread_records = AllocateCleared<const u8 *>(arena, g.thread_capacity, &failed);
-  if (failed) return kPdbUnreadable;
+  if (failed) {
+    ScratchEnd();
+    return kPdbUnreadable;
+  }
 
   // Second pass, in hash-record order.
-  for (u32 i = 0; i < hash_record_count; i++) {
-    u16 kind;
-    const u8 *record = PdbGlobalRecord(&g, i, &kind);
-    if (!record) continue;
-    u32 hash_value = HashNameZ(PdbGlobalRecordName(record));
-    u32 record_offset = (u32)(record - records);
-    switch (TableOf(kind)) {
+  for (u32 i = 0; i < kept_count; i++) {
+    if (i + kLookAhead < kept_count) PrefetchSlot(&g, &kept[i + kLookAhead]);
+    const KeptGlobal *k = &kept[i];
+    u32 hash_value = k->name_hash;
+    switch (k->table) {
       case kTableConstant: {
         u32 slot = hash_value % g.constant_capacity;
-        while (g.constant_records[slot]) slot = (slot + 1) % g.constant_capacity;
+        while (g.constant_records[slot]) slot = NextSlot(slot, g.constant_capacity);
         g.constant_hashes[slot] = hash_value;
-        g.constant_records[slot] = record;
+        g.constant_records[slot] = records + k->record_offset;
         g.constant_count++;
       } break;
       case kTableUdt: {
         u32 slot = hash_value % g.udt_capacity;
-        while (g.udt_record_offsets_plus_one[slot]) slot = (slot + 1) % g.udt_capacity;
+        while (g.udt_record_offsets_plus_one[slot]) slot = NextSlot(slot, g.udt_capacity);
         g.udts[slot].name_hash = hash_value;
-        g.udts[slot].type_index = ReadU32(record + kUdtSymType);
-        g.udt_record_offsets_plus_one[slot] = record_offset + 1;
+        g.udts[slot].type_index = k->type_index;
+        g.udt_record_offsets_plus_one[slot] = k->record_offset + 1;
         g.udt_count++;
       } break;
       case kTableData: {
@@ -134,28 +179,29 @@ int PdbLoadGlobals(SymbolArena *arena, const MsfFile *msf, u32 global_stream, u3
         u32 last_same = kPdbNoEntry;
         while (g.data[slot].record_offset_plus_one) {
           if (g.data[slot].name_hash == hash_value) last_same = slot;
-          slot = (slot + 1) % g.data_capacity;
+          slot = NextSlot(slot, g.data_capacity);
         }
         if (last_same != kPdbNoEntry) g.data[last_same].next = slot;
         PdbDataEntry *e = &g.data[slot];
         e->name_hash = hash_value;
-        e->section_minus_1 = (u16)(ReadU16(record + kDataSymSection) - 1);
-        e->offset = ReadU32(record + kDataSymOffset);
-        e->type_index = ReadU32(record + kDataSymType);
+        e->section_minus_1 = (u16)(k->section - 1);
+        e->offset = k->offset;
+        e->type_index = k->type_index;
         e->next = kPdbNoEntry;
-        e->record_offset_plus_one = record_offset + 1;
+        e->record_offset_plus_one = k->record_offset + 1;
         g.data_count++;
       } break;
       case kTableThread: {
         u32 slot = hash_value % g.thread_capacity;
-        while (g.thread_records[slot]) slot = (slot + 1) % g.thread_capacity;
+        while (g.thread_records[slot]) slot = NextSlot(slot, g.thread_capacity);
         g.thread_hashes[slot] = hash_value;
-        g.thread_records[slot] = record;
+        g.thread_records[slot] = records + k->record_offset;
         g.thread_count++;
       } break;
       case kTableNone: break;
     }
   }
+  ScratchEnd();
   *out = g;
   return kPdbOk;
 }

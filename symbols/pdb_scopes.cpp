@@ -1,6 +1,5 @@
 #include "symbols/pdb_scopes.h"
 
-#include <stdlib.h>
 #include <string.h>
 
 #include "base/hash.h"
@@ -59,15 +58,13 @@ static u32 BuildProcedure(ScopeBuild *b, const PdbModuleSymbols *module, u32 mod
   PdbScopes *scopes = b->scopes;
   const u8 *record = module->symbols + at;
   u32 hash_value = HashNameZ((const char *)record + kProcSymName);
-  u32 slot = hash_value % scopes->procedure_capacity;
-  while (scopes->procedures[slot].record) slot = (slot + 1) % scopes->procedure_capacity;
-  PdbProcScope *procedure = &scopes->procedures[slot];
+  u32 index = scopes->procedure_count++;  // the name table is filled after the walk
+  PdbProcScope *procedure = &scopes->procedures[index];
   memset(procedure, 0, sizeof(*procedure));
   procedure->record = record;
   procedure->name_hash = hash_value;
   procedure->module_index = module_index;
   procedure->first_block = scopes->block_count;
-  scopes->procedure_count++;
 
   PdbProcAddress *address = &scopes->addresses[b->address_limit++];
   memset(address, 0, sizeof(*address));
@@ -112,7 +109,7 @@ static u32 BuildProcedure(ScopeBuild *b, const PdbModuleSymbols *module, u32 mod
         memset(block, 0, sizeof(*block));
         block->record = r;
         block->parent_block = current;
-        block->procedure = slot;
+        block->procedure = index;
         procedure->block_count++;
         current = index;
       } break;
@@ -126,11 +123,35 @@ static u32 BuildProcedure(ScopeBuild *b, const PdbModuleSymbols *module, u32 mod
   return size;
 }
 
-static int CompareAddresses(const void *a, const void *b) {
-  const PdbProcAddress *x = (const PdbProcAddress *)a, *y = (const PdbProcAddress *)b;
-  if (x->section != y->section) return x->section < y->section ? -1 : 1;
-  if (x->start != y->start) return x->start < y->start ? -1 : 1;
-  return 0;
+static bool AddressBefore(const PdbProcAddress &x, const PdbProcAddress &y) {
+  return x.section != y.section ? x.section < y.section : x.start < y.start;
+}
+
+// Stable merge sort through a scratch buffer; procedures usually arrive in address order already
+// (modules in link order), which the first check turns into one pass.
+static void SortAddresses(PdbProcAddress *items, u32 count) {
+  bool sorted = true;
+  for (u32 i = 1; i < count && sorted; i++) sorted = !AddressBefore(items[i], items[i - 1]);
+  if (sorted) return;
+  ScratchBegin();
+  PdbProcAddress *buffer = (PdbProcAddress *)ScratchAllocate((u64)count * sizeof(PdbProcAddress));
+  if (buffer) {
+    PdbProcAddress *from = items, *to = buffer;
+    for (u32 width = 1; width < count; width *= 2) {
+      for (u32 lo = 0; lo < count; lo += 2 * width) {
+        u32 mid = (u32)MinU64((u64)lo + width, count), hi = (u32)MinU64((u64)lo + 2 * width, count);
+        u32 i = lo, j = mid, k = lo;
+        while (i < mid && j < hi) to[k++] = AddressBefore(from[j], from[i]) ? from[j++] : from[i++];
+        while (i < mid) to[k++] = from[i++];
+        while (j < hi) to[k++] = from[j++];
+      }
+      PdbProcAddress *swap = from;
+      from = to;
+      to = swap;
+    }
+    if (from != items) memcpy(items, from, (u64)count * sizeof(PdbProcAddress));
+  }
+  ScratchEnd();
 }
 
 int PdbLoadModuleSymbols(SymbolArena *arena, const MsfFile *msf, const PdbModuleList *list, PdbScopes *out) {
@@ -152,11 +173,12 @@ int PdbLoadModuleSymbols(SymbolArena *arena, const MsfFile *msf, const PdbModule
   }
   u64 capacity = MaxU64(procedure_total + procedure_total / 2, 8);
   s.procedure_capacity = (u32)capacity;
-  s.procedures = (PdbProcScope *)PdbAllocate(arena, capacity * sizeof(PdbProcScope));
+  s.procedure_table = (PdbProcSlot *)PdbAllocate(arena, capacity * sizeof(PdbProcSlot));
+  s.procedures = (PdbProcScope *)PdbAllocate(arena, procedure_total * sizeof(PdbProcScope));
   s.blocks = (PdbBlockScope *)PdbAllocate(arena, block_total * sizeof(PdbBlockScope));
   s.addresses = (PdbProcAddress *)PdbAllocate(arena, procedure_total * sizeof(PdbProcAddress));
-  if (!s.procedures || (!s.blocks && block_total) || (!s.addresses && procedure_total)) return kPdbUnreadable;
-  memset(s.procedures, 0, capacity * sizeof(PdbProcScope));
+  if (!s.procedure_table || !s.procedures || !s.blocks || !s.addresses) return kPdbUnreadable;
+  memset(s.procedure_table, 0, capacity * sizeof(PdbProcSlot));
 
   ScopeBuild build = {&s, (u32)block_total, 0};
   for (u32 m = 0; m < s.module_count; m++) {
@@ -168,7 +190,19 @@ int PdbLoadModuleSymbols(SymbolArena *arena, const MsfFile *msf, const PdbModule
       else at += bytes;
     }
   }
-  if (s.procedure_count) qsort(s.addresses, s.procedure_count, sizeof(PdbProcAddress), CompareAddresses);
+  // Names go into the table in the order met. Looking a few procedures ahead lets the cache
+  // misses of the random slots overlap.
+  enum { kLookAhead = 16 };
+  for (u32 i = 0; i < s.procedure_count; i++) {
+    if (i + kLookAhead < s.procedure_count)
+      __builtin_prefetch(&s.procedure_table[s.procedures[i + kLookAhead].name_hash % s.procedure_capacity], 1);
+    u32 slot = s.procedures[i].name_hash % s.procedure_capacity;
+    while (s.procedure_table[slot].index_plus_one)
+      if (++slot == s.procedure_capacity) slot = 0;
+    s.procedure_table[slot].name_hash = s.procedures[i].name_hash;
+    s.procedure_table[slot].index_plus_one = i + 1;
+  }
+  SortAddresses(s.addresses, s.procedure_count);
   *out = s;
   return kPdbOk;
 }
@@ -178,16 +212,21 @@ int PdbLoadModuleSymbols(SymbolArena *arena, const MsfFile *msf, const PdbModule
 const char *PdbProcName(const PdbProcScope *procedure) { return (const char *)procedure->record + kProcSymName; }
 
 const PdbProcScope *PdbFindProcedure(const PdbScopes *scopes, const char *name, const PdbProcScope *after) {
-  if (!scopes->procedure_capacity || !scopes->procedures) return nullptr;
+  if (!scopes->procedure_capacity || !scopes->procedure_table) return nullptr;
   u32 hash_value = HashNameZ(name);
-  u32 slot = after ? (u32)(after - scopes->procedures) + 1 : hash_value;
-  slot %= scopes->procedure_capacity;
-  u32 start = hash_value % scopes->procedure_capacity;
-  for (u32 probes = 0; probes < scopes->procedure_capacity; probes++, slot = (slot + 1) % scopes->procedure_capacity) {
-    const PdbProcScope *p = &scopes->procedures[slot];
-    if (!p->record) return nullptr;
-    if (after && slot == start) return nullptr;  // wrapped around a full table
-    if (p->name_hash == hash_value && strcmp(PdbProcName(p), name) == 0) return p;
+  u32 after_index_plus_one = after ? (u32)(after - scopes->procedures) + 1 : 0;
+  bool passed = !after;
+  u32 slot = hash_value % scopes->procedure_capacity;
+  for (u32 probes = 0; probes < scopes->procedure_capacity; probes++) {
+    const PdbProcSlot *s = &scopes->procedure_table[slot];
+    if (!s->index_plus_one) return nullptr;
+    if (!passed) {
+      passed = s->index_plus_one == after_index_plus_one;
+    } else if (s->name_hash == hash_value) {
+      const PdbProcScope *p = &scopes->procedures[s->index_plus_one - 1];
+      if (strcmp(PdbProcName(p), name) == 0) return p;
+    }
+    if (++slot == scopes->procedure_capacity) slot = 0;
   }
   return nullptr;
 }

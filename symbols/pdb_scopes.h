@@ -30,7 +30,7 @@ typedef struct PdbScopeLocals {
 } PdbScopeLocals;
 
 typedef struct PdbProcScope {
-  const u8 *record;     // S_LPROC32 / S_GPROC32; null = empty slot of the table
+  const u8 *record;     // S_LPROC32 / S_GPROC32
   const u8 *frameproc;  // S_FRAMEPROC, null when absent
   PdbScopeLocals locals;
   u32 name_hash;
@@ -43,8 +43,14 @@ typedef struct PdbBlockScope {
   const u8 *record;  // S_BLOCK32
   PdbScopeLocals locals;
   u32 parent_block;  // kPdbNoBlock: the procedure itself
-  u32 procedure;     // slot of the procedure in the procedures table
+  u32 procedure;     // index of the procedure in the procedure array
 } PdbBlockScope;
+
+// One slot of the procedure name table; index_plus_one 0 = empty.
+typedef struct PdbProcSlot {
+  u32 name_hash;
+  u32 index_plus_one;
+} PdbProcSlot;
 
 typedef struct PdbProcAddress {
   u16 section;
@@ -56,11 +62,15 @@ typedef struct PdbProcAddress {
 } PdbProcAddress;
 static_assert(sizeof(PdbProcAddress) == 24, "procedure address entry");
 
+// The procedure name table is open-addressed with linear probing (capacity max(n + n/2, 8), slot =
+// name hash mod capacity). Its slots are 8 bytes and point into the procedure array, so a probe
+// touches a small table rather than whole scope records.
 typedef struct PdbScopes {
   PdbModuleSymbols *modules;  // one per module of the module list
   u32 module_count;
   u32 procedure_capacity;  // at least 8
-  PdbProcScope *procedures;
+  PdbProcSlot *procedure_table;
+  PdbProcScope *procedures;  // procedure_count scopes, in the order met
   u32 procedure_count;
   u32 block_count;
   PdbBlockScope *blocks;
