@@ -179,3 +179,59 @@ TEST(OracleTargets, LookupsFindEveryListedName) {
     }
   }
 }
+
+// Bad usage and files that do not load: one line on stderr, a non-zero exit, nothing on stdout
+// but the status line of info.
+TEST(KtrnPdbTool, UsageAndLoadFailures) {
+  std::string pdb = kTargetsDir.empty() ? std::string("/nonexistent.pdb") : TargetPdb("sym_c");
+  std::string missing = "/nonexistent/dir/x.pdb";
+  std::string not_a_pdb = std::string(KTRN_SOURCE_DIR) + "/tests/host/symbols/oracle.h";
+  struct {
+    std::string args;
+    int status;
+    const char *stdout_text;
+  } cases[] = {
+      {"", 2, ""},
+      {"frobnicate " + Quote(pdb), 2, ""},
+      {"procs", 2, ""},
+      {"find " + Quote(pdb), 2, ""},
+      {"procs " + Quote(missing), 3, ""},
+      {"globals " + Quote(not_a_pdb), 3, ""},
+      {"info " + Quote(missing), 3, "status: 2\n"},
+      {"info " + Quote(not_a_pdb), 3, "status: 13\n"},
+  };
+  for (auto &c : cases) {
+    CommandResult out = RunCommand(Quote(kTool) + " " + c.args + " 2>/dev/null");
+    EXPECT_EQ(out.exit_status, c.status) << c.args;
+    EXPECT_EQ(out.output, c.stdout_text) << c.args;
+    CommandResult err = RunCommand(Quote(kTool) + " " + c.args + " 2>&1 >/dev/null");
+    EXPECT_GE(err.output.size(), 10u) << c.args;
+    if (c.status == 3) EXPECT_EQ(std::count(err.output.begin(), err.output.end(), '\n'), 1) << c.args;
+  }
+}
+
+// info reports what the loader built.
+TEST(KtrnPdbTool, InfoMatchesTheLoadedFile) {
+  ASSERT_FALSE(kTargetsDir.empty());
+  InProcess loaded(TargetPdb("sym_cpp"));
+  ASSERT_EQ(loaded.status, kPdbOk);
+  int status = 0;
+  std::vector<std::string> lines = ToolLines("info", TargetPdb("sym_cpp"), &status);
+  ASSERT_EQ(status, 0);
+  const PdbGlobals &g = loaded.pdb.globals;
+  std::vector<std::string> expected = {
+      "status: 0",
+      "modules: " + std::to_string(loaded.summary.module_count),
+      "procedures: " + std::to_string(loaded.summary.procedure_count),
+      "blocks: " + std::to_string(loaded.summary.block_count),
+      "globals: " + std::to_string(g.data_count),
+      "constants: " + std::to_string(g.constant_count),
+      "udts: " + std::to_string(g.udt_count),
+      "threaddata: " + std::to_string(g.thread_count),
+      "contributions: " + std::to_string(loaded.pdb.modules.contribution_count),
+  };
+  ASSERT_EQ(lines.size(), expected.size() + 2);
+  for (size_t i = 0; i < expected.size(); i++) EXPECT_EQ(lines[i], expected[i]);
+  EXPECT_EQ(lines[expected.size()].rfind("arena_bytes: ", 0), 0u);
+  EXPECT_EQ(lines[expected.size() + 1].rfind("load_ms: ", 0), 0u);
+}
