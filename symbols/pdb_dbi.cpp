@@ -44,6 +44,8 @@ int PdbLoadModules(SymbolArena *arena, const MsfFile *msf, const DbiHeader *head
   if (header->version < kDbiMinModuleVersion) return kPdbUnsupportedVersion;
   const MsfStream *stream = MsfStreamAt(msf, kDbiStreamIndex);
   if (MsfStreamSize(msf, kDbiStreamIndex) < kDbiMinStreamBytes) return kPdbBadFormat;
+  // A stream larger than the file cannot be read whole: say so before allocating for it.
+  if (MsfStreamSize(msf, kDbiStreamIndex) > msf->file_size) return kPdbUnreadable;
 
   u8 *records = (u8 *)PdbAllocate(arena, (u64)module_bytes);
   if (!records) return kPdbUnreadable;

@@ -13,7 +13,7 @@ int PdbLoadStringTable(SymbolArena *arena, const MsfFile *msf, s32 stream_index,
   const MsfStream *stream = stream_index >= 0 ? MsfStreamAt(msf, (u32)stream_index) : nullptr;
   if (!stream || stream->size == kMsfNilStreamSize) return kPdbUnreadable;
   u32 size = stream->size;
-  if (size < 8) return kPdbUnreadable;
+  if (size < 8 || size > msf->file_size) return kPdbUnreadable;
   PdbNamesHeader header;
   if (MsfReadStream(msf, stream, &header, 8, 0)) return kPdbUnreadable;
   if (header.magic != kPdbNamesMagic || (header.hash_version != 1 && header.hash_version != 2) || size < 12)
