@@ -15,6 +15,7 @@
 #include <stdio.h>
 #include <string.h>
 
+#include "app/command_line.h"
 #include "app/renderer_d3d11.h"
 #include "ui/main_frame.h"
 
@@ -165,24 +166,25 @@ static LRESULT CALLBACK MainWindowProc(HWND window, UINT message, WPARAM w, LPAR
 
 // [SECTION] Entry point
 
-// Takes the first argument as the program to debug when it names a file, as given or with ".exe".
+// Reads the start-up arguments: "-g", "-q", then a program (as given or with ".exe") or a session.
+// Only the program's name is used so far, for the title; launching comes with the engine.
 static void TakeTargetFromArguments(AppState *app, int argc, wchar_t **argv) {
   if (argc < 2) return;
-  char path[4096];
-  if (!WideCharToMultiByte(CP_UTF8, 0, argv[1], -1, path, sizeof path - 5, nullptr, nullptr)) return;
-  for (int attempt = 0; attempt < 2; attempt++) {
-    if (attempt == 1) strcat(path, ".exe");
-    wchar_t wide[4096];
-    MultiByteToWideChar(CP_UTF8, 0, path, -1, wide, 4096);
-    if (GetFileAttributesW(wide) != INVALID_FILE_ATTRIBUTES) {
-      wchar_t full[4096];
-      DWORD n = GetFullPathNameW(wide, 4096, full, nullptr);
-      if (n == 0 || n >= 4096 || !WideCharToMultiByte(CP_UTF8, 0, full, -1, app->target_path,
-                                                      sizeof app->target_path, nullptr, nullptr))
-        strcpy(app->target_path, path);
-      return;
-    }
+  char **utf8 = (char **)HeapAlloc(GetProcessHeap(), HEAP_ZERO_MEMORY, sizeof(char *) * (size_t)argc);
+  if (!utf8) return;
+  bool converted = true;
+  for (int i = 0; i < argc && converted; i++) {
+    int n = WideCharToMultiByte(CP_UTF8, 0, argv[i], -1, nullptr, 0, nullptr, nullptr);
+    utf8[i] = n > 0 ? (char *)HeapAlloc(GetProcessHeap(), 0, (size_t)n) : nullptr;
+    converted = utf8[i] && WideCharToMultiByte(CP_UTF8, 0, argv[i], -1, utf8[i], n, nullptr, nullptr) > 0;
   }
+  StartupArguments args = {};
+  if (converted && StartupArgumentsParse(&args, argc, utf8) == 0 && args.kind != kStartupNothing)
+    snprintf(app->target_path, sizeof app->target_path, "%s", args.path);
+  StartupArgumentsFree(&args);
+  for (int i = 0; i < argc; i++)
+    if (utf8[i]) HeapFree(GetProcessHeap(), 0, utf8[i]);
+  HeapFree(GetProcessHeap(), 0, utf8);
 }
 
 int WINAPI wWinMain(HINSTANCE instance, HINSTANCE, PWSTR, int show_command) {
