@@ -35,7 +35,7 @@ failed=0
 for group in host fuzz; do
   step "test host: $group" ctest --test-dir build/host -L "^$group\$" -j "$jobs" --output-on-failure || failed=1
 done
-for group in wine ui; do
+for group in build wine ui; do
   step "test windows: $group" ctest --test-dir build/win -L "^$group\$" -j "$jobs" --output-on-failure || failed=1
 done
 exit $failed
