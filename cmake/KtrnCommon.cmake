@@ -111,3 +111,14 @@ function(ktrn_target_program name)
   set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests/targets
                                            LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests/targets)
 endfunction()
+
+# Adds every subfolder of the current folder that has a CMakeLists.txt, so that a new tool, test
+# group or benchmark is one new folder and no shared list to edit.
+function(ktrn_add_subfolders)
+  file(GLOB children LIST_DIRECTORIES true ${CMAKE_CURRENT_SOURCE_DIR}/*)
+  foreach(child ${children})
+    if(IS_DIRECTORY ${child} AND EXISTS ${child}/CMakeLists.txt)
+      add_subdirectory(${child})
+    endif()
+  endforeach()
+endfunction()
