@@ -28,6 +28,7 @@ int PdbOpen(SymbolArena *arena, const CodeViewIdentity *expected, const char *pa
   PdbLoadGlobals(arena, msf, out->dbi.global_stream, out->dbi.symbol_record_stream, &out->globals);
   error = PdbLoadModules(arena, msf, &out->dbi, &out->modules);
   if (!error) error = PdbLoadModuleSymbols(arena, msf, &out->modules, &out->scopes);
+  if (!error) error = PdbLoadLines(arena, &out->scopes, &out->strings, &out->source_files, &out->lines);
   MsfClose(msf);
   if (error) return error;
 
@@ -35,5 +36,6 @@ int PdbOpen(SymbolArena *arena, const CodeViewIdentity *expected, const char *pa
   summary->procedure_count = out->scopes.procedure_count;
   summary->block_count = out->scopes.block_count;
   summary->data_count = out->globals.data_count;
+  summary->line_count = out->lines.count;
   return kPdbOk;
 }

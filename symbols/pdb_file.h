@@ -6,6 +6,7 @@
 #include "symbols/pdb_dbi.h"
 #include "symbols/pdb_globals.h"
 #include "symbols/pdb_info.h"
+#include "symbols/pdb_lines.h"
 #include "symbols/pdb_names.h"
 #include "symbols/pdb_scopes.h"
 
@@ -18,6 +19,7 @@ typedef struct PdbFile {
   PdbGlobals globals;
   PdbModuleList modules;
   PdbScopes scopes;
+  PdbLines lines;
 } PdbFile;
 
 // The counts that the module list and the status line show.

@@ -1,0 +1,271 @@
+#include "symbols/pdb_lines.h"
+
+#include <string.h>
+
+#include "symbols/pdb_alloc.h"
+#include "symbols/pdb_error.h"
+#include "symbols/pdb_raw.h"
+
+enum : u32 {
+  kSubsectionHeaderBytes = 8,
+  kLinesHeaderBytes = 12,  // start offset, section, flags, code size
+  kBlockHeaderBytes = 12,  // file id, line count, block size
+  kLineBytes = 8,
+  kColumnBytes = 4,
+  kLineNumberMask = 0xFFFFFF,
+};
+
+static const u32 kFnvBasis = 0x811C9DC5u;
+static const u32 kFnvPrime = 16777619u;
+
+u32 PdbSourceFileHash(const char *path, u64 length) {
+  u32 hash = kFnvBasis;
+  for (u64 i = 0; i < length; i++) {
+    char c = path[i];
+    if (c >= 'A' && c <= 'Z') c = (char)(c - 'A' + 'a');
+    if (c == '/') c = '\\';
+    hash ^= (u32)(s32)(s8)c;
+    hash *= kFnvPrime;
+  }
+  return hash;
+}
+
+static u32 SourceFileSlot(u32 hash, u32 capacity) {
+  u64 x = (u64)hash * 0xFF51AFD7ED558CCDull;
+  x ^= x >> 32;
+  return (u32)(x % capacity);
+}
+
+static void InsertSourceFile(PdbSourceFileTable *files, const char *name, u32 name_offset) {
+  if (!files->capacity || files->used >= files->capacity) return;
+  u32 hash = PdbSourceFileHash(name, strlen(name));
+  for (u32 slot = SourceFileSlot(hash, files->capacity);; slot = (slot + 1) % files->capacity) {
+    if (files->name_hashes[slot] == hash) return;  // the same path, perhaps spelled otherwise
+    if (files->name_hashes[slot] == 0) {
+      files->name_hashes[slot] = hash;
+      files->name_offsets[slot] = name_offset;
+      files->used++;
+      return;
+    }
+  }
+}
+
+u32 PdbFindSourceFile(const PdbSourceFileTable *files, const char *path) {
+  if (!files->capacity) return 0;
+  u32 hash = PdbSourceFileHash(path, strlen(path));
+  u32 slot = SourceFileSlot(hash, files->capacity);
+  for (u32 probes = 0; probes < files->capacity; probes++, slot = (slot + 1) % files->capacity) {
+    if (files->name_hashes[slot] == hash) return (u32)files->name_offsets[slot];
+    if (files->name_hashes[slot] == 0) return 0;
+  }
+  return 0;
+}
+
+u32 PdbLineFileOffset(const PdbLineEntry *entry) { return entry->file ? ReadU32(entry->file) : 0; }
+
+// Walks the subsections of one module's C13 area: calls visit(kind, payload, size) for each one
+// whose declared length fits. Subsections start 4-aligned.
+template <typename Visit>
+static void ForEachSubsection(const u8 *c13, u32 bytes, Visit visit) {
+  u64 at = 0;
+  while (at + kSubsectionHeaderBytes <= bytes) {
+    u32 kind = ReadU32(c13 + at), length = ReadU32(c13 + at + 4);
+    at += kSubsectionHeaderBytes;
+    if (length > bytes - at) return;
+    visit(kind, c13 + at, length);
+    at = AlignUp(at + length, 4);
+  }
+}
+
+// Calls visit(file_id, line_count, lines) for every block of a lines subsection that fits.
+template <typename Visit>
+static void ForEachBlock(const u8 *payload, u32 size, Visit visit) {
+  if (size <= kLinesHeaderBytes) return;
+  bool columns = (ReadU16(payload + 6) & kC13LinesHaveColumns) != 0;
+  u64 at = kLinesHeaderBytes;
+  while (at + kBlockHeaderBytes <= size) {
+    u32 file_id = ReadU32(payload + at), count = ReadU32(payload + at + 4), block_bytes = ReadU32(payload + at + 8);
+    if (block_bytes < kBlockHeaderBytes || block_bytes > size - at) return;
+    u64 needed = kBlockHeaderBytes + (u64)count * (kLineBytes + (columns ? kColumnBytes : 0));
+    if (needed > block_bytes) return;
+    visit(file_id, count, payload + at + kBlockHeaderBytes);
+    at += block_bytes;
+  }
+}
+
+static u64 CountLines(const PdbModuleSymbols *module) {
+  u64 total = 0;
+  ForEachSubsection(module->c13, module->c13_bytes, [&](u32 kind, const u8 *payload, u32 size) {
+    if (kind != kC13Lines) return;
+    ForEachBlock(payload, size, [&](u32, u32 count, const u8 *) { total += count; });
+  });
+  return total;
+}
+
+struct LineFill {
+  PdbLineEntry *entries;
+  u64 capacity;
+  u64 count;
+  PdbSourceFileTable *files;
+  const PdbStringTable *strings;
+};
+
+static void LoadModuleLines(const PdbModuleSymbols *module, const PdbStringTable *strings, LineFill *fill) {
+  const u8 *checksums = nullptr;
+  u32 checksum_bytes = 0;
+  ForEachSubsection(module->c13, module->c13_bytes, [&](u32 kind, const u8 *payload, u32 size) {
+    if (kind == kC13FileChecksums && !checksums) {
+      checksums = payload;
+      checksum_bytes = size;
+    }
+  });
+  u32 previous_name = 0;
+  bool have_previous_name = false;
+  ForEachSubsection(module->c13, module->c13_bytes, [&](u32 kind, const u8 *payload, u32 size) {
+    if (kind != kC13Lines) return;
+    u32 start = ReadU32(payload), section = ReadU16(payload + 4), code_size = ReadU32(payload + 8);
+    ForEachBlock(payload, size, [&](u32 file_id, u32 count, const u8 *lines) {
+      const u8 *file = nullptr;
+      // The record's fixed part must lie inside the payload for its name offset to be read.
+      if (checksums && file_id < checksum_bytes && checksum_bytes - file_id >= kC13ChecksumHeaderBytes) {
+        file = checksums + file_id;
+        u32 name = ReadU32(file);
+        if (!have_previous_name || name != previous_name)
+          InsertSourceFile(fill->files, PdbStringAt(strings, name), name);
+        previous_name = name;
+        have_previous_name = true;
+      }
+      u64 block_first = fill->count;
+      for (u32 i = 0; i < count && fill->count < fill->capacity; i++) {
+        u32 address = start + ReadU32(lines + (u64)i * kLineBytes);
+        u32 number = ReadU32(lines + (u64)i * kLineBytes + 4) & kLineNumberMask;
+        if (fill->count > block_first) {
+          PdbLineEntry *previous = &fill->entries[fill->count - 1];
+          if (previous->offset == address) {
+            previous->line = number;  // the later line at one address wins
+            continue;
+          }
+          if (previous->line == number) continue;  // the same line goes on
+          previous->length = address - previous->offset;
+        }
+        PdbLineEntry *entry = &fill->entries[fill->count++];
+        entry->file = file;
+        entry->line = number;
+        entry->section = section;
+        entry->offset = address;
+        entry->length = 0;
+      }
+      if (fill->count > block_first) {
+        PdbLineEntry *last = &fill->entries[fill->count - 1];
+        last->length = start + code_size - last->offset;
+      }
+    });
+  });
+}
+
+static bool ByAddress(const PdbLineEntry &x, const PdbLineEntry &y) {
+  return x.section != y.section ? x.section < y.section : x.offset < y.offset;
+}
+
+static bool ByFileLine(const PdbLineEntry &x, const PdbLineEntry &y) {
+  u32 fx = PdbLineFileOffset(&x), fy = PdbLineFileOffset(&y);
+  return fx != fy ? fx < fy : x.line < y.line;
+}
+
+// Stable merge sort through a scratch buffer; entries mostly arrive in address order already.
+template <typename Before>
+static bool SortEntries(PdbLineEntry *items, u32 count, Before before) {
+  bool sorted = true;
+  for (u32 i = 1; i < count && sorted; i++) sorted = !before(items[i], items[i - 1]);
+  if (sorted) return true;
+  ScratchBegin();
+  PdbLineEntry *buffer = (PdbLineEntry *)ScratchAllocate((u64)count * sizeof(PdbLineEntry));
+  if (buffer) {
+    PdbLineEntry *from = items, *to = buffer;
+    for (u32 width = 1; width < count; width *= 2) {
+      for (u32 lo = 0; lo < count; lo += 2 * width) {
+        u32 mid = (u32)MinU64((u64)lo + width, count), hi = (u32)MinU64((u64)lo + 2 * width, count);
+        u32 i = lo, j = mid, k = lo;
+        while (i < mid && j < hi) to[k++] = before(from[j], from[i]) ? from[j++] : from[i++];
+        while (i < mid) to[k++] = from[i++];
+        while (j < hi) to[k++] = from[j++];
+      }
+      PdbLineEntry *swap = from;
+      from = to;
+      to = swap;
+    }
+    if (from != items) memcpy(items, from, (u64)count * sizeof(PdbLineEntry));
+  }
+  ScratchEnd();
+  return buffer != nullptr;
+}
+
+int PdbLoadLines(SymbolArena *arena, const PdbScopes *scopes, const PdbStringTable *strings,
+                 PdbSourceFileTable *files, PdbLines *out) {
+  memset(out, 0, sizeof(*out));
+  u64 total = 0;
+  for (u32 m = 0; m < scopes->module_count; m++) total += CountLines(&scopes->modules[m]);
+  if (!total) return kPdbOk;
+  if (total > 0xFFFFFFFFull / 2) return kPdbUnreadable;
+  LineFill fill = {};
+  fill.entries = (PdbLineEntry *)PdbAllocate(arena, total * sizeof(PdbLineEntry));
+  if (!fill.entries) return kPdbUnreadable;
+  fill.capacity = total;
+  fill.files = files;
+  fill.strings = strings;
+  for (u32 m = 0; m < scopes->module_count; m++) LoadModuleLines(&scopes->modules[m], strings, &fill);
+
+  u32 count = (u32)fill.count;
+  PdbLineEntry *by_address = (PdbLineEntry *)PdbAllocate(arena, (u64)count * sizeof(PdbLineEntry));
+  if (!by_address) return kPdbUnreadable;
+  memcpy(by_address, fill.entries, (u64)count * sizeof(PdbLineEntry));
+  if (!SortEntries(fill.entries, count, ByFileLine) || !SortEntries(by_address, count, ByAddress))
+    return kPdbUnreadable;
+  out->by_file = fill.entries;
+  out->by_address = by_address;
+  out->count = count;
+  return kPdbOk;
+}
+
+const PdbLineEntry *PdbLineAtAddress(const PdbLines *lines, u32 section, u32 offset) {
+  u32 lo = 0, hi = lines->count;
+  while (lo < hi) {
+    u32 mid = lo + (hi - lo) / 2;
+    const PdbLineEntry *e = &lines->by_address[mid];
+    // The end test is made whatever the entry's section, so that ranges ending at or before the
+    // key offset in a later section still move the search up.
+    if (e->section < section || (u64)e->offset + e->length <= offset)
+      lo = mid + 1;
+    else if (e->section == section && e->offset <= offset)
+      return e;
+    else
+      hi = mid;
+  }
+  return nullptr;
+}
+
+static const PdbLineEntry *FindFileLine(const PdbLines *lines, u32 file_offset, u32 line) {
+  u32 lo = 0, hi = lines->count;
+  while (lo < hi) {
+    u32 mid = lo + (hi - lo) / 2;
+    const PdbLineEntry *e = &lines->by_file[mid];
+    u32 f = PdbLineFileOffset(e);
+    if (f < file_offset || (f == file_offset && e->line < line))
+      lo = mid + 1;
+    else if (f == file_offset && e->line == line)
+      return e;
+    else
+      hi = mid;
+  }
+  return nullptr;
+}
+
+const PdbLineEntry *PdbAddressOfLine(const PdbLines *lines, u32 file_offset, u32 line) {
+  if (!file_offset) return nullptr;
+  for (u32 i = 0; i < 10; i++) {
+    if ((u64)line + i > kLineNumberMask) break;
+    const PdbLineEntry *e = FindFileLine(lines, file_offset, line + i);
+    if (e) return e;
+  }
+  return nullptr;
+}

@@ -1,0 +1,51 @@
+// Line tables: the C13 file-checksum and lines subsections of every module, merged into one array
+// of line entries kept in two sorted orders (by section and address; by file and line), and the
+// source-file table keyed by the normalised path hash.
+#pragma once
+#include "base/arena.h"
+#include "symbols/pdb_names.h"
+#include "symbols/pdb_scopes.h"
+
+enum : u32 {
+  kC13Lines = 0xF2,
+  kC13FileChecksums = 0xF4,
+  kC13LinesHaveColumns = 1,
+  kC13ChecksumHeaderBytes = 6,  // name offset, checksum size, checksum kind
+};
+
+typedef struct PdbLineEntry {
+  const u8 *file;  // the file's checksum record; null when the block's file id was out of range
+  u32 line;
+  u32 section;
+  u32 offset;  // within the section
+  u32 length;  // bytes of code the line covers
+} PdbLineEntry;
+static_assert(sizeof(PdbLineEntry) == 24, "line entry");
+
+typedef struct PdbLines {
+  PdbLineEntry *by_address;  // by section, then offset
+  PdbLineEntry *by_file;     // by file name offset, then line
+  u32 count;
+  u32 padding;
+} PdbLines;
+
+// Reads every module's C13 area. Malformed subsections and blocks are skipped; 0, or
+// kPdbUnreadable when memory is refused.
+int PdbLoadLines(SymbolArena *arena, const PdbScopes *scopes, const PdbStringTable *strings,
+                 PdbSourceFileTable *files, PdbLines *out);
+
+// The source-file name hash: FNV-1a over the lower-cased bytes with '/' read as '\'.
+u32 PdbSourceFileHash(const char *path, u64 length);
+
+// The file key (name offset in the "/names" buffer) of a user's path, or 0 when this PDB has no
+// such file. Only hashes are compared.
+u32 PdbFindSourceFile(const PdbSourceFileTable *files, const char *path);
+
+// Name offset of the entry's file, 0 when it has none.
+u32 PdbLineFileOffset(const PdbLineEntry *entry);
+
+// The entry covering (section, offset), or null.
+const PdbLineEntry *PdbLineAtAddress(const PdbLines *lines, u32 section, u32 offset);
+
+// The first of lines line..line+9 of the file that has code, or null.
+const PdbLineEntry *PdbAddressOfLine(const PdbLines *lines, u32 file_offset, u32 line);
