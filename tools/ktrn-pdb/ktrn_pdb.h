@@ -25,3 +25,7 @@ int CommandInfo(int argc, char **argv);
 int CommandProcs(int argc, char **argv);
 int CommandGlobals(int argc, char **argv);
 int CommandFind(int argc, char **argv);
+
+// Line commands (line_commands.cpp).
+int CommandLines(int argc, char **argv);
+int CommandLineToAddress(int argc, char **argv);

@@ -20,11 +20,13 @@ static const Command kCommands[] = {
     {"procs", "FILE.pdb", 1, CommandProcs, "procedures by address: SSSS:OOOOOOOO LLLLLLLL name"},
     {"globals", "FILE.pdb", 1, CommandGlobals, "data globals: SSSS:OOOOOOOO TTTTTTTT name"},
     {"find", "FILE.pdb NAME", 2, CommandFind, "procedures and data globals of that name"},
+    {"lines", "FILE.pdb", 1, CommandLines, "line entries by address: SSSS:OOOOOOOO LLLLLLLL line path"},
+    {"line2addr", "FILE.pdb PATH LINE", 3, CommandLineToAddress, "first line with code from LINE: SSSS:OOOOOOOO line"},
 };
 
 static void Usage(FILE *to) {
   fprintf(to, "usage: ktrn-pdb COMMAND ARGS...\n");
-  for (const Command &c : kCommands) fprintf(to, "  ktrn-pdb %-7s %-15s %s\n", c.name, c.arguments, c.help);
+  for (const Command &c : kCommands) fprintf(to, "  ktrn-pdb %-9s %-18s %s\n", c.name, c.arguments, c.help);
 }
 
 const char *PdbErrorText(int status) {

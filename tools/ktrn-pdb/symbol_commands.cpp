@@ -30,6 +30,8 @@ int CommandInfo(int argc, char **argv) {
     printf("modules: %u\n", l.summary.module_count);
     printf("procedures: %u\n", l.summary.procedure_count);
     printf("blocks: %u\n", l.summary.block_count);
+    printf("lines: %u\n", l.summary.line_count);
+    printf("source_files: %u\n", l.pdb.source_files.used);
     printf("globals: %u\n", g.data_count);
     printf("constants: %u\n", g.constant_count);
     printf("udts: %u\n", g.udt_count);

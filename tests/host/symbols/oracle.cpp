@@ -122,3 +122,94 @@ std::string DescribeDifference(const std::vector<std::string> &ours, const std::
   }
   return text;
 }
+
+// One block of `dump -l`: "  SSSS:START-END, line/addr entries = N" under a file line, then
+// "LINE ADDRESS [!]" triples. The raw line records become line entries as the reader merges them:
+// a line at the address of the previous entry replaces its number, a repeated number extends it,
+// and the last entry runs to the end of the subsection.
+static void AddBlock(const std::string &path, unsigned section, unsigned end,
+                     const std::vector<std::pair<uint32_t, uint32_t>> &raw, std::vector<std::string> *out) {
+  struct Entry {
+    uint32_t line, offset, length;
+  };
+  std::vector<Entry> entries;
+  for (auto &[line, address] : raw) {
+    if (!entries.empty()) {
+      Entry &previous = entries.back();
+      if (previous.offset == address) {
+        previous.line = line;
+        continue;
+      }
+      if (previous.line == line) continue;
+      previous.length = address - previous.offset;
+    }
+    entries.push_back({line, address, 0});
+  }
+  if (!entries.empty()) entries.back().length = end - entries.back().offset;
+  char text[64];
+  for (const Entry &e : entries) {
+    snprintf(text, sizeof(text), "%04X:%08X %08X %u ", section, e.offset, e.length, e.line);
+    out->push_back(text + path);
+  }
+}
+
+LineDump RunLineOracle(const std::string &pdb_path) {
+  LineDump dump;
+  CommandResult run = RunCommand("llvm-pdbutil-14 dump -l " + Quote(pdb_path) + " 2>&1");
+  if (run.exit_status != 0) {
+    dump.failure = "llvm-pdbutil exit status " + std::to_string(run.exit_status);
+    return dump;
+  }
+  std::string path;
+  bool stale = false;  // llvm-pdbutil repeats an earlier module's lines for modules without any
+  bool in_block = false;
+  unsigned section = 0, start = 0, end = 0, count = 0;
+  std::vector<std::pair<uint32_t, uint32_t>> raw;
+  auto flush = [&] {
+    if (in_block && !stale) AddBlock(path, section, end, raw, &dump.lines);
+    in_block = false;
+    raw.clear();
+  };
+  for (const std::string &line : SplitLines(run.output)) {
+    std::string trimmed = Trim(line);
+    if (trimmed.rfind("Error", 0) == 0 || trimmed.rfind("llvm-pdbutil:", 0) == 0) {
+      dump.failure = "llvm-pdbutil: " + trimmed;
+      return dump;
+    }
+    if (trimmed.empty() || trimmed.rfind("Mod ", 0) == 0) {
+      flush();
+      continue;
+    }
+    unsigned s = 0, b = 0, e = 0, n = 0;
+    if (trimmed.find("line/addr entries") != std::string::npos &&
+        sscanf(trimmed.c_str(), "%x:%x-%x, line/addr entries = %u", &s, &b, &e, &n) == 4) {
+      flush();
+      section = s, start = b, end = e, count = n;
+      in_block = true;
+      continue;
+    }
+    if (in_block) {
+      const char *p = trimmed.c_str();
+      unsigned number, address;
+      int used;
+      while (sscanf(p, "%u %x%n", &number, &address, &used) == 2) {
+        raw.push_back({number, address});
+        p += used;
+        while (*p == ' ' || *p == '!') p++;
+      }
+      continue;
+    }
+    if (trimmed.rfind("(unknown file name offset", 0) == 0) {
+      stale = true;
+      continue;
+    }
+    size_t paren = trimmed.rfind(" (");
+    if (paren != std::string::npos && trimmed.back() == ')') {
+      path = trimmed.substr(0, paren);
+      stale = false;
+    }
+  }
+  flush();
+  dump.ok = true;
+  return dump;
+}

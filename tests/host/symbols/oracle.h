@@ -20,6 +20,15 @@ struct OracleDump {
 };
 OracleDump RunOracle(const std::string &pdb_path);
 
+// `llvm-pdbutil dump -l` turned into ktrn-pdb's `lines` form ("SSSS:OOOOOOOO LLLLLLLL line path"),
+// in the order llvm-pdbutil prints them.
+struct LineDump {
+  bool ok = false;
+  std::string failure;
+  std::vector<std::string> lines;
+};
+LineDump RunLineOracle(const std::string &pdb_path);
+
 std::vector<std::string> SplitLines(const std::string &text);
 
 // Compares two lists and describes the first differences (empty when equal).

@@ -30,6 +30,22 @@ std::vector<std::string> ToolLines(const std::string &command, const std::string
   return SplitLines(r.output);
 }
 
+// Line entries: ours come by section and offset; llvm-pdbutil prints them module by module, so
+// both sides are compared sorted.
+void ExpectLinesAgree(const std::string &pdb) {
+  LineDump oracle = RunLineOracle(pdb);
+  ASSERT_TRUE(oracle.ok) << oracle.failure;
+  int status = 0;
+  std::vector<std::string> lines = ToolLines("lines", pdb, &status);
+  ASSERT_EQ(status, 0);
+  EXPECT_TRUE(std::is_sorted(lines.begin(), lines.end(), [](const std::string &a, const std::string &b) {
+    return a.compare(0, 13, b, 0, 13) < 0;
+  })) << "line entries by section and offset";
+  std::sort(lines.begin(), lines.end());
+  std::sort(oracle.lines.begin(), oracle.lines.end());
+  EXPECT_EQ(DescribeDifference(lines, oracle.lines), "");
+}
+
 // Procedures: ours come by address; procedures at the same address may come in any order, so
 // both sides are compared sorted. Globals: exactly, in the order of the hash records.
 void ExpectAgreesWithOracle(const std::string &pdb) {
@@ -48,6 +64,7 @@ void ExpectAgreesWithOracle(const std::string &pdb) {
   std::vector<std::string> globals = ToolLines("globals", pdb, &status);
   ASSERT_EQ(status, 0);
   EXPECT_EQ(DescribeDifference(globals, oracle.globals), "");
+  ExpectLinesAgree(pdb);
 }
 
 std::string TargetPdb(const char *name) { return kTargetsDir + "/" + name + ".pdb"; }
@@ -224,6 +241,8 @@ TEST(KtrnPdbTool, InfoMatchesTheLoadedFile) {
       "modules: " + std::to_string(loaded.summary.module_count),
       "procedures: " + std::to_string(loaded.summary.procedure_count),
       "blocks: " + std::to_string(loaded.summary.block_count),
+      "lines: " + std::to_string(loaded.summary.line_count),
+      "source_files: " + std::to_string(loaded.pdb.source_files.used),
       "globals: " + std::to_string(g.data_count),
       "constants: " + std::to_string(g.constant_count),
       "udts: " + std::to_string(g.udt_count),
