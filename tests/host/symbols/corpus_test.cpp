@@ -1,6 +1,6 @@
 // Real PDBs made by many compilers: each file loads or fails with a PdbError, never crashes or
-// hangs; what loads agrees with llvm-pdbutil. Files that llvm-pdbutil itself cannot dump are
-// listed in the test output and only have to load without harm.
+// hangs; what loads agrees with llvm-pdbutil (procedures, globals and line entries). Files that
+// llvm-pdbutil itself cannot dump are listed in the test output and only have to load without harm.
 #include <dirent.h>
 #include <gtest/gtest.h>
 
@@ -90,6 +90,12 @@ TEST(PdbCorpus, LoadedFilesAgreeWithLlvmPdbutil) {
     std::sort(oracle.procedures.begin(), oracle.procedures.end());
     EXPECT_EQ(DescribeDifference(procs, oracle.procedures), "");
     EXPECT_EQ(DescribeDifference(Tool("globals", path), oracle.globals), "");
+    LineDump line_oracle = RunLineOracle(path);
+    EXPECT_TRUE(line_oracle.ok) << line_oracle.failure;
+    std::vector<std::string> lines = Tool("lines", path);
+    std::sort(lines.begin(), lines.end());
+    std::sort(line_oracle.lines.begin(), line_oracle.lines.end());
+    EXPECT_EQ(DescribeDifference(lines, line_oracle.lines), "");
     compared++;
   }
   printf("  compared with llvm-pdbutil: %d files; llvm-pdbutil failed on %d\n", compared, oracle_failed);

@@ -163,7 +163,7 @@ LineDump RunLineOracle(const std::string &pdb_path) {
   std::string path;
   bool stale = false;  // llvm-pdbutil repeats an earlier module's lines for modules without any
   bool in_block = false;
-  unsigned section = 0, start = 0, end = 0, count = 0;
+  unsigned section = 0, end = 0;
   std::vector<std::pair<uint32_t, uint32_t>> raw;
   auto flush = [&] {
     if (in_block && !stale) AddBlock(path, section, end, raw, &dump.lines);
@@ -180,19 +180,22 @@ LineDump RunLineOracle(const std::string &pdb_path) {
       flush();
       continue;
     }
-    unsigned s = 0, b = 0, e = 0, n = 0;
-    if (trimmed.find("line/addr entries") != std::string::npos &&
-        sscanf(trimmed.c_str(), "%x:%x-%x, line/addr entries = %u", &s, &b, &e, &n) == 4) {
+    unsigned s = 0, b = 0, e = 0;
+    if (trimmed.find(" entries = ") != std::string::npos && sscanf(trimmed.c_str(), "%x:%x-%x, ", &s, &b, &e) == 3) {
       flush();
-      section = s, start = b, end = e, count = n;
+      section = s, end = e;
       in_block = true;
       continue;
     }
     if (in_block) {
+      // Pairs "LINE ADDRESS", with "!" after statements; the two special line numbers are printed
+      // as ASI (always step into, 0xFEEFEE) and NSI (never step into, 0xF00F00).
       const char *p = trimmed.c_str();
-      unsigned number, address;
+      char word[16];
+      unsigned address;
       int used;
-      while (sscanf(p, "%u %x%n", &number, &address, &used) == 2) {
+      while (sscanf(p, "%15s %x%n", word, &address, &used) == 2) {
+        uint32_t number = strcmp(word, "ASI") == 0 ? 0xFEEFEE : strcmp(word, "NSI") == 0 ? 0xF00F00 : (uint32_t)atoi(word);
         raw.push_back({number, address});
         p += used;
         while (*p == ' ' || *p == '!') p++;

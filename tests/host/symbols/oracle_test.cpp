@@ -6,6 +6,8 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <map>
+#include <set>
 
 #include "oracle.h"
 #include "symbols/pdb_error.h"
@@ -253,4 +255,56 @@ TEST(KtrnPdbTool, InfoMatchesTheLoadedFile) {
   for (size_t i = 0; i < expected.size(); i++) EXPECT_EQ(lines[i], expected[i]);
   EXPECT_EQ(lines[expected.size()].rfind("arena_bytes: ", 0), 0u);
   EXPECT_EQ(lines[expected.size() + 1].rfind("load_ms: ", 0), 0u);
+}
+
+// For every file of the line tables and every line from 1 to one past its last line with code,
+// the file-and-line search lands on the first line with code among the next ten (llvm-pdbutil's
+// entries decide which lines have code, and where); ktrn-pdb line2addr prints the same for a few.
+TEST(OracleTargets, LineToAddressFindsTheNextLineWithCode) {
+  ASSERT_FALSE(kTargetsDir.empty());
+  for (std::string pdb : {TargetPdb("sym_c"), TargetPdb("sym_cpp")}) {
+    SCOPED_TRACE(pdb);
+    LineDump oracle = RunLineOracle(pdb);
+    ASSERT_TRUE(oracle.ok) << oracle.failure;
+    // path -> line -> the "SSSS:OOOOOOOO" of each entry of that line
+    std::map<std::string, std::map<unsigned, std::set<std::string>>> code;
+    for (const std::string &line : oracle.lines) {
+      unsigned number = 0;
+      int path_at = 0;
+      ASSERT_EQ(sscanf(line.c_str() + 23, "%u %n", &number, &path_at), 1) << line;
+      code[line.substr(23 + path_at)][number].insert(line.substr(0, 13));
+    }
+    ASSERT_GE(code.size(), 2u);
+    InProcess loaded(pdb);
+    ASSERT_EQ(loaded.status, kPdbOk);
+    int tool_checks = 0;
+    for (auto &[path, lines] : code) {
+      u32 file = PdbFindSourceFile(&loaded.pdb.source_files, path.c_str());
+      ASSERT_NE(file, 0u) << path;
+      unsigned last = lines.rbegin()->first;
+      for (unsigned wanted = 1; wanted <= last + 1; wanted++) {
+        auto next = lines.lower_bound(wanted);
+        bool expect_found = next != lines.end() && next->first <= wanted + 9;
+        const PdbLineEntry *e = PdbAddressOfLine(&loaded.pdb.lines, file, wanted);
+        ASSERT_EQ(e != nullptr, expect_found) << path << ":" << wanted;
+        std::string expected = "none";
+        if (e) {
+          char at[32];
+          snprintf(at, sizeof(at), "%04X:%08X", e->section, e->offset);
+          EXPECT_EQ(e->line, next->first) << path << ":" << wanted;
+          EXPECT_TRUE(next->second.count(at)) << path << ":" << wanted << " at " << at;
+          expected = std::string(at) + " " + std::to_string(e->line);
+        }
+        if (wanted % 7 == 0 && tool_checks < 12) {
+          tool_checks++;
+          std::string command = Quote(kTool) + " line2addr " + Quote(pdb) + " " + Quote(path) + " " +
+                                std::to_string(wanted);
+          CommandResult r = RunCommand(command);
+          EXPECT_EQ(SplitLines(r.output), std::vector<std::string>{expected}) << command;
+          EXPECT_EQ(r.exit_status, e ? 0 : 1) << command;
+        }
+      }
+    }
+    EXPECT_GT(tool_checks, 4);
+  }
 }
