@@ -122,7 +122,7 @@ static void LoadModuleLines(const PdbModuleSymbols *module, const PdbStringTable
   u32 previous_name = 0;
   bool have_previous_name = false;
   ForEachSubsection(module->c13, module->c13_bytes, [&](u32 kind, const u8 *payload, u32 size) {
-    if (kind != kC13Lines) return;
+    if (kind != kC13Lines || size <= kLinesHeaderBytes) return;
     u32 start = ReadU32(payload), section = ReadU16(payload + 4), code_size = ReadU32(payload + 8);
     ForEachBlock(payload, size, [&](u32 file_id, u32 count, const u8 *lines) {
       const u8 *file = nullptr;

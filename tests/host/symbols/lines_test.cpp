@@ -206,6 +206,7 @@ TEST(PdbLines, MalformedAreasLoadWhatFits) {
       {"file id beyond the checksums", Join({Checksums({kA}), Lines(0, 1, 4, {{24, {{0, 5}}}})}), 1, false},
       {"no checksums at all", good, 1, false},
       {"checksum record cut short", Join({short_checksums, good}), 1, false},
+      {"lines subsection no longer than its header", Join({Checksums({kA}), Subsection(0xF2, Bytes(12, 1))}), 0, false},
       {"area cut inside a header", Bytes(good.begin(), good.begin() + 6), 0, false},
   };
   for (auto &c : cases) {

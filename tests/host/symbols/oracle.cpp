@@ -195,7 +195,9 @@ LineDump RunLineOracle(const std::string &pdb_path) {
       unsigned address;
       int used;
       while (sscanf(p, "%15s %x%n", word, &address, &used) == 2) {
-        uint32_t number = strcmp(word, "ASI") == 0 ? 0xFEEFEE : strcmp(word, "NSI") == 0 ? 0xF00F00 : (uint32_t)atoi(word);
+        uint32_t number = strcmp(word, "ASI") == 0   ? 0xFEEFEE
+                          : strcmp(word, "NSI") == 0 ? 0xF00F00
+                                                     : (uint32_t)atoi(word);
         raw.push_back({number, address});
         p += used;
         while (*p == ' ' || *p == '!') p++;
