@@ -126,8 +126,10 @@ static void LoadModuleLines(const PdbModuleSymbols *module, const PdbStringTable
     u32 start = ReadU32(payload), section = ReadU16(payload + 4), code_size = ReadU32(payload + 8);
     ForEachBlock(payload, size, [&](u32 file_id, u32 count, const u8 *lines) {
       const u8 *file = nullptr;
-      // The record's fixed part must lie inside the payload for its name offset to be read.
-      if (checksums && file_id < checksum_bytes && checksum_bytes - file_id >= kC13ChecksumHeaderBytes) {
+      // The whole record (fixed part and checksum bytes) must lie inside the payload, so that
+      // the name offset and the checksum can be read from the entry alone.
+      if (checksums && file_id < checksum_bytes && checksum_bytes - file_id >= kC13ChecksumHeaderBytes &&
+          checksum_bytes - file_id - kC13ChecksumHeaderBytes >= checksums[file_id + 4]) {
         file = checksums + file_id;
         u32 name = ReadU32(file);
         if (!have_previous_name || name != previous_name)

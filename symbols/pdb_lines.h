@@ -14,7 +14,8 @@ enum : u32 {
 };
 
 typedef struct PdbLineEntry {
-  const u8 *file;  // the file's checksum record; null when the block's file id was out of range
+  const u8 *file;  // the file's checksum record, checksum bytes included; null when the block's
+                   //   file id was out of range or its record ran past the payload
   u32 line;
   u32 section;
   u32 offset;  // within the section
