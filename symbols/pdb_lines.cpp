@@ -165,41 +165,55 @@ static void LoadModuleLines(const PdbModuleSymbols *module, const PdbStringTable
   });
 }
 
-static bool ByAddress(const PdbLineEntry &x, const PdbLineEntry &y) {
-  return x.section != y.section ? x.section < y.section : x.offset < y.offset;
-}
+static u64 AddressKey(const PdbLineEntry &e) { return (u64)e.section << 32 | e.offset; }
+static u64 FileLineKey(const PdbLineEntry &e) { return (u64)PdbLineFileOffset(&e) << 32 | e.line; }
 
-static bool ByFileLine(const PdbLineEntry &x, const PdbLineEntry &y) {
-  u32 fx = PdbLineFileOffset(&x), fy = PdbLineFileOffset(&y);
-  return fx != fy ? fx < fy : x.line < y.line;
-}
+struct KeyedIndex {
+  u64 key;
+  u64 index;
+};
 
-// Stable merge sort through a scratch buffer; entries mostly arrive in address order already.
-template <typename Before>
-static bool SortEntries(PdbLineEntry *items, u32 count, Before before) {
+// Stable LSD radix sort on a 64-bit key, 16 bits a pass, through (key, index) pairs so that the
+// passes never touch the entries (reading a file key goes through a pointer); passes over a digit
+// that is the same in every key are skipped. Entries that arrive sorted are left as they are.
+template <typename Key>
+static bool SortEntries(PdbLineEntry *items, u32 count, Key key_of) {
   bool sorted = true;
-  for (u32 i = 1; i < count && sorted; i++) sorted = !before(items[i], items[i - 1]);
+  for (u32 i = 1; i < count && sorted; i++) sorted = key_of(items[i - 1]) <= key_of(items[i]);
   if (sorted) return true;
   ScratchBegin();
-  PdbLineEntry *buffer = (PdbLineEntry *)ScratchAllocate((u64)count * sizeof(PdbLineEntry));
-  if (buffer) {
-    PdbLineEntry *from = items, *to = buffer;
-    for (u32 width = 1; width < count; width *= 2) {
-      for (u32 lo = 0; lo < count; lo += 2 * width) {
-        u32 mid = (u32)MinU64((u64)lo + width, count), hi = (u32)MinU64((u64)lo + 2 * width, count);
-        u32 i = lo, j = mid, k = lo;
-        while (i < mid && j < hi) to[k++] = before(from[j], from[i]) ? from[j++] : from[i++];
-        while (i < mid) to[k++] = from[i++];
-        while (j < hi) to[k++] = from[j++];
-      }
-      PdbLineEntry *swap = from;
-      from = to;
-      to = swap;
+  KeyedIndex *a = (KeyedIndex *)ScratchAllocate((u64)count * sizeof(KeyedIndex));
+  KeyedIndex *b = (KeyedIndex *)ScratchAllocate((u64)count * sizeof(KeyedIndex));
+  u32 *counts = (u32 *)ScratchAllocate(65536 * sizeof(u32));
+  PdbLineEntry *copy = (PdbLineEntry *)ScratchAllocate((u64)count * sizeof(PdbLineEntry));
+  bool ok = a && b && counts && copy;
+  if (ok) {
+    u64 all_or = 0, all_and = ~0ull;
+    for (u32 i = 0; i < count; i++) {
+      a[i].key = key_of(items[i]);
+      a[i].index = i;
+      all_or |= a[i].key, all_and &= a[i].key;
     }
-    if (from != items) memcpy(items, from, (u64)count * sizeof(PdbLineEntry));
+    for (int shift = 0; shift < 64; shift += 16) {
+      if (((all_or ^ all_and) >> shift & 0xFFFF) == 0) continue;
+      memset(counts, 0, 65536 * sizeof(u32));
+      for (u32 i = 0; i < count; i++) counts[a[i].key >> shift & 0xFFFF]++;
+      u32 sum = 0;
+      for (u32 d = 0; d < 65536; d++) {
+        u32 c = counts[d];
+        counts[d] = sum;
+        sum += c;
+      }
+      for (u32 i = 0; i < count; i++) b[counts[a[i].key >> shift & 0xFFFF]++] = a[i];
+      KeyedIndex *swap = a;
+      a = b;
+      b = swap;
+    }
+    memcpy(copy, items, (u64)count * sizeof(PdbLineEntry));
+    for (u32 i = 0; i < count; i++) items[i] = copy[a[i].index];
   }
   ScratchEnd();
-  return buffer != nullptr;
+  return ok;
 }
 
 int PdbLoadLines(SymbolArena *arena, const PdbScopes *scopes, const PdbStringTable *strings,
@@ -221,7 +235,7 @@ int PdbLoadLines(SymbolArena *arena, const PdbScopes *scopes, const PdbStringTab
   PdbLineEntry *by_address = (PdbLineEntry *)PdbAllocate(arena, (u64)count * sizeof(PdbLineEntry));
   if (!by_address) return kPdbUnreadable;
   memcpy(by_address, fill.entries, (u64)count * sizeof(PdbLineEntry));
-  if (!SortEntries(fill.entries, count, ByFileLine) || !SortEntries(by_address, count, ByAddress))
+  if (!SortEntries(fill.entries, count, FileLineKey) || !SortEntries(by_address, count, AddressKey))
     return kPdbUnreadable;
   out->by_file = fill.entries;
   out->by_address = by_address;
