@@ -1,6 +1,8 @@
 // Times PdbOpen on one PDB beside a plain read of the same file's bytes.
 //   bench_pdb_open load FILE [RUNS]  median PdbOpen time, arena bytes, peak resident memory
 //   bench_pdb_open read FILE [RUNS]  median time to read the whole file once into a buffer
+//   bench_pdb_open lines FILE        one million address-to-line and one million file-and-line
+//                                    queries, beside std::upper_bound over the same entries
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -69,15 +71,69 @@ static int Read(const char *path, int runs) {
   return 0;
 }
 
+// Address keys are drawn inside random line entries (with a tenth shifted past all code), line
+// keys from random entries' files with a line up to 12 below theirs, so that the ten-line search
+// walks as it does for breakpoints.
+static int Lines(const char *path) {
+  SymbolArena arena = {};
+  PdbFile pdb;
+  PdbSummary summary;
+  CodeViewIdentity none = {};
+  if (PdbOpen(&arena, &none, path, true, &pdb, &summary) != 0 || !pdb.lines.count) {
+    fprintf(stderr, "bench_pdb_open: %s: no line entries\n", path);
+    return 1;
+  }
+  const u32 kQueries = 1000000;
+  const PdbLines &lines = pdb.lines;
+  std::vector<u64> keys(kQueries);
+  std::vector<std::pair<u32, u32>> line_keys(kQueries);
+  u64 state = 88172645463325252ull;
+  auto next = [&state] { state ^= state << 13, state ^= state >> 7, state ^= state << 17; return state; };
+  for (u32 i = 0; i < kQueries; i++) {
+    const PdbLineEntry &e = lines.by_address[next() % lines.count];
+    u32 offset = e.offset + (e.length ? (u32)(next() % e.length) : 0);
+    if (i % 10 == 0) offset += 0x40000000;
+    keys[i] = (u64)e.section << 32 | offset;
+    const PdbLineEntry &f = lines.by_file[next() % lines.count];
+    u32 back = (u32)(next() % 13);
+    line_keys[i] = {PdbLineFileOffset(&f), f.line > back ? f.line - back : 1};
+  }
+  u64 found = 0;
+  u64 start = OsTimeMicroseconds();
+  for (u64 key : keys) found += PdbLineAtAddress(&lines, (u32)(key >> 32), (u32)key) != nullptr;
+  double address_ns = (double)(OsTimeMicroseconds() - start) * 1000.0 / kQueries;
+
+  std::vector<u64> starts(lines.count);
+  for (u32 i = 0; i < lines.count; i++)
+    starts[i] = (u64)lines.by_address[i].section << 32 | lines.by_address[i].offset;
+  u64 reference_found = 0;
+  start = OsTimeMicroseconds();
+  for (u64 key : keys) reference_found += std::upper_bound(starts.begin(), starts.end(), key) != starts.begin();
+  double reference_ns = (double)(OsTimeMicroseconds() - start) * 1000.0 / kQueries;
+
+  u64 line_found = 0;
+  start = OsTimeMicroseconds();
+  for (auto &[file, line] : line_keys) line_found += PdbAddressOfLine(&lines, file, line) != nullptr;
+  double line_ns = (double)(OsTimeMicroseconds() - start) * 1000.0 / kQueries;
+  printf("line_entries %u\naddress_to_line_ns %.1f\naddress_found %llu\nreference_upper_bound_ns %.1f\n"
+         "reference_found %llu\nline_to_address_ns %.1f\nline_found %llu\n",
+         lines.count, address_ns, (unsigned long long)found, reference_ns, (unsigned long long)reference_found,
+         line_ns, (unsigned long long)line_found);
+  MsfClose(&pdb.msf);
+  SymbolArenaRelease(&arena);
+  return 0;
+}
+
 int main(int argc, char **argv) {
   if (argc < 3) {
-    fprintf(stderr, "usage: bench_pdb_open load|read FILE [RUNS]\n");
+    fprintf(stderr, "usage: bench_pdb_open load|read|lines FILE [RUNS]\n");
     return 2;
   }
   int runs = argc > 3 ? atoi(argv[3]) : 7;
   if (runs < 1) runs = 1;
   if (strcmp(argv[1], "load") == 0) return Load(argv[2], runs);
   if (strcmp(argv[1], "read") == 0) return Read(argv[2], runs);
+  if (strcmp(argv[1], "lines") == 0) return Lines(argv[2]);
   fprintf(stderr, "bench_pdb_open: unknown mode %s\n", argv[1]);
   return 2;
 }
