@@ -260,7 +260,10 @@ const PdbLineEntry *PdbLineAtAddress(const PdbLines *lines, u32 section, u32 off
   return nullptr;
 }
 
-static const PdbLineEntry *FindFileLine(const PdbLines *lines, u32 file_offset, u32 line) {
+// One search for the first entry at or after (file, line): its line, when it belongs to the file
+// and lies within the ten lines, is the first of them that has code.
+const PdbLineEntry *PdbAddressOfLine(const PdbLines *lines, u32 file_offset, u32 line) {
+  if (!file_offset) return nullptr;
   u32 lo = 0, hi = lines->count;
   while (lo < hi) {
     u32 mid = lo + (hi - lo) / 2;
@@ -268,20 +271,11 @@ static const PdbLineEntry *FindFileLine(const PdbLines *lines, u32 file_offset, 
     u32 f = PdbLineFileOffset(e);
     if (f < file_offset || (f == file_offset && e->line < line))
       lo = mid + 1;
-    else if (f == file_offset && e->line == line)
-      return e;
     else
       hi = mid;
   }
-  return nullptr;
-}
-
-const PdbLineEntry *PdbAddressOfLine(const PdbLines *lines, u32 file_offset, u32 line) {
-  if (!file_offset) return nullptr;
-  for (u32 i = 0; i < 10; i++) {
-    if ((u64)line + i > kLineNumberMask) break;
-    const PdbLineEntry *e = FindFileLine(lines, file_offset, line + i);
-    if (e) return e;
-  }
-  return nullptr;
+  if (lo == lines->count) return nullptr;
+  const PdbLineEntry *e = &lines->by_file[lo];
+  if (PdbLineFileOffset(e) != file_offset || (u64)e->line > (u64)line + 9) return nullptr;
+  return e;
 }
