@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# PdbOpen on synthetic PDBs beside llvm-pdbutil and a plain read of the same file, in one run.
+# PdbOpen on synthetic PDBs beside llvm-pdbutil and a plain read of the same file, in one run;
+# then a million line queries each way beside std::upper_bound over the same entries.
 #   bench/pdb/run.sh [RUNS]
 # Builds bench_pdb_open in build/pdb-release (release, no sanitizers), makes the PDBs with
 # /work/shared/bench/synth-pdb.sh into build/bench-pdb/{small,ref} when they are missing (the
@@ -43,4 +44,12 @@ for name in small ref; do
   awk -v n="$name" -v b="$bytes" -v r="$(value read_ms_median "$read")" -v l="$(value load_ms_median "$load")" \
       -v a="$arena" -v rss="$(value peak_rss_bytes "$load")" -v us="${util% *}" -v um="${util#* }" \
       'BEGIN { printf "| %s | %.1f | %.1f | %.1f | %.1f (%.2fx) | %.1f | %.2f | %.1f |\n", n, b/1048576, r, l, a/1048576, a/b, rss/1048576, us, um/1024 }'
+done
+
+echo
+echo "| PDB | line entries | address to line ns | std::upper_bound over the entry starts ns | line to address ns |"
+echo "|---|---|---|---|---|"
+for name in small ref; do
+  q=$("$build/bin/bench_pdb_open" lines "$out/$name/synth.pdb")
+  echo "| $name | $(value line_entries "$q") | $(value address_to_line_ns "$q") | $(value reference_upper_bound_ns "$q") | $(value line_to_address_ns "$q") |"
 done
