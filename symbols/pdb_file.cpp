@@ -29,6 +29,7 @@ int PdbOpen(SymbolArena *arena, const CodeViewIdentity *expected, const char *pa
   error = PdbLoadModules(arena, msf, &out->dbi, &out->modules);
   if (!error) error = PdbLoadModuleSymbols(arena, msf, &out->modules, &out->scopes);
   if (!error) error = PdbLoadLines(arena, &out->scopes, &out->strings, &out->source_files, &out->lines);
+  if (!error) error = PdbLoadTypes(arena, msf, &out->strings, &out->types);
   MsfClose(msf);
   if (error) return error;
 
@@ -37,5 +38,6 @@ int PdbOpen(SymbolArena *arena, const CodeViewIdentity *expected, const char *pa
   summary->block_count = out->scopes.block_count;
   summary->data_count = out->globals.data_count;
   summary->line_count = out->lines.count;
+  summary->type_count = out->types.count;
   return kPdbOk;
 }

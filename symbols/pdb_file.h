@@ -9,6 +9,7 @@
 #include "symbols/pdb_lines.h"
 #include "symbols/pdb_names.h"
 #include "symbols/pdb_scopes.h"
+#include "symbols/pdb_types.h"
 
 typedef struct PdbFile {
   SymbolArena *arena;  // owns everything below
@@ -20,6 +21,7 @@ typedef struct PdbFile {
   PdbModuleList modules;
   PdbScopes scopes;
   PdbLines lines;
+  PdbTypes types;
 } PdbFile;
 
 // The counts that the module list and the status line show.

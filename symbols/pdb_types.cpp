@@ -1,0 +1,140 @@
+#include "symbols/pdb_types.h"
+
+#include <string.h>
+
+#include "symbols/pdb_alloc.h"
+#include "symbols/pdb_error.h"
+#include "symbols/pdb_raw.h"
+
+u32 PdbNameHashV1(const char *name, u32 length) {
+  const u8 *p = (const u8 *)name;
+  u32 h = 0;
+  u32 words = length / 4;
+  for (u32 i = 0; i < words; i++) h ^= ReadU32(p + 4 * i);
+  p += 4 * words;
+  u32 rest = length % 4;
+  if (rest >= 2) h ^= ReadU16(p), p += 2, rest -= 2;
+  if (rest == 1) h ^= *p;
+  h |= 0x20202020u;
+  h ^= h >> 11;
+  h ^= h >> 16;
+  return h;
+}
+
+const u8 *PdbTypeRecord(const PdbTypes *types, u32 type_index) {
+  if (type_index < types->first_index || type_index - types->first_index >= types->count) return nullptr;
+  u32 offset = types->offsets[type_index - types->first_index];
+  if (offset == kPdbNoTypeRecord || types->record_bytes < 4 || offset > types->record_bytes - 4) return nullptr;
+  if (ReadU16(types->records + offset) + 2u > types->record_bytes - offset) return nullptr;
+  return types->records + offset;
+}
+
+// Moves each adjusted type to the end of its name's bucket, so that a lookup which prefers the
+// last candidate of a bucket finds the type the linker chose.
+static void ApplyHashAdjusters(const u8 *data, u32 size, const PdbStringTable *strings, PdbTypes *types) {
+  if (size < 9) return;
+  u32 at = 8;  // entry count and capacity
+  u32 entry_count = ReadU32(data);
+  for (int vector = 0; vector < 2; vector++) {
+    if (size - at < 4) return;
+    u32 words = ReadU32(data + at);
+    at += 4;
+    if (words > (size - at) / 4) return;
+    at += 4 * words;
+  }
+  if (entry_count > (size - at) / 8) entry_count = (size - at) / 8;
+  for (u32 e = 0; e < entry_count; e++, at += 8) {
+    u32 name_offset = ReadU32(data + at), type_index = ReadU32(data + at + 4);
+    if (name_offset >= strings->buffer_bytes) continue;
+    const char *name = strings->buffer + name_offset;
+    u32 bucket = PdbNameHashV1(name, (u32)strlen(name)) % types->bucket_count;
+    u32 start = (u32)types->buckets[bucket], n = (u32)(types->buckets[bucket] >> 32);
+    for (u32 k = 0; k < n; k++) {
+      if (types->bucket_list[start + k] != type_index) continue;
+      types->bucket_list[start + k] = types->bucket_list[start + n - 1];
+      types->bucket_list[start + n - 1] = type_index;
+      break;
+    }
+  }
+}
+
+static int LoadHashIndex(SymbolArena *arena, const MsfFile *msf, const u8 *header, const PdbStringTable *strings,
+                         PdbTypes *out) {
+  u32 hash_stream = ReadU16(header + 20);
+  u32 bucket_count = ReadU32(header + 28);
+  u32 values_offset = ReadU32(header + 32), values_bytes = ReadU32(header + 36);
+  u32 adjust_offset = ReadU32(header + 48), adjust_bytes = ReadU32(header + 52);
+  if (hash_stream == kPdbNoHashStream || values_bytes / 4 != out->count || bucket_count == 0) return kPdbOk;
+  const MsfStream *stream = MsfStreamAt(msf, hash_stream);
+  u32 stream_size = MsfStreamSize(msf, hash_stream);
+  if (!stream || values_offset > stream_size || values_bytes > stream_size - values_offset) return kPdbOk;
+  if (bucket_count > msf->file_size) return kPdbOk;  // no real table is larger than its file
+
+  u32 *values = (u32 *)PdbAllocate(arena, (u64)out->count * 4);
+  u64 *buckets = (u64 *)PdbAllocate(arena, (u64)bucket_count * 8);
+  u32 *list = (u32 *)PdbAllocate(arena, (u64)out->count * 4);
+  if ((out->count && (!values || !list)) || !buckets) return kPdbOk;
+  int error = MsfReadStream(msf, stream, values, (u64)out->count * 4, values_offset);
+  if (error) return error;
+  memset(buckets, 0, (u64)bucket_count * 8);
+  for (u32 i = 0; i < out->count; i++)
+    if (values[i] < bucket_count) buckets[values[i]] += 1ull << 32;
+  u32 running = 0;
+  for (u32 b = 0; b < bucket_count; b++) {
+    u32 n = (u32)(buckets[b] >> 32);
+    buckets[b] = running;  // start; the count is rebuilt while placing
+    running += n;
+  }
+  for (u32 i = 0; i < out->count; i++) {
+    if (values[i] >= bucket_count) continue;
+    u64 *slot = &buckets[values[i]];
+    list[(u32)*slot + (u32)(*slot >> 32)] = out->first_index + i;
+    *slot += 1ull << 32;
+  }
+  out->bucket_count = bucket_count;
+  out->buckets = buckets;
+  out->bucket_list = list;
+
+  if (adjust_bytes >= 9 && adjust_offset <= stream_size && adjust_bytes <= stream_size - adjust_offset) {
+    u8 *adjusters = (u8 *)PdbAllocate(arena, adjust_bytes);
+    if (!adjusters) return kPdbOk;
+    error = MsfReadStream(msf, stream, adjusters, adjust_bytes, adjust_offset);
+    if (error) return error;
+    ApplyHashAdjusters(adjusters, adjust_bytes, strings, out);
+  }
+  return kPdbOk;
+}
+
+int PdbLoadTypes(SymbolArena *arena, const MsfFile *msf, const PdbStringTable *strings, PdbTypes *out) {
+  memset(out, 0, sizeof(*out));
+  const MsfStream *stream = MsfStreamAt(msf, kPdbTypeStream);
+  u32 size = MsfStreamSize(msf, kPdbTypeStream);
+  if (!stream || size < kTypeStreamHeaderBytes) return kPdbBadFormat;
+  u8 header[kTypeStreamHeaderBytes];
+  int error = MsfReadStream(msf, stream, header, sizeof(header), 0);
+  if (error) return error;
+  u32 first_index = ReadU32(header + 8), end_index = ReadU32(header + 12);
+  u32 record_bytes = size - kTypeStreamHeaderBytes;
+  u8 *records = (u8 *)PdbAllocate(arena, (u64)record_bytes + 8);
+  if (!records) return kPdbUnreadable;
+  error = MsfReadStream(msf, stream, records, record_bytes, kTypeStreamHeaderBytes);
+  if (error) return error;
+  memset(records + record_bytes, 0, 8);
+  out->records = records;
+  out->record_bytes = record_bytes;
+  out->first_index = first_index;
+  // Every record takes at least 4 bytes, so a larger count than the bytes can hold is a lie.
+  u32 count = end_index > first_index ? end_index - first_index : 0;
+  if (count > record_bytes / 4 + 1) count = record_bytes / 4 + 1;
+  u32 *offsets = (u32 *)PdbAllocate(arena, (u64)count * 4 + 4);
+  if (!offsets) return kPdbUnreadable;
+  memset(offsets, 0xFF, (u64)count * 4);
+  u32 at = 0;
+  for (u32 i = 0; i < count && record_bytes >= 2 && at <= record_bytes - 2; i++) {
+    offsets[i] = at;
+    at += ReadU16(records + at) + 2u;
+  }
+  out->count = count;
+  out->offsets = offsets;
+  return LoadHashIndex(arena, msf, header, strings, out);
+}

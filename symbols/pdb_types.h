@@ -1,0 +1,31 @@
+// The type stream: record bytes addressed by type index, and the name-hash index (bucket table
+// and bucket list, with the PDB's hash adjusters applied) that finds types by name.
+#pragma once
+#include "base/arena.h"
+#include "symbols/msf.h"
+#include "symbols/pdb_names.h"
+
+enum : u32 { kPdbTypeStream = 2, kTypeStreamHeaderBytes = 56, kPdbNoHashStream = 0xFFFF,
+              kPdbNoTypeRecord = 0xFFFFFFFF };
+
+typedef struct PdbTypes {
+  const u8 *records;     // everything after the header
+  u32 record_bytes;
+  u32 first_index;       // normally 0x1000; smaller indices are built-in types
+  u32 count;             // end index - first index
+  u32 *offsets;          // count entries, in index order; kPdbNoTypeRecord past the bytes read
+  u32 bucket_count;      // 0 when no hash index was built
+  u64 *buckets;          // per bucket: start in the list (low 32 bits), entry count (high 32 bits)
+  u32 *bucket_list;      // type indices grouped by bucket
+} PdbTypes;
+
+// 0, kPdbBadFormat for a type stream shorter than its header, or kPdbUnreadable. A missing or
+// inconsistent hash index is not a failure: the name index then stays empty.
+int PdbLoadTypes(SymbolArena *arena, const MsfFile *msf, const PdbStringTable *strings, PdbTypes *out);
+
+// The PDB format's version-1 string hash of length bytes.
+u32 PdbNameHashV1(const char *name, u32 length);
+
+// The record of a type index (its 16-bit length, then its leaf kind), or null when the index is
+// not a record of the stream or its record does not fit the bytes read.
+const u8 *PdbTypeRecord(const PdbTypes *types, u32 type_index);
