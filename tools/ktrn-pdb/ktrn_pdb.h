@@ -29,3 +29,6 @@ int CommandFind(int argc, char **argv);
 // Line commands (line_commands.cpp).
 int CommandLines(int argc, char **argv);
 int CommandLineToAddress(int argc, char **argv);
+
+// Type commands (type_commands.cpp).
+int CommandTypeRecords(int argc, char **argv);

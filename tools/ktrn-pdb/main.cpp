@@ -22,6 +22,7 @@ static const Command kCommands[] = {
     {"find", "FILE.pdb NAME", 2, CommandFind, "procedures and data globals of that name"},
     {"lines", "FILE.pdb", 1, CommandLines, "line entries by address: SSSS:OOOOOOOO LLLLLLLL line path"},
     {"line2addr", "FILE.pdb PATH LINE", 3, CommandLineToAddress, "first line with code from LINE: SSSS:OOOOOOOO line"},
+    {"type-records", "FILE.pdb", 1, CommandTypeRecords, "type records in index order: 0xINDEX leaf length"},
 };
 
 static void Usage(FILE *to) {

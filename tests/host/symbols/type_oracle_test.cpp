@@ -1,0 +1,101 @@
+// The type stream's record index against llvm-pdbutil: for every PDB of the corpus that loads,
+// and for the test programs' PDBs, the same type indices in the same order with the same record
+// sizes and leaf kinds as `llvm-pdbutil dump -types` reports.
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <stdio.h>
+
+#include <algorithm>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "oracle.h"
+
+namespace {
+
+const std::string kCorpusDir = std::string(KTRN_SHARED_DIR) + "/pdb-corpus";
+const std::string kTargets = KTRN_TARGETS_DIR;
+const std::string kPdbTool = KTRN_PDB_TOOL;
+
+std::vector<std::string> PdbsIn(const std::string &folder) {
+  std::vector<std::string> files;
+  DIR *dir = opendir(folder.c_str());
+  if (!dir) return files;
+  while (dirent *e = readdir(dir)) {
+    std::string name = e->d_name;
+    if (name.size() > 4 && name.compare(name.size() - 4, 4, ".pdb") == 0) files.push_back(folder + "/" + name);
+  }
+  closedir(dir);
+  std::sort(files.begin(), files.end());
+  return files;
+}
+
+// Leaf kinds by the names llvm-pdbutil prints; a leaf not listed here is compared by size only.
+const std::map<std::string, unsigned> kLeafKinds = {
+    {"LF_MODIFIER", 0x1001},  {"LF_POINTER", 0x1002},  {"LF_PROCEDURE", 0x1008}, {"LF_MFUNCTION", 0x1009},
+    {"LF_VTSHAPE", 0x000A},   {"LF_ARGLIST", 0x1201},  {"LF_FIELDLIST", 0x1203}, {"LF_BITFIELD", 0x1205},
+    {"LF_METHODLIST", 0x1206}, {"LF_ARRAY", 0x1503},   {"LF_CLASS", 0x1504},     {"LF_STRUCTURE", 0x1505},
+    {"LF_UNION", 0x1506},     {"LF_ENUM", 0x1507},     {"LF_INTERFACE", 0x1519},
+};
+
+// "0xINDEX\t0xLEAF\t0xLENGTH" lines from `llvm-pdbutil dump -types`; the leaf column is "*" when
+// the leaf's name is not in the table above. Empty with ok = false when the oracle failed.
+std::vector<std::string> OracleRecords(const std::string &pdb, bool *ok) {
+  CommandResult r = RunCommand("llvm-pdbutil-14 dump -types " + Quote(pdb) + " 2>&1");
+  *ok = r.exit_status == 0 && r.output.find("error") == std::string::npos;
+  std::vector<std::string> out;
+  for (const std::string &line : SplitLines(r.output)) {
+    unsigned index = 0, size = 0;
+    char leaf[64] = {0};
+    if (sscanf(line.c_str(), " 0x%X | %63s [size = %u]", &index, leaf, &size) != 3) continue;
+    char text[96];
+    auto kind = kLeafKinds.find(leaf);
+    if (kind != kLeafKinds.end())
+      snprintf(text, sizeof(text), "0x%X\t0x%04X\t0x%X", index, kind->second, size - 2);
+    else
+      snprintf(text, sizeof(text), "0x%X\t*\t0x%X", index, size - 2);
+    out.push_back(text);
+  }
+  return out;
+}
+
+// Ours, with the leaf column hidden where the oracle's leaf name is unknown.
+std::vector<std::string> OurRecords(const std::string &pdb, const std::vector<std::string> &oracle) {
+  CommandResult r = RunCommand(Quote(kPdbTool) + " type-records " + Quote(pdb));
+  EXPECT_EQ(r.exit_status, 0) << pdb;
+  std::vector<std::string> ours = SplitLines(r.output);
+  for (size_t i = 0; i < ours.size() && i < oracle.size(); i++) {
+    size_t tab = oracle[i].find('\t');
+    if (oracle[i].compare(tab, 3, "\t*\t") != 0) continue;
+    size_t a = ours[i].find('\t'), b = ours[i].find('\t', a + 1);
+    if (a != std::string::npos && b != std::string::npos) ours[i] = ours[i].substr(0, a) + "\t*" + ours[i].substr(b);
+  }
+  return ours;
+}
+
+void CompareWithOracle(const std::string &pdb, int *compared) {
+  bool ok = false;
+  std::vector<std::string> oracle = OracleRecords(pdb, &ok);
+  if (!ok) return;  // files llvm-pdbutil rejects are covered by the load tests
+  CommandResult probe = RunCommand(Quote(kPdbTool) + " info " + Quote(pdb) + " 2>/dev/null");
+  if (probe.exit_status != 0) return;  // nor do files that we refuse by their own result code
+  EXPECT_EQ(DescribeDifference(OurRecords(pdb, oracle), oracle), "") << pdb;
+  ++*compared;
+}
+
+TEST(TypeRecords, CorpusAgreesWithLlvmPdbutil) {
+  int compared = 0;
+  for (const std::string &folder : {kCorpusDir, kCorpusDir + "/llvm"})
+    for (const std::string &pdb : PdbsIn(folder)) CompareWithOracle(pdb, &compared);
+  EXPECT_GE(compared, 40) << "corpus at " << kCorpusDir;
+}
+
+TEST(TypeRecords, TestProgramsAgreeWithLlvmPdbutil) {
+  ASSERT_FALSE(kTargets.empty()) << "configure the host build with -DKTRN_TARGETS_DIR=<windows build>/tests/targets";
+  int compared = 0;
+  for (const std::string &pdb : PdbsIn(kTargets)) CompareWithOracle(pdb, &compared);
+  EXPECT_GE(compared, 1) << "no test program PDB in " << kTargets;
+}
+
+}  // namespace
