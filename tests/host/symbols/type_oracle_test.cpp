@@ -11,6 +11,8 @@
 #include <vector>
 
 #include "oracle.h"
+#include "symbols/pdb_file.h"
+#include "symbols/pdb_raw.h"
 
 namespace {
 
@@ -96,6 +98,39 @@ TEST(TypeRecords, TestProgramsAgreeWithLlvmPdbutil) {
   int compared = 0;
   for (const std::string &pdb : PdbsIn(kTargets)) CompareWithOracle(pdb, &compared);
   EXPECT_GE(compared, 1) << "no test program PDB in " << kTargets;
+}
+
+// The version-1 string hash and the bucket index on real PDBs: a named enumeration that is neither
+// a forward reference nor scoped is hashed by its name, so it sits in its name's bucket.
+TEST(TypeRecords, NamedEnumsSitInTheBucketOfTheirName) {
+  int checked = 0;
+  for (const std::string &folder : {kCorpusDir, kCorpusDir + "/llvm"}) {
+    for (const std::string &pdb : PdbsIn(folder)) {
+      SymbolArena arena = {};
+      PdbFile file;
+      PdbSummary summary;
+      CodeViewIdentity none = {};
+      if (PdbOpen(&arena, &none, pdb.c_str(), true, &file, &summary) == 0 && file.types.bucket_count) {
+        const PdbTypes &t = file.types;
+        for (uint32_t i = 0; i < t.count; i++) {
+          const uint8_t *r = PdbTypeRecord(&t, t.first_index + i);
+          if (!r || ReadU16(r + 2) != 0x1507 || ReadU16(r) < 16) continue;
+          if (ReadU16(r + 6) & 0x180) continue;  // forward reference or scoped name
+          std::string name((const char *)r + 16, strnlen((const char *)r + 16, ReadU16(r) - 14));
+          if (name.empty() || name.find("<unnamed") != std::string::npos || name.find("__unnamed") != std::string::npos)
+            continue;
+          uint32_t bucket = PdbNameHashV1(name.c_str(), (uint32_t)name.size()) % t.bucket_count;
+          uint32_t start = (uint32_t)t.buckets[bucket], n = (uint32_t)(t.buckets[bucket] >> 32);
+          bool found = false;
+          for (uint32_t k = 0; k < n && !found; k++) found = t.bucket_list[start + k] == t.first_index + i;
+          EXPECT_TRUE(found) << pdb << " enum " << name;
+          checked++;
+        }
+      }
+      SymbolArenaRelease(&arena);
+    }
+  }
+  EXPECT_GE(checked, 100);
 }
 
 }  // namespace
