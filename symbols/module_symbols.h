@@ -1,0 +1,45 @@
+// Module load: reads a loaded image's headers, finds its PDB (CodeView path, then beside the image
+// with a GUID check, then a one-shot override picked by the user), loads it and sets the module's
+// symbol status. Everything a module owns lives in its SymbolArena.
+#pragma once
+#include "symbols/pdb_file.h"
+#include "symbols/pe_image.h"
+
+enum SymbolStatus : u32 {
+  kSymbolsLoaded = 0,     // "PdbLoaded"
+  kSymbolsOutOfSync = 1,  // "PdbOutOfSync"
+  kSymbolsNoPdb = 2,      // "NoPdb": the image has no CodeView record
+  kSymbolsFailed = 3,     // "PdbFail"
+};
+
+enum : u32 { kModulePathCapacity = 1024 };
+
+typedef struct ModuleSymbols {
+  SymbolArena arena;       // the PDB's data and the module's path
+  u64 load_base;
+  u64 extent_end;          // load base + last section end, rounded up to 4096
+  const char *image_path;  // UTF-8, in the arena; "" when unknown
+  const char *name;        // after the last '\' (or '/') of the path
+  const char *pdb_path;    // the path chosen for the PDB, in the arena; "" without a CodeView record
+  u32 status;              // SymbolStatus
+  int pdb_result;          // PdbOpen's result (a PdbError), 0 when no PDB was tried
+  u64 exception_address;   // load base + the exception directory's rva, 0 when absent
+  u32 exception_entry_count;
+  PdbSummary summary;
+  PdbFile pdb;             // valid when status is kSymbolsLoaded
+  PeImage image;
+} ModuleSymbols;
+
+// Loads the module at load_base from its image. image_path is the image's file path as the
+// system names it (may be null). override_pdb_path, when not null, replaces the searched path and
+// switches off the GUID check. The module is cleared first. Returns a PeResult: 2, 10 or 11 leave
+// nothing allocated; 0 means the module stands, with or without symbols (see status).
+int LoadModuleSymbols(ModuleSymbols *module, const ImageSource *source, const char *image_path, u64 load_base,
+                      const char *override_pdb_path);
+// Releases everything the module owns and clears it.
+void UnloadModuleSymbols(ModuleSymbols *module);
+
+const char *SymbolStatusName(u32 status);    // "PdbLoaded", ...
+const char *SymbolStatusText(u32 status);    // the status line's text
+const char *SymbolStatusSuffix(u32 status);  // the output window's suffix after a module load
+
