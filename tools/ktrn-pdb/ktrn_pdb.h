@@ -32,3 +32,5 @@ int CommandLineToAddress(int argc, char **argv);
 
 // Type commands (type_commands.cpp).
 int CommandTypeRecords(int argc, char **argv);
+int CommandType(int argc, char **argv);
+int CommandTypes(int argc, char **argv);
