@@ -20,11 +20,12 @@ void FieldWalkBegin(FieldWalk *walk, const PdbTypes *types, u32 field_list) {
 }
 
 // Reads one numeric leaf at *at, advancing it; false when it does not fit.
-static bool TakeNumeric(const u8 **at, const u8 *end, u64 *value, bool *is_signed) {
+static bool TakeNumeric(const u8 **at, const u8 *end, u64 *value, bool *is_signed, u8 *width = nullptr) {
   NumericLeaf n = ReadNumericLeaf(*at, (u32)(end - *at));
   if (!n.bytes) return false;
   *value = n.value;
   if (is_signed) *is_signed = n.is_signed;
+  if (width) *width = (u8)n.width;
   *at += n.bytes;
   return true;
 }
@@ -74,7 +75,7 @@ static const u8 *DecodeEntry(const u8 *p, const u8 *end, TypeField *out) {
     case kLF_ENUMERATE:  // attributes, value, name
       if (left < 2) return nullptr;
       out->attributes = ReadU16(at), at += 2;
-      if (!TakeNumeric(&at, end, &out->offset, &out->value_signed)) return nullptr;
+      if (!TakeNumeric(&at, end, &out->offset, &out->value_signed, &out->value_width)) return nullptr;
       TakeName(&at, end, &out->name);
       return at;
     case kLF_METHOD:  // overload count, method list, name
@@ -126,6 +127,16 @@ bool FieldWalkNext(FieldWalk *walk, TypeField *out) {
     EnterList(walk, out->type);
   }
   return false;
+}
+
+u64 EnumeratorValue(const TypeField *f, u32 underlying_type, bool *negative) {
+  u64 value = f->offset;
+  u64 underlying_bytes = BuiltinTypeSize(underlying_type);
+  u32 bits = (u32)(underlying_bytes && underlying_bytes < f->value_width ? underlying_bytes : f->value_width) * 8;
+  if (BuiltinTypeIsSigned(underlying_type) && bits && bits < 64 && (value >> (bits - 1)) & 1)
+    value |= ~0ull << bits;
+  *negative = (s64)value < 0 && (f->value_signed || BuiltinTypeIsSigned(underlying_type));
+  return value;
 }
 
 // [SECTION] Data members, base classes first

@@ -16,6 +16,7 @@ typedef struct TypeField {
   u32 vbptr_type;    // virtual base: type of the vbptr
   s32 vftable_offset;  // introducing virtual method: offset in the virtual-function table
   bool value_signed;   // enumerator: read offset as s64
+  u8 value_width;      // enumerator: bytes the value was written in
   TypeText name;
 } TypeField;
 
@@ -33,6 +34,12 @@ typedef struct FieldWalk {
 void FieldWalkBegin(FieldWalk *walk, const PdbTypes *types, u32 field_list);
 // The next entry, or false at the end. LF_INDEX entries are followed, never returned.
 bool FieldWalkNext(FieldWalk *walk, TypeField *out);
+
+// An enumerator's value as the enumeration's underlying type reads it: compilers write some
+// negative values as unsigned leaves of the enumerator's own width (-1 as LF_ULONG 0xFFFFFFFF in
+// an enumeration of 64-bit underlying type), so a signed underlying type sign-extends the value
+// from the width it was written in. *negative says whether to print it as s64.
+u64 EnumeratorValue(const TypeField *enumerator, u32 underlying_type, bool *negative);
 
 // [SECTION] Data members, base classes first
 // A data member met while flattening: the member itself, and its offset in the outermost object.

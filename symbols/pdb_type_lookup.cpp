@@ -84,6 +84,14 @@ u64 BuiltinTypeSize(u32 type_index) {
   return 0;  // void, notype and the unknown kinds
 }
 
+bool BuiltinTypeIsSigned(u32 type_index) {
+  switch (type_index) {
+    case 0x10: case 0x11: case 0x12: case 0x13: case 0x14: case 0x68: case 0x70: case 0x72: case 0x74:
+    case 0x76: case 0x78: return true;
+  }
+  return false;
+}
+
 static u64 SizeOf(const PdbTypes *types, u32 type_index, u32 depth) {
   if (type_index < types->first_index) return BuiltinTypeSize(type_index);
   if (depth > kTypeLookThroughMaxSteps) return 0;

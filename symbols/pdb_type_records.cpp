@@ -11,11 +11,11 @@
 // [SECTION] Numeric leaves and texts
 
 NumericLeaf ReadNumericLeaf(const u8 *p, u32 available) {
-  NumericLeaf n = {0, false, 0};
+  NumericLeaf n = {0, false, 0, 0};
   if (available < 2) return n;
   u16 leaf = ReadU16(p);
   if (leaf < 0x8000) {
-    n.value = leaf, n.bytes = 2;
+    n.value = leaf, n.bytes = 2, n.width = 2;
     return n;
   }
   u32 payload = 0;
@@ -55,6 +55,7 @@ NumericLeaf ReadNumericLeaf(const u8 *p, u32 available) {
   if (leaf > 0x800A && leaf != 0x8017 && leaf != 0x8018) return n;
   if (leaf >= 0x8005 && leaf <= 0x8008) return n;
   u32 width = payload > 8 ? 8 : payload;
+  n.width = width;
   u64 v = 0;
   memcpy(&v, p + 2, width);
   if (n.is_signed && width < 8 && (v >> (width * 8 - 1)) & 1) v |= ~0ull << (width * 8);

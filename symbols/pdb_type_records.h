@@ -107,6 +107,7 @@ typedef struct NumericLeaf {
   u64 value;       // wider kinds keep their low 64 bits; reals give 0
   bool is_signed;  // the value is to be read as s64
   u32 bytes;       // bytes taken, the leaf word included; 0 when it does not fit
+  u32 width;       // bytes of the value itself (2 for a value below 0x8000)
 } NumericLeaf;
 NumericLeaf ReadNumericLeaf(const u8 *p, u32 available);
 // The terminated name at p, cut at available bytes; *bytes gets what it takes (its terminator

@@ -92,16 +92,18 @@ static bool PrintMember(void *user, const DataMember *m) {
   return true;
 }
 
-static void PrintEnumerators(const PdbTypes *types, u32 field_list) {
+static void PrintEnumerators(const PdbTypes *types, const TypeRecord *e) {
   FieldWalk walk;
-  FieldWalkBegin(&walk, types, field_list);
+  FieldWalkBegin(&walk, types, e->field_list);
   TypeField f;
   while (FieldWalkNext(&walk, &f)) {
     if (f.leaf != kLF_ENUMERATE) continue;
-    if (f.value_signed)
-      printf("enumerator\t%lld\t%.*s\n", (long long)f.offset, (int)f.name.length, f.name.text);
+    bool negative = false;
+    u64 value = EnumeratorValue(&f, PdbTypeLookThrough(types, e->type), &negative);
+    if (negative)
+      printf("enumerator\t%lld\t%.*s\n", (long long)value, (int)f.name.length, f.name.text);
     else
-      printf("enumerator\t%llu\t%.*s\n", (unsigned long long)f.offset, (int)f.name.length, f.name.text);
+      printf("enumerator\t%llu\t%.*s\n", (unsigned long long)value, (int)f.name.length, f.name.text);
   }
 }
 
@@ -137,7 +139,7 @@ int CommandType(int argc, char **argv) {
   TypeRecord t;
   if (PdbDecodeType(types, PdbTypeDefinition(types, index), &t)) {
     if (TypeLeafIsClassLike(t.leaf) || t.leaf == kLF_UNION) PdbForEachDataMember(types, index, PrintMember, (void *)types);
-    if (t.leaf == kLF_ENUM) PrintEnumerators(types, t.field_list);
+    if (t.leaf == kLF_ENUM) PrintEnumerators(types, &t);
   }
   UnloadPdb(&l);
   return 0;
