@@ -131,11 +131,15 @@ bool FieldWalkNext(FieldWalk *walk, TypeField *out) {
 
 u64 EnumeratorValue(const TypeField *f, u32 underlying_type, bool *negative) {
   u64 value = f->offset;
-  u64 underlying_bytes = BuiltinTypeSize(underlying_type);
-  u32 bits = (u32)(underlying_bytes && underlying_bytes < f->value_width ? underlying_bytes : f->value_width) * 8;
-  if (BuiltinTypeIsSigned(underlying_type) && bits && bits < 64 && (value >> (bits - 1)) & 1)
-    value |= ~0ull << bits;
-  *negative = (s64)value < 0 && (f->value_signed || BuiltinTypeIsSigned(underlying_type));
+  u32 bits = (u32)BuiltinTypeSize(underlying_type) * 8;
+  bool is_signed = BuiltinTypeIsSigned(underlying_type);
+  if (bits == 0) {  // not an integer type: the leaf decides
+    is_signed = f->value_signed;
+  } else if (bits < 64) {
+    value &= (1ull << bits) - 1;
+    if (is_signed && (value >> (bits - 1)) & 1) value |= ~0ull << bits;
+  }
+  *negative = is_signed && (s64)value < 0;
   return value;
 }
 

@@ -35,10 +35,9 @@ void FieldWalkBegin(FieldWalk *walk, const PdbTypes *types, u32 field_list);
 // The next entry, or false at the end. LF_INDEX entries are followed, never returned.
 bool FieldWalkNext(FieldWalk *walk, TypeField *out);
 
-// An enumerator's value as the enumeration's underlying type reads it: compilers write some
-// negative values as unsigned leaves of the enumerator's own width (-1 as LF_ULONG 0xFFFFFFFF in
-// an enumeration of 64-bit underlying type), so a signed underlying type sign-extends the value
-// from the width it was written in. *negative says whether to print it as s64.
+// An enumerator's value as a value of the enumeration's underlying type: the leaf's bits cut to
+// that type's width and sign-extended when it is signed (MSVC writes -3 of an int enumeration as
+// LF_ULONG 0xFFFFFFFD, 32768 as LF_USHORT). *negative says whether to print it as s64.
 u64 EnumeratorValue(const TypeField *enumerator, u32 underlying_type, bool *negative);
 
 // [SECTION] Data members, base classes first

@@ -138,15 +138,22 @@ bool PdbTypeIsPointer(const PdbTypes *types, u32 type_index, u32 *pointee) {
   return is_pointer;
 }
 
+// Pass 0 takes pointers to the index itself; pass 1 also pointers to another record of the same
+// type (compilers point at the forward reference, while look-ups give the definition).
 u32 PdbTypePointerTo(const PdbTypes *types, u32 type_index) {
   if (type_index < 0x100) return kBuiltinPointer64 | type_index;
-  for (u32 i = 0; i < types->count; i++) {
-    const u8 *r = PdbTypeRecord(types, types->first_index + i);
-    if (!r || ReadU16(r + 2) != kLF_POINTER || ReadU16(r) < 10 || ReadU32(r + 4) != type_index) continue;
-    u32 attributes = ReadU32(r + 8);
-    // 64-bit kind, plain pointer mode, no const/volatile/unaligned/restrict on the pointer itself.
-    if ((attributes & 0x1F) == 0x0C && ((attributes >> 5) & 7) == 0 && (attributes & 0x1E00) == 0)
-      return types->first_index + i;
+  u32 definition = PdbTypeDefinition(types, type_index);
+  for (int pass = 0; pass < 2; pass++) {
+    for (u32 i = 0; i < types->count; i++) {
+      const u8 *r = PdbTypeRecord(types, types->first_index + i);
+      if (!r || ReadU16(r + 2) != kLF_POINTER || ReadU16(r) < 10) continue;
+      u32 attributes = ReadU32(r + 8), referent = ReadU32(r + 4);
+      // 64-bit kind, plain pointer mode, no const/volatile/unaligned/restrict on the pointer itself.
+      if ((attributes & 0x1F) != 0x0C || ((attributes >> 5) & 7) != 0 || (attributes & 0x1E00) != 0) continue;
+      if (referent == type_index || (pass == 1 && referent >= types->first_index &&
+                                     PdbTypeDefinition(types, referent) == definition))
+        return types->first_index + i;
+    }
   }
   return 0;
 }
