@@ -145,8 +145,8 @@ u64 EnumeratorValue(const TypeField *f, u32 underlying_type, bool *negative) {
 
 // [SECTION] Data members, base classes first
 
-static bool WalkMembers(const PdbTypes *types, u32 type_index, u64 base_offset, u32 depth, DataMemberFn fn,
-                        void *user) {
+static bool WalkMembers(const PdbTypes *types, u32 type_index, u64 base_offset, u32 depth, u32 *budget,
+                        DataMemberFn fn, void *user) {
   if (depth > kDataMemberMaxDepth) return true;
   TypeRecord t;
   if (!PdbDecodeType(types, PdbTypeDefinition(types, PdbTypeLookThrough(types, type_index)), &t)) return true;
@@ -155,8 +155,10 @@ static bool WalkMembers(const PdbTypes *types, u32 type_index, u64 base_offset, 
   FieldWalkBegin(&walk, types, t.field_list);
   TypeField field;
   while (FieldWalkNext(&walk, &field)) {
+    if (*budget == 0) return true;
+    --*budget;
     if (field.leaf == kLF_BCLASS || field.leaf == kLF_BINTERFACE) {
-      if (!WalkMembers(types, field.type, base_offset + field.offset, depth + 1, fn, user)) return false;
+      if (!WalkMembers(types, field.type, base_offset + field.offset, depth + 1, budget, fn, user)) return false;
     } else if (field.leaf == kLF_MEMBER) {
       DataMember m = {&field, base_offset + field.offset, depth};
       if (!fn(user, &m)) return false;
@@ -166,5 +168,6 @@ static bool WalkMembers(const PdbTypes *types, u32 type_index, u64 base_offset, 
 }
 
 bool PdbForEachDataMember(const PdbTypes *types, u32 type_index, DataMemberFn fn, void *user) {
-  return WalkMembers(types, type_index, 0, 0, fn, user);
+  u32 budget = kDataMemberMaxEntries;
+  return WalkMembers(types, type_index, 0, 0, &budget, fn, user);
 }

@@ -49,7 +49,9 @@ typedef struct DataMember {
 } DataMember;
 typedef bool (*DataMemberFn)(void *user, const DataMember *member);  // false stops the walk
 
-enum { kDataMemberMaxDepth = 32 };
+// Hostile field lists (a class that is its own base, lists that continue into themselves) could
+// make the walk exponential: it stops after kDataMemberMaxEntries entries in all.
+enum { kDataMemberMaxDepth = 32, kDataMemberMaxEntries = 1 << 20 };
 // Calls fn for each non-static data member of the class, structure or union (forward references
 // resolved), in record order with each direct base class's members (recursively) at the place of
 // the base entry. Virtual bases lie at offsets known only at run time and are not entered.

@@ -118,6 +118,7 @@ typedef struct NameOut {
   char *text;
   u32 capacity;  // bytes usable, the terminator's excluded
   u32 length;
+  u32 *visits;   // types left to visit, shared by every scratch output of one name
 } NameOut;
 
 static void Put(NameOut *out, const char *text, u32 length) {
@@ -150,7 +151,7 @@ static void Format(const PdbTypes *types, u32 index, const char *inner, u32 cv, 
 static void FormatPointer(const PdbTypes *types, u32 referent, const char *symbol, u32 member_class, u32 own_cv,
                           const char *inner, u32 depth, NameOut *out) {
   char declarator[kTypeNameScratchBytes];
-  NameOut d = {declarator, sizeof(declarator) - 1, 0};
+  NameOut d = {declarator, sizeof(declarator) - 1, 0, out->visits};
   declarator[0] = 0;
   if (member_class) {
     Format(types, member_class, "", 0, 0, depth + 1, &d);
@@ -178,7 +179,7 @@ static void PutWrapped(NameOut *d, const char *inner) {
 static void FormatProcedure(const PdbTypes *types, const TypeRecord *t, const char *inner, u32 depth,
                             NameOut *out) {
   char declarator[kTypeNameScratchBytes];
-  NameOut d = {declarator, sizeof(declarator) - 1, 0};
+  NameOut d = {declarator, sizeof(declarator) - 1, 0, out->visits};
   declarator[0] = 0;
   PutWrapped(&d, inner);
   PutZ(&d, "(");
@@ -201,10 +202,11 @@ static void FormatProcedure(const PdbTypes *types, const TypeRecord *t, const ch
 
 static void Format(const PdbTypes *types, u32 index, const char *inner, u32 cv, u32 pointer_cv, u32 depth,
                    NameOut *out) {
-  if (depth > kTypeNameMaxDepth) {
+  if (depth > kTypeNameMaxDepth || *out->visits == 0) {
     PutBase(out, 0, "...", 3, inner);
     return;
   }
+  --*out->visits;
   if (index < types->first_index) {
     const char *name = BuiltinTypeName(index);
     u32 length = (u32)strlen(name);
@@ -215,7 +217,7 @@ static void Format(const PdbTypes *types, u32 index, const char *inner, u32 cv, 
     }
     // A qualified built-in pointer ("int *const"): the kind's name, then the declarator.
     char declarator[kTypeNameScratchBytes];
-    NameOut d = {declarator, sizeof(declarator) - 1, 0};
+    NameOut d = {declarator, sizeof(declarator) - 1, 0, out->visits};
     declarator[0] = 0;
     PutZ(&d, "*");
     if (pointer_cv & kConst) PutZ(&d, "const");
@@ -253,7 +255,7 @@ static void Format(const PdbTypes *types, u32 index, const char *inner, u32 cv, 
     }
     case kLF_ARRAY: {
       char declarator[kTypeNameScratchBytes];
-      NameOut d = {declarator, sizeof(declarator) - 1, 0};
+      NameOut d = {declarator, sizeof(declarator) - 1, 0, out->visits};
       declarator[0] = 0;
       PutWrapped(&d, inner);
       u64 element = PdbTypeSize(types, t.type);
@@ -285,7 +287,8 @@ static void Format(const PdbTypes *types, u32 index, const char *inner, u32 cv, 
 
 u32 TypeNameFormat(const PdbTypes *types, u32 type_index, char *text, u32 capacity) {
   if (capacity == 0) return 0;
-  NameOut out = {text, capacity - 1, 0};
+  u32 visits = kTypeNameMaxVisits;
+  NameOut out = {text, capacity - 1, 0, &visits};
   text[0] = 0;
   Format(types, type_index, "", 0, 0, 0, &out);
   return out.length;

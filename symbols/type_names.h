@@ -4,7 +4,9 @@
 #pragma once
 #include "symbols/pdb_types.h"
 
-enum { kTypeNameMaxDepth = 16, kTypeNameScratchBytes = 1024 };
+// Depth and the number of types visited are bounded, so that hostile records (a procedure whose
+// arguments are itself) end quickly: past either bound "..." is printed.
+enum { kTypeNameMaxDepth = 16, kTypeNameMaxVisits = 4096, kTypeNameScratchBytes = 1024 };
 
 // The name of a built-in type index (below the stream's first index); never null.
 const char *BuiltinTypeName(u32 type_index);
