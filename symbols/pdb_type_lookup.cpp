@@ -214,10 +214,11 @@ static const struct {
 };
 
 static u32 FindBuiltin(const char *text, u32 length) {
+  if (length > 24) return 0;  // longer than any built-in spelling
   for (const auto &s : kBuiltinSpellings)
-    if (strlen(s.name) == length && memcmp(s.name, text, length) == 0) return s.index;
+    if (s.name[0] == text[0] && strlen(s.name) == length && memcmp(s.name, text, length) == 0) return s.index;
   // The debugger's own names ("int", "u64", "wchar_t", ...): the first index that prints so.
-  for (u32 index = 1; index < 0x100; index++) {
+  for (u32 index = 1; index <= 0x7B; index++) {
     const char *name = BuiltinTypeName(index);
     if (strlen(name) == length && memcmp(name, text, length) == 0 && strcmp(name, "TBI") != 0) return index;
   }
@@ -241,8 +242,9 @@ u32 PdbLookupType(const PdbTypes *types, const PdbGlobals *globals, const char *
     if (!TakeWord(&text, &length, "union")) TakeWord(&text, &length, "enum");
   if (length == 0 || length > 4096) return 0;
 
-  u32 index = FindBuiltin(text, length);
-  if (!index) index = PdbFindTypeRecord(types, text, length);
+  // Records first: most names looked up are records, and no record is named like a built-in.
+  u32 index = PdbFindTypeRecord(types, text, length);
+  if (!index) index = FindBuiltin(text, length);
   if (!index && globals && globals->udt_capacity) {
     char name[4097];
     memcpy(name, text, length);
