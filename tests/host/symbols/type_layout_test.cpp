@@ -296,7 +296,9 @@ TEST(TypeLayout, TestProgramsAgreeWithLlvmPdbutil) {
   ASSERT_FALSE(kTargets.empty());
   Tally tally;
   for (const std::string &pdb : PdbsIn(kTargets)) CompareTypes(pdb, &tally);
-  EXPECT_TRUE(tally.names.count("types_c.pdb") && tally.names.count("types_cpp.pdb")) << "in " << kTargets;
+  EXPECT_TRUE(tally.names.count("types_c.pdb") && tally.names.count("types_cpp.pdb") &&
+              tally.names.count("types_msvc.pdb"))
+      << "in " << kTargets;
   EXPECT_GE(tally.aggregates, 40);
   EXPECT_GE(tally.forwards, 10);
 }
@@ -386,7 +388,8 @@ TEST(TypeLayout, ProgramsPrintTheSizesAndOffsetsKtrnPdbReads) {
   int checked = 0;
   CompareProgramLayouts("types_c", &checked);
   CompareProgramLayouts("types_cpp", &checked);
-  EXPECT_GE(checked, 25);
+  CompareProgramLayouts("types_msvc", &checked);
+  EXPECT_GE(checked, 35);
 }
 
 // Member types print as declarations read, and enumerators with their values as the
@@ -420,6 +423,11 @@ TEST(TypeLayout, NamesOfMemberTypesAndEnumerators) {
       {"types_cpp", "geo::Circle *", {"\tpointer\t8\tgeo::Circle *"}},
       {"types_cpp", "unsigned long long", {"type\t0x23\tbuiltin\t8\tu64"}},
       {"types_cpp", "const char *", {"type\t0x670\tbuiltin\t8\tchar *"}},
+      // Member-function pointers of the MSVC ABI grow with the class's inheritance model.
+      {"types_msvc", "ms::Pointers",
+       {"member\t0\t8\tvoid (ms::Single::*)(void)\tsingle", "member\t8\t16\tvoid (ms::Multiple::*)(void)\tmultiple",
+        "member\t40\t24\tvoid (ms::Unknown::*)(void)\tunknown_model", "member\t64\t4\tint ms::Single::*\tdata"}},
+      {"types_msvc", "ms::Wide", {"enumerator\t-9223372036854775807\tkLow"}},
   };
   for (const Case &c : cases) {
     CommandResult r = RunCommand(Quote(kPdbTool) + " type " + Quote(kTargets + "/" + c.program + ".pdb") + " " +
