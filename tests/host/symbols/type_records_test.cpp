@@ -442,7 +442,8 @@ TEST(TypeRecords, TruncatedAndUnknownEntriesEndTheWalk) {
 }
 
 // Two definitions of one name in one bucket: the lookup takes the last, where the adjusters put
-// the linker's choice; without a name index nothing is found by name.
+// the linker's choice (and an adjuster changes which that is); without a name index nothing is
+// found by name.
 TEST(TypeRecords, LastCandidateOfTheBucketWins) {
   Stream s;
   s.Add(Structure(0x1505, 0, 0x80, 0, 0, "Twice"));
@@ -452,6 +453,17 @@ TEST(TypeRecords, LastCandidateOfTheBucketWins) {
   EXPECT_EQ(PdbFindTypeRecord(t, "Twice", 5), 0x1002u);
   EXPECT_EQ(PdbTypeDefinition(t, 0x1000), 0x1002u);
   EXPECT_EQ(PdbTypeSize(t, 0x1000), 8u);
+  // An adjuster naming the first definition moves it last: the look-up then finds it.
+  Bytes adjusters;
+  Put32(adjusters, 1), Put32(adjusters, 1);  // size, capacity
+  Put32(adjusters, 1), Put32(adjusters, 1);  // present-bit words, the word
+  Put32(adjusters, 0);                       // no deleted bits
+  Put32(adjusters, 1), Put32(adjusters, 0x1001);
+  std::string names("\0Twice\0", 7);
+  PdbStringTable strings = {names.c_str(), (uint32_t)names.size()};
+  PdbApplyHashAdjusters(adjusters.data(), (uint32_t)adjusters.size(), &strings, &s.types);
+  EXPECT_EQ(PdbFindTypeRecord(t, "Twice", 5), 0x1001u);
+  EXPECT_EQ(PdbTypeSize(t, 0x1000), 4u);
   PdbTypes no_index = *t;
   no_index.bucket_count = 0;
   EXPECT_EQ(PdbFindTypeRecord(&no_index, "Twice", 5), 0u);
