@@ -26,12 +26,30 @@ static bool SameTagFamily(u16 a, u16 b) {
   return a == b;
 }
 
+// The version-1 hash puts similar names ("ns0::S0_194", "ns0::S0_297") in one bucket, so a bucket
+// often holds dozens of records scattered through the stream: their offsets and then their headers
+// are requested from memory all at once before the first is compared.
+static void PrefetchBucket(const PdbTypes *types, u32 start, u32 n) {
+  const u32 *list = types->bucket_list + start;
+  for (u32 k = 0; k < n; k++) {
+    u32 i = list[k] - types->first_index;
+    if (i < types->count) __builtin_prefetch(&types->offsets[i]);
+  }
+  for (u32 k = 0; k < n; k++) {
+    u32 i = list[k] - types->first_index;
+    if (i < types->count && types->offsets[i] < types->record_bytes) __builtin_prefetch(types->records + types->offsets[i]);
+  }
+}
+
 // Walks one bucket from its last entry to its first.
 static u32 FindDefinitionInBucket(const PdbTypes *types, u32 bucket, const TypeRecord *forward) {
   u32 start = (u32)types->buckets[bucket], n = (u32)(types->buckets[bucket] >> 32);
   bool by_unique = (forward->properties & kTypePropUniqueName) && forward->unique_name.length;
+  PrefetchBucket(types, start, n);
   for (u32 k = n; k-- > 0;) {
     u32 candidate = types->bucket_list[start + k];
+    const u8 *r = PdbTypeRecord(types, candidate);
+    if (!r || (!by_unique && !TypeRecordNameEquals(r, ReadU16(r) + 2u, forward->name))) continue;
     TypeRecord c;
     if (!PdbDecodeType(types, candidate, &c) || !SameTagFamily(forward->leaf, c.leaf)) continue;
     if (c.properties & kTypePropForwardRef) continue;
@@ -164,10 +182,13 @@ u32 PdbFindTypeRecord(const PdbTypes *types, const char *name, u32 length) {
   if (types->bucket_count == 0 || length == 0) return 0;
   u32 bucket = PdbNameHashV1(name, length) % types->bucket_count;
   u32 start = (u32)types->buckets[bucket], n = (u32)(types->buckets[bucket] >> 32);
+  PrefetchBucket(types, start, n);
   TypeText wanted = {name, length};
   u32 forward = 0;
   for (u32 k = n; k-- > 0;) {
     u32 candidate = types->bucket_list[start + k];
+    const u8 *r = PdbTypeRecord(types, candidate);
+    if (!r || !TypeRecordNameEquals(r, ReadU16(r) + 2u, wanted)) continue;
     TypeRecord c;
     if (!PdbDecodeType(types, candidate, &c) || !TypeLeafIsTag(c.leaf) || !TypeTextEquals(c.name, wanted)) continue;
     if (!(c.properties & kTypePropForwardRef)) return candidate;
