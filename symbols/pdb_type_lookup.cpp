@@ -156,6 +156,15 @@ bool PdbTypeIsPointer(const PdbTypes *types, u32 type_index, u32 *pointee) {
   return is_pointer;
 }
 
+bool PdbTypeIsArray(const PdbTypes *types, u32 type_index, u32 *element, u64 *count) {
+  TypeRecord t;
+  if (!PdbDecodeType(types, PdbTypeLookThrough(types, type_index), &t) || t.leaf != kLF_ARRAY) return false;
+  u64 element_size = PdbTypeSize(types, t.type);
+  if (element) *element = t.type;
+  if (count) *count = element_size ? t.size / element_size : 0;
+  return true;
+}
+
 // Pass 0 takes pointers to the index itself; pass 1 also pointers to another record of the same
 // type (compilers point at the forward reference, while look-ups give the definition).
 u32 PdbTypePointerTo(const PdbTypes *types, u32 type_index) {

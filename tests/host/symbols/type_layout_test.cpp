@@ -500,3 +500,53 @@ TEST(TypeLayout, RecordHashPutsEveryRecordInItsWritersBucket) {
 }
 
 }  // namespace
+
+namespace {
+
+// Members by name in real PDBs: through base classes (at their offsets in the derived object),
+// in anonymous unions and structures, and arrays by element and count.
+TEST(TypeLayout, MembersByNameInTheTestPrograms) {
+  struct Case {
+    const char *program, *type, *member;
+    uint64_t offset;
+    uint32_t depth;
+  } cases[] = {
+      {"types_cpp", "geo::Circle", "label", 24, 1},   {"types_cpp", "geo::Circle", "id", 8, 1},
+      {"types_cpp", "geo::Circle", "radius", 56, 0},  {"types_cpp", "geo::Derived", "a", 0, 1},
+      {"types_cpp", "geo::Diamond", "right_value", 24, 1}, {"types_c", "struct WithAnonymous", "as_float", 4, 0},
+      {"types_c", "struct WithAnonymous", "hi", 10, 0}, {"types_msvc", "ms::Multiple", "root_value", 8, 1},
+  };
+  for (const Case &c : cases) {
+    SymbolArena arena = {};
+    PdbFile file;
+    PdbSummary summary;
+    CodeViewIdentity none = {};
+    std::string pdb = kTargets + "/" + c.program + ".pdb";
+    ASSERT_EQ(PdbOpen(&arena, &none, pdb.c_str(), true, &file, &summary), 0) << pdb;
+    uint32_t type = PdbLookupType(&file.types, &file.globals, c.type, (uint32_t)strlen(c.type));
+    FoundMember m;
+    ASSERT_TRUE(PdbFindMember(&file.types, type, c.member, (uint32_t)strlen(c.member), &m)) << c.type << "." << c.member;
+    EXPECT_EQ(m.offset, c.offset) << c.type << "." << c.member;
+    EXPECT_EQ(m.depth, c.depth) << c.type << "." << c.member;
+    SymbolArenaRelease(&arena);
+  }
+  SymbolArena arena = {};
+  PdbFile file;
+  PdbSummary summary;
+  CodeViewIdentity none = {};
+  std::string pdb = kTargets + "/types_c.pdb";
+  ASSERT_EQ(PdbOpen(&arena, &none, pdb.c_str(), true, &file, &summary), 0);
+  FoundMember m;
+  uint32_t everything = PdbLookupType(&file.types, nullptr, "struct Everything", 17);
+  ASSERT_TRUE(PdbFindMember(&file.types, everything, "matrix", 6, &m));
+  uint32_t element = 0;
+  uint64_t count = 0;
+  ASSERT_TRUE(PdbTypeIsArray(&file.types, m.type, &element, &count));
+  EXPECT_EQ(count, 3u);
+  ASSERT_TRUE(PdbTypeIsArray(&file.types, element, &element, &count));
+  EXPECT_EQ(count, 4u);
+  EXPECT_EQ(element, 0x74u);
+  SymbolArenaRelease(&arena);
+}
+
+}  // namespace

@@ -471,3 +471,43 @@ TEST(TypeRecords, LastCandidateOfTheBucketWins) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(TypeRecords, MembersByNameAsCppLooksThemUp) {
+  Sample x;
+  FoundMember m;
+  ASSERT_TRUE(PdbFindMember(x.t, x.derived, "b", 1, &m));
+  EXPECT_EQ(m.offset, 4u);
+  EXPECT_EQ(m.depth, 1u);
+  ASSERT_TRUE(PdbFindMember(x.t, x.derived, "m", 1, &m));  // in the continuation list
+  EXPECT_EQ(m.offset, 40u);
+  uint32_t element = 0;
+  uint64_t count = 0;
+  ASSERT_TRUE(PdbTypeIsArray(x.t, m.type, &element, &count));
+  EXPECT_EQ(count, 2u);
+  EXPECT_EQ(Name(x.t, element), "int [3]");
+  ASSERT_TRUE(PdbFindMember(x.t, x.derived, "counter", 7, &m));
+  EXPECT_EQ(m.leaf, 0x150E);
+  EXPECT_FALSE(PdbFindMember(x.t, x.derived, "Plain", 5, &m));  // a method is not a member
+  EXPECT_FALSE(PdbFindMember(x.t, x.derived, "nothing", 7, &m));
+  EXPECT_FALSE(PdbFindMember(x.t, 0x74, "a", 1, &m));
+
+  // A derived class's member hides the base's of the same name.
+  Stream s;
+  Bytes base_fields = Leaf(0x1203);
+  Append(base_fields, Member(0x74, 0, "x"));
+  s.Add(base_fields);
+  uint32_t base = s.Add(Structure(0x1505, 1, 0, 0x1000, 4, "B"));
+  Bytes fields = Leaf(0x1203);
+  Append(fields, BaseClass(base, 0));
+  Append(fields, Member(0x41, 8, "x"));
+  uint32_t list = s.Add(fields);
+  uint32_t derived = s.Add(Structure(0x1505, 2, 0, list, 16, "D"));
+  const PdbTypes *t = s.Build();
+  ASSERT_TRUE(PdbFindMember(t, derived, "x", 1, &m));
+  EXPECT_EQ(m.offset, 8u);
+  EXPECT_EQ(m.type, 0x41u);
+}
+
+}  // namespace
