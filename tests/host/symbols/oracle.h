@@ -2,6 +2,8 @@
 // the same line forms ("SSSS:OOOOOOOO LLLLLLLL name" for procedures, "SSSS:OOOOOOOO TTTTTTTT
 // name" for data globals).
 #pragma once
+#include <stdint.h>
+
 #include <string>
 #include <vector>
 
@@ -28,6 +30,20 @@ struct LineDump {
   std::vector<std::string> lines;
 };
 LineDump RunLineOracle(const std::string &pdb_path);
+
+// The blocks of `llvm-pdbutil dump -l` as printed: file path, section, [start, end) and the raw
+// (line, offset) records in their stored order, before any merging.
+struct LineBlock {
+  std::string path;
+  unsigned section = 0, start = 0, end = 0;
+  std::vector<std::pair<uint32_t, uint32_t>> raw;
+};
+struct LineBlockDump {
+  bool ok = false;
+  std::string failure;
+  std::vector<LineBlock> blocks;
+};
+LineBlockDump RunLineBlockOracle(const std::string &pdb_path);
 
 std::vector<std::string> SplitLines(const std::string &text);
 
