@@ -47,6 +47,25 @@ void SymbolArenaRelease(SymbolArena *arena) {
   arena->newest = nullptr;
 }
 
+void SymbolArenaBeginFixed(SymbolArena *arena, void *buffer, u64 size) {
+  ArenaChunk *chunk = (ArenaChunk *)buffer;
+  chunk->base = (u64)(uintptr_t)chunk;
+  chunk->used = kArenaChunkHeaderBytes;
+  chunk->capacity = size;
+  chunk->previous = nullptr;
+  arena->newest = chunk;
+}
+
+void SymbolArenaReleaseFixed(SymbolArena *arena) {
+  ArenaChunk *chunk = arena->newest;
+  while (chunk && chunk->previous) {  // the oldest chunk is the caller's buffer
+    ArenaChunk *previous = chunk->previous;
+    OsMemoryRelease(chunk, chunk->capacity);
+    chunk = previous;
+  }
+  arena->newest = nullptr;
+}
+
 u64 SymbolArenaReservedBytes(const SymbolArena *arena) {
   u64 total = 0;
   for (const ArenaChunk *c = arena->newest; c; c = c->previous) total += c->capacity;

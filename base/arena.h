@@ -31,6 +31,11 @@ void *SymbolArenaAllocate(SymbolArena *arena, u64 size);
 // Gives every chunk back to the system and empties the arena.
 void SymbolArenaRelease(SymbolArena *arena);
 // Sum of the chunk capacities (what the arena holds from the system) and of the used bytes.
+// Starts an empty arena on a caller's buffer (at least 64 bytes), for short work that usually
+// fits: further chunks come from the system as usual. Release it with SymbolArenaReleaseFixed,
+// which gives back every chunk but the caller's buffer.
+void SymbolArenaBeginFixed(SymbolArena *arena, void *buffer, u64 size);
+void SymbolArenaReleaseFixed(SymbolArena *arena);
 u64 SymbolArenaReservedBytes(const SymbolArena *arena);
 u64 SymbolArenaUsedBytes(const SymbolArena *arena);
 u32 SymbolArenaChunkCount(const SymbolArena *arena);

@@ -15,12 +15,13 @@ enum SymbolStatus : u32 {
 enum : u32 { kModulePathCapacity = 1024 };
 
 typedef struct ModuleSymbols {
-  SymbolArena arena;       // the PDB's data and the module's path
+  SymbolArena arena;       // the PDB's data; empty when no PDB is loaded
   u64 load_base;
   u64 extent_end;          // load base + last section end, rounded up to 4096
-  const char *image_path;  // UTF-8, in the arena; "" when unknown
-  const char *name;        // after the last '\' (or '/') of the path
-  const char *pdb_path;    // the path chosen for the PDB, in the arena; "" without a CodeView record
+  // Paths are kept in the module itself, so that a module without symbols allocates nothing.
+  char image_path[kModulePathCapacity];  // UTF-8; "" when unknown or too long
+  const char *name;        // in image_path: after the last '\' (or '/')
+  char pdb_path[kModulePathCapacity];    // the path chosen for the PDB; "" without a CodeView record
   u32 status;              // SymbolStatus
   int pdb_result;          // PdbOpen's result (a PdbError), 0 when no PDB was tried
   u64 exception_address;   // load base + the exception directory's rva, 0 when absent

@@ -109,7 +109,7 @@ static u32 BuildProcedure(ScopeBuild *b, const PdbModuleSymbols *module, u32 mod
         memset(block, 0, sizeof(*block));
         block->record = r;
         block->parent_block = current;
-        block->procedure = index;
+        block->procedure = (u32)(procedure - scopes->procedures);
         procedure->block_count++;
         current = index;
       } break;

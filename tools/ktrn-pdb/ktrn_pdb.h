@@ -30,6 +30,10 @@ int CommandFind(int argc, char **argv);
 int CommandLines(int argc, char **argv);
 int CommandLineToAddress(int argc, char **argv);
 
+// Image commands (image_commands.cpp).
+int CommandPe(int argc, char **argv);
+int CommandAddr(int argc, char **argv);
+
 // Type commands (type_commands.cpp).
 int CommandTypeRecords(int argc, char **argv);
 int CommandType(int argc, char **argv);

@@ -10,7 +10,7 @@
 struct Command {
   const char *name;
   const char *arguments;
-  int argument_count;  // exact count of arguments after the name
+  int argument_count;  // arguments after the name: exactly this many, or at least -argument_count
   CommandFn run;
   const char *help;
 };
@@ -22,6 +22,8 @@ static const Command kCommands[] = {
     {"find", "FILE.pdb NAME", 2, CommandFind, "procedures and data globals of that name"},
     {"lines", "FILE.pdb", 1, CommandLines, "line entries by address: SSSS:OOOOOOOO LLLLLLLL line path"},
     {"line2addr", "FILE.pdb PATH LINE", 3, CommandLineToAddress, "first line with code from LINE: SSSS:OOOOOOOO line"},
+    {"pe", "IMAGE.exe", 1, CommandPe, "image headers, sections, exception directory and CodeView record"},
+    {"addr", "IMAGE.exe [RVA...]", -1, CommandAddr, "procedure+offset and path:line of each RVA (hex; stdin when none)"},
     {"type-records", "FILE.pdb", 1, CommandTypeRecords, "type records in index order: 0xINDEX leaf length"},
     {"type", "FILE.pdb NAME|0xINDEX", 2, CommandType, "one type with its members or enumerators (tab-separated)"},
     {"types", "FILE.pdb", 1, CommandTypes, "every type index: 0xINDEX kind size name"},
@@ -73,7 +75,8 @@ int main(int argc, char **argv) {
   }
   for (const Command &c : kCommands) {
     if (strcmp(argv[1], c.name) != 0) continue;
-    if (argc - 2 != c.argument_count) {
+    int given = argc - 2;
+    if (c.argument_count >= 0 ? given != c.argument_count : given < -c.argument_count) {
       fprintf(stderr, "ktrn-pdb: usage: ktrn-pdb %s %s\n", c.name, c.arguments);
       return 2;
     }
