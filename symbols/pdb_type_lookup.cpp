@@ -119,10 +119,19 @@ static u64 SizeOf(const PdbTypes *types, u32 type_index, u32 depth) {
     case kLF_MODIFIER: case kLF_BITFIELD: case kLF_ENUM: case kLF_ALIAS:
       return SizeOf(types, t.type, depth + 1);
     case kLF_POINTER: {
-      u64 size = (t.properties >> 13) & 0x3F;
-      if (size) return size;
-      u32 kind = t.properties & 0x1F;  // 0x0A 32-bit, 0x0C 64-bit; the old 16-bit kinds
-      return kind == 0x0C ? 8 : kind == 0x0A || kind == 0x0B ? 4 : kind <= 2 ? 2 : 4;
+      // A data pointer or reference is as wide as its kind says; the size field is not to be
+      // trusted there (clang writes the referent's size for some references, rustc 16 for
+      // 32-bit pointers). Pointers to members vary with the class (4 to 24 bytes): the field.
+      u32 mode = (t.properties >> 5) & 7, kind = t.properties & 0x1F;
+      u64 field = (t.properties >> 13) & 0x3F;
+      if ((mode == 2 || mode == 3) && field) return field;
+      switch (kind) {
+        case 0x00: return 2;                    // near 16-bit
+        case 0x01: case 0x02: case 0x0A: return 4;  // far and huge 16-bit, 32-bit
+        case 0x0B: return 6;                    // far 32-bit
+        case 0x0C: return 8;                    // 64-bit
+      }
+      return field ? field : 8;
     }
     case kLF_ARRAY:
       return t.size;

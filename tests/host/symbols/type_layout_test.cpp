@@ -120,6 +120,13 @@ bool ParseOracle(const std::string &pdb, OracleTypes *out) {
       current->bit_offset = (uint32_t)NumberAfter(line, "bit offset = ");
       current->bits = (uint32_t)NumberAfter(line, "# bits = ");
     }
+    // A data pointer's or reference's size follows from its kind (pointers to members vary).
+    if (current->leaf == "LF_POINTER" && line.find(", kind = ptr") != std::string::npos &&
+        (line.find("mode = pointer,") != std::string::npos || line.find("mode = ref,") != std::string::npos ||
+         line.find("mode = rvalue ref,") != std::string::npos)) {
+      current->size = line.find("kind = ptr64") != std::string::npos ? 8 : line.find("kind = ptr32") != std::string::npos ? 4 : 0;
+      current->has_size = current->size != 0;
+    }
     if (current->leaf == "LF_MODIFIER" && line.find("referent = 0x") != std::string::npos)
       current->type = HexAfter(line, "referent = 0x");
     if (current->leaf == "LF_ENUM" && line.find("underlying type: 0x") != std::string::npos)
@@ -229,7 +236,7 @@ void CompareTypes(const std::string &pdb, Tally *tally) {
                         << r.forward_to;
       failures += !same;
     }
-    if ((IsAggregate(r.leaf) && !r.forward) || r.leaf == "LF_ARRAY") {
+    if ((IsAggregate(r.leaf) && !r.forward) || r.leaf == "LF_ARRAY" || (r.leaf == "LF_POINTER" && r.has_size)) {
       EXPECT_EQ(PdbTypeSize(types, index), r.size) << pdb << " size of " << std::hex << index << " " << r.name;
       failures += PdbTypeSize(types, index) != r.size;
     }
