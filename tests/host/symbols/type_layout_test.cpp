@@ -1,8 +1,8 @@
 // Type interpretation against two oracles:
 // - `llvm-pdbutil dump -types`, parsed here into its own records and field lists: for every
-//   aggregate of the test programs' PDBs and of the corpus, the size, the data members flattened
-//   through base classes (names, offsets, bit-field places), the enumerators, and where each
-//   forward reference leads;
+//   aggregate of the test programs' PDBs and of the corpus, the size (of every array and data
+//   pointer too), the data members flattened through base classes (names, offsets, bit-field
+//   places), the enumerators, and where each forward reference leads;
 // - the test programs themselves, which print sizeof/offsetof and bit-field places as the
 //   compiler laid them out (NAME.layout beside each PDB): `ktrn-pdb type` must say the same.
 #include <dirent.h>
