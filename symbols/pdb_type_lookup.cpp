@@ -264,6 +264,21 @@ static u32 FindBuiltin(const char *text, u32 length) {
   return 0;
 }
 
+// Copies text without the blanks that touch ',', '<' or '>' (at most 4096 bytes); returns the
+// new length.
+static u32 PackTemplateBlanks(const char *text, u32 length, char *out) {
+  u32 n = 0;
+  for (u32 i = 0; i < length; i++) {
+    char c = text[i];
+    if (IsSpace(c)) {
+      char before = n ? out[n - 1] : 0, after = i + 1 < length ? text[i + 1] : 0;
+      if (before == ',' || before == '<' || after == ',' || after == '>' || after == '<') continue;
+    }
+    out[n++] = c;
+  }
+  return n;
+}
+
 u32 PdbLookupType(const PdbTypes *types, const PdbGlobals *globals, const char *text, u32 length) {
   while (length && IsSpace(*text)) text++, length--;
   while (length && IsSpace(text[length - 1])) length--;
@@ -284,11 +299,16 @@ u32 PdbLookupType(const PdbTypes *types, const PdbGlobals *globals, const char *
   // Records first: most names looked up are records, and no record is named like a built-in.
   u32 index = PdbFindTypeRecord(types, text, length);
   if (!index) index = FindBuiltin(text, length);
+  char name[4097];
   if (!index && globals && globals->udt_capacity) {
-    char name[4097];
     memcpy(name, text, length);
     name[length] = 0;
     index = PdbFindUdt(globals, name);
+  }
+  if (!index) {
+    // Compilers write template arguments without blanks ("Buffer<short,5>"); users may not.
+    u32 packed = PackTemplateBlanks(text, length, name);
+    if (packed != length) index = PdbFindTypeRecord(types, name, packed);
   }
   for (u32 i = 0; i < stars && index; i++) {
     u32 base = PdbTypeLookThrough(types, index);

@@ -428,6 +428,8 @@ TEST(TypeLayout, NamesOfMemberTypesAndEnumerators) {
         "member\t114\t2\tchar16\tutf16"}},
       {"types_cpp", "class geo::Circle", {"member\t40\t16\tgeo::Circle::Center\tcenter"}},
       {"types_cpp", "geo::Circle *", {"\tpointer\t8\tgeo::Circle *"}},
+      {"types_cpp", "geo::Buffer< short, 5 >", {"\tstruct\t16\tgeo::Buffer<short,5>"}},
+      {"types_cpp", "geo::Buffer<geo::Circle *, 2>", {"\tstruct\t24\tgeo::Buffer<geo::Circle *,2>"}},
       {"types_cpp", "unsigned long long", {"type\t0x23\tbuiltin\t8\tu64"}},
       {"types_cpp", "const char *", {"type\t0x670\tbuiltin\t8\tchar *"}},
       // Member-function pointers of the MSVC ABI grow with the class's inheritance model.
