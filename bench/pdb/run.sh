@@ -76,8 +76,8 @@ for item in "${images[@]}"; do
   q=$("$build/bin/bench_pdb_addr" "$exe" "$runs" "$subset" "$symbolizer_addresses")
   head -1 "$subset" >"$one"
   flags=(--obj="$exe" --relative-address --functions=short --no-inlines)
-  s1=$(seconds llvm-symbolizer "${flags[@]}" <"$one")
-  sn=$(seconds llvm-symbolizer "${flags[@]}" <"$subset")
+  s1=$(seconds llvm-symbolizer-14 "${flags[@]}" <"$one")
+  sn=$(seconds llvm-symbolizer-14 "${flags[@]}" <"$subset")
   awk -v n="$name" -v l="$(value load_ms_median "$q")" -v e="$(value exact_ns "$q")" -v p="$(value procedure_line_ns "$q")" \
       -v ec="$(value exact_cpu_ns "$q")" -v pc="$(value procedure_line_cpu_ns "$q")" -v lc="$(value line_to_address_cpu_ns "$q")" \
       -v wp="$(value with_procedure "$q")" -v wl="$(value with_line "$q")" -v la="$(value line_to_address_ns "$q")" \

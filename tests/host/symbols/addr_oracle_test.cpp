@@ -240,7 +240,7 @@ void ExpectAddressesAgree(const Image &image) {
     ASSERT_EQ(symlink(image.pdb.c_str(), (std::string(directory) + "/" + codeview_path).c_str()), 0);
 
   CommandResult ours = RunCommand(Quote(kTool) + " addr " + Quote(image.exe) + " < " + Quote(ours_input));
-  CommandResult theirs = RunCommand("cd " + Quote(directory) + " && llvm-symbolizer --obj=" + Quote(image.exe) +
+  CommandResult theirs = RunCommand("cd " + Quote(directory) + " && llvm-symbolizer-14 --obj=" + Quote(image.exe) +
                                     " --relative-address --no-inlines --functions=short --output-style=JSON < " +
                                     Quote(theirs_input) + " 2>&1");
   RunCommand("rm -rf " + Quote(directory));
