@@ -3,6 +3,8 @@
 //   bench_pdb_open read FILE [RUNS]  median time to read the whole file once into a buffer
 //   bench_pdb_open lines FILE        one million address-to-line and one million file-and-line
 //                                    queries, beside std::upper_bound over the same entries
+//   bench_pdb_open types FILE [RUNS] median time of the type stream's load alone (the last step of
+//                                    PdbOpen), so that the rest of PdbOpen can be told apart
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -13,6 +15,9 @@
 
 #include "base/os.h"
 #include "symbols/pdb_file.h"
+#include "symbols/pdb_info.h"
+#include "symbols/pdb_names.h"
+#include "symbols/pdb_types.h"
 
 static double Median(std::vector<double> v) {
   std::sort(v.begin(), v.end());
@@ -124,9 +129,37 @@ static int Lines(const char *path) {
   return 0;
 }
 
+static int Types(const char *path, int runs) {
+  std::vector<double> ms;
+  for (int i = 0; i < runs; i++) {
+    SymbolArena arena = {};
+    MsfFile msf;
+    CodeViewIdentity none = {};
+    s32 names_stream = -1;
+    PdbStringTable strings;
+    PdbSourceFileTable files;
+    PdbTypes types;
+    if (MsfOpen(&arena, path, &msf) != 0 || PdbReadInfoStream(&arena, &none, &msf, &names_stream, true) != 0 ||
+        PdbLoadStringTable(&arena, &msf, names_stream, &strings, &files) != 0) {
+      fprintf(stderr, "bench_pdb_open: %s: does not open\n", path);
+      MsfClose(&msf);
+      SymbolArenaRelease(&arena);
+      return 1;
+    }
+    u64 start = OsTimeMicroseconds();
+    int status = PdbLoadTypes(&arena, &msf, &strings, &types);
+    ms.push_back((double)(OsTimeMicroseconds() - start) / 1000.0);
+    MsfClose(&msf);
+    SymbolArenaRelease(&arena);
+    if (status != 0) return 1;
+  }
+  printf("types_ms_median %.2f\n", Median(ms));
+  return 0;
+}
+
 int main(int argc, char **argv) {
   if (argc < 3) {
-    fprintf(stderr, "usage: bench_pdb_open load|read|lines FILE [RUNS]\n");
+    fprintf(stderr, "usage: bench_pdb_open load|read|lines|types FILE [RUNS]\n");
     return 2;
   }
   int runs = argc > 3 ? atoi(argv[3]) : 7;
@@ -134,6 +167,7 @@ int main(int argc, char **argv) {
   if (strcmp(argv[1], "load") == 0) return Load(argv[2], runs);
   if (strcmp(argv[1], "read") == 0) return Read(argv[2], runs);
   if (strcmp(argv[1], "lines") == 0) return Lines(argv[2]);
+  if (strcmp(argv[1], "types") == 0) return Types(argv[2], runs);
   fprintf(stderr, "bench_pdb_open: unknown mode %s\n", argv[1]);
   return 2;
 }

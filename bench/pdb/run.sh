@@ -38,18 +38,20 @@ median_pdbutil() {  # prints "seconds peak_kib", the median run of three by time
   done | sort -n | sed -n 2p
 }
 
-echo "| PDB | file MB | read once ms | PdbOpen ms (median of $runs) | arena MB (x file) | peak RSS MB | llvm-pdbutil dump -globals -l s | llvm-pdbutil peak RSS MB |"
-echo "|---|---|---|---|---|---|---|---|"
+echo "| PDB | file MB | read once ms | PdbOpen ms (median of $runs) | type stream alone ms | arena MB (x file) | peak RSS MB | llvm-pdbutil dump -globals -l s | llvm-pdbutil peak RSS MB |"
+echo "|---|---|---|---|---|---|---|---|---|"
 for name in small ref; do
   pdb=$(dir_of $name)/synth.pdb
   read=$("$build/bin/bench_pdb_open" read "$pdb" "$runs")
   load=$("$build/bin/bench_pdb_open" load "$pdb" "$runs")
+  types=$("$build/bin/bench_pdb_open" types "$pdb" "$runs")
   util=$(median_pdbutil "$pdb")
   bytes=$(value file_bytes "$read")
   arena=$(value arena_used_bytes "$load")
   awk -v n="$name" -v b="$bytes" -v r="$(value read_ms_median "$read")" -v l="$(value load_ms_median "$load")" \
+      -v t="$(value types_ms_median "$types")" \
       -v a="$arena" -v rss="$(value peak_rss_bytes "$load")" -v us="${util% *}" -v um="${util#* }" \
-      'BEGIN { printf "| %s | %.1f | %.1f | %.1f | %.1f (%.2fx) | %.1f | %.2f | %.1f |\n", n, b/1048576, r, l, a/1048576, a/b, rss/1048576, us, um/1024 }'
+      'BEGIN { printf "| %s | %.1f | %.1f | %.1f | %.1f | %.1f (%.2fx) | %.1f | %.2f | %.1f |\n", n, b/1048576, r, l, t, a/1048576, a/b, rss/1048576, us, um/1024 }'
 done
 
 echo
