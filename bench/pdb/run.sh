@@ -1,18 +1,20 @@
 #!/usr/bin/env bash
 # PdbOpen on synthetic PDBs beside llvm-pdbutil and a plain read of the same file, in one run;
-# then a million line queries each way beside std::upper_bound over the same entries; then module
+# then a million line queries each way beside std::upper_bound over the same entries; then the
+# type stream's load time and a million type-by-name look-ups beside std::unordered_map; then module
 # load and a million address lookups through the image beside llvm-symbolizer on the same
 # addresses, and a million line-to-address queries from source paths.
 #   bench/pdb/run.sh [RUNS]
-# Builds bench_pdb_open in build/pdb-release (release, no sanitizers), makes the PDBs with
+# Builds the benchmarks in build/pdb-release (release, no sanitizers), makes the PDBs with
 # /work/shared/bench/synth-pdb.sh into build/bench-pdb/{small,ref} when they are missing (the
-# reference 400x400 PDB takes a long while), and prints one table row per PDB. KTRN_BENCH_REF names
-# another folder holding the reference synth.exe and synth.pdb (one made for another tree).
+# reference 400x400 PDB takes a long while; KTRN_BENCH_PDB_DIR puts them elsewhere), and prints
+# one table row per PDB. KTRN_BENCH_REF names another folder holding the reference synth.exe and
+# synth.pdb (one made for another tree).
 set -euo pipefail
 root=$(cd "$(dirname "$0")/../.." && pwd)
 runs=${1:-7}
 build=$root/build/pdb-release
-out=$root/build/bench-pdb
+out=${KTRN_BENCH_PDB_DIR:-$root/build/bench-pdb}
 synth=${KTRN_SYNTH_PDB:-$root/../shared/bench/synth-pdb.sh}
 ref=${KTRN_BENCH_REF:-$out/ref}
 symbolizer_addresses=${KTRN_SYMBOLIZER_ADDRESSES:-20000}
@@ -38,20 +40,18 @@ median_pdbutil() {  # prints "seconds peak_kib", the median run of three by time
   done | sort -n | sed -n 2p
 }
 
-echo "| PDB | file MB | read once ms | PdbOpen ms (median of $runs) | type stream alone ms | arena MB (x file) | peak RSS MB | llvm-pdbutil dump -globals -l s | llvm-pdbutil peak RSS MB |"
-echo "|---|---|---|---|---|---|---|---|---|"
+echo "| PDB | file MB | read once ms | PdbOpen ms (median of $runs) | arena MB (x file) | peak RSS MB | llvm-pdbutil dump -globals -l s | llvm-pdbutil peak RSS MB |"
+echo "|---|---|---|---|---|---|---|---|"
 for name in small ref; do
   pdb=$(dir_of $name)/synth.pdb
   read=$("$build/bin/bench_pdb_open" read "$pdb" "$runs")
   load=$("$build/bin/bench_pdb_open" load "$pdb" "$runs")
-  types=$("$build/bin/bench_pdb_open" types "$pdb" "$runs")
   util=$(median_pdbutil "$pdb")
   bytes=$(value file_bytes "$read")
   arena=$(value arena_used_bytes "$load")
   awk -v n="$name" -v b="$bytes" -v r="$(value read_ms_median "$read")" -v l="$(value load_ms_median "$load")" \
-      -v t="$(value types_ms_median "$types")" \
       -v a="$arena" -v rss="$(value peak_rss_bytes "$load")" -v us="${util% *}" -v um="${util#* }" \
-      'BEGIN { printf "| %s | %.1f | %.1f | %.1f | %.1f | %.1f (%.2fx) | %.1f | %.2f | %.1f |\n", n, b/1048576, r, l, t, a/1048576, a/b, rss/1048576, us, um/1024 }'
+      'BEGIN { printf "| %s | %.1f | %.1f | %.1f | %.1f (%.2fx) | %.1f | %.2f | %.1f |\n", n, b/1048576, r, l, a/1048576, a/b, rss/1048576, us, um/1024 }'
 done
 
 echo
@@ -62,6 +62,13 @@ for name in small ref; do
   echo "| $name | $(value line_entries "$q") | $(value address_to_line_ns "$q") | $(value reference_upper_bound_ns "$q") | $(value line_to_address_ns "$q") |"
 done
 
+echo
+echo "| PDB | types | type stream load ms (median of $runs) | type arena MB | find type record ns | whole look-up ns | std::unordered_map ns |"
+echo "|---|---|---|---|---|---|---|"
+for name in small ref; do
+  q=$("$build/bin/bench_pdb_open" types "$(dir_of $name)/synth.pdb" "$runs")
+  echo "| $name | $(value type_count "$q") | $(value type_load_ms_median "$q") | $(awk -v b="$(value type_arena_bytes "$q")" 'BEGIN { printf "%.1f", b/1048576 }') | $(value find_type_record_ns "$q") | $(value lookup_type_ns "$q") | $(value reference_unordered_map_ns "$q") |"
+done
 # Address lookups through the image: ours on a million addresses, llvm-symbolizer on the first
 # $symbolizer_addresses of them and on one (its start-up and PDB load), so that its cost per
 # address is the difference. kestrune.exe joins when the Windows build has made it.

@@ -7,12 +7,7 @@
 #include <string>
 #include <vector>
 
-struct CommandResult {
-  int exit_status = -1;  // -1: killed by a signal or could not run
-  std::string output;
-};
-CommandResult RunCommand(const std::string &command);
-std::string Quote(const std::string &text);
+#include "run_command.h"
 
 struct OracleDump {
   bool ok = false;             // llvm-pdbutil ran and reported no error
@@ -45,7 +40,6 @@ struct LineBlockDump {
 };
 LineBlockDump RunLineBlockOracle(const std::string &pdb_path);
 
-std::vector<std::string> SplitLines(const std::string &text);
 
 // Compares two lists and describes the first differences (empty when equal).
 std::string DescribeDifference(const std::vector<std::string> &ours, const std::vector<std::string> &oracle);
