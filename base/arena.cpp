@@ -47,6 +47,15 @@ void SymbolArenaRelease(SymbolArena *arena) {
   arena->newest = nullptr;
 }
 
+void SymbolArenaAppend(SymbolArena *into, SymbolArena *from) {
+  if (!from->newest) return;
+  ArenaChunk *oldest = from->newest;
+  while (oldest->previous) oldest = oldest->previous;
+  oldest->previous = into->newest;
+  into->newest = from->newest;
+  from->newest = nullptr;
+}
+
 void SymbolArenaBeginFixed(SymbolArena *arena, void *buffer, u64 size) {
   ArenaChunk *chunk = (ArenaChunk *)buffer;
   chunk->base = (u64)(uintptr_t)chunk;
@@ -86,7 +95,8 @@ u32 SymbolArenaChunkCount(const SymbolArena *arena) {
 
 // [SECTION] ScratchArena
 
-static ScratchArena g_scratch;
+// One per thread: symbol loading runs part of its work on a worker thread.
+static thread_local ScratchArena g_scratch;
 
 void ScratchBegin(void) { g_scratch.depth++; }
 
@@ -120,3 +130,9 @@ void ScratchEnd(void) {
 }
 
 const ScratchArena *ScratchState(void) { return &g_scratch; }
+
+void ScratchReleaseThread(void) {
+  ReleaseChain(g_scratch.newest);
+  g_scratch.newest = nullptr;
+  g_scratch.depth = 0;
+}

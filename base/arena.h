@@ -1,7 +1,7 @@
 // The two allocators of the symbol code.
 //
 // SymbolArena: chunked bump allocation for everything that belongs to one loaded PDB, given back
-// to the system in one sweep. ScratchArena: one process-wide allocator for short-lived buffers,
+// to the system in one sweep. ScratchArena: one allocator per thread for short-lived buffers,
 // used inside nested scopes; when the outermost scope ends its chunks are folded into one, so the
 // next round of scratch work costs no system call.
 //
@@ -31,6 +31,9 @@ void *SymbolArenaAllocate(SymbolArena *arena, u64 size);
 // Gives every chunk back to the system and empties the arena.
 void SymbolArenaRelease(SymbolArena *arena);
 // Sum of the chunk capacities (what the arena holds from the system) and of the used bytes.
+// Moves every chunk of from into into (from is left empty): work done in an arena of its own, on
+// another thread, joins the arena that owns the result.
+void SymbolArenaAppend(SymbolArena *into, SymbolArena *from);
 // Starts an empty arena on a caller's buffer (at least 64 bytes), for short work that usually
 // fits: further chunks come from the system as usual. Release it with SymbolArenaReleaseFixed,
 // which gives back every chunk but the caller's buffer.
@@ -49,5 +52,7 @@ void ScratchBegin(void);
 // Valid until the outermost scope ends. Null only when the system refuses memory.
 void *ScratchAllocate(u64 size);
 void ScratchEnd(void);
-// The process-wide scratch state, for tests and diagnostics.
+// This thread's scratch state, for tests and diagnostics.
 const ScratchArena *ScratchState(void);
+// Gives this thread's scratch chunks back to the system; a worker thread calls it before it ends.
+void ScratchReleaseThread(void);

@@ -15,6 +15,9 @@ void OsFileClose(OsFile *file);
 int OsFileSeek(OsFile file, u64 offset);
 // Reads up to count bytes at the current position; *read_count receives how many were read.
 int OsFileRead(OsFile file, void *buffer, u64 count, u64 *read_count);
+// Reads up to count bytes at offset, without regard to the current position: two threads may read
+// one file this way at once. *read_count receives how many were read.
+int OsFileReadAt(OsFile file, u64 offset, void *buffer, u64 count, u64 *read_count);
 int OsFileWrite(OsFile file, const void *buffer, u64 count);
 int OsFileSize(OsFile file, u64 *size);
 bool OsFileExists(const char *path);
@@ -37,6 +40,19 @@ void *OsMemoryAllocate(u64 size);
 // without privileges, the block is backed by large pages, which cuts the cost of first touches.
 void *OsMemoryAllocateLarge(u64 size);
 void OsMemoryRelease(void *base, u64 size);
+
+// [SECTION] Threads
+// A worker thread for work that runs beside the caller and is joined before its results are used.
+// The OsThread is the thread's start record: it must stay in place until the join.
+typedef void (*OsThreadFunction)(void *context);
+typedef struct OsThread {
+  intptr_t handle;  // 0 = none
+  OsThreadFunction function;
+  void *context;
+} OsThread;
+int OsThreadStart(OsThreadFunction function, void *context, OsThread *out);
+// Waits for the thread to end and releases it.
+void OsThreadJoin(OsThread *thread);
 
 // [SECTION] Time
 u64 OsTimeMicroseconds(void);  // monotonic

@@ -2,6 +2,7 @@
 #include "base/os.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/mman.h>
@@ -9,7 +10,7 @@
 #include <time.h>
 #include <unistd.h>
 
-static u64 g_read_calls;
+static u64 g_read_calls;  // counted atomically: symbol loading reads from two threads
 
 static int OpenWith(const char *path, int flags, OsFile *out) {
   int fd = open(path, flags | O_CLOEXEC, 0644);
@@ -34,10 +35,26 @@ int OsFileSeek(OsFile file, u64 offset) {
 }
 
 int OsFileRead(OsFile file, void *buffer, u64 count, u64 *read_count) {
-  g_read_calls++;
+  __atomic_fetch_add(&g_read_calls, 1, __ATOMIC_RELAXED);
   u64 total = 0;
   while (total < count) {  // one logical read; the kernel may hand it out in pieces
     ssize_t got = read((int)(file.handle - 1), (char *)buffer + total, (size_t)(count - total));
+    if (got < 0) {
+      *read_count = total;
+      return kOsFailed;
+    }
+    if (got == 0) break;
+    total += (u64)got;
+  }
+  *read_count = total;
+  return kOsOk;
+}
+
+int OsFileReadAt(OsFile file, u64 offset, void *buffer, u64 count, u64 *read_count) {
+  __atomic_fetch_add(&g_read_calls, 1, __ATOMIC_RELAXED);
+  u64 total = 0;
+  while (total < count) {
+    ssize_t got = pread((int)(file.handle - 1), (char *)buffer + total, (size_t)(count - total), (off_t)(offset + total));
     if (got < 0) {
       *read_count = total;
       return kOsFailed;
@@ -132,4 +149,25 @@ u64 OsTimeMicroseconds(void) {
   struct timespec ts;
   clock_gettime(CLOCK_MONOTONIC, &ts);
   return (u64)ts.tv_sec * 1000000u + (u64)ts.tv_nsec / 1000u;
+}
+
+// [SECTION] Threads
+
+static void *RunThread(void *argument) {
+  OsThread *thread = (OsThread *)argument;
+  thread->function(thread->context);
+  return nullptr;
+}
+
+int OsThreadStart(OsThreadFunction function, void *context, OsThread *out) {
+  *out = {0, function, context};
+  pthread_t thread;
+  if (pthread_create(&thread, nullptr, RunThread, out) != 0) return kOsFailed;
+  out->handle = (intptr_t)thread;
+  return kOsOk;
+}
+
+void OsThreadJoin(OsThread *thread) {
+  if (thread->handle) pthread_join((pthread_t)thread->handle, nullptr);
+  thread->handle = 0;
 }

@@ -3,7 +3,7 @@
 
 #include <windows.h>
 
-static u64 g_read_calls;
+static u64 g_read_calls;  // counted atomically: symbol loading reads from two threads
 
 // Converts a UTF-8 path to UTF-16 into a caller's buffer; false when it does not fit.
 static bool WidenPath(const char *path, wchar_t *out, int capacity) {
@@ -45,7 +45,7 @@ int OsFileSeek(OsFile file, u64 offset) {
 }
 
 int OsFileRead(OsFile file, void *buffer, u64 count, u64 *read_count) {
-  g_read_calls++;
+  __atomic_fetch_add(&g_read_calls, 1, __ATOMIC_RELAXED);
   u64 total = 0;
   while (total < count) {  // ReadFile takes at most 4 GiB - 1 at a time
     DWORD want = (DWORD)MinU64(count - total, 0x40000000u);
@@ -53,6 +53,26 @@ int OsFileRead(OsFile file, void *buffer, u64 count, u64 *read_count) {
     if (!ReadFile((HANDLE)file.handle, (char *)buffer + total, want, &got, nullptr)) {
       *read_count = total;
       return kOsFailed;
+    }
+    total += got;
+    if (got < want) break;
+  }
+  *read_count = total;
+  return kOsOk;
+}
+
+int OsFileReadAt(OsFile file, u64 offset, void *buffer, u64 count, u64 *read_count) {
+  __atomic_fetch_add(&g_read_calls, 1, __ATOMIC_RELAXED);
+  u64 total = 0;
+  while (total < count) {
+    DWORD want = (DWORD)MinU64(count - total, 0x40000000u);
+    DWORD got = 0;
+    OVERLAPPED at = {};
+    at.Offset = (DWORD)(offset + total);
+    at.OffsetHigh = (DWORD)((offset + total) >> 32);
+    if (!ReadFile((HANDLE)file.handle, (char *)buffer + total, want, &got, &at)) {
+      *read_count = total;
+      return GetLastError() == ERROR_HANDLE_EOF ? kOsOk : kOsFailed;
     }
     total += got;
     if (got < want) break;
@@ -129,4 +149,26 @@ u64 OsTimeMicroseconds(void) {
   LARGE_INTEGER now;
   QueryPerformanceCounter(&now);
   return (u64)((double)now.QuadPart * 1e6 / (double)frequency.QuadPart);
+}
+
+// [SECTION] Threads
+
+static DWORD WINAPI RunThread(void *argument) {
+  OsThread *thread = (OsThread *)argument;
+  thread->function(thread->context);
+  return 0;
+}
+
+int OsThreadStart(OsThreadFunction function, void *context, OsThread *out) {
+  *out = {0, function, context};
+  HANDLE thread = CreateThread(nullptr, 0, RunThread, out, 0, nullptr);
+  out->handle = (intptr_t)thread;
+  return thread ? kOsOk : kOsFailed;
+}
+
+void OsThreadJoin(OsThread *thread) {
+  if (!thread->handle) return;
+  WaitForSingleObject((HANDLE)thread->handle, INFINITE);
+  CloseHandle((HANDLE)thread->handle);
+  thread->handle = 0;
 }

@@ -209,7 +209,9 @@ int MsfReadStream(const MsfFile *msf, const MsfStream *stream, void *buffer, u64
       last++;
       page_index++;
     }
-    if (OsFileSeek(msf->file, (u64)first * page_size + in_page) != kOsOk || !ReadExact(msf->file, to, run))
+    // Positional reads: the type stream is read on a worker thread while the modules are read here.
+    u64 got = 0;
+    if (OsFileReadAt(msf->file, (u64)first * page_size + in_page, to, run, &got) != kOsOk || got != run)
       return kPdbUnreadable;
     to += run;
     count -= run;

@@ -4,6 +4,25 @@
 
 #include "symbols/pdb_error.h"
 
+// The type stream depends on nothing loaded after "/names": a large one loads on a worker thread,
+// into an arena of its own, while the modules and line tables load on the caller's thread. Small
+// ones are not worth a thread.
+enum : u32 { kTypesOnWorkerBytes = 8u << 20 };
+
+typedef struct TypeLoad {
+  SymbolArena arena;
+  const MsfFile *msf;
+  const PdbStringTable *strings;
+  PdbTypes types;
+  int result;
+} TypeLoad;
+
+static void LoadTypesOnWorker(void *context) {
+  TypeLoad *load = (TypeLoad *)context;
+  load->result = PdbLoadTypes(&load->arena, load->msf, load->strings, &load->types);
+  ScratchReleaseThread();
+}
+
 int PdbOpen(SymbolArena *arena, const CodeViewIdentity *expected, const char *path, bool ignore_signature,
             PdbFile *out, PdbSummary *summary) {
   memset(out, 0, sizeof(*out));
@@ -24,12 +43,26 @@ int PdbOpen(SymbolArena *arena, const CodeViewIdentity *expected, const char *pa
     MsfClose(msf);
     return error;
   }
+  TypeLoad type_load = {};
+  type_load.msf = msf;
+  type_load.strings = &out->strings;
+  OsThread worker = {};
+  bool on_worker = MsfStreamSize(msf, kPdbTypeStream) >= kTypesOnWorkerBytes &&
+                   OsThreadStart(LoadTypesOnWorker, &type_load, &worker) == kOsOk;
+
   // The global tables are optional: when they cannot be built they stay empty.
   PdbLoadGlobals(arena, msf, out->dbi.global_stream, out->dbi.symbol_record_stream, &out->globals);
   error = PdbLoadModules(arena, msf, &out->dbi, &out->modules);
   if (!error) error = PdbLoadModuleSymbols(arena, msf, &out->modules, &out->scopes);
   if (!error) error = PdbLoadLines(arena, &out->scopes, &out->strings, &out->source_files, &out->lines);
-  if (!error) error = PdbLoadTypes(arena, msf, &out->strings, &out->types);
+  if (on_worker) {
+    OsThreadJoin(&worker);
+    SymbolArenaAppend(arena, &type_load.arena);  // the types belong to the PDB's arena, failed or not
+    if (!error) error = type_load.result;
+    out->types = type_load.types;
+  } else if (!error) {
+    error = PdbLoadTypes(arena, msf, &out->strings, &out->types);
+  }
   MsfClose(msf);
   if (error) return error;
 

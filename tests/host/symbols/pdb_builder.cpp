@@ -201,8 +201,9 @@ Bytes BuildPdb(const PdbSpec &spec) {
   msf.streams[1] = InfoStream(spec, 6);
   Bytes tpi(56, 0);
   Set32(tpi, 0, 20040203), Set32(tpi, 4, 56), Set32(tpi, 8, 0x1000), Set32(tpi, 12, 0x1000);
-  msf.streams[2] = tpi;
+  msf.streams[2] = spec.type_stream_override.empty() ? tpi : spec.type_stream_override;
   msf.streams[4] = tpi;
+  msf.streams[5] = spec.type_hash_stream;
   msf.streams[6] = spec.names_stream_override.empty() ? NamesStream() : spec.names_stream_override;
 
   Bytes records, hash;

@@ -66,6 +66,8 @@ struct PdbSpec {
   bool names_entry = true;       // the named-stream map lists "/names"
   std::string named_stream = "/names";
   Bytes names_stream_override;   // replaces the generated "/names" stream when not empty
+  Bytes type_stream_override;    // replaces the empty type stream (2) when not empty
+  Bytes type_hash_stream;        // written as stream 5, for a type stream that names it
   uint32_t dbi_signature = 0xFFFFFFFF;
   uint32_t dbi_version = 19990903;
   int dbi_size_delta = 0;        // stream size minus the sum of its substreams
