@@ -39,6 +39,9 @@ void EngineRelease(Target *target);
 // [SECTION] State
 // 0 stopped (the engine serves commands), 26 running, 37 the wait failed, 1 no target.
 int EngineStoppedState(Target *target);
+// Waits up to timeout_ms for the engine to serve commands (the events of a stop are posted before
+// the engine starts waiting for a command). 0 when stopped, else as EngineStoppedState.
+int EngineWaitStopped(Target *target, u32 timeout_ms);
 
 // [SECTION] Operations
 int EngineBreak(Target *target);

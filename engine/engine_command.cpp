@@ -111,6 +111,15 @@ int EngineStoppedState(Target *target) {
   return 37;
 }
 
+int EngineWaitStopped(Target *target, u32 timeout_ms) {
+  if (!target || !target->wait_objects[kWaitEngineWaiting]) return 1;
+  HANDLE handles[2] = {target->wait_objects[kWaitEngineWaiting], target->engine_thread};
+  DWORD r = WaitForMultipleObjects(target->engine_thread ? 2 : 1, handles, FALSE, timeout_ms);
+  if (r == WAIT_OBJECT_0) return 0;
+  if (r == WAIT_TIMEOUT) return 26;
+  return 37;  // the engine thread ended
+}
+
 static bool HasProcess(const Target *target) { return target->process && !target->exited && !target->detached; }
 
 static void Signal(Target *target, u32 object) { SetEvent(target->wait_objects[object]); }

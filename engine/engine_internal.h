@@ -20,7 +20,8 @@ void EngineUnloadModule(Target *target, u64 base);
 void EngineNameThread(Target *target, TargetThread *thread, bool main_thread);
 
 // [SECTION] Locations (source_location.cpp)
-void EngineLocate(Target *target, u64 address, EngineSourceLocation *out);
+// return_address: the address follows a call, so its line is the call's (looked up at address - 1).
+void EngineLocate(Target *target, u64 address, EngineSourceLocation *out, bool return_address = false);
 
 // [SECTION] Exceptions (exceptions.cpp)
 u32 EngineHandleException(Target *target, const EXCEPTION_DEBUG_INFO *info);

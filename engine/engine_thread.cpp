@@ -116,6 +116,8 @@ static DWORD WINAPI EngineThreadMain(void *parameter) {
     SetEvent(finished);
     return (DWORD)result;
   }
+  // A launched process is held, which the UI sees as stopped as soon as the start returns.
+  if (!target->attached) SetEvent(target->wait_objects[kWaitEngineWaiting]);
   SetEvent(finished);  // start is invalid from here on
 
   // 8. A launched process stays held until the first run (or a stop, which detaches it).

@@ -155,14 +155,17 @@ static u32 ReportException(Target *target, TargetThread *thread, const EXCEPTION
   target->continue_status = info->dwFirstChance && continuable ? DBG_EXCEPTION_NOT_HANDLED : DBG_CONTINUE;
 
   u64 shown = (u64)(uintptr_t)record->ExceptionAddress;
+  bool after_call = false;
   u64 access = record->NumberParameters >= 1 ? record->ExceptionInformation[0] : 0;
   u64 data = record->NumberParameters >= 2 ? record->ExceptionInformation[1] : 0;
   if (record->ExceptionCode == kCodeAccessViolation && access == kAccessExecute && shown == 0 && thread) {
     // A call through a null pointer: show the caller, whose return address is on top of the stack.
     CONTEXT *context = ThreadContextGet(thread);
     u64 return_address = 0;
-    if (context && context->Rip == 0 && TargetReadMemory(target, context->Rsp, &return_address, 8) == 0)
+    if (context && context->Rip == 0 && TargetReadMemory(target, context->Rsp, &return_address, 8) == 0) {
       shown = return_address;
+      after_call = true;
+    }
   }
   EngineEvent event;
   memset(&event, 0, sizeof event);
@@ -173,7 +176,7 @@ static u32 ReportException(Target *target, TargetThread *thread, const EXCEPTION
   event.exception.address = shown;
   event.exception.access_kind = access;
   event.exception.data_address = data;
-  EngineLocate(target, shown, &event.exception.location);
+  EngineLocate(target, shown, &event.exception.location, after_call);
   EnginePostEvent(target, &event);
   return kOutcomeStop;
 }

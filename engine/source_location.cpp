@@ -4,8 +4,9 @@
 #include "engine/engine_internal.h"
 #include "symbols/scope_lookup.h"
 
-void EngineLocate(Target *target, u64 address, EngineSourceLocation *out) {
+void EngineLocate(Target *target, u64 address, EngineSourceLocation *out, bool return_address) {
   memset(out, 0, sizeof *out);
+  if (return_address && address) address -= 1;
   TargetModule *module = TargetFindModule(target, address);
   if (!module) return;
   out->module = module;

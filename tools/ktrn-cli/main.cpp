@@ -8,6 +8,8 @@
 // the target after N seconds with exit code 0x7E57).
 #include <windows.h>
 
+#include <fcntl.h>
+#include <io.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -49,6 +51,8 @@ static void AppendArgument(char *line, size_t capacity, const char *arg) {
 }
 
 int main(int argc, char **argv) {
+  // The lines go out exactly as the output window shows them: no "\r" added, none held back.
+  _setmode(_fileno(stdout), _O_BINARY);
   setvbuf(stdout, nullptr, _IONBF, 0);
   double seconds = 0, terminate_after = 0;
   const char *cwd = nullptr;
@@ -138,10 +142,10 @@ int main(int argc, char **argv) {
         case kEventStopped:
           printf("Stopped: %s at 0x%016llX (thread %u)\n", StopReasonText(event.stopped.reason),
                  (unsigned long long)event.stopped.address, event.stopped.thread_id);
-          EngineRun(target);
+          if (EngineWaitStopped(target, 10000) == 0) EngineRun(target);
           break;
         case kEventException:
-          EngineRun(target);
+          if (EngineWaitStopped(target, 10000) == 0) EngineRun(target);
           break;
         case kEventModuleUnloaded:
           TargetModuleRelease(target, event.module.module);
