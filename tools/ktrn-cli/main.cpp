@@ -3,6 +3,7 @@
 //
 //   ktrn-cli [OPTIONS] launch PROGRAM [ARGS...]
 //   ktrn-cli [OPTIONS] attach PID
+//   ktrn-cli [OPTIONS] reattach NAME   (the first 64-bit process of that name, ignoring case)
 // OPTIONS: --seconds N (stop debugging after N seconds: detach), --cwd DIR, --env NAME=VALUE
 // (repeatable), --inherit-env, --quiet-modules (no module lines), --terminate-after N (terminate
 // the target after N seconds with exit code 0x7E57).
@@ -15,6 +16,7 @@
 #include <string.h>
 
 #include "engine/engine.h"
+#include "engine/process_list.h"
 #include "ui/engine_event_text.h"
 
 static void Wake(void *user) { SetEvent((HANDLE)user); }
@@ -23,7 +25,8 @@ static void Usage(void) {
   fprintf(stderr,
           "usage: ktrn-cli [--seconds N] [--terminate-after N] [--cwd DIR] [--env NAME=VALUE]... [--inherit-env]\n"
           "                [--quiet-modules] launch PROGRAM [ARGS...]\n"
-          "       ktrn-cli [--seconds N] [--terminate-after N] attach PID\n");
+          "       ktrn-cli [--seconds N] [--terminate-after N] attach PID\n"
+          "       ktrn-cli [--seconds N] [--terminate-after N] reattach NAME\n");
 }
 
 static const char *StopReasonText(u32 reason) {
@@ -102,8 +105,16 @@ int main(int argc, char **argv) {
       printf("[OK] Process ID: %u\n", pid);
       EngineRun(target);
     }
-  } else if (!strcmp(verb, "attach")) {
-    pid = (u32)strtoul(argv[i + 1], nullptr, 0);
+  } else if (!strcmp(verb, "attach") || !strcmp(verb, "reattach")) {
+    if (!strcmp(verb, "reattach")) {
+      pid = ProcessFindByName(argv[i + 1]);
+      if (!pid) {
+        printf("Unable to reattach to process named \"%s\". Process not found.\n", argv[i + 1]);
+        return 0x100 + 3;
+      }
+    } else {
+      pid = (u32)strtoul(argv[i + 1], nullptr, 0);
+    }
     printf("Attaching to process ID %u...", pid);
     result = EngineStartAttach(pid, Wake, wake, &target);
     if (result == 0) printf("[OK]\n");
