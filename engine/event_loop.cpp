@@ -120,6 +120,10 @@ u32 EngineWaitCommand(Target *target) {
   static const u32 codes[7] = {kCommandRun,         kCommandStopDebugging, kCommandRefresh,     kCommandThreadStates,
                                kCommandSelectFrame, kCommandThreadStates,  kCommandRebuildStack};
   SetEvent(w[kWaitEngineWaiting]);
+  if (target->stop_event_held) {
+    target->stop_event_held = 0;
+    EnginePostEvent(target, &target->held_stop_event);
+  }
   DWORD r = WaitForMultipleObjects(7, order, FALSE, INFINITE);
   u32 code = kCommandFailed;
   if (r < WAIT_OBJECT_0 + 7) {
@@ -238,7 +242,9 @@ static void ResumeCurrentThread(Target *target) {
   CONTEXT *context = t->context_read[t->context_index] ? t->context[t->context_index] : nullptr;
   if (!context) return;
   u8 byte = 0;
-  if (TargetReadMemory(target, context->Rip, &byte, 1) == 0 && byte == 0xCC) {
+  bool own_int3 = t->int3_at_stop && context->Rip == t->int3_at_stop;
+  t->int3_at_stop = 0;
+  if (own_int3 || (TargetReadMemory(target, context->Rip, &byte, 1) == 0 && byte == 0xCC)) {
     context->Rip += 1;
     if (t->context_dirty == 2 && context->Rip == t->rip_as_read) t->context_dirty = 0;  // as the thread has it
     else t->context_dirty = 1;

@@ -9,6 +9,8 @@
 
 void EnginePostEvent(Target *target, const EngineEvent *event) {
   TicketLockAcquire(&target->lock);
+  // The UI pops every queued event after a wake-up: it needs one only when it had caught up.
+  bool was_empty = target->event_read == target->event_write;
   u64 at = target->event_write;
   if (at + kEventSlotBytes > target->event_size) at = 0;
   // The read cursor is not consulted: a UI that falls a whole ring behind loses its oldest events.
@@ -25,7 +27,7 @@ void EnginePostEvent(Target *target, const EngineEvent *event) {
     target->events_posted++;
   }
   TicketLockRelease(&target->lock);
-  if (target->wake) target->wake(target->wake_user);
+  if (target->wake && was_empty) target->wake(target->wake_user);
 }
 
 int EnginePopEvent(Target *target, EngineEvent *out) {

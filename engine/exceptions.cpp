@@ -31,16 +31,27 @@ TargetThread *EngineThreadToShow(Target *target) {
   return nullptr;
 }
 
+static void MakeStopped(Target *target, TargetThread *thread, u32 reason, u64 address, s32 frame, EngineEvent *event) {
+  memset(event, 0, sizeof *event);
+  event->kind = kEventStopped;
+  event->stopped.reason = reason;
+  event->stopped.frame = frame;
+  event->stopped.address = address;
+  event->stopped.thread_id = thread ? thread->id : 0;
+  EngineLocate(target, address, &event->stopped.location);
+}
+
 void EnginePostStopped(Target *target, TargetThread *thread, u32 reason, u64 address, s32 frame) {
   EngineEvent event;
-  memset(&event, 0, sizeof event);
-  event.kind = kEventStopped;
-  event.stopped.reason = reason;
-  event.stopped.frame = frame;
-  event.stopped.address = address;
-  event.stopped.thread_id = thread ? thread->id : 0;
-  EngineLocate(target, address, &event.stopped.location);
+  MakeStopped(target, thread, reason, address, frame, &event);
   EnginePostEvent(target, &event);
+}
+
+// The event that says why the target stopped is posted once the engine serves commands (see
+// EngineWaitCommand), so that a UI that answers it at once finds the engine ready.
+static void HoldStopEvent(Target *target, const EngineEvent *event) {
+  target->held_stop_event = *event;
+  target->stop_event_held = 1;
 }
 
 static void ClearStepState(Target *target) {
@@ -177,7 +188,7 @@ static u32 ReportException(Target *target, TargetThread *thread, const EXCEPTION
   event.exception.access_kind = access;
   event.exception.data_address = data;
   EngineLocate(target, shown, &event.exception.location, after_call);
-  EnginePostEvent(target, &event);
+  HoldStopEvent(target, &event);
   return kOutcomeStop;
 }
 
@@ -201,14 +212,21 @@ static u32 HandleBreakpoint(Target *target, TargetThread *thread, const EXCEPTIO
     if (context && context->Rip == at + 1) {
       context->Rip = at;
       thread->context_dirty = 2;  // only the instruction pointer moved
+      thread->int3_at_stop = at;  // the resume knows the byte there without reading it
     }
     ClearStepState(target);
-    EnginePostStopped(target, thread, kStopProgramBreakpoint, at, 0);
+    EngineEvent event;
+    MakeStopped(target, thread, kStopProgramBreakpoint, at, 0, &event);
+    HoldStopEvent(target, &event);
     return kOutcomeStop;
   }
   TargetThread *show = EngineThreadToShow(target);
   bool silent = target->ending || target->internal_break_requested;
-  if (!silent) EnginePostStopped(target, show, kStopBreak, InstructionPointer(show), 0);
+  if (!silent) {
+    EngineEvent event;
+    MakeStopped(target, show, kStopBreak, InstructionPointer(show), 0, &event);
+    HoldStopEvent(target, &event);
+  }
   target->current_thread = show;
   ClearStepState(target);
   target->user_break_requested = 0;

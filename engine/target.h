@@ -85,6 +85,7 @@ typedef struct TargetThread {
   u8 context_dirty;    // 1: the buffer differs from the thread's registers; 2: only in the instruction pointer
   u8 padding;
   u64 rip_as_read;     // instruction pointer when the buffer was read
+  u64 int3_at_stop;    // the program's own int3 this thread stopped at, 0 when none
   // The function at the instruction pointer, reused while the pointer stays in [start, end).
   TargetModule *ip_module;
   const void *ip_function;
@@ -196,6 +197,8 @@ typedef struct Target {
   u8 exited;
   u32 exit_code;
   DEBUG_EVENT event;  // the event being handled or held at a stop
+  EngineEvent held_stop_event;  // why the target stopped, posted when commands are served
+  u8 stop_event_held;
   const LaunchDescription *launch;  // during start-up only
   HANDLE start_finished;
   u64 debug_events;  // counted, for tests and the benchmark

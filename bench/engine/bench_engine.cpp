@@ -1,0 +1,173 @@
+// bench_engine [ROUNDS] [INT3_COUNT] [STRING_COUNT]
+//
+// Two workloads of eng_target, each run alternately under a minimal raw loop
+// (WaitForDebugEvent / ContinueDebugEvent on one thread, nothing else) and under the engine
+// (debugger thread, rings, stop sequence, the UI side popping events and answering stops from
+// another thread, as kestrune.exe does):
+//   int3loop: N breakpoint instructions, each a stop that is continued: the round trip of one
+//             stop and resume;
+//   strloop:  N debug strings, events that never stop: the engine's per-event cost.
+// Times run from the workload's first event to its last, so process start and exit are left out.
+// Prints the median of the rounds, in microseconds per event, and the engine's ratio to raw.
+#include <windows.h>
+
+#include <algorithm>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string>
+#include <vector>
+
+#include "engine/engine.h"
+
+static double Now() {
+  static LARGE_INTEGER frequency;
+  if (!frequency.QuadPart) QueryPerformanceFrequency(&frequency);
+  LARGE_INTEGER t;
+  QueryPerformanceCounter(&t);
+  return (double)t.QuadPart / (double)frequency.QuadPart;
+}
+
+static std::string TargetProgram() {
+  std::string path = std::string(KTRN_TARGETS_DIR) + "/eng_target.exe";
+  for (char &c : path)
+    if (c == '/') c = '\\';
+  return path;
+}
+
+// The raw loop: the least a debugger can do for these events.
+static double RawRun(const char *mode, int count, bool stops, bool read_strings) {
+  std::string line = "\"" + TargetProgram() + "\" " + mode + " " + std::to_string(count);
+  std::wstring wide(line.begin(), line.end());
+  STARTUPINFOW si = {sizeof si};
+  PROCESS_INFORMATION pi = {};
+  if (!CreateProcessW(nullptr, &wide[0], nullptr, nullptr, FALSE, DEBUG_ONLY_THIS_PROCESS | CREATE_NEW_CONSOLE, nullptr,
+                      nullptr, &si, &pi))
+    return -1;
+  bool loader_breakpoint = true;
+  int seen = 0;
+  double first = 0, last = 0;
+  for (;;) {
+    DEBUG_EVENT ev;
+    if (!WaitForDebugEvent(&ev, INFINITE)) break;
+    DWORD status = DBG_CONTINUE;
+    switch (ev.dwDebugEventCode) {
+      case CREATE_PROCESS_DEBUG_EVENT:
+        if (ev.u.CreateProcessInfo.hFile) CloseHandle(ev.u.CreateProcessInfo.hFile);
+        break;
+      case LOAD_DLL_DEBUG_EVENT:
+        if (ev.u.LoadDll.hFile) CloseHandle(ev.u.LoadDll.hFile);
+        break;
+      case EXCEPTION_DEBUG_EVENT:
+        if (ev.u.Exception.ExceptionRecord.ExceptionCode == EXCEPTION_BREAKPOINT) {
+          if (loader_breakpoint) {
+            loader_breakpoint = false;
+          } else if (stops) {
+            if (seen++ == 0) first = Now();
+            last = Now();
+          }
+        } else {
+          status = DBG_EXCEPTION_NOT_HANDLED;
+        }
+        break;
+      case OUTPUT_DEBUG_STRING_EVENT:
+        if (read_strings) {
+          char text[256];
+          SIZE_T got = 0;
+          ReadProcessMemory(pi.hProcess, ev.u.DebugString.lpDebugStringData, text,
+                            std::min<SIZE_T>(sizeof text, ev.u.DebugString.nDebugStringLength), &got);
+        }
+        if (!stops) {
+          if (seen++ == 0) first = Now();
+          last = Now();
+        }
+        break;
+    }
+    ContinueDebugEvent(ev.dwProcessId, ev.dwThreadId, status);
+    if (ev.dwDebugEventCode == EXIT_PROCESS_DEBUG_EVENT) break;
+  }
+  CloseHandle(pi.hThread);
+  CloseHandle(pi.hProcess);
+  return seen > 1 ? (last - first) / (seen - 1) : -1;
+}
+
+static void Wake(void *user) { SetEvent((HANDLE)user); }
+
+// The engine, driven as the user interface drives it: events popped on this thread after each
+// wake-up, every stop answered with the run command.
+static double EngineRunOnce(const char *mode, int count, bool stops) {
+  static HANDLE wake = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+  std::string path = TargetProgram();
+  std::string arguments = std::string(mode) + " " + std::to_string(count);
+  LaunchDescription launch = {};
+  launch.executable = path.c_str();
+  launch.arguments = arguments.c_str();
+  Target *target = nullptr;
+  u32 pid = 0;
+  if (EngineStartLaunch(&launch, Wake, wake, &target, &pid) != 0) return -1;
+  EngineRun(target);
+  int seen = 0;
+  double first = 0, last = 0;
+  for (bool done = false; !done;) {
+    WaitForSingleObject(wake, INFINITE);
+    EngineEvent e;
+    bool answered_stop = false;
+    for (;;) {
+      EnginePopEvent(target, &e);
+      if (e.kind == kEventNone) break;
+      if ((stops && e.kind == kEventStopped) || (!stops && e.kind == kEventText)) {
+        if (seen++ == 0) first = Now();
+        last = Now();
+      }
+      // The stop event is posted once the engine serves commands: it can be answered at once.
+      if (e.kind == kEventStopped) {
+        answered_stop = true;
+        if (EngineRun(target) != 0) {
+          EngineWaitStopped(target, INFINITE);
+          EngineRun(target);
+        }
+      }
+      if (e.kind == kEventModuleUnloaded) TargetModuleRelease(target, e.module.module);
+      if (e.kind == kEventProcessExited || e.kind == kEventDetached) done = true;
+    }
+    // A UI draws a frame between two looks at the ring (1 ms here, shorter than any display's);
+    // one that has just resumed the target waits for the next wake-up instead.
+    if (!answered_stop && !done) Sleep(1);
+  }
+  EngineRelease(target);
+  return seen > 1 ? (last - first) / (seen - 1) : -1;
+}
+
+static double Median(std::vector<double> v) {
+  std::sort(v.begin(), v.end());
+  return v.empty() ? 0 : v[v.size() / 2];
+}
+
+int main(int argc, char **argv) {
+  int rounds = argc > 1 ? atoi(argv[1]) : 5;
+  int int3_count = argc > 2 ? atoi(argv[2]) : 5000;
+  int string_count = argc > 3 ? atoi(argv[3]) : 20000;
+  struct Workload {
+    const char *mode;
+    int count;
+    bool stops;
+    const char *label;
+  } workloads[] = {{"int3loop", int3_count, true, "stop and resume (int3 continued)"},
+                   {"strloop", string_count, false, "debug-string event (no stop)"}};
+  printf("| workload | events per run | raw loop (us/event) | raw loop reading the string (us/event) | engine "
+         "(us/event) | engine / raw |\n");
+  printf("|---|---|---|---|---|---|\n");
+  for (const Workload &w : workloads) {
+    std::vector<double> raw, raw_read, engine;
+    for (int r = 0; r < rounds; r++) {
+      raw.push_back(RawRun(w.mode, w.count, w.stops, false) * 1e6);
+      engine.push_back(EngineRunOnce(w.mode, w.count, w.stops) * 1e6);
+      if (!w.stops) raw_read.push_back(RawRun(w.mode, w.count, w.stops, true) * 1e6);
+    }
+    double mr = Median(raw), me = Median(engine);
+    char read_column[32] = "-";
+    if (!w.stops) snprintf(read_column, sizeof read_column, "%.1f", Median(raw_read));
+    printf("| %s | %d | %.1f | %s | %.1f | %.2f |\n", w.label, w.count, mr, read_column, me, mr > 0 ? me / mr : 0);
+    fflush(stdout);
+  }
+  return 0;
+}
