@@ -1,4 +1,4 @@
-// bench_engine [ROUNDS] [INT3_COUNT] [STRING_COUNT]
+// bench_engine [ROUNDS] [INT3_COUNT] [STRING_COUNT] [THREAD_COUNT]
 //
 // Two workloads of eng_target, each run alternately under a minimal raw loop
 // (WaitForDebugEvent / ContinueDebugEvent on one thread, nothing else) and under the engine
@@ -6,7 +6,10 @@
 // another thread, as kestrune.exe does):
 //   int3loop: N breakpoint instructions, each a stop that is continued: the round trip of one
 //             stop and resume;
-//   strloop:  N debug strings, events that never stop: the engine's per-event cost.
+//   strloop:  N debug strings, events that never stop (the engine reads each string; the raw loop
+//             is run both without and with that read);
+//   many:     N threads started and ended one after the other: events that need no system call
+//             from the engine, so the difference is the engine's own per-event cost.
 // Times run from the workload's first event to its last, so process start and exit are left out.
 // Prints the median of the rounds, in microseconds per event, and the engine's ratio to raw.
 #include <windows.h>
@@ -27,6 +30,10 @@ static double Now() {
   return (double)t.QuadPart / (double)frequency.QuadPart;
 }
 
+struct Sample {
+  double wall = -1;  // seconds per counted event, first to last
+};
+
 static std::string TargetProgram() {
   std::string path = std::string(KTRN_TARGETS_DIR) + "/eng_target.exe";
   for (char &c : path)
@@ -35,14 +42,17 @@ static std::string TargetProgram() {
 }
 
 // The raw loop: the least a debugger can do for these events.
-static double RawRun(const char *mode, int count, bool stops, bool read_strings) {
+enum Counted { kCountStops, kCountStrings, kCountThreadExits };
+
+static Sample RawRun(const char *mode, int count, Counted counted, bool read_strings) {
+  Sample sample;
   std::string line = "\"" + TargetProgram() + "\" " + mode + " " + std::to_string(count);
   std::wstring wide(line.begin(), line.end());
   STARTUPINFOW si = {sizeof si};
   PROCESS_INFORMATION pi = {};
   if (!CreateProcessW(nullptr, &wide[0], nullptr, nullptr, FALSE, DEBUG_ONLY_THIS_PROCESS | CREATE_NEW_CONSOLE, nullptr,
                       nullptr, &si, &pi))
-    return -1;
+    return sample;
   bool loader_breakpoint = true;
   int seen = 0;
   double first = 0, last = 0;
@@ -61,7 +71,7 @@ static double RawRun(const char *mode, int count, bool stops, bool read_strings)
         if (ev.u.Exception.ExceptionRecord.ExceptionCode == EXCEPTION_BREAKPOINT) {
           if (loader_breakpoint) {
             loader_breakpoint = false;
-          } else if (stops) {
+          } else if (counted == kCountStops) {
             if (seen++ == 0) first = Now();
             last = Now();
           }
@@ -76,7 +86,13 @@ static double RawRun(const char *mode, int count, bool stops, bool read_strings)
           ReadProcessMemory(pi.hProcess, ev.u.DebugString.lpDebugStringData, text,
                             std::min<SIZE_T>(sizeof text, ev.u.DebugString.nDebugStringLength), &got);
         }
-        if (!stops) {
+        if (counted == kCountStrings) {
+          if (seen++ == 0) first = Now();
+          last = Now();
+        }
+        break;
+      case EXIT_THREAD_DEBUG_EVENT:
+        if (counted == kCountThreadExits) {
           if (seen++ == 0) first = Now();
           last = Now();
         }
@@ -87,14 +103,16 @@ static double RawRun(const char *mode, int count, bool stops, bool read_strings)
   }
   CloseHandle(pi.hThread);
   CloseHandle(pi.hProcess);
-  return seen > 1 ? (last - first) / (seen - 1) : -1;
+  if (seen > 1) sample.wall = (last - first) / (seen - 1);
+  return sample;
 }
 
 static void Wake(void *user) { SetEvent((HANDLE)user); }
 
 // The engine, driven as the user interface drives it: events popped on this thread after each
 // wake-up, every stop answered with the run command.
-static double EngineRunOnce(const char *mode, int count, bool stops) {
+static Sample EngineRunOnce(const char *mode, int count, Counted counted) {
+  Sample sample;
   static HANDLE wake = CreateEventW(nullptr, FALSE, FALSE, nullptr);
   std::string path = TargetProgram();
   std::string arguments = std::string(mode) + " " + std::to_string(count);
@@ -103,7 +121,7 @@ static double EngineRunOnce(const char *mode, int count, bool stops) {
   launch.arguments = arguments.c_str();
   Target *target = nullptr;
   u32 pid = 0;
-  if (EngineStartLaunch(&launch, Wake, wake, &target, &pid) != 0) return -1;
+  if (EngineStartLaunch(&launch, Wake, wake, &target, &pid) != 0) return sample;
   EngineRun(target);
   int seen = 0;
   double first = 0, last = 0;
@@ -114,7 +132,8 @@ static double EngineRunOnce(const char *mode, int count, bool stops) {
     for (;;) {
       EnginePopEvent(target, &e);
       if (e.kind == kEventNone) break;
-      if ((stops && e.kind == kEventStopped) || (!stops && e.kind == kEventText)) {
+      if ((counted == kCountStops && e.kind == kEventStopped) || (counted == kCountStrings && e.kind == kEventText) ||
+          (counted == kCountThreadExits && e.kind == kEventThreadExited)) {
         if (seen++ == 0) first = Now();
         last = Now();
       }
@@ -129,12 +148,13 @@ static double EngineRunOnce(const char *mode, int count, bool stops) {
       if (e.kind == kEventModuleUnloaded) TargetModuleRelease(target, e.module.module);
       if (e.kind == kEventProcessExited || e.kind == kEventDetached) done = true;
     }
-    // A UI draws a frame between two looks at the ring (1 ms here, shorter than any display's);
+    // A UI draws a frame between two looks at the ring (16 ms: a 60 Hz display);
     // one that has just resumed the target waits for the next wake-up instead.
-    if (!answered_stop && !done) Sleep(1);
+    if (!answered_stop && !done) Sleep(16);
   }
   EngineRelease(target);
-  return seen > 1 ? (last - first) / (seen - 1) : -1;
+  if (seen > 1) sample.wall = (last - first) / (seen - 1);
+  return sample;
 }
 
 static double Median(std::vector<double> v) {
@@ -146,26 +166,33 @@ int main(int argc, char **argv) {
   int rounds = argc > 1 ? atoi(argv[1]) : 5;
   int int3_count = argc > 2 ? atoi(argv[2]) : 5000;
   int string_count = argc > 3 ? atoi(argv[3]) : 20000;
+  int thread_count = argc > 4 ? atoi(argv[4]) : 2000;
   struct Workload {
     const char *mode;
     int count;
-    bool stops;
+    Counted counted;
     const char *label;
-  } workloads[] = {{"int3loop", int3_count, true, "stop and resume (int3 continued)"},
-                   {"strloop", string_count, false, "debug-string event (no stop)"}};
-  printf("| workload | events per run | raw loop (us/event) | raw loop reading the string (us/event) | engine "
-         "(us/event) | engine / raw |\n");
+  } workloads[] = {{"int3loop", int3_count, kCountStops, "stop and resume (int3 continued)"},
+                   {"strloop", string_count, kCountStrings, "debug-string event (no stop)"},
+                   {"many", thread_count, kCountThreadExits, "thread start and exit (two events, no stop)"}};
+  printf("| workload | events per run | raw loop (us/event) | raw loop reading the string (us/event) | engine (us/event) | "
+         "engine / raw |\n");
   printf("|---|---|---|---|---|---|\n");
   for (const Workload &w : workloads) {
     std::vector<double> raw, raw_read, engine;
     for (int r = 0; r < rounds; r++) {
-      raw.push_back(RawRun(w.mode, w.count, w.stops, false) * 1e6);
-      engine.push_back(EngineRunOnce(w.mode, w.count, w.stops) * 1e6);
-      if (!w.stops) raw_read.push_back(RawRun(w.mode, w.count, w.stops, true) * 1e6);
+      Sample a = RawRun(w.mode, w.count, w.counted, false);
+      Sample b = EngineRunOnce(w.mode, w.count, w.counted);
+      raw.push_back(a.wall * 1e6);
+      engine.push_back(b.wall * 1e6);
+      if (w.counted == kCountStrings) {
+        Sample c = RawRun(w.mode, w.count, w.counted, true);
+        raw_read.push_back(c.wall * 1e6);
+      }
     }
     double mr = Median(raw), me = Median(engine);
-    char read_column[32] = "-";
-    if (!w.stops) snprintf(read_column, sizeof read_column, "%.1f", Median(raw_read));
+    char read_column[64] = "-";
+    if (w.counted == kCountStrings) snprintf(read_column, sizeof read_column, "%.1f", Median(raw_read));
     printf("| %s | %d | %.1f | %s | %.1f | %.2f |\n", w.label, w.count, mr, read_column, me, mr > 0 ? me / mr : 0);
     fflush(stdout);
   }
