@@ -258,3 +258,83 @@ TEST(EngineTerminate, StopDebuggingALaunchedProgramWhileRunningLeavesItRunning) 
   TerminateProcess(process, 0);
   CloseHandle(process);
 }
+
+// [SECTION] More reported exceptions and the continue status
+
+TEST(EngineExceptions, DivideByZeroAndStackOverflowAreReported) {
+  Target *t = nullptr;
+  u32 pid = 0;
+  ASSERT_EQ(LaunchTarget("eng_target.exe", "div0", &t, &pid), 0);
+  EngineRun(t);
+  Seen div;
+  DriveToEnd(t, div);
+  ASSERT_EQ(div.Count(kEventException), 1);
+  EXPECT_EQ(div.First(kEventException)->event.exception.code, 0xC0000094u);
+  EXPECT_EQ((int)div.First(kEventException)->event.exception.location.line, MarkerLine(kSource, "DIV0_LINE"));
+  EXPECT_NE(div.First(kEventException)->text.find(": 0xC0000094: Integer division by zero.\n"), std::string::npos);
+  EXPECT_EQ(div.exit_code, 0xADu);
+
+  ASSERT_EQ(LaunchTarget("eng_target.exe", "overflow", &t, &pid), 0);
+  EngineRun(t);
+  Seen overflow;
+  u8 flag = 0;
+  DriveToEnd(t, overflow, [&](Target *target, const SeenEvent &) {
+    EXPECT_EQ(EngineWaitStopped(target, 10000), 0);
+    for (TargetThread *th = target->threads; th; th = th->next)
+      if (th->id == target->event.dwThreadId) flag = th->stack_overflow_seen;
+    EngineRun(target);
+  });
+  ASSERT_EQ(overflow.Count(kEventException), 1);
+  EXPECT_EQ(overflow.First(kEventException)->event.exception.code, 0xC00000FDu);
+  EXPECT_EQ(flag, 1);
+  EXPECT_EQ(overflow.exit_code, 0xAFu);
+}
+
+TEST(EngineExceptions, UnhandledFirstChanceComesBackAsSecondChance) {
+  Target *t = nullptr;
+  u32 pid = 0;
+  ASSERT_EQ(LaunchTarget("eng_target.exe", "avraw", &t, &pid), 0);
+  EngineRun(t);
+  Seen seen;
+  int stops = 0;
+  DriveToEnd(t, seen, [&](Target *target, const SeenEvent &e) {
+    EXPECT_EQ(EngineWaitStopped(target, 10000), 0);
+    if (++stops == 1) {
+      EXPECT_EQ(e.event.exception.first_chance, 1);
+      EngineRun(target);  // not handled: the program has no handler for it
+    } else {
+      EXPECT_EQ(e.event.exception.first_chance, 0);
+      EXPECT_EQ(e.text.rfind("Unhandled exception at 0x", 0), 0u) << e.text;
+      EXPECT_EQ(EngineTerminate(target, 5), 0);
+    }
+  });
+  EXPECT_EQ(stops, 2);
+  EXPECT_EQ(seen.exit_code, 5u);
+}
+
+TEST(EngineExceptions, SettingTheInstructionPointerHandsTheExceptionToNobody) {
+  // Written registers make the next run continue as handled: the faulting read runs again and
+  // faults again (first chance), instead of reaching the program's handler.
+  Target *t = nullptr;
+  u32 pid = 0;
+  ASSERT_EQ(LaunchTarget("eng_target.exe", "av", &t, &pid), 0);
+  EngineRun(t);
+  Seen seen;
+  int exceptions = 0;
+  DriveToEnd(t, seen, [&](Target *target, const SeenEvent &e) {
+    EXPECT_EQ(EngineWaitStopped(target, 10000), 0);
+    if (e.event.kind == kEventStopped) {  // thread states after the register write
+      EXPECT_EQ(e.event.stopped.reason, (u32)kStopThreadStates);
+      EngineRun(target);
+      return;
+    }
+    if (++exceptions == 1)
+      EXPECT_EQ(EngineSetInstructionPointer(target, e.event.exception.address), 0);
+    else
+      EngineRun(target);
+  });
+  ASSERT_EQ(exceptions, 2);
+  for (const SeenEvent &e : seen.events)
+    if (e.event.kind == kEventException) EXPECT_EQ(e.event.exception.first_chance, 1);
+  EXPECT_EQ(seen.exit_code, 0xABu);
+}

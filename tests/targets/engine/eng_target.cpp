@@ -1,5 +1,5 @@
 // The engine's test program: one mode per scenario, chosen by the first argument.
-//   threads | strings | av | nullcall | int3 | int3loop N | strloop N | spin | many N | env | cwd | dll
+//   threads | strings | av | avraw | div0 | overflow | nullcall | int3 | int3loop N | strloop N | spin | many N | env | cwd | dll
 //   | cxx | unknown
 #include <windows.h>
 
@@ -15,6 +15,8 @@ static LONG WINAPI Handler(EXCEPTION_POINTERS *info) {
   if (code == EXCEPTION_ACCESS_VIOLATION && (info->ExceptionRecord->ExceptionInformation[1] == 0x10 ||
                                              info->ExceptionRecord->ExceptionAddress == nullptr))
     ExitProcess(0xAB);
+  if (code == EXCEPTION_INT_DIVIDE_BY_ZERO) ExitProcess(0xAD);
+  if (code == EXCEPTION_STACK_OVERFLOW) ExitProcess(0xAF);
   if (code == 0xE06D7363 || code == 0xE0001234) return EXCEPTION_CONTINUE_EXECUTION;
   return EXCEPTION_CONTINUE_SEARCH;
 }
@@ -73,6 +75,12 @@ static void RunThread(DWORD code) {
 
 // [SECTION] Modes
 
+static int Recurse(int depth) {
+  volatile char frame[4096];
+  frame[0] = (char)depth;
+  return Recurse(depth + 1) + frame[0];
+}
+
 static int Dll(void) {
   wchar_t path[MAX_PATH];
   DWORD n = GetModuleFileNameW(nullptr, path, MAX_PATH);
@@ -119,6 +127,15 @@ int main(int argc, char **argv) {
     volatile int *bad = (volatile int *)(ULONG_PTR)0x10;
     return *bad;  // AV_LINE
   }
+  if (!strcmp(mode, "avraw")) {
+    volatile int *bad = (volatile int *)(ULONG_PTR)0x20;  // no handler of the program takes this one
+    return *bad;
+  }
+  if (!strcmp(mode, "div0")) {
+    volatile int zero = 0;
+    return 10 / zero;  // DIV0_LINE
+  }
+  if (!strcmp(mode, "overflow")) return Recurse(1);
   if (!strcmp(mode, "nullcall")) {
     void (*volatile call)(void) = nullptr;
     call();  // NULL_CALL_LINE
