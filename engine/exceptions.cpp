@@ -164,6 +164,8 @@ static u32 ReportException(Target *target, TargetThread *thread, const EXCEPTION
   if (record->ExceptionCode == kCodeStackOverflow && thread) thread->stack_overflow_seen = 1;
   bool continuable = record->ExceptionFlags != EXCEPTION_NONCONTINUABLE;
   target->continue_status = info->dwFirstChance && continuable ? DBG_EXCEPTION_NOT_HANDLED : DBG_CONTINUE;
+  // While the run ends nobody would answer a stop: the exception goes on to the program.
+  if (target->ending) return kOutcomeContinue;
 
   u64 shown = (u64)(uintptr_t)record->ExceptionAddress;
   bool after_call = false;

@@ -338,3 +338,25 @@ TEST(EngineExceptions, SettingTheInstructionPointerHandsTheExceptionToNobody) {
     if (e.event.kind == kEventException) EXPECT_EQ(e.event.exception.first_chance, 1);
   EXPECT_EQ(seen.exit_code, 0xABu);
 }
+
+TEST(EngineTerminate, StopDebuggingOrTerminateWhileHeldBeforeTheFirstRun) {
+  Target *t = nullptr;
+  u32 pid = 0;
+  ASSERT_EQ(LaunchTarget("eng_target.exe", "spin", &t, &pid), 0);
+  EXPECT_EQ(EngineStopDebugging(t), 0);
+  Seen detached;
+  ASSERT_TRUE(WaitForKind(t, detached, kEventDetached));
+  EngineRelease(t);
+  HANDLE process = OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE, pid);
+  ASSERT_NE(process, nullptr);
+  EXPECT_EQ(WaitForSingleObject(process, 500), (DWORD)WAIT_TIMEOUT);  // runs on without the debugger
+  TerminateProcess(process, 0);
+  CloseHandle(process);
+
+  ASSERT_EQ(LaunchTarget("eng_target.exe", "spin", &t, &pid), 0);
+  EXPECT_EQ(EngineTerminate(t, 12), 0);
+  Seen ended;
+  DriveToEnd(t, ended);
+  EXPECT_EQ(ended.exit_code, 12u);
+  EXPECT_EQ(ended.debug_strings.size(), 0u);
+}
