@@ -86,6 +86,14 @@ static void PrefetchSlot(const PdbGlobals *g, const KeptGlobal *k) {
   }
 }
 
+// The constant and thread-data tables: a name hash and a record pointer per slot, probed linearly.
+static void InsertRecord(u32 *hashes, const u8 **slots, u32 capacity, u32 hash_value, const u8 *record) {
+  u32 slot = hash_value % capacity;
+  while (slots[slot]) slot = NextSlot(slot, capacity);
+  hashes[slot] = hash_value;
+  slots[slot] = record;
+}
+
 int PdbLoadGlobals(SymbolArena *arena, const MsfFile *msf, u32 global_stream, u32 record_stream, PdbGlobals *out) {
   memset(out, 0, sizeof(*out));
   u8 *records = nullptr, *hash = nullptr;
@@ -159,13 +167,10 @@ int PdbLoadGlobals(SymbolArena *arena, const MsfFile *msf, u32 global_stream, u3
     const KeptGlobal *k = &kept[i];
     u32 hash_value = k->name_hash;
     switch (k->table) {
-      case kTableConstant: {
-        u32 slot = hash_value % g.constant_capacity;
-        while (g.constant_records[slot]) slot = NextSlot(slot, g.constant_capacity);
-        g.constant_hashes[slot] = hash_value;
-        g.constant_records[slot] = records + k->record_offset;
+      case kTableConstant:
+        InsertRecord(g.constant_hashes, g.constant_records, g.constant_capacity, hash_value, records + k->record_offset);
         g.constant_count++;
-      } break;
+        break;
       case kTableUdt: {
         u32 slot = hash_value % g.udt_capacity;
         while (g.udt_record_offsets_plus_one[slot]) slot = NextSlot(slot, g.udt_capacity);
@@ -191,13 +196,10 @@ int PdbLoadGlobals(SymbolArena *arena, const MsfFile *msf, u32 global_stream, u3
         e->record_offset_plus_one = k->record_offset + 1;
         g.data_count++;
       } break;
-      case kTableThread: {
-        u32 slot = hash_value % g.thread_capacity;
-        while (g.thread_records[slot]) slot = NextSlot(slot, g.thread_capacity);
-        g.thread_hashes[slot] = hash_value;
-        g.thread_records[slot] = records + k->record_offset;
+      case kTableThread:
+        InsertRecord(g.thread_hashes, g.thread_records, g.thread_capacity, hash_value, records + k->record_offset);
         g.thread_count++;
-      } break;
+        break;
       case kTableNone: break;
     }
   }

@@ -31,7 +31,7 @@ const u8 *PdbTypeRecord(const PdbTypes *types, u32 type_index) {
 
 // Moves each adjusted type to the end of its name's bucket, so that a lookup which prefers the
 // last candidate of a bucket finds the type the linker chose.
-static void ApplyHashAdjusters(const u8 *data, u32 size, const PdbStringTable *strings, PdbTypes *types) {
+void PdbApplyHashAdjusters(const u8 *data, u32 size, const PdbStringTable *strings, PdbTypes *types) {
   if (size < 9) return;
   u32 at = 8;  // entry count and capacity
   u32 entry_count = ReadU32(data);
@@ -68,14 +68,29 @@ static int LoadHashIndex(SymbolArena *arena, const MsfFile *msf, const u8 *heade
   const MsfStream *stream = MsfStreamAt(msf, hash_stream);
   u32 stream_size = MsfStreamSize(msf, hash_stream);
   if (!stream || values_offset > stream_size || values_bytes > stream_size - values_offset) return kPdbOk;
-  if (bucket_count > msf->file_size) return kPdbOk;  // no real table is larger than its file
+  if (bucket_count > kPdbMaxTypeBuckets) return kPdbOk;
 
   u32 *values = (u32 *)PdbAllocate(arena, (u64)out->count * 4);
-  u64 *buckets = (u64 *)PdbAllocate(arena, (u64)bucket_count * 8);
-  u32 *list = (u32 *)PdbAllocate(arena, (u64)out->count * 4);
-  if ((out->count && (!values || !list)) || !buckets) return kPdbOk;
+  if (out->count && !values) return kPdbOk;
   int error = MsfReadStream(msf, stream, values, (u64)out->count * 4, values_offset);
   if (error) return error;
+  if (!PdbBuildTypeBuckets(arena, values, bucket_count, out)) return kPdbOk;
+
+  if (adjust_bytes >= 9 && adjust_offset <= stream_size && adjust_bytes <= stream_size - adjust_offset) {
+    u8 *adjusters = (u8 *)PdbAllocate(arena, adjust_bytes);
+    if (!adjusters) return kPdbOk;
+    error = MsfReadStream(msf, stream, adjusters, adjust_bytes, adjust_offset);
+    if (error) return error;
+    PdbApplyHashAdjusters(adjusters, adjust_bytes, strings, out);
+  }
+  return kPdbOk;
+}
+
+bool PdbBuildTypeBuckets(SymbolArena *arena, const u32 *values, u32 bucket_count, PdbTypes *out) {
+  if (bucket_count == 0 || bucket_count > kPdbMaxTypeBuckets) return false;
+  u64 *buckets = (u64 *)PdbAllocate(arena, (u64)bucket_count * 8);
+  u32 *list = (u32 *)PdbAllocate(arena, (u64)out->count * 4);
+  if ((out->count && !list) || !buckets) return false;
   memset(buckets, 0, (u64)bucket_count * 8);
   for (u32 i = 0; i < out->count; i++)
     if (values[i] < bucket_count) buckets[values[i]] += 1ull << 32;
@@ -94,15 +109,7 @@ static int LoadHashIndex(SymbolArena *arena, const MsfFile *msf, const u8 *heade
   out->bucket_count = bucket_count;
   out->buckets = buckets;
   out->bucket_list = list;
-
-  if (adjust_bytes >= 9 && adjust_offset <= stream_size && adjust_bytes <= stream_size - adjust_offset) {
-    u8 *adjusters = (u8 *)PdbAllocate(arena, adjust_bytes);
-    if (!adjusters) return kPdbOk;
-    error = MsfReadStream(msf, stream, adjusters, adjust_bytes, adjust_offset);
-    if (error) return error;
-    ApplyHashAdjusters(adjusters, adjust_bytes, strings, out);
-  }
-  return kPdbOk;
+  return true;
 }
 
 int PdbLoadTypes(SymbolArena *arena, const MsfFile *msf, const PdbStringTable *strings, PdbTypes *out) {
@@ -120,6 +127,13 @@ int PdbLoadTypes(SymbolArena *arena, const MsfFile *msf, const PdbStringTable *s
   error = MsfReadStream(msf, stream, records, record_bytes, kTypeStreamHeaderBytes);
   if (error) return error;
   memset(records + record_bytes, 0, 8);
+  error = PdbIndexTypeRecords(arena, records, record_bytes, first_index, end_index, out);
+  if (error) return error;
+  return LoadHashIndex(arena, msf, header, strings, out);
+}
+
+int PdbIndexTypeRecords(SymbolArena *arena, const u8 *records, u32 record_bytes, u32 first_index, u32 end_index,
+                        PdbTypes *out) {
   out->records = records;
   out->record_bytes = record_bytes;
   out->first_index = first_index;
@@ -136,5 +150,5 @@ int PdbLoadTypes(SymbolArena *arena, const MsfFile *msf, const PdbStringTable *s
   }
   out->count = count;
   out->offsets = offsets;
-  return LoadHashIndex(arena, msf, header, strings, out);
+  return kPdbOk;
 }

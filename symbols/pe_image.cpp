@@ -66,7 +66,8 @@ static int ReadCodeView(const ImageSource *source, u64 load_base, u32 directory_
   if (count > kMaxDebugEntries) count = kMaxDebugEntries;
   for (u32 i = 0; i < count; i++) {
     u8 entry[kPeDebugEntryBytes];
-    if (ReadMapped(source, out, load_base, directory_rva + i * kPeDebugEntryBytes, entry, sizeof(entry))) break;
+    if (ReadMapped(source, out, load_base, directory_rva + i * kPeDebugEntryBytes, entry, sizeof(entry)))
+      return kPeUnreadable;
     if (ReadU32(entry + kDebugEntryType) != kDebugTypeCodeView) continue;
     u32 data_size = ReadU32(entry + kDebugEntryDataSize);
     if (data_size >= kPeCodeViewLimit) return kPeNotImage;

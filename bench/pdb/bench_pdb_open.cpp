@@ -3,16 +3,22 @@
 //   bench_pdb_open read FILE [RUNS]  median time to read the whole file once into a buffer
 //   bench_pdb_open lines FILE        one million address-to-line and one million file-and-line
 //                                    queries, beside std::upper_bound over the same entries
+//   bench_pdb_open types FILE [RUNS] median type-stream load time; one million type-by-name
+//                                    look-ups beside std::unordered_map over the same names
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/resource.h>
 
 #include <algorithm>
+#include <string>
+#include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "base/os.h"
 #include "symbols/pdb_file.h"
+#include "symbols/pdb_type_lookup.h"
 
 static double Median(std::vector<double> v) {
   std::sort(v.begin(), v.end());
@@ -124,9 +130,89 @@ static int Lines(const char *path) {
   return 0;
 }
 
+// The type stream loaded alone (the container opened once, outside the timing), then names of
+// the stream's named definitions (one query in ten a name that is not there) looked up through
+// the name index, through the whole user-facing look-up, and in a std::unordered_map.
+static int Types(const char *path, int runs) {
+  SymbolArena arena = {};
+  PdbFile pdb;
+  PdbSummary summary;
+  CodeViewIdentity none = {};
+  if (PdbOpen(&arena, &none, path, true, &pdb, &summary) != 0) {
+    fprintf(stderr, "bench_pdb_open: %s: does not load\n", path);
+    return 1;
+  }
+  SymbolArena msf_arena = {};
+  MsfFile msf;
+  if (MsfOpen(&msf_arena, path, &msf) != 0) return 1;
+  std::vector<double> ms;
+  u64 type_bytes = 0;
+  for (int i = 0; i < runs; i++) {
+    SymbolArena type_arena = {};
+    PdbTypes types;
+    u64 start = OsTimeMicroseconds();
+    int status = PdbLoadTypes(&type_arena, &msf, &pdb.strings, &types);
+    ms.push_back((double)(OsTimeMicroseconds() - start) / 1000.0);
+    type_bytes = SymbolArenaUsedBytes(&type_arena);
+    SymbolArenaRelease(&type_arena);
+    if (status != 0) return 1;
+  }
+  MsfClose(&msf);
+  SymbolArenaRelease(&msf_arena);
+
+  const PdbTypes &t = pdb.types;
+  std::vector<std::string> names;
+  std::unordered_map<std::string_view, u32> reference;
+  for (u32 i = 0; i < t.count; i++) {
+    TypeRecord r;
+    if (!PdbDecodeType(&t, t.first_index + i, &r) || !TypeLeafIsTag(r.leaf) || !r.name.length) continue;
+    if (r.properties & (kTypePropForwardRef | kTypePropScoped) || TypeNameIsAnonymous(r.name)) continue;
+    names.emplace_back(r.name.text, r.name.length);
+  }
+  if (names.empty()) {
+    fprintf(stderr, "bench_pdb_open: %s: no named types\n", path);
+    return 1;
+  }
+  for (const std::string &n : names) reference.emplace(std::string_view(n), 0);
+  for (u32 i = 0; i < t.count; i++) {
+    TypeRecord r;
+    if (PdbDecodeType(&t, t.first_index + i, &r) && TypeLeafIsTag(r.leaf) && !(r.properties & kTypePropForwardRef)) {
+      auto it = reference.find(std::string_view(r.name.text, r.name.length));
+      if (it != reference.end()) it->second = t.first_index + i;
+    }
+  }
+  const u32 kQueries = 1000000;
+  std::vector<std::string> missing = {"NoSuchType", "ns::Absent<int>", "Widget_missing", "zzz"};
+  std::vector<const std::string *> queries(kQueries);
+  u64 state = 88172645463325252ull;
+  auto next = [&state] { state ^= state << 13, state ^= state >> 7, state ^= state << 17; return state; };
+  for (u32 i = 0; i < kQueries; i++) queries[i] = i % 10 == 9 ? &missing[next() % 4] : &names[next() % names.size()];
+
+  u64 found = 0, start = OsTimeMicroseconds();
+  for (const std::string *q : queries) found += PdbFindTypeRecord(&t, q->data(), (u32)q->size()) != 0;
+  double record_ns = (double)(OsTimeMicroseconds() - start) * 1000.0 / kQueries;
+  u64 lookup_found = 0;
+  start = OsTimeMicroseconds();
+  for (const std::string *q : queries) lookup_found += PdbLookupType(&t, &pdb.globals, q->data(), (u32)q->size()) != 0;
+  double lookup_ns = (double)(OsTimeMicroseconds() - start) * 1000.0 / kQueries;
+  u64 reference_found = 0;
+  start = OsTimeMicroseconds();
+  for (const std::string *q : queries) reference_found += reference.find(std::string_view(*q)) != reference.end();
+  double reference_ns = (double)(OsTimeMicroseconds() - start) * 1000.0 / kQueries;
+  printf("type_count %u\nbucket_count %u\nnamed_definitions %zu\ntype_load_ms_median %.2f\ntype_arena_bytes %llu\n"
+         "find_type_record_ns %.1f\nfound %llu\nlookup_type_ns %.1f\nlookup_found %llu\n"
+         "reference_unordered_map_ns %.1f\nreference_found %llu\n",
+         t.count, t.bucket_count, names.size(), Median(ms), (unsigned long long)type_bytes, record_ns,
+         (unsigned long long)found, lookup_ns, (unsigned long long)lookup_found, reference_ns,
+         (unsigned long long)reference_found);
+  MsfClose(&pdb.msf);
+  SymbolArenaRelease(&arena);
+  return 0;
+}
+
 int main(int argc, char **argv) {
   if (argc < 3) {
-    fprintf(stderr, "usage: bench_pdb_open load|read|lines FILE [RUNS]\n");
+    fprintf(stderr, "usage: bench_pdb_open load|read|lines|types FILE [RUNS]\n");
     return 2;
   }
   int runs = argc > 3 ? atoi(argv[3]) : 7;
@@ -134,6 +220,7 @@ int main(int argc, char **argv) {
   if (strcmp(argv[1], "load") == 0) return Load(argv[2], runs);
   if (strcmp(argv[1], "read") == 0) return Read(argv[2], runs);
   if (strcmp(argv[1], "lines") == 0) return Lines(argv[2]);
+  if (strcmp(argv[1], "types") == 0) return Types(argv[2], runs);
   fprintf(stderr, "bench_pdb_open: unknown mode %s\n", argv[1]);
   return 2;
 }

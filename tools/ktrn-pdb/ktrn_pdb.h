@@ -36,3 +36,5 @@ int CommandAddr(int argc, char **argv);
 
 // Type commands (type_commands.cpp).
 int CommandTypeRecords(int argc, char **argv);
+int CommandType(int argc, char **argv);
+int CommandTypes(int argc, char **argv);

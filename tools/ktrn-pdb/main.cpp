@@ -25,11 +25,13 @@ static const Command kCommands[] = {
     {"pe", "IMAGE.exe", 1, CommandPe, "image headers, sections, exception directory and CodeView record"},
     {"addr", "IMAGE.exe [RVA...]", -1, CommandAddr, "procedure+offset and path:line of each RVA (hex; stdin when none)"},
     {"type-records", "FILE.pdb", 1, CommandTypeRecords, "type records in index order: 0xINDEX leaf length"},
+    {"type", "FILE.pdb NAME|0xINDEX", 2, CommandType, "one type with its members or enumerators (tab-separated)"},
+    {"types", "FILE.pdb", 1, CommandTypes, "every type index: 0xINDEX kind size name"},
 };
 
 static void Usage(FILE *to) {
   fprintf(to, "usage: ktrn-pdb COMMAND ARGS...\n");
-  for (const Command &c : kCommands) fprintf(to, "  ktrn-pdb %-9s %-18s %s\n", c.name, c.arguments, c.help);
+  for (const Command &c : kCommands) fprintf(to, "  ktrn-pdb %-9s %-22s %s\n", c.name, c.arguments, c.help);
 }
 
 const char *PdbErrorText(int status) {

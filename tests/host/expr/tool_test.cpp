@@ -1,33 +1,18 @@
 // The real ktrn-expr binary: its line of output and its exit status.
 #include <gtest/gtest.h>
 
-#include <stdio.h>
-#include <sys/wait.h>
-
 #include <string>
+
+#include "run_command.h"
 
 struct ToolRun {
   std::string output;
   int status;
 };
 
-static std::string ShellQuote(const std::string &text) {
-  std::string quoted = "'";
-  for (char c : text) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return quoted + "'";
-}
-
 static ToolRun RunTool(const std::string &arguments) {
-  std::string command = std::string(KTRN_EXPR_TOOL) + " " + arguments + " 2>/dev/null";
-  ToolRun run;
-  FILE *pipe = popen(command.c_str(), "r");
-  if (!pipe) return {"", -1};
-  char buffer[512];
-  size_t count;
-  while ((count = fread(buffer, 1, sizeof(buffer), pipe)) > 0) run.output.append(buffer, count);
-  int status = pclose(pipe);
-  run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return run;
+  CommandResult r = RunCommand(std::string(KTRN_EXPR_TOOL) + " " + arguments + " 2>/dev/null");
+  return {r.output, r.exit_status};
 }
 
 TEST(KtrnExprTool, PrintsTreesAndParseErrors) {
@@ -45,7 +30,7 @@ TEST(KtrnExprTool, PrintsTreesAndParseErrors) {
       {"", "parse error\n", 1},
   };
   for (const Case &c : cases) {
-    ToolRun run = RunTool("parse " + ShellQuote(c.text));
+    ToolRun run = RunTool("parse " + Quote(c.text));
     EXPECT_EQ(run.output, c.output) << c.text;
     EXPECT_EQ(run.status, c.status) << c.text;
   }

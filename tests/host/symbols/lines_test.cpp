@@ -28,45 +28,6 @@ Bytes NamesWithPaths() {
   return b;
 }
 
-Bytes Subsection(uint32_t kind, const Bytes &payload) {
-  Bytes b;
-  Put32(b, kind), Put32(b, (uint32_t)payload.size());
-  b.insert(b.end(), payload.begin(), payload.end());
-  Pad4(b);
-  return b;
-}
-
-// Checksum records of 16 MD5 bytes each; record i sits at file id 24 * i.
-Bytes Checksums(const std::vector<uint32_t> &name_offsets) {
-  Bytes b;
-  for (uint32_t name : name_offsets) {
-    Put32(b, name);
-    b.push_back(16), b.push_back(1);
-    for (int i = 0; i < 16; i++) b.push_back((uint8_t)i);
-    Pad4(b);
-  }
-  return Subsection(0xF4, b);
-}
-
-struct Block {
-  uint32_t file_id;
-  std::vector<std::pair<uint32_t, uint32_t>> lines;  // offset from the subsection start, line
-};
-
-Bytes Lines(uint32_t start, uint16_t section, uint32_t code_size, const std::vector<Block> &blocks,
-            bool columns = false) {
-  Bytes b;
-  Put32(b, start), Put16(b, section), Put16(b, columns ? 1 : 0), Put32(b, code_size);
-  for (const Block &block : blocks) {
-    uint32_t count = (uint32_t)block.lines.size();
-    Put32(b, block.file_id), Put32(b, count), Put32(b, 12 + count * (columns ? 12 : 8));
-    for (auto &[offset, line] : block.lines) Put32(b, offset), Put32(b, line | 0x80000000u);  // statement bit
-    if (columns)
-      for (uint32_t i = 0; i < count; i++) Put32(b, 0x00050001);
-  }
-  return Subsection(0xF2, b);
-}
-
 struct Loaded {
   SymbolArena arena = {};
   PdbFile pdb = {};
@@ -119,10 +80,10 @@ TEST(PdbLines, RawLinesMergeIntoEntries) {
   // A repeated number extends the entry; a line at the same address replaces the number; the last
   // entry runs to the end of the code. Columns are skipped, and blocks of the second subsection
   // (another section, loaded from a second module) sort after it.
-  Loaded l({Join({Checksums({kA, kB}),
-                  Lines(0x100, 1, 0x20, {{0, {{0, 10}, {4, 10}, {8, 11}, {8, 12}, {0x10, 13}}}}, true)}),
-            Join({Checksums({kB}), Lines(0x400, 2, 0x8, {{0, {{0, 7}}}}),
-                  Lines(0x10, 1, 0x10, {{0, {{0, 3}, {6, 4}}}})})});
+  Loaded l({Join({C13Checksums({kA, kB}),
+                  C13Lines(0x100, 1, 0x20, {{0, {{0, 10}, {4, 10}, {8, 11}, {8, 12}, {0x10, 13}}}}, true)}),
+            Join({C13Checksums({kB}), C13Lines(0x400, 2, 0x8, {{0, {{0, 7}}}}),
+                  C13Lines(0x10, 1, 0x10, {{0, {{0, 3}, {6, 4}}}})})});
   ASSERT_EQ(l.status, kPdbOk);
   ExpectEntries(l.pdb, {{kB, 3, 1, 0x10, 6},
                         {kB, 4, 1, 0x16, 0xA},
@@ -147,9 +108,9 @@ TEST(PdbLines, RawLinesMergeIntoEntries) {
 TEST(PdbLines, SourceFilesAndTheTenLineSearch) {
   // Module 1 names a.c one way, module 2 the other way: one source file. b.c has code on lines 49
   // and 60.
-  Loaded l({Join({Checksums({kA}), Lines(0x100, 1, 0x10, {{0, {{0, 20}, {8, 22}}}})}),
-            Join({Checksums({kB, kAOtherSpelling}),
-                  Lines(0x200, 1, 0x30, {{0, {{0, 49}, {0x10, 60}}}, {24, {{0x20, 30}}}})})});
+  Loaded l({Join({C13Checksums({kA}), C13Lines(0x100, 1, 0x10, {{0, {{0, 20}, {8, 22}}}})}),
+            Join({C13Checksums({kB, kAOtherSpelling}),
+                  C13Lines(0x200, 1, 0x30, {{0, {{0, 49}, {0x10, 60}}}, {24, {{0x20, 30}}}})})});
   ASSERT_EQ(l.status, kPdbOk);
   EXPECT_EQ(l.pdb.source_files.used, 2u);
   for (const char *path : {"c:\\src\\a.c", "C:/src/A.c", "c:/SRC/a.C"})
@@ -178,8 +139,8 @@ TEST(PdbLines, SourceFilesAndTheTenLineSearch) {
 }
 
 TEST(PdbLines, MalformedAreasLoadWhatFits) {
-  Bytes good = Lines(0x100, 1, 0x10, {{0, {{0, 5}}}});
-  Bytes no_blocks = Lines(0x100, 1, 0x10, {});
+  Bytes good = C13Lines(0x100, 1, 0x10, {{0, {{0, 5}}}});
+  Bytes no_blocks = C13Lines(0x100, 1, 0x10, {});
   Bytes zero_block = no_blocks;  // a block that claims 0 bytes
   Set32(zero_block, 4, 12 + 12);
   Put32(zero_block, 0), Put32(zero_block, 1), Put32(zero_block, 0);
@@ -189,8 +150,8 @@ TEST(PdbLines, MalformedAreasLoadWhatFits) {
   Set32(long_block, 8 + 12 + 8, 0x1000);
   Bytes long_subsection = good;  // subsection length beyond the area
   Set32(long_subsection, 4, 0x7FFFFFF0);
-  Bytes odd_kind = Subsection(0xF3, Bytes(13, 0xAB));
-  Bytes short_checksums = Subsection(0xF4, Bytes(5, 0));  // file id 0 lies inside, its record does not
+  Bytes odd_kind = C13Subsection(0xF3, Bytes(13, 0xAB));
+  Bytes short_checksums = C13Subsection(0xF4, Bytes(5, 0));  // file id 0 lies inside, its record does not
   struct {
     const char *name;
     Bytes c13;
@@ -202,11 +163,11 @@ TEST(PdbLines, MalformedAreasLoadWhatFits) {
       {"line count beyond the block", huge_count, 0, false},
       {"block beyond the subsection", long_block, 0, false},
       {"subsection beyond the area", long_subsection, 0, false},
-      {"unknown kinds are skipped", Join({odd_kind, Checksums({kA}), good}), 1, true},
-      {"file id beyond the checksums", Join({Checksums({kA}), Lines(0, 1, 4, {{24, {{0, 5}}}})}), 1, false},
+      {"unknown kinds are skipped", Join({odd_kind, C13Checksums({kA}), good}), 1, true},
+      {"file id beyond the checksums", Join({C13Checksums({kA}), C13Lines(0, 1, 4, {{24, {{0, 5}}}})}), 1, false},
       {"no checksums at all", good, 1, false},
       {"checksum record cut short", Join({short_checksums, good}), 1, false},
-      {"lines subsection no longer than its header", Join({Checksums({kA}), Subsection(0xF2, Bytes(12, 1))}), 0, false},
+      {"lines subsection no longer than its header", Join({C13Checksums({kA}), C13Subsection(0xF2, Bytes(12, 1))}), 0, false},
       {"area cut inside a header", Bytes(good.begin(), good.begin() + 6), 0, false},
   };
   for (auto &c : cases) {

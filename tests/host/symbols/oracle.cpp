@@ -8,36 +8,6 @@
 #include <algorithm>
 #include <set>
 
-CommandResult RunCommand(const std::string &command) {
-  CommandResult result;
-  FILE *pipe = popen(command.c_str(), "r");
-  if (!pipe) return result;
-  char buffer[65536];
-  size_t got;
-  while ((got = fread(buffer, 1, sizeof(buffer), pipe)) > 0) result.output.append(buffer, got);
-  int status = pclose(pipe);
-  result.exit_status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return result;
-}
-
-std::string Quote(const std::string &text) {
-  std::string q = "'";
-  for (char c : text) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return q + "'";
-}
-
-std::vector<std::string> SplitLines(const std::string &text) {
-  std::vector<std::string> lines;
-  size_t at = 0;
-  while (at < text.size()) {
-    size_t end = text.find('\n', at);
-    if (end == std::string::npos) end = text.size();
-    lines.push_back(text.substr(at, end - at));
-    at = end + 1;
-  }
-  return lines;
-}
-
 static std::string Trim(const std::string &s) {
   size_t a = s.find_first_not_of(' '), b = s.find_last_not_of(' ');
   return a == std::string::npos ? "" : s.substr(a, b - a + 1);
@@ -153,8 +123,8 @@ static void AddBlock(const std::string &path, unsigned section, unsigned end,
   }
 }
 
-LineDump RunLineOracle(const std::string &pdb_path) {
-  LineDump dump;
+LineBlockDump RunLineBlockOracle(const std::string &pdb_path) {
+  LineBlockDump dump;
   CommandResult run = RunCommand("llvm-pdbutil-14 dump -l " + Quote(pdb_path) + " 2>&1");
   if (run.exit_status != 0) {
     dump.failure = "llvm-pdbutil exit status " + std::to_string(run.exit_status);
@@ -163,12 +133,11 @@ LineDump RunLineOracle(const std::string &pdb_path) {
   std::string path;
   bool stale = false;  // llvm-pdbutil repeats an earlier module's lines for modules without any
   bool in_block = false;
-  unsigned section = 0, end = 0;
-  std::vector<std::pair<uint32_t, uint32_t>> raw;
+  LineBlock block;
   auto flush = [&] {
-    if (in_block && !stale) AddBlock(path, section, end, raw, &dump.lines);
+    if (in_block && !stale) dump.blocks.push_back(block);
     in_block = false;
-    raw.clear();
+    block.raw.clear();
   };
   for (const std::string &line : SplitLines(run.output)) {
     std::string trimmed = Trim(line);
@@ -183,7 +152,8 @@ LineDump RunLineOracle(const std::string &pdb_path) {
     unsigned s = 0, b = 0, e = 0;
     if (trimmed.find(" entries = ") != std::string::npos && sscanf(trimmed.c_str(), "%x:%x-%x, ", &s, &b, &e) == 3) {
       flush();
-      section = s, end = e;
+      block.path = path;
+      block.section = s, block.start = b, block.end = e;
       in_block = true;
       continue;
     }
@@ -198,7 +168,7 @@ LineDump RunLineOracle(const std::string &pdb_path) {
         uint32_t number = strcmp(word, "ASI") == 0   ? 0xFEEFEE
                           : strcmp(word, "NSI") == 0 ? 0xF00F00
                                                      : (uint32_t)atoi(word);
-        raw.push_back({number, address});
+        block.raw.push_back({number, address});
         p += used;
         while (*p == ' ' || *p == '!') p++;
       }
@@ -215,6 +185,16 @@ LineDump RunLineOracle(const std::string &pdb_path) {
     }
   }
   flush();
+  dump.ok = true;
+  return dump;
+}
+
+LineDump RunLineOracle(const std::string &pdb_path) {
+  LineDump dump;
+  LineBlockDump blocks = RunLineBlockOracle(pdb_path);
+  dump.failure = blocks.failure;
+  if (!blocks.ok) return dump;
+  for (const LineBlock &b : blocks.blocks) AddBlock(b.path, b.section, b.end, b.raw, &dump.lines);
   dump.ok = true;
   return dump;
 }

@@ -2,15 +2,12 @@
 // the same line forms ("SSSS:OOOOOOOO LLLLLLLL name" for procedures, "SSSS:OOOOOOOO TTTTTTTT
 // name" for data globals).
 #pragma once
+#include <stdint.h>
+
 #include <string>
 #include <vector>
 
-struct CommandResult {
-  int exit_status = -1;  // -1: killed by a signal or could not run
-  std::string output;
-};
-CommandResult RunCommand(const std::string &command);
-std::string Quote(const std::string &text);
+#include "run_command.h"
 
 struct OracleDump {
   bool ok = false;             // llvm-pdbutil ran and reported no error
@@ -29,7 +26,20 @@ struct LineDump {
 };
 LineDump RunLineOracle(const std::string &pdb_path);
 
-std::vector<std::string> SplitLines(const std::string &text);
+// The blocks of `llvm-pdbutil dump -l` as printed: file path, section, [start, end) and the raw
+// (line, offset) records in their stored order, before any merging.
+struct LineBlock {
+  std::string path;
+  unsigned section = 0, start = 0, end = 0;
+  std::vector<std::pair<uint32_t, uint32_t>> raw;
+};
+struct LineBlockDump {
+  bool ok = false;
+  std::string failure;
+  std::vector<LineBlock> blocks;
+};
+LineBlockDump RunLineBlockOracle(const std::string &pdb_path);
+
 
 // Compares two lists and describes the first differences (empty when equal).
 std::string DescribeDifference(const std::vector<std::string> &ours, const std::vector<std::string> &oracle);

@@ -267,3 +267,38 @@ std::string WriteTempFile(const Bytes &bytes, const std::string &name) {
   fclose(f);
   return path;
 }
+
+// [SECTION] C13 line subsections
+
+Bytes C13Subsection(uint32_t kind, const Bytes &payload) {
+  Bytes b;
+  Put32(b, kind), Put32(b, (uint32_t)payload.size());
+  b.insert(b.end(), payload.begin(), payload.end());
+  Pad4(b);
+  return b;
+}
+
+Bytes C13Checksums(const std::vector<uint32_t> &name_offsets) {
+  Bytes b;
+  for (uint32_t name : name_offsets) {
+    Put32(b, name);
+    b.push_back(16), b.push_back(1);
+    for (int i = 0; i < 16; i++) b.push_back((uint8_t)i);
+    Pad4(b);
+  }
+  return C13Subsection(0xF4, b);
+}
+
+Bytes C13Lines(uint32_t start, uint16_t section, uint32_t code_size, const std::vector<C13Block> &blocks,
+               bool columns) {
+  Bytes b;
+  Put32(b, start), Put16(b, section), Put16(b, columns ? 1 : 0), Put32(b, code_size);
+  for (const C13Block &block : blocks) {
+    uint32_t count = (uint32_t)block.lines.size();
+    Put32(b, block.file_id), Put32(b, count), Put32(b, 12 + count * (columns ? 12 : 8));
+    for (auto &[offset, line] : block.lines) Put32(b, offset), Put32(b, line | 0x80000000u);  // statement bit
+    if (columns)
+      for (uint32_t i = 0; i < count; i++) Put32(b, 0x00050001);
+  }
+  return C13Subsection(0xF2, b);
+}

@@ -36,6 +36,17 @@ Bytes BlockRecord(uint32_t length, uint32_t offset, uint16_t section);
 Bytes RegRelRecord(uint32_t offset, uint16_t reg, const std::string &name);
 Bytes SimpleRecord(uint16_t kind, size_t payload_bytes = 0);
 
+// [SECTION] C13 line subsections
+Bytes C13Subsection(uint32_t kind, const Bytes &payload);
+// Checksum records of 16 MD5 bytes each; record i sits at file id 24 * i.
+Bytes C13Checksums(const std::vector<uint32_t> &name_offsets);
+struct C13Block {
+  uint32_t file_id;
+  std::vector<std::pair<uint32_t, uint32_t>> lines;  // offset from the subsection start, line
+};
+Bytes C13Lines(uint32_t start, uint16_t section, uint32_t code_size, const std::vector<C13Block> &blocks,
+               bool columns = false);
+
 struct ModuleSpec {
   std::string name = "a.obj";
   std::vector<Bytes> records;   // laid out after the 4-byte signature; S_GPROC32 end fields are

@@ -1,0 +1,259 @@
+// [SECTION] Modifiers and definitions
+// [SECTION] Sizes
+// [SECTION] Pointers
+// [SECTION] Look-up by name
+#include "symbols/pdb_type_lookup.h"
+
+#include <string.h>
+
+#include "symbols/pdb_raw.h"
+#include "symbols/type_names.h"
+
+// [SECTION] Modifiers and definitions
+
+u32 PdbTypeLookThrough(const PdbTypes *types, u32 type_index) {
+  for (u32 step = 0; step < kTypeLookThroughMaxSteps; step++) {
+    const u8 *r = PdbTypeRecord(types, type_index);
+    if (!r || ReadU16(r + 2) != kLF_MODIFIER || ReadU16(r) < 6) return type_index;
+    type_index = ReadU32(r + 4);
+  }
+  return type_index;
+}
+
+// Kinds that may stand for each other between a forward reference and its definition.
+static bool SameTagFamily(u16 a, u16 b) {
+  if (TypeLeafIsClassLike(a)) return TypeLeafIsClassLike(b);
+  return a == b;
+}
+
+// Walks one bucket from its last entry to its first.
+static u32 FindDefinitionInBucket(const PdbTypes *types, u32 bucket, const TypeRecord *forward) {
+  u32 start = (u32)types->buckets[bucket], n = (u32)(types->buckets[bucket] >> 32);
+  bool by_unique = (forward->properties & kTypePropUniqueName) && forward->unique_name.length;
+  for (u32 k = n; k-- > 0;) {
+    u32 candidate = types->bucket_list[start + k];
+    TypeRecord c;
+    if (!PdbDecodeType(types, candidate, &c) || !SameTagFamily(forward->leaf, c.leaf)) continue;
+    if (c.properties & kTypePropForwardRef) continue;
+    bool match = by_unique && (c.properties & kTypePropUniqueName) ? TypeTextEquals(c.unique_name, forward->unique_name)
+                                                                   : TypeTextEquals(c.name, forward->name);
+    if (match) return candidate;
+  }
+  return 0;
+}
+
+u32 PdbTypeDefinition(const PdbTypes *types, u32 type_index) {
+  TypeRecord t;
+  if (!PdbDecodeType(types, type_index, &t) || !TypeLeafIsTag(t.leaf)) return type_index;
+  if (!(t.properties & kTypePropForwardRef) || types->bucket_count == 0) return type_index;
+  // A definition is hashed by its name unless scoped or anonymous, else by its unique name.
+  u32 found = 0;
+  if (!(t.properties & kTypePropScoped) && t.name.length)
+    found = FindDefinitionInBucket(types, PdbNameHashV1(t.name.text, t.name.length) % types->bucket_count, &t);
+  if (!found && (t.properties & kTypePropUniqueName) && t.unique_name.length) {
+    u32 bucket = PdbNameHashV1(t.unique_name.text, t.unique_name.length) % types->bucket_count;
+    found = FindDefinitionInBucket(types, bucket, &t);
+  }
+  return found ? found : type_index;
+}
+
+// [SECTION] Sizes
+
+u64 BuiltinTypeSize(u32 type_index) {
+  u32 mode = (type_index >> kBuiltinPointerModeShift) & 7;
+  switch (mode) {
+    case 0: break;
+    case 1: return 2;                  // near
+    case 2: case 3: case 4: return 4;  // far, huge, 32-bit
+    case 5: return 6;                  // 32-bit far
+    case 6: return 8;                  // 64-bit
+    default: return 16;                // 128-bit near
+  }
+  switch (type_index & 0xFF) {
+    case 0x08: return 4;  // HRESULT
+    case 0x10: case 0x20: case 0x30: case 0x68: case 0x69: case 0x70: case 0x7C: return 1;
+    case 0x11: case 0x21: case 0x31: case 0x71: case 0x72: case 0x73: case 0x7A: case 0x46: return 2;
+    case 0x12: case 0x22: case 0x32: case 0x74: case 0x75: case 0x7B: case 0x40: case 0x45: case 0x56: return 4;
+    case 0x44: return 6;  // 48-bit real
+    case 0x13: case 0x23: case 0x33: case 0x76: case 0x77: case 0x41: case 0x50: return 8;
+    case 0x42: return 10;  // 80-bit real
+    case 0x14: case 0x24: case 0x34: case 0x78: case 0x79: case 0x43: case 0x51: return 16;
+    case 0x52: return 20;
+    case 0x53: return 32;
+  }
+  return 0;  // void, notype and the unknown kinds
+}
+
+bool BuiltinTypeIsSigned(u32 type_index) {
+  switch (type_index) {
+    case 0x10: case 0x11: case 0x12: case 0x13: case 0x14: case 0x68: case 0x70: case 0x72: case 0x74:
+    case 0x76: case 0x78: return true;
+  }
+  return false;
+}
+
+static u64 SizeOf(const PdbTypes *types, u32 type_index, u32 depth) {
+  if (type_index < types->first_index) return BuiltinTypeSize(type_index);
+  if (depth > kTypeLookThroughMaxSteps) return 0;
+  TypeRecord t;
+  if (!PdbDecodeType(types, type_index, &t)) return 0;
+  switch (t.leaf) {
+    case kLF_MODIFIER: case kLF_BITFIELD: case kLF_ENUM: case kLF_ALIAS:
+      return SizeOf(types, t.type, depth + 1);
+    case kLF_POINTER: {
+      u64 size = (t.properties >> 13) & 0x3F;
+      if (size) return size;
+      u32 kind = t.properties & 0x1F;  // 0x0A 32-bit, 0x0C 64-bit; the old 16-bit kinds
+      return kind == 0x0C ? 8 : kind == 0x0A || kind == 0x0B ? 4 : kind <= 2 ? 2 : 4;
+    }
+    case kLF_ARRAY:
+      return t.size;
+  }
+  if (TypeLeafIsClassLike(t.leaf) || t.leaf == kLF_UNION) {
+    if (!(t.properties & kTypePropForwardRef)) return t.size;
+    u32 definition = PdbTypeDefinition(types, type_index);
+    if (definition == type_index || !PdbDecodeType(types, definition, &t)) return 0;
+    return t.size;
+  }
+  return 0;
+}
+
+u64 PdbTypeSize(const PdbTypes *types, u32 type_index) { return SizeOf(types, type_index, 0); }
+
+// [SECTION] Pointers
+
+bool PdbTypeIsPointer(const PdbTypes *types, u32 type_index, u32 *pointee) {
+  type_index = PdbTypeLookThrough(types, type_index);
+  u32 target = 0;
+  bool is_pointer = false;
+  if (type_index < types->first_index) {
+    is_pointer = type_index < 0x1000 && ((type_index >> kBuiltinPointerModeShift) & 7) != 0;
+    target = type_index & 0xFF;
+  } else {
+    TypeRecord t;
+    is_pointer = PdbDecodeType(types, type_index, &t) && t.leaf == kLF_POINTER;
+    target = t.type;
+  }
+  if (is_pointer && pointee) *pointee = target;
+  return is_pointer;
+}
+
+// Pass 0 takes pointers to the index itself; pass 1 also pointers to another record of the same
+// type (compilers point at the forward reference, while look-ups give the definition).
+u32 PdbTypePointerTo(const PdbTypes *types, u32 type_index) {
+  if (type_index < 0x100) return kBuiltinPointer64 | type_index;
+  u32 definition = PdbTypeDefinition(types, type_index);
+  for (int pass = 0; pass < 2; pass++) {
+    for (u32 i = 0; i < types->count; i++) {
+      const u8 *r = PdbTypeRecord(types, types->first_index + i);
+      if (!r || ReadU16(r + 2) != kLF_POINTER || ReadU16(r) < 10) continue;
+      u32 attributes = ReadU32(r + 8), referent = ReadU32(r + 4);
+      // 64-bit kind, plain pointer mode, no const/volatile/unaligned/restrict on the pointer itself.
+      if ((attributes & 0x1F) != 0x0C || ((attributes >> 5) & 7) != 0 || (attributes & 0x1E00) != 0) continue;
+      if (referent == type_index || (pass == 1 && referent >= types->first_index &&
+                                     PdbTypeDefinition(types, referent) == definition))
+        return types->first_index + i;
+    }
+  }
+  return 0;
+}
+
+// [SECTION] Look-up by name
+
+u32 PdbFindTypeRecord(const PdbTypes *types, const char *name, u32 length) {
+  if (types->bucket_count == 0 || length == 0) return 0;
+  u32 bucket = PdbNameHashV1(name, length) % types->bucket_count;
+  u32 start = (u32)types->buckets[bucket], n = (u32)(types->buckets[bucket] >> 32);
+  TypeText wanted = {name, length};
+  u32 forward = 0;
+  for (u32 k = n; k-- > 0;) {
+    u32 candidate = types->bucket_list[start + k];
+    TypeRecord c;
+    if (!PdbDecodeType(types, candidate, &c) || !TypeLeafIsTag(c.leaf) || !TypeTextEquals(c.name, wanted)) continue;
+    if (!(c.properties & kTypePropForwardRef)) return candidate;
+    if (!forward) forward = candidate;
+  }
+  return forward ? PdbTypeDefinition(types, forward) : 0;
+}
+
+static bool IsSpace(char c) { return c == ' ' || c == '\t'; }
+
+// Removes a leading word (followed by a blank) from the text; true when it was there.
+static bool TakeWord(const char **text, u32 *length, const char *word) {
+  u32 n = (u32)strlen(word);
+  if (*length <= n || memcmp(*text, word, n) != 0 || !IsSpace((*text)[n])) return false;
+  *text += n + 1, *length -= n + 1;
+  while (*length && IsSpace(**text)) ++*text, --*length;
+  return true;
+}
+
+// Removes a trailing word (preceded by a blank or '*').
+static bool DropTrailingWord(const char *text, u32 *length, const char *word) {
+  u32 n = (u32)strlen(word);
+  if (*length <= n || memcmp(text + *length - n, word, n) != 0) return false;
+  char before = text[*length - n - 1];
+  if (!IsSpace(before) && before != '*') return false;
+  *length -= n;
+  while (*length && IsSpace(text[*length - 1])) --*length;
+  return true;
+}
+
+// C spellings of the built-in types that the debugger's own names do not cover.
+static const struct {
+  const char *name;
+  u32 index;
+} kBuiltinSpellings[] = {
+    {"unsigned", 0x75},       {"signed", 0x74},           {"signed int", 0x74},
+    {"long int", 0x12},       {"unsigned long int", 0x22}, {"short int", 0x11},
+    {"unsigned short int", 0x21}, {"long long", 0x13},    {"signed long long", 0x13},
+    {"__int64", 0x13},        {"unsigned long long", 0x23}, {"unsigned __int64", 0x23},
+    {"__int8", 0x68},         {"unsigned __int8", 0x69},  {"__int16", 0x72},
+    {"unsigned __int16", 0x73}, {"__int32", 0x74},         {"unsigned __int32", 0x75},
+    {"bool", 0x30},           {"char16_t", 0x7A},         {"char32_t", 0x7B},
+    {"char8_t", 0x7C},        {"long double", 0x41},
+};
+
+static u32 FindBuiltin(const char *text, u32 length) {
+  if (length > 24) return 0;  // longer than any built-in spelling
+  for (const auto &s : kBuiltinSpellings)
+    if (s.name[0] == text[0] && strlen(s.name) == length && memcmp(s.name, text, length) == 0) return s.index;
+  // The debugger's own names ("int", "u64", "wchar_t", ...): the first index that prints so.
+  for (u32 index = 1; index <= 0x7B; index++) {
+    const char *name = BuiltinTypeName(index);
+    if (strlen(name) == length && memcmp(name, text, length) == 0 && strcmp(name, "TBI") != 0) return index;
+  }
+  return 0;
+}
+
+u32 PdbLookupType(const PdbTypes *types, const PdbGlobals *globals, const char *text, u32 length) {
+  while (length && IsSpace(*text)) text++, length--;
+  while (length && IsSpace(text[length - 1])) length--;
+  u32 stars = 0;
+  for (;;) {
+    if (length && text[length - 1] == '*') {
+      stars++, length--;
+      while (length && IsSpace(text[length - 1])) length--;
+    } else if (!DropTrailingWord(text, &length, "const") && !DropTrailingWord(text, &length, "volatile")) {
+      break;
+    }
+  }
+  while (TakeWord(&text, &length, "const") || TakeWord(&text, &length, "volatile")) {}
+  if (!TakeWord(&text, &length, "struct") && !TakeWord(&text, &length, "class"))
+    if (!TakeWord(&text, &length, "union")) TakeWord(&text, &length, "enum");
+  if (length == 0 || length > 4096) return 0;
+
+  // Records first: most names looked up are records, and no record is named like a built-in.
+  u32 index = PdbFindTypeRecord(types, text, length);
+  if (!index) index = FindBuiltin(text, length);
+  if (!index && globals && globals->udt_capacity) {
+    char name[4097];
+    memcpy(name, text, length);
+    name[length] = 0;
+    index = PdbFindUdt(globals, name);
+  }
+  for (u32 i = 0; i < stars && index; i++) {
+    u32 base = PdbTypeLookThrough(types, index);
+    index = PdbTypePointerTo(types, base < types->first_index && base < 0x100 ? base : index);
+  }
+  return index;
+}

@@ -1,0 +1,186 @@
+// Real images read by `ktrn-pdb pe` and by llvm-readobj: headers, every section, the exception
+// directory and the CodeView record must agree, and the record's GUID must be the one its PDB
+// carries. The test programs, our own programs and the corpus images are all checked.
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <stdarg.h>
+#include <stdio.h>
+
+#include <algorithm>
+#include <map>
+
+#include "oracle.h"
+
+namespace {
+
+const std::string kTargetsDir = KTRN_TARGETS_DIR;
+const std::string kTool = KTRN_PDB_TOOL;
+const std::string kCorpus = std::string(KTRN_SHARED_DIR) + "/pdb-corpus/llvm/";
+
+std::vector<std::string> ImagesIn(const std::string &dir) {
+  std::vector<std::string> images;
+  if (DIR *d = opendir(dir.c_str())) {
+    while (dirent *e = readdir(d)) {
+      std::string name = e->d_name;
+      if (name.size() > 4 && name.compare(name.size() - 4, 4, ".exe") == 0) images.push_back(dir + "/" + name);
+    }
+    closedir(d);
+  }
+  std::sort(images.begin(), images.end());
+  return images;
+}
+
+std::string Value(const std::string &line) {
+  size_t colon = line.find(": ");
+  return colon == std::string::npos ? "" : line.substr(colon + 2);
+}
+std::string Trimmed(const std::string &line) { return line.substr(line.find_first_not_of(' ')); }
+unsigned long long Number(const std::string &text) { return strtoull(text.c_str(), nullptr, 0); }
+
+// "(2F 34 00 ...)" -> the bytes as characters, up to the first zero.
+std::string BytesInParentheses(const std::string &text) {
+  std::string out;
+  size_t open = text.find('(');
+  if (open == std::string::npos) return out;
+  const char *p = text.c_str() + open + 1;
+  while (*p && *p != ')') {
+    char *end;
+    unsigned long byte = strtoul(p, &end, 16);
+    if (end == p) break;
+    out.push_back((char)byte);
+    p = end;
+  }
+  return out;
+}
+
+std::string Format(const char *format, ...) __attribute__((format(printf, 1, 2)));
+std::string Format(const char *format, ...) {
+  char buffer[1024];
+  va_list args;
+  va_start(args, format);
+  vsnprintf(buffer, sizeof(buffer), format, args);
+  va_end(args);
+  return buffer;
+}
+
+// llvm-readobj's view of an image, turned into the lines `ktrn-pdb pe` prints.
+std::vector<std::string> ExpectedPe(const std::string &image) {
+  CommandResult r = RunCommand("llvm-readobj-14 --file-headers --sections --coff-debug-directory " + Quote(image));
+  std::map<std::string, std::string> header;
+  struct Section {
+    std::string name;
+    unsigned long long size = 0, address = 0, characteristics = 0;
+  };
+  std::vector<Section> sections;
+  std::string guid, age = "", pdb;
+  bool codeview = false;
+  for (const std::string &raw : SplitLines(r.output)) {
+    if (raw.find_first_not_of(' ') == std::string::npos) continue;
+    std::string line = Trimmed(raw);
+    std::string key = line.substr(0, line.find(':'));
+    if (key == "Name" && raw.find("(") != std::string::npos) {
+      sections.push_back({BytesInParentheses(line)});
+    } else if (key == "VirtualSize" && !sections.empty()) {
+      sections.back().size = Number(Value(line));
+    } else if (key == "VirtualAddress" && !sections.empty()) {
+      sections.back().address = Number(Value(line));
+    } else if (line.rfind("Characteristics [ (", 0) == 0 && !sections.empty()) {
+      sections.back().characteristics = Number(line.substr(19));
+    } else if (key == "Type" && Value(line).rfind("CodeView", 0) == 0) {
+      codeview = true;
+    } else if (key == "PDBGUID" && guid.empty()) {
+      std::string b = BytesInParentheses(line);
+      const unsigned char *g = (const unsigned char *)b.data();
+      if (b.size() == 16)
+        guid = Format("{%02X%02X%02X%02X-%02X%02X-%02X%02X-%02X%02X-%02X%02X%02X%02X%02X%02X}", g[3], g[2], g[1],
+                      g[0], g[5], g[4], g[7], g[6], g[8], g[9], g[10], g[11], g[12], g[13], g[14], g[15]);
+    } else if (key == "PDBAge" && age.empty()) {
+      age = Value(line);
+    } else if (key == "PDBFileName" && pdb.empty()) {
+      pdb = Value(line);
+    } else if (!header.count(key)) {
+      header[key] = Value(line);
+    }
+  }
+  std::vector<std::string> lines;
+  lines.push_back(Format("base 0x%016llX", Number(header["ImageBase"])));
+  const std::string &machine = header["Machine"];  // "IMAGE_FILE_MACHINE_AMD64 (0x8664)"
+  size_t hex = machine.find("(0x");
+  lines.push_back(Format("machine 0x%04llX", hex == std::string::npos ? 0 : strtoull(machine.c_str() + hex + 1, nullptr, 16)));
+  lines.push_back(Format("entry 0x%08llX", Number(header["AddressOfEntryPoint"])));
+  lines.push_back(Format("size 0x%08llX", Number(header["SizeOfImage"])));
+  size_t kept = sections.size() < 96 ? sections.size() : 96;
+  lines.push_back(Format("sections %zu of %zu", kept, sections.size()));
+  for (size_t i = 0; i < kept; i++) {
+    const Section &s = sections[i];
+    lines.push_back(Format("section %zu %-8.8s 0x%08llX 0x%08llX 0x%08llX", i + 1, s.name.c_str(), s.address, s.size,
+                           s.characteristics));
+  }
+  lines.push_back(Format("exception 0x%08llX %llu", Number(header["ExceptionTableRVA"]),
+                         Number(header["ExceptionTableSize"]) / 12));
+  if (codeview) {
+    lines.push_back("codeview " + guid + " " + age);
+    lines.push_back("pdb " + pdb);
+  } else {
+    lines.push_back("codeview none");
+  }
+  return lines;
+}
+
+void ExpectPeAgrees(const std::string &image) {
+  SCOPED_TRACE(image);
+  CommandResult ours = RunCommand(Quote(kTool) + " pe " + Quote(image));
+  ASSERT_EQ(ours.exit_status, 0) << ours.output;
+  EXPECT_EQ(DescribeDifference(SplitLines(ours.output), ExpectedPe(image)), "");
+}
+
+// The GUID of the record is the one the PDB beside the image says it has.
+void ExpectGuidOfPdb(const std::string &image, const std::string &pdb) {
+  SCOPED_TRACE(image);
+  CommandResult ours = RunCommand(Quote(kTool) + " pe " + Quote(image));
+  CommandResult oracle = RunCommand("llvm-pdbutil-14 dump --summary " + Quote(pdb));
+  std::string guid;
+  for (const std::string &line : SplitLines(oracle.output))
+    if (line.find("GUID: ") != std::string::npos) guid = Value(line);
+  ASSERT_FALSE(guid.empty());
+  EXPECT_NE(ours.output.find("codeview " + guid + " "), std::string::npos) << ours.output;
+}
+
+TEST(PeOracle, TestProgramsAndOurOwnProgramsAgreeWithReadobj) {
+  std::vector<std::string> images = ImagesIn(kTargetsDir);
+  std::vector<std::string> own = ImagesIn(kTargetsDir + "/../../bin");
+  ASSERT_FALSE(images.empty()) << "no test programs in " << kTargetsDir;
+  ASSERT_FALSE(own.empty());
+  images.insert(images.end(), own.begin(), own.end());
+  for (const std::string &image : images) {
+    ExpectPeAgrees(image);
+    ExpectGuidOfPdb(image, image.substr(0, image.size() - 3) + "pdb");
+  }
+}
+
+TEST(PeOracle, CorpusImagesAgreeWithReadobj) {
+  for (const char *name : {"llvm_test_tools_llvm-symbolizer_pdb_test-columns", "llvm_unittests_DebugInfo_PDB_SimpleTest",
+                           "llvm_test_tools_llvm-symbolizer_pdb_missing_pdb"})
+    ExpectPeAgrees(kCorpus + name + ".exe");
+  ExpectGuidOfPdb(kCorpus + "llvm_test_tools_llvm-symbolizer_pdb_test-columns.exe",
+                  kCorpus + "llvm_test_tools_llvm-symbolizer_pdb_test-columns.pdb");
+}
+
+// The corpus names its PDBs by paths of the machine that built them: the PDB is then found
+// beside the image only under the image's own name, which these files do not have, or not at all.
+TEST(PeOracle, AddrReportsTheSymbolStatusAndRefusesA32BitImage) {
+  CommandResult missing = RunCommand(Quote(kTool) + " addr " + Quote(kCorpus + "llvm_test_tools_llvm-symbolizer_pdb_missing_pdb.exe") + " 1000");
+  EXPECT_EQ(missing.exit_status, 0);
+  EXPECT_EQ(SplitLines(missing.output), (std::vector<std::string>{"Cannot find or open PDB file", "0x00001000 ? ?"}));
+
+  CommandResult x86 = RunCommand(Quote(kTool) + " addr " + Quote(kCorpus + "llvm_test_tools_llvm-symbolizer_pdb_test.exe") + " 1000 2>&1");
+  EXPECT_EQ(x86.exit_status, 3);
+  EXPECT_NE(x86.output.find("32-bit images are not supported (result 10)"), std::string::npos) << x86.output;
+
+  std::vector<std::string> targets = ImagesIn(kTargetsDir);
+  ASSERT_FALSE(targets.empty());
+  CommandResult loaded = RunCommand(Quote(kTool) + " addr " + Quote(targets[0]) + " 0");
+  EXPECT_EQ(SplitLines(loaded.output).at(0), "Symbols loaded");
+}
+
+}  // namespace
