@@ -360,3 +360,15 @@ TEST(EngineTerminate, StopDebuggingOrTerminateWhileHeldBeforeTheFirstRun) {
   EXPECT_EQ(ended.exit_code, 12u);
   EXPECT_EQ(ended.debug_strings.size(), 0u);
 }
+
+TEST(EngineExceptions, FaultInTheSanitizersShadowMemoryPassesSilently) {
+  Target *t = nullptr;
+  u32 pid = 0;
+  ASSERT_EQ(LaunchTarget("eng_target.exe", "shadow", &t, &pid), 0);
+  EngineRun(t);
+  Seen seen;
+  DriveToEnd(t, seen);
+  EXPECT_EQ(seen.Count(kEventException), 0);
+  EXPECT_EQ(seen.Count(kEventStopped), 0);
+  EXPECT_EQ(seen.exit_code, 0xB0u);  // the program's handler saw the fault
+}

@@ -1,5 +1,5 @@
 // The engine's test program: one mode per scenario, chosen by the first argument.
-//   threads | strings | av | avraw | div0 | overflow | nullcall | int3 | int3loop N | strloop N | spin | many N | env | cwd | dll
+//   threads | strings | av | avraw | shadow | div0 | overflow | nullcall | int3 | int3loop N | strloop N | spin | many N | env | cwd | dll
 //   | cxx | unknown
 #include <windows.h>
 
@@ -9,12 +9,19 @@
 
 // [SECTION] Exceptions the program handles itself
 
+// The variable through which AddressSanitizer finds its shadow memory: the engine reads it to
+// recognise the sanitizer's own faults. 16 TiB is far from anything mapped here.
+extern "C" unsigned long long __asan_shadow_memory_dynamic_address = 0x100000000000ull;
+
 static LONG WINAPI Handler(EXCEPTION_POINTERS *info) {
   DWORD code = info->ExceptionRecord->ExceptionCode;
   // Only the faults the program makes on purpose: the system may fault and recover internally.
   if (code == EXCEPTION_ACCESS_VIOLATION && (info->ExceptionRecord->ExceptionInformation[1] == 0x10 ||
                                              info->ExceptionRecord->ExceptionAddress == nullptr))
     ExitProcess(0xAB);
+  if (code == EXCEPTION_ACCESS_VIOLATION &&
+      info->ExceptionRecord->ExceptionInformation[1] == __asan_shadow_memory_dynamic_address + 0x1000)
+    ExitProcess(0xB0);
   if (code == EXCEPTION_INT_DIVIDE_BY_ZERO) ExitProcess(0xAD);
   if (code == EXCEPTION_STACK_OVERFLOW) ExitProcess(0xAF);
   if (code == 0xE06D7363 || code == 0xE0001234) return EXCEPTION_CONTINUE_EXECUTION;
@@ -130,6 +137,10 @@ int main(int argc, char **argv) {
   if (!strcmp(mode, "avraw")) {
     volatile int *bad = (volatile int *)(ULONG_PTR)0x20;  // no handler of the program takes this one
     return *bad;
+  }
+  if (!strcmp(mode, "shadow")) {
+    volatile char *shadow = (volatile char *)(ULONG_PTR)(__asan_shadow_memory_dynamic_address + 0x1000);
+    return *shadow;
   }
   if (!strcmp(mode, "div0")) {
     volatile int zero = 0;
