@@ -20,6 +20,7 @@ enum EngineResult {
   kEngine32Bit = 10,
   kEngineBadPeHeader = 11,
   kEngineMachineMismatch = 12,
+  kEngineNoLineCode = 23,       // no module, file or line with code for a set-next-statement
   kEngineNotSuspended = 26,
   kEngineNoCurrentThread = 27,
   kEngineTextTooLong = 33,
@@ -54,5 +55,7 @@ int EngineToggleSolo(Target *target, TargetThread *thread);
 int EngineSelectFrame(Target *target, s32 frame_index);
 int EngineSetStackOverflowCollapsing(Target *target, u8 on);
 int EngineSetInstructionPointer(Target *target, u64 address);
+// Moves the current thread to the first of lines line..line+9 of the source file that has code.
+int EngineSetNextStatement(Target *target, const char *path, u32 line);
 // Carries a request to the engine although the target runs (a silent break-in while it is queued).
 int EngineQueueRequest(Target *target, const EngineRequest *request);

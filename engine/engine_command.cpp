@@ -226,6 +226,25 @@ int EngineSetInstructionPointer(Target *target, u64 address) {
   return 0;
 }
 
+int EngineSetNextStatement(Target *target, const char *path, u32 line) {
+  if (!target || !path) return 1;
+  if (EngineStoppedState(target) != 0) return 26;
+  TargetThread *t = target->current_thread;
+  if (!t) return 37;
+  u64 address = 0;
+  for (TargetModule *m = target->modules; m && !address; m = m->next) {
+    const ModuleSymbols *symbols = &m->symbols;
+    if (symbols->status != kSymbolsLoaded) continue;
+    u32 file = PdbFindSourceFile(&symbols->pdb.source_files, path);
+    if (!file) continue;
+    const PdbLineEntry *entry = PdbAddressOfLine(&symbols->pdb.lines, file, line);
+    if (!entry || entry->section == 0 || entry->section > symbols->image.section_count) continue;
+    address = symbols->load_base + symbols->image.sections[entry->section - 1].virtual_address + entry->offset;
+  }
+  if (!address) return 23;
+  return EngineSetInstructionPointer(target, address);
+}
+
 int EngineQueueRequest(Target *target, const EngineRequest *request) {
   if (!target || !request) return 1;
   if (!HasProcess(target)) return 3;

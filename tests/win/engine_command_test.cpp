@@ -183,3 +183,27 @@ TEST(EnginePending, AttachWhileDebuggingTerminatesFirstAndAttachesAfterTheExit) 
   std::string long_path(2000, 'a');
   EXPECT_EQ(PendingActionSet(&pending, kPendingOpenSession, 0, 0, long_path.c_str()), 33);
 }
+
+TEST(EngineCommands, SetNextStatementMovesToTheLinesCode) {
+  Target *t = nullptr;
+  u32 pid = 0;
+  ASSERT_EQ(LaunchTarget("eng_target.exe", "int3", &t, &pid), 0);
+  std::string source = std::string(KTRN_SOURCE_DIR) + "/tests/targets/engine/eng_target.cpp";
+  EngineRun(t);
+  Seen seen;
+  ASSERT_TRUE(WaitForKind(t, seen, kEventStopped));
+  ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
+  EXPECT_EQ(EngineSetNextStatement(t, "no_such_file.cpp", 10), 23);
+  EXPECT_EQ(EngineSetNextStatement(t, source.c_str(), 0x7FFFFFF0), 23);
+  size_t mark = seen.events.size();
+  // Past the debug string: the program returns without printing it.
+  EXPECT_EQ(EngineSetNextStatement(t, source.c_str(), (u32)MarkerLine("tests/targets/engine/eng_target.cpp", "INT3_RETURN_LINE")), 0);
+  const SeenEvent *e = NextStop(t, seen, mark);
+  ASSERT_NE(e, nullptr);
+  EXPECT_EQ((int)e->event.stopped.location.line, MarkerLine("tests/targets/engine/eng_target.cpp", "INT3_RETURN_LINE"));
+  ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
+  EXPECT_EQ(EngineRun(t), 0);
+  DriveToEnd(t, seen);
+  EXPECT_EQ(seen.debug_strings.size(), 0u);
+  EXPECT_EQ(seen.exit_code, 3u);
+}

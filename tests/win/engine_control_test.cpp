@@ -167,6 +167,7 @@ TEST(EngineAttach, BreakInThenBreakWhileRunningThenDetachWhileRunning) {
   // Operations that need a stopped target.
   EXPECT_EQ(EngineRun(t), 26);
   EXPECT_EQ(EngineSetInstructionPointer(t, 0x1000), 26);
+  EXPECT_EQ(EngineSetNextStatement(t, "eng_target.cpp", 1), 26);
   EXPECT_EQ(EngineSelectFrame(t, 0), 0);
   EXPECT_EQ(EngineSelectThread(t, 1), 0);
   size_t before = seen.events.size();

@@ -158,7 +158,7 @@ int main(int argc, char **argv) {
     Sleep(50);
     __debugbreak();  // INT3_LINE
     OutputDebugStringA("after int3\n");
-    return 3;
+    return 3;  // INT3_RETURN_LINE
   }
   if (!strcmp(mode, "int3loop")) {
     for (int i = 0; i < count; i++) __debugbreak();
