@@ -1,6 +1,10 @@
 // The operations of the user-interface thread. Each checks the target's state, writes what the
 // engine needs into the Target, and wakes the engine through one of its wait objects; none waits
 // for the engine's answer, which comes back as events.
+//
+// [SECTION] Starting and ending a run
+// [SECTION] State
+// [SECTION] Operations
 #include <string.h>
 
 #include "base/os.h"

@@ -2,6 +2,12 @@
 // with their symbols, the event, text and command rings, and the wait objects shared with the
 // user-interface thread. One Target exists per run; it is made zero-filled at the start of the run
 // and released after the run ends.
+//
+// Records: TargetModule, TargetThread, EngineRequest, Target; then
+// [SECTION] Target model (target.cpp)
+// [SECTION] Rings (event_ring.cpp)
+// [SECTION] Target memory (target.cpp)
+// [SECTION] Thread context (thread_context.cpp)
 #pragma once
 #include <windows.h>
 
