@@ -3,6 +3,7 @@
 // Every operation takes the Target first. After an event of kind 13 (detached) or 14 (process
 // exited) the run is over: call EngineRelease.
 #pragma once
+#include "engine/evaluation_request.h"
 #include "engine/launch.h"
 #include "engine/target.h"
 
@@ -57,5 +58,9 @@ int EngineSetStackOverflowCollapsing(Target *target, u8 on);
 int EngineSetInstructionPointer(Target *target, u64 address);
 // Moves the current thread to the first of lines line..line+9 of the source file that has code.
 int EngineSetNextStatement(Target *target, const char *path, u32 line);
+// Adds an expression evaluated at every stop; its results come as events of kind 3. 33 for a text
+// of 256 characters or more, 37 when every request is taken.
+int EngineAddEvaluationRequest(Target *target, const char *text, void *cookie, EvaluationRequest **out);
+int EngineRemoveEvaluationRequest(Target *target, EvaluationRequest *request);
 // Carries a request to the engine although the target runs (a silent break-in while it is queued).
 int EngineQueueRequest(Target *target, const EngineRequest *request);

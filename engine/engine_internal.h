@@ -29,6 +29,10 @@ u32 EngineHandleException(Target *target, const EXCEPTION_DEBUG_INFO *info);
 TargetThread *EngineThreadToShow(Target *target);
 void EnginePostStopped(Target *target, TargetThread *thread, u32 reason, u64 address, s32 frame);
 
+// [SECTION] Evaluation requests (evaluation_request.cpp)
+// Reports the requests due (all of them when mark_all, as at a stop) with kind 3.
+void EngineEvaluateRequests(Target *target, bool mark_all);
+
 // [SECTION] Event loop (event_loop.cpp)
 // Runs the debug-event loop until the process exits, the engine detaches or a wait fails.
 void EngineRunLoop(Target *target);

@@ -165,7 +165,8 @@ u32 EngineServeCommands(Target *target, bool held) {
       case kCommandStopDebugging:
         return command;
       case kCommandRefresh:
-        break;  // evaluation requests are re-evaluated here once the evaluator exists
+        if (!held) EngineEvaluateRequests(target, false);
+        break;
       case kCommandThreadStates:
         if (!held) ApplyThreadStates(target);
         break;
@@ -230,6 +231,7 @@ static void StopSequence(Target *target) {
     t->selected_frame = 0;
     RefreshThreadSnapshot(target, t);
   }
+  EngineEvaluateRequests(target, true);
 }
 
 // Prepares the current thread before the target runs on: an int3 of the program's own under the

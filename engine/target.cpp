@@ -2,6 +2,8 @@
 // the lookups over both lists.
 #include "engine/target.h"
 
+#include "engine/evaluation_request.h"
+
 #include <string.h>
 
 // [SECTION] Building and releasing
@@ -48,8 +50,9 @@ int TargetInit(Target *target) {
   u8 *contexts = (u8 *)TakeBlock(target, context_bytes * 2 * kThreadPoolCount);
   target->caches[0] = (MemoryCache *)TakeBlock(target, sizeof(MemoryCache));
   target->caches[1] = (MemoryCache *)TakeBlock(target, sizeof(MemoryCache));
+  target->evaluation_requests = (EvaluationRequests *)TakeBlock(target, sizeof(EvaluationRequests));
   if (!target->event_ring || !target->text_ring || !target->command_ring || !threads || !modules || !contexts ||
-      !target->caches[0] || !target->caches[1]) {
+      !target->caches[0] || !target->caches[1] || !target->evaluation_requests) {
     SymbolArenaRelease(&target->arena);
     return 9;
   }
@@ -81,6 +84,7 @@ int TargetInit(Target *target) {
   target->free_modules = &modules[0];
   target->module_pool = modules;
 
+  EvaluationRequestsInit(target->evaluation_requests);
   MemoryCacheInit(target->caches[0], ReadTargetMemory, target);
   MemoryCacheInit(target->caches[1], ReadTargetMemory, target);
   target->continue_status = DBG_CONTINUE;

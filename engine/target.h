@@ -167,7 +167,7 @@ typedef struct Target {
   // [breakpoints, stepping, evaluation] filled by the later parts of the engine
   void *breakpoint_locations;
   u64 processor_slots[4];
-  void *evaluation_requests;
+  struct EvaluationRequests *evaluation_requests;
   void *free_result_nodes;
   u64 step_over_address;
   u8 step_saved_byte;

@@ -207,3 +207,50 @@ TEST(EngineCommands, SetNextStatementMovesToTheLinesCode) {
   EXPECT_EQ(seen.debug_strings.size(), 0u);
   EXPECT_EQ(seen.exit_code, 3u);
 }
+
+TEST(EngineCommands, EvaluationRequestsAreParsedAndReportedAtEveryStop) {
+  Target *t = nullptr;
+  u32 pid = 0;
+  ASSERT_EQ(LaunchTarget("eng_target.exe", "int3", &t, &pid), 0);
+  EvaluationRequest *parsed = nullptr, *broken = nullptr, *late = nullptr;
+  u32 free_nodes = t->evaluation_requests->nodes.free_count;
+  EXPECT_EQ(EngineAddEvaluationRequest(t, std::string(256, 'a').c_str(), nullptr, &parsed), 33);
+  EXPECT_EQ(EngineAddEvaluationRequest(t, nullptr, nullptr, &parsed), 1);
+  ASSERT_EQ(EngineAddEvaluationRequest(t, "counter + 1, x", (void *)1, &parsed), 0);
+  ASSERT_EQ(EngineAddEvaluationRequest(t, "1 +* )", (void *)2, &broken), 0);
+  EXPECT_EQ(parsed->parse_failed, 0);
+  EXPECT_NE(parsed->tree, nullptr);
+  EXPECT_STREQ(broken->result, "Parse error");
+  EXPECT_LT(t->evaluation_requests->nodes.free_count, free_nodes);
+  EngineRun(t);
+  Seen seen;
+  ASSERT_TRUE(WaitForKind(t, seen, kEventStopped));
+  ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
+  PopInto(t, seen, [](Target *, const SeenEvent &) {});
+  // At the stop: the unparsed request's result is known; the parsed one waits for the evaluator.
+  ASSERT_EQ(seen.Count(kEventEvaluation), 1);
+  EXPECT_EQ(seen.First(kEventEvaluation)->event.evaluation.request, (void *)broken);
+
+  // Added while stopped: evaluated at once (refresh), alone.
+  size_t mark = seen.events.size();
+  ASSERT_EQ(EngineAddEvaluationRequest(t, "((", (void *)3, &late), 0);
+  ASSERT_TRUE(WaitForKind(t, seen, kEventEvaluation));
+  int evaluations = 0;
+  for (size_t i = mark; i < seen.events.size(); i++)
+    if (seen.events[i].event.kind == kEventEvaluation) {
+      evaluations++;
+      EXPECT_EQ(seen.events[i].event.evaluation.request, (void *)late);
+      EXPECT_EQ(((EvaluationRequest *)seen.events[i].event.evaluation.request)->cookie, (void *)3);
+    }
+  EXPECT_EQ(evaluations, 1);
+  ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
+  EXPECT_EQ(EngineRemoveEvaluationRequest(t, parsed), 0);
+  EXPECT_EQ(EngineRemoveEvaluationRequest(t, broken), 0);
+  EXPECT_EQ(EngineRemoveEvaluationRequest(t, late), 0);
+  EXPECT_EQ(t->evaluation_requests->nodes.free_count, free_nodes);  // every node back in the pool
+  EXPECT_EQ(t->evaluation_requests->first, nullptr);
+  ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
+  EXPECT_EQ(EngineRun(t), 0);
+  DriveToEnd(t, seen);
+  EXPECT_EQ(seen.exit_code, 3u);
+}
