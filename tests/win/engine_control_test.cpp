@@ -109,11 +109,17 @@ TEST(EngineExceptions, ProgramsOwnInt3StopsAtItsLineAndResumesPastIt) {
   EngineRun(t);
   Seen seen;
   std::vector<std::string> names;
-  DriveToEnd(t, seen, [&](Target *target, const SeenEvent &) {
+  bool snapshot = false;
+  DriveToEnd(t, seen, [&](Target *target, const SeenEvent &e) {
     EXPECT_EQ(EngineWaitStopped(target, 10000), 0);
     for (TargetThread *th = target->threads; th; th = th->next) names.push_back(th->name);
+    // The threads window's view: the stopped thread is inside main of eng_target.exe.
+    TargetThread *main = target->threads;
+    snapshot = main && main->ip_module == target->main_module && main->ip_function &&
+               main->ip_function_start <= e.event.stopped.address && e.event.stopped.address < main->ip_function_end;
     EXPECT_EQ(EngineRun(target), 0);
   });
+  EXPECT_TRUE(snapshot);
   ASSERT_EQ(seen.Count(kEventStopped), 1);
   const SeenEvent *e = seen.First(kEventStopped);
   EXPECT_EQ(e->event.stopped.reason, (u32)kStopProgramBreakpoint);

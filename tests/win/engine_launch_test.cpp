@@ -147,6 +147,22 @@ TEST(EngineLaunch, WorkingDirectoryReachesTheProgram) {
   for (char &c : expected)
     if (c == '/') c = '\\';
   EXPECT_STREQ(CharLowerA(&seen.debug_strings[0][0]), CharLowerA(&expected[0]));
+
+  // Without a working directory of its own the launch takes the session's default directory.
+  LaunchDescription by_default = {};
+  std::string targets = TargetPath("");
+  by_default.default_directory = targets.c_str();
+  ASSERT_EQ(LaunchTarget("eng_target.exe", "cwd", &t, &pid, &by_default), 0);
+  Seen second;
+  EngineRun(t);
+  DriveToEnd(t, second);
+  ASSERT_EQ(second.debug_strings.size(), 1u);
+  std::string expected_default = "cwd " + TargetPath("");
+  for (char &c : expected_default)
+    if (c == '/') c = '\\';
+  if (expected_default.back() == '\\') expected_default.pop_back();
+  expected_default += "\n";
+  EXPECT_STREQ(CharLowerA(&second.debug_strings[0][0]), CharLowerA(&expected_default[0]));
 }
 
 TEST(EngineLaunch, ThirtyTwoBitProgramIsRefused) {
