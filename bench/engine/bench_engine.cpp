@@ -157,6 +157,66 @@ static Sample EngineRunOnce(const char *mode, int count, Counted counted) {
   return sample;
 }
 
+// The price of the system calls a stop makes, under the same conditions: a debuggee held at its
+// first event, a thread handle from it.
+static void SystemCallCosts() {
+  std::string line = "\"" + TargetProgram() + "\" strloop 1";
+  std::wstring wide(line.begin(), line.end());
+  STARTUPINFOW si = {sizeof si};
+  PROCESS_INFORMATION pi = {};
+  if (!CreateProcessW(nullptr, &wide[0], nullptr, nullptr, FALSE, DEBUG_ONLY_THIS_PROCESS | CREATE_NEW_CONSOLE, nullptr,
+                      nullptr, &si, &pi))
+    return;
+  DEBUG_EVENT ev;
+  WaitForDebugEvent(&ev, INFINITE);  // CREATE_PROCESS: the process is held
+  HANDLE thread = ev.u.CreateProcessInfo.hThread;
+  const int n = 2000;
+  HANDLE event = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  alignas(64) static unsigned char buffer[8192];
+  CONTEXT *full = nullptr;
+  DWORD size = sizeof buffer;
+  typedef BOOL(WINAPI * InitFn)(void *, DWORD, CONTEXT **, DWORD *);
+  InitFn init = (InitFn)(void *)GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "InitializeContext");
+  if (init && !init(buffer, 0x10005F, &full, &size)) full = nullptr;
+  static CONTEXT plain;
+  struct Case {
+    const char *what;
+    int kind;
+  } cases[] = {{"SetEvent", 0}, {"WaitForSingleObject, zero time-out", 1}, {"GetThreadContext, all registers", 2},
+               {"GetThreadContext, with the extended state", 3}, {"ReadProcessMemory, 8 bytes", 4}};
+  printf("\n| system call (debuggee held) | us a call |\n|---|---|\n");
+  for (const Case &c : cases) {
+    if (c.kind == 3 && !full) continue;
+    double start = Now();
+    for (int i = 0; i < n; i++) {
+      switch (c.kind) {
+        case 0: SetEvent(event); break;
+        case 1: WaitForSingleObject(event, 0); break;
+        case 2: plain.ContextFlags = 0x10001F; GetThreadContext(thread, &plain); break;
+        case 3: full->ContextFlags = 0x10005F; GetThreadContext(thread, full); break;
+        case 4: {
+          unsigned long long v;
+          SIZE_T got;
+          ReadProcessMemory(pi.hProcess, ev.u.CreateProcessInfo.lpBaseOfImage, &v, 8, &got);
+          break;
+        }
+      }
+    }
+    printf("| %s | %.1f |\n", c.what, (Now() - start) / n * 1e6);
+  }
+  CloseHandle(event);
+  TerminateProcess(pi.hProcess, 0);
+  ContinueDebugEvent(ev.dwProcessId, ev.dwThreadId, DBG_CONTINUE);
+  for (;;) {
+    if (!WaitForDebugEvent(&ev, 5000)) break;
+    if (ev.dwDebugEventCode == LOAD_DLL_DEBUG_EVENT && ev.u.LoadDll.hFile) CloseHandle(ev.u.LoadDll.hFile);
+    ContinueDebugEvent(ev.dwProcessId, ev.dwThreadId, DBG_CONTINUE);
+    if (ev.dwDebugEventCode == EXIT_PROCESS_DEBUG_EVENT) break;
+  }
+  CloseHandle(pi.hThread);
+  CloseHandle(pi.hProcess);
+}
+
 static double Median(std::vector<double> v) {
   std::sort(v.begin(), v.end());
   return v.empty() ? 0 : v[v.size() / 2];
@@ -196,5 +256,6 @@ int main(int argc, char **argv) {
     printf("| %s | %d | %.1f | %s | %.1f | %.2f |\n", w.label, w.count, mr, read_column, me, mr > 0 ? me / mr : 0);
     fflush(stdout);
   }
+  SystemCallCosts();
   return 0;
 }
