@@ -276,3 +276,30 @@ TEST(KtrnCli, LaunchPrintsTheOutputLinesAndExitsWithTheTargetsCode) {
   out = RunCli("launch no_such_program.exe", &code);
   EXPECT_NE(out.find("[FAIL] executable not found"), std::string::npos) << out;
 }
+
+TEST(KtrnCli, AttachShowsTheBreakInAndDetachesAfterTheTimeLimit) {
+  PROCESS_INFORMATION pi = {};
+  STARTUPINFOW si = {sizeof si};
+  std::wstring line = L"\"" + TargetPathW("eng_target.exe") + L"\" spin";
+  ASSERT_TRUE(CreateProcessW(nullptr, &line[0], nullptr, nullptr, FALSE, CREATE_NEW_CONSOLE, nullptr, nullptr, &si, &pi));
+  Sleep(500);
+  DWORD code = 1;
+  std::string out = RunCli("--seconds 2 attach " + std::to_string(pi.dwProcessId), &code);
+  EXPECT_EQ(code, 0u) << out;
+  EXPECT_NE(out.find("Attaching to process ID " + std::to_string(pi.dwProcessId) + "...[OK]\n"), std::string::npos) << out;
+  EXPECT_NE(out.find("Stopped: break at 0x"), std::string::npos) << out;
+  EXPECT_NE(out.find("Detached from process (" + std::to_string(pi.dwProcessId) + ")\n"), std::string::npos) << out;
+  EXPECT_EQ(WaitForSingleObject(pi.hProcess, 300), (DWORD)WAIT_TIMEOUT);  // still running
+
+  out = RunCli("--seconds 1 reattach ENG_TARGET.exe", &code);
+  EXPECT_NE(out.find("...[OK]\n"), std::string::npos) << out;
+  EXPECT_NE(out.find("Detached from process ("), std::string::npos) << out;
+  out = RunCli("reattach no_such_program.exe", &code);
+  EXPECT_NE(out.find("Unable to reattach to process named \"no_such_program.exe\". Process not found.\n"),
+            std::string::npos)
+      << out;
+  TerminateProcess(pi.hProcess, 0);
+  WaitForSingleObject(pi.hProcess, 5000);
+  CloseHandle(pi.hProcess);
+  CloseHandle(pi.hThread);
+}
