@@ -112,7 +112,7 @@ TEST(EngineLaunch, IsHeldUntilTheFirstRunAndRefusesBreakWhileHeld) {
   EXPECT_EQ(seen.exit_code, 0u);
 }
 
-TEST(EngineLaunch, MissingExecutableOrWorkingDirectoryFailsBeforeAnyProcess) {
+TEST(EngineLaunch, MissingOrBadExecutableAndMissingWorkingDirectoryFail) {
   Target *t = nullptr;
   u32 pid = 0;
   EXPECT_EQ(LaunchTarget("no_such_program.exe", nullptr, &t, &pid), 5);
@@ -128,6 +128,20 @@ TEST(EngineLaunch, MissingExecutableOrWorkingDirectoryFailsBeforeAnyProcess) {
   EXPECT_EQ(EngineStartLaunch(nullptr, HarnessWake, HarnessWakeEvent(), &t, &pid), 1);
   LaunchDescription empty = {};
   EXPECT_EQ(EngineStartLaunch(&empty, HarnessWake, HarnessWakeEvent(), &t, &pid), 1);
+  // A file that is no image: the system refuses to create the process, for a reason of its own.
+  char temp[MAX_PATH];
+  GetTempPathA(MAX_PATH, temp);
+  std::string bad = std::string(temp) + "ktrn_not_an_image.exe";
+  FILE *f = fopen(bad.c_str(), "wb");
+  ASSERT_NE(f, nullptr);
+  fputs("MZ but nothing else", f);
+  fclose(f);
+  LaunchDescription garbage = {};
+  garbage.executable = bad.c_str();
+  EXPECT_EQ(EngineStartLaunch(&garbage, HarnessWake, HarnessWakeEvent(), &t, &pid), 4);
+  EXPECT_EQ(t, nullptr);
+  DeleteFileA(bad.c_str());
+  EXPECT_STREQ(EngineStartResultText(4), "unknown reason");
   EXPECT_STREQ(EngineStartResultText(5), "executable not found");
   EXPECT_STREQ(EngineStartResultText(6), "working directory not valid");
 }
