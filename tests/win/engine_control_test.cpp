@@ -89,6 +89,19 @@ TEST(EngineExceptions, FirstChanceCxxExceptionPrintsOneLineAndNeverStops) {
   EXPECT_EQ(seen.exit_code, 5u);
 }
 
+TEST(EngineExceptions, CxxExceptionWithUnreadableThrowInformationPrintsNothing) {
+  Target *t = nullptr;
+  u32 pid = 0;
+  ASSERT_EQ(LaunchTarget("eng_target.exe", "cxxbad", &t, &pid), 0);
+  EngineRun(t);
+  Seen seen;
+  DriveToEnd(t, seen);
+  EXPECT_EQ(seen.Count(kEventStopped), 0);
+  EXPECT_EQ(seen.Count(kEventException), 0);
+  EXPECT_EQ(seen.debug_strings, std::vector<std::string>{"after cxxbad\n"});
+  EXPECT_EQ(seen.exit_code, 4u);
+}
+
 TEST(EngineExceptions, UnknownExceptionCodeNeverStops) {
   Target *t = nullptr;
   u32 pid = 0;

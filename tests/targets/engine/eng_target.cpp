@@ -1,6 +1,6 @@
 // The engine's test program: one mode per scenario, chosen by the first argument.
 //   threads | strings | av | avraw | shadow | div0 | overflow | nullcall | int3 | int3loop N | strloop N | spin | many N | env | cwd | dll
-//   | cxx | unknown
+//   | cxx | cxxbad | unknown
 #include <windows.h>
 
 #include <stdio.h>
@@ -189,6 +189,16 @@ int main(int argc, char **argv) {
     RaiseMsvcException();
     OutputDebugStringA("after cxx\n");
     return 5;
+  }
+  if (!strcmp(mode, "cxxbad")) {
+    // Throw information that cannot be read, and a record with too few parameters.
+    ULONG_PTR unreadable[4] = {0x19930520, (ULONG_PTR)&g_thrown_object, 0x10, (ULONG_PTR)GetModuleHandleW(nullptr)};
+    RaiseException(0xE06D7363, 0, 4, unreadable);
+    ULONG_PTR outside[4] = {0x19930520, (ULONG_PTR)&g_thrown_object, (ULONG_PTR)&g_throw, 0x7FF000000000ull};
+    RaiseException(0xE06D7363, 0, 4, outside);
+    RaiseException(0xE06D7363, 0, 3, unreadable);
+    OutputDebugStringA("after cxxbad\n");
+    return 4;
   }
   if (!strcmp(mode, "unknown")) {
     RaiseException(0xE0001234, 0, 0, nullptr);
