@@ -21,6 +21,13 @@ enum EngineEventKind : u32 {
   kEventProcessExited = 14,
 };
 
+// Lists that a list update (kind 2) refers to. Threads that exit are reported by kind 12 and
+// modules by kinds 10 and 11; kind 2 tells the UI of the threads that start.
+enum EngineListSelector : u32 {
+  kListThreads = 1,
+  kListModules = 2,  // not posted: module events carry everything
+};
+
 // Why the engine stopped (the engine's side of the stop reasons; the UI maps them to its texts).
 enum EngineStopReason : u32 {
   kStopStepOver = 0,
@@ -59,7 +66,7 @@ typedef struct EngineEvent {
       EngineSourceLocation location;
     } stopped;
     struct {
-      u32 selector;  // 1: threads, 2: modules
+      u32 selector;  // kListThreads: a thread was made (words: thread id, start address)
       u32 reserved;
       u64 words[2];
     } list_update;

@@ -16,8 +16,10 @@ int EngineLoadModule(Target *target, HANDLE file, u64 base, TargetModule **out_m
 // Unlinks the module at base and posts kind 11; nothing when none is there.
 void EngineUnloadModule(Target *target, u64 base);
 
-// [SECTION] Threads (thread_naming.cpp)
+// [SECTION] Threads (thread_naming.cpp, event_loop.cpp)
 void EngineNameThread(Target *target, TargetThread *thread, bool main_thread);
+// Posts kind 2 for the threads list: the thread's id and start address.
+void EnginePostThreadStarted(Target *target, const TargetThread *thread);
 
 // [SECTION] Locations (source_location.cpp)
 // return_address: the address follows a call, so its line is the call's (looked up at address - 1).

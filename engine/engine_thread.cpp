@@ -17,7 +17,10 @@ static int TakeProcess(Target *target) {
   target->main_image_base = (u64)(uintptr_t)info->lpBaseOfImage;
   TargetThread *main = TargetThreadCreate(target, info->hThread, target->event.dwThreadId,
                                           (u64)(uintptr_t)info->lpStartAddress, (u64)(uintptr_t)info->lpThreadLocalBase);
-  if (main) EngineNameThread(target, main, true);
+  if (main) {
+    EngineNameThread(target, main, true);
+    EnginePostThreadStarted(target, main);
+  }
   target->current_thread = main;
   HANDLE file = info->hFile;
   if (!file && target->launch) {

@@ -44,7 +44,19 @@ static void HandleCreateThread(Target *target, const CREATE_THREAD_DEBUG_INFO *i
   if (target->break_in_address && start == target->break_in_address) return;
   TargetThread *thread =
       TargetThreadCreate(target, info->hThread, thread_id, start, (u64)(uintptr_t)info->lpThreadLocalBase);
-  if (thread) EngineNameThread(target, thread, false);
+  if (!thread) return;
+  EngineNameThread(target, thread, false);
+  EnginePostThreadStarted(target, thread);
+}
+
+void EnginePostThreadStarted(Target *target, const TargetThread *thread) {
+  EngineEvent event;
+  memset(&event, 0, sizeof event);
+  event.kind = kEventListUpdate;
+  event.list_update.selector = kListThreads;
+  event.list_update.words[0] = thread->id;
+  event.list_update.words[1] = thread->start_address;
+  EnginePostEvent(target, &event);
 }
 
 static void HandleExitThread(Target *target, u32 thread_id, u32 exit_code) {

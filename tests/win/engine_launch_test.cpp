@@ -4,6 +4,8 @@
 
 #include <stdio.h>
 
+#include <algorithm>
+
 #include "tests/win/engine_harness.h"
 
 static bool StartsWith(const std::string &s, const std::string &prefix) { return s.compare(0, prefix.size(), prefix) == 0; }
@@ -18,9 +20,9 @@ TEST(EngineLaunch, ModulesLoadAndUnloadWithTheirSymbols) {
   DriveToEnd(t, seen);
   EXPECT_EQ(seen.exit_code, 21u);
   // The executable is the first module; the plugin loads with its PDB and unloads before "plugin freed".
-  ASSERT_GE(seen.events.size(), 3u);
-  EXPECT_EQ(seen.events[0].event.kind, (u32)kEventModuleLoaded);
-  EXPECT_EQ(seen.events[0].module_name, "eng_target.exe");
+  const SeenEvent *first_module = seen.First(kEventModuleLoaded);
+  ASSERT_NE(first_module, nullptr);
+  EXPECT_EQ(first_module->module_name, "eng_target.exe");
   int plugin_loaded = -1, plugin_unloaded = -1, hello = -1, freed = -1;
   for (size_t i = 0; i < seen.events.size(); i++) {
     const SeenEvent &e = seen.events[i];
@@ -80,6 +82,20 @@ TEST(EngineLaunch, ThreadsExitWithTheirCodesAndTheProcessWithItsOwn) {
   EXPECT_EQ(codes[2], 13u);
   EXPECT_EQ(seen.exit_code, 7u);
   EXPECT_EQ(seen.events.back().text, "Process exited: with exit code 7 (0x7)\n");
+  // Every thread that starts is announced for the threads list (kind 2), the main thread first,
+  // and each one that exits was announced before.
+  std::vector<u64> started;
+  for (const SeenEvent &e : seen.events) {
+    if (e.event.kind == kEventListUpdate) {
+      EXPECT_EQ(e.event.list_update.selector, (u32)kListThreads);
+      EXPECT_NE(e.event.list_update.words[1], 0u);
+      started.push_back(e.event.list_update.words[0]);
+    }
+    if (e.event.kind == kEventThreadExited)
+      EXPECT_NE(std::find(started.begin(), started.end(), (u64)e.event.thread_exit.thread_id), started.end());
+  }
+  ASSERT_GE(started.size(), 4u);
+  EXPECT_EQ(seen.events[0].event.kind, (u32)kEventListUpdate);  // the main thread, before any module
   EXPECT_EQ(seen.Count(kEventStopped), 0);
 }
 
