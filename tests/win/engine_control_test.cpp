@@ -180,6 +180,12 @@ TEST(EngineAttach, BreakInThenBreakWhileRunningThenDetachWhileRunning) {
   EXPECT_EQ(seen.First(kEventStopped)->event.stopped.reason, (u32)kStopBreak);
   EXPECT_GE(seen.Count(kEventModuleLoaded), 2);
   ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
+  // The thread that raised the break-in is not one of the program's.
+  ASSERT_NE(t->break_in_address, 0u);
+  int threads = 0;
+  for (TargetThread *th = t->threads; th; th = th->next, threads++) EXPECT_NE(th->start_address, t->break_in_address);
+  EXPECT_EQ(threads, 1);  // the spinning main thread
+  EXPECT_STREQ(t->threads->name, "Main Thread");
   EXPECT_EQ(EngineBreak(t), 37);
   EXPECT_EQ(EngineRun(t), 0);
   ASSERT_TRUE(WaitRunning(t));
