@@ -11,7 +11,7 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 cache=${KTRN_DEPS_DIR:-$root/.deps}
 
 packages=(
-  cmake ninja-build clang-14 lld-14 llvm-14 libclang-rt-14-dev
+  cmake ninja-build clang-14 clang-tools-14 lld-14 llvm-14 libclang-rt-14-dev
   mingw-w64-x86-64-dev g++-mingw-w64-x86-64-posix gcc-mingw-w64-i686-posix
   wine64 wine xvfb xauth xdotool imagemagick googletest libgtest-dev
   python3 ca-certificates

@@ -97,7 +97,9 @@ int LoadModuleSymbols(ModuleSymbols *module, const ImageSource *source, const ch
     module->status = kSymbolsLoaded;
   } else {
     module->status = module->pdb_result == kPdbSignatureMismatch ? kSymbolsOutOfSync : kSymbolsFailed;
-    // The module stays, without symbols: nothing of the failed load is kept.
+    // The module stays, without symbols: nothing of the failed load is kept. A file whose
+    // superblock was rejected (not a PDB, or an old-format one) is still open in the MsfFile.
+    MsfClose(&module->pdb.msf);
     SymbolArenaRelease(&module->arena);
     memset(&module->pdb, 0, sizeof(module->pdb));
     memset(&module->summary, 0, sizeof(module->summary));

@@ -171,3 +171,39 @@ bool PdbForEachDataMember(const PdbTypes *types, u32 type_index, DataMemberFn fn
   u32 budget = kDataMemberMaxEntries;
   return WalkMembers(types, type_index, 0, 0, &budget, fn, user);
 }
+
+// [SECTION] Member by name
+
+static bool FindMember(const PdbTypes *types, u32 type_index, TypeText name, u64 base_offset, u32 depth,
+                       u32 *budget, FoundMember *out) {
+  if (depth > kDataMemberMaxDepth) return false;
+  TypeRecord t;
+  if (!PdbDecodeType(types, PdbTypeDefinition(types, PdbTypeLookThrough(types, type_index)), &t)) return false;
+  if (!TypeLeafIsClassLike(t.leaf) && t.leaf != kLF_UNION) return false;
+  FieldWalk walk;
+  TypeField f;
+  FieldWalkBegin(&walk, types, t.field_list);
+  while (FieldWalkNext(&walk, &f) && *budget) {
+    --*budget;
+    if ((f.leaf == kLF_MEMBER || f.leaf == kLF_STMEMBER) && TypeTextEquals(f.name, name)) {
+      out->leaf = f.leaf, out->type = f.type, out->depth = depth;
+      out->offset = f.leaf == kLF_MEMBER ? base_offset + f.offset : 0;
+      return true;
+    }
+  }
+  FieldWalkBegin(&walk, types, t.field_list);
+  while (FieldWalkNext(&walk, &f) && *budget) {
+    --*budget;
+    if ((f.leaf == kLF_BCLASS || f.leaf == kLF_BINTERFACE) &&
+        FindMember(types, f.type, name, base_offset + f.offset, depth + 1, budget, out))
+      return true;
+  }
+  return false;
+}
+
+bool PdbFindMember(const PdbTypes *types, u32 type_index, const char *name, u32 length, FoundMember *out) {
+  memset(out, 0, sizeof(*out));
+  u32 budget = kDataMemberMaxEntries;
+  TypeText wanted = {name, length};
+  return length && FindMember(types, type_index, wanted, 0, 0, &budget, out);
+}

@@ -57,3 +57,17 @@ enum { kDataMemberMaxDepth = 32, kDataMemberMaxEntries = 1 << 20 };
 // the base entry. Virtual bases lie at offsets known only at run time and are not entered.
 // Returns false when fn stopped the walk.
 bool PdbForEachDataMember(const PdbTypes *types, u32 type_index, DataMemberFn fn, void *user);
+
+// [SECTION] Member by name
+typedef struct FoundMember {
+  u16 leaf;     // LF_MEMBER, or LF_STMEMBER for a static member (which has no offset)
+  u32 type;     // the member's type index (an LF_BITFIELD for a bit field)
+  u64 offset;   // in the outermost object, base-class offsets added
+  u32 depth;    // 0: the type's own member; 1: a direct base's; ...
+} FoundMember;
+
+// Finds a data member (or static member) by name as C++ name look-up does: the type's own
+// members first, then each direct base class in order, depth first, so that a derived class's
+// member hides a base's of the same name. Virtual bases are not searched (their offset is known
+// only at run time). False when no member has that name.
+bool PdbFindMember(const PdbTypes *types, u32 type_index, const char *name, u32 length, FoundMember *out);

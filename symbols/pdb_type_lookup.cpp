@@ -26,12 +26,30 @@ static bool SameTagFamily(u16 a, u16 b) {
   return a == b;
 }
 
+// The version-1 hash puts similar names ("ns0::S0_194", "ns0::S0_297") in one bucket, so a bucket
+// often holds dozens of records scattered through the stream: their offsets and then their headers
+// are requested from memory all at once before the first is compared.
+static void PrefetchBucket(const PdbTypes *types, u32 start, u32 n) {
+  const u32 *list = types->bucket_list + start;
+  for (u32 k = 0; k < n; k++) {
+    u32 i = list[k] - types->first_index;
+    if (i < types->count) __builtin_prefetch(&types->offsets[i]);
+  }
+  for (u32 k = 0; k < n; k++) {
+    u32 i = list[k] - types->first_index;
+    if (i < types->count && types->offsets[i] < types->record_bytes) __builtin_prefetch(types->records + types->offsets[i]);
+  }
+}
+
 // Walks one bucket from its last entry to its first.
 static u32 FindDefinitionInBucket(const PdbTypes *types, u32 bucket, const TypeRecord *forward) {
   u32 start = (u32)types->buckets[bucket], n = (u32)(types->buckets[bucket] >> 32);
   bool by_unique = (forward->properties & kTypePropUniqueName) && forward->unique_name.length;
+  PrefetchBucket(types, start, n);
   for (u32 k = n; k-- > 0;) {
     u32 candidate = types->bucket_list[start + k];
+    const u8 *r = PdbTypeRecord(types, candidate);
+    if (!r || (!by_unique && !TypeRecordNameEquals(r, ReadU16(r) + 2u, forward->name))) continue;
     TypeRecord c;
     if (!PdbDecodeType(types, candidate, &c) || !SameTagFamily(forward->leaf, c.leaf)) continue;
     if (c.properties & kTypePropForwardRef) continue;
@@ -101,10 +119,19 @@ static u64 SizeOf(const PdbTypes *types, u32 type_index, u32 depth) {
     case kLF_MODIFIER: case kLF_BITFIELD: case kLF_ENUM: case kLF_ALIAS:
       return SizeOf(types, t.type, depth + 1);
     case kLF_POINTER: {
-      u64 size = (t.properties >> 13) & 0x3F;
-      if (size) return size;
-      u32 kind = t.properties & 0x1F;  // 0x0A 32-bit, 0x0C 64-bit; the old 16-bit kinds
-      return kind == 0x0C ? 8 : kind == 0x0A || kind == 0x0B ? 4 : kind <= 2 ? 2 : 4;
+      // A data pointer or reference is as wide as its kind says; the size field is not to be
+      // trusted there (clang writes the referent's size for some references, rustc 16 for
+      // 32-bit pointers). Pointers to members vary with the class (4 to 24 bytes): the field.
+      u32 mode = (t.properties >> 5) & 7, kind = t.properties & 0x1F;
+      u64 field = (t.properties >> 13) & 0x3F;
+      if ((mode == 2 || mode == 3) && field) return field;
+      switch (kind) {
+        case 0x00: return 2;                    // near 16-bit
+        case 0x01: case 0x02: case 0x0A: return 4;  // far and huge 16-bit, 32-bit
+        case 0x0B: return 6;                    // far 32-bit
+        case 0x0C: return 8;                    // 64-bit
+      }
+      return field ? field : 8;
     }
     case kLF_ARRAY:
       return t.size;
@@ -138,6 +165,15 @@ bool PdbTypeIsPointer(const PdbTypes *types, u32 type_index, u32 *pointee) {
   return is_pointer;
 }
 
+bool PdbTypeIsArray(const PdbTypes *types, u32 type_index, u32 *element, u64 *count) {
+  TypeRecord t;
+  if (!PdbDecodeType(types, PdbTypeLookThrough(types, type_index), &t) || t.leaf != kLF_ARRAY) return false;
+  u64 element_size = PdbTypeSize(types, t.type);
+  if (element) *element = t.type;
+  if (count) *count = element_size ? t.size / element_size : 0;
+  return true;
+}
+
 // Pass 0 takes pointers to the index itself; pass 1 also pointers to another record of the same
 // type (compilers point at the forward reference, while look-ups give the definition).
 u32 PdbTypePointerTo(const PdbTypes *types, u32 type_index) {
@@ -164,10 +200,13 @@ u32 PdbFindTypeRecord(const PdbTypes *types, const char *name, u32 length) {
   if (types->bucket_count == 0 || length == 0) return 0;
   u32 bucket = PdbNameHashV1(name, length) % types->bucket_count;
   u32 start = (u32)types->buckets[bucket], n = (u32)(types->buckets[bucket] >> 32);
+  PrefetchBucket(types, start, n);
   TypeText wanted = {name, length};
   u32 forward = 0;
   for (u32 k = n; k-- > 0;) {
     u32 candidate = types->bucket_list[start + k];
+    const u8 *r = PdbTypeRecord(types, candidate);
+    if (!r || !TypeRecordNameEquals(r, ReadU16(r) + 2u, wanted)) continue;
     TypeRecord c;
     if (!PdbDecodeType(types, candidate, &c) || !TypeLeafIsTag(c.leaf) || !TypeTextEquals(c.name, wanted)) continue;
     if (!(c.properties & kTypePropForwardRef)) return candidate;
@@ -225,6 +264,21 @@ static u32 FindBuiltin(const char *text, u32 length) {
   return 0;
 }
 
+// Copies text without the blanks that touch ',', '<' or '>' (at most 4096 bytes); returns the
+// new length.
+static u32 PackTemplateBlanks(const char *text, u32 length, char *out) {
+  u32 n = 0;
+  for (u32 i = 0; i < length; i++) {
+    char c = text[i];
+    if (IsSpace(c)) {
+      char before = n ? out[n - 1] : 0, after = i + 1 < length ? text[i + 1] : 0;
+      if (before == ',' || before == '<' || after == ',' || after == '>' || after == '<') continue;
+    }
+    out[n++] = c;
+  }
+  return n;
+}
+
 u32 PdbLookupType(const PdbTypes *types, const PdbGlobals *globals, const char *text, u32 length) {
   while (length && IsSpace(*text)) text++, length--;
   while (length && IsSpace(text[length - 1])) length--;
@@ -245,11 +299,16 @@ u32 PdbLookupType(const PdbTypes *types, const PdbGlobals *globals, const char *
   // Records first: most names looked up are records, and no record is named like a built-in.
   u32 index = PdbFindTypeRecord(types, text, length);
   if (!index) index = FindBuiltin(text, length);
+  char name[4097];
   if (!index && globals && globals->udt_capacity) {
-    char name[4097];
     memcpy(name, text, length);
     name[length] = 0;
     index = PdbFindUdt(globals, name);
+  }
+  if (!index) {
+    // Compilers write template arguments without blanks ("Buffer<short,5>"); users may not.
+    u32 packed = PackTemplateBlanks(text, length, name);
+    if (packed != length) index = PdbFindTypeRecord(types, name, packed);
   }
   for (u32 i = 0; i < stars && index; i++) {
     u32 base = PdbTypeLookThrough(types, index);

@@ -32,6 +32,9 @@ bool BuiltinTypeIsSigned(u32 type_index);
 // True for a pointer (a built-in pointer mode or LF_POINTER, modifiers looked through); the
 // pointee's type index goes to *pointee (may be null).
 bool PdbTypeIsPointer(const PdbTypes *types, u32 type_index, u32 *pointee);
+// An array's element type and element count (size / element size; 0 when the element has no
+// size), modifiers looked through; false for anything that is not an array.
+bool PdbTypeIsArray(const PdbTypes *types, u32 type_index, u32 *element, u64 *count);
 // A 64-bit pointer type to the given type: 0x600 + kind for a plain built-in, else the first
 // unqualified LF_POINTER record of the stream that points to it; 0 when the stream has none.
 u32 PdbTypePointerTo(const PdbTypes *types, u32 type_index);

@@ -169,6 +169,26 @@ bool PdbDecodeTypeBytes(const u8 *r, u32 count, TypeRecord *out) {
   return true;  // field lists, method lists and kinds not interpreted: the header is all
 }
 
+bool TypeRecordNameEquals(const u8 *r, u32 count, TypeText name) {
+  if (count < 4) return false;
+  u32 at = 0;
+  bool has_size = true;
+  switch (ReadU16(r + 2)) {
+    case kLF_CLASS: case kLF_STRUCTURE: case kLF_INTERFACE: at = 20; break;
+    case kLF_CLASS2: case kLF_STRUCTURE2: at = 22; break;
+    case kLF_UNION: at = 12; break;
+    case kLF_ENUM: at = 16, has_size = false; break;
+    default: return false;
+  }
+  if (at > count) return false;
+  if (has_size) {
+    NumericLeaf n = ReadNumericLeaf(r + at, count - at);
+    if (!n.bytes) return false;
+    at += n.bytes;
+  }
+  return count - at > name.length && memcmp(r + at, name.text, name.length) == 0 && r[at + name.length] == 0;
+}
+
 bool PdbDecodeType(const PdbTypes *types, u32 type_index, TypeRecord *out) {
   const u8 *r = PdbTypeRecord(types, type_index);
   if (!r) {

@@ -96,6 +96,10 @@ bool PdbDecodeType(const PdbTypes *types, u32 type_index, TypeRecord *out);
 // The same for a record already bounds-checked (byte_count = its length field + 2, at least 4).
 bool PdbDecodeTypeBytes(const u8 *record, u32 byte_count, TypeRecord *out);
 
+// True when the record is a class, structure, interface, union or enumeration named exactly name
+// (terminator included): the quick test that look-ups make before decoding a candidate.
+bool TypeRecordNameEquals(const u8 *record, u32 byte_count, TypeText name);
+
 // [SECTION] Classification
 bool TypeLeafIsClassLike(u16 leaf);  // class, structure, interface and their 32-bit-property kinds
 bool TypeLeafIsTag(u16 leaf);        // class-like, union or enumeration

@@ -70,11 +70,15 @@ static int LoadHashIndex(SymbolArena *arena, const MsfFile *msf, const u8 *heade
   if (!stream || values_offset > stream_size || values_bytes > stream_size - values_offset) return kPdbOk;
   if (bucket_count > kPdbMaxTypeBuckets) return kPdbOk;
 
-  u32 *values = (u32 *)PdbAllocate(arena, (u64)out->count * 4);
-  if (out->count && !values) return kPdbOk;
-  int error = MsfReadStream(msf, stream, values, (u64)out->count * 4, values_offset);
+  // The hash values are needed only while the buckets are built: scratch memory, which the next
+  // PDB's load reuses without asking the system again.
+  ScratchBegin();
+  u32 *values = (u32 *)ScratchAllocate((u64)out->count * 4 + 4);
+  int error = values ? MsfReadStream(msf, stream, values, (u64)out->count * 4, values_offset) : kPdbOk;
+  bool built = values && !error && PdbBuildTypeBuckets(arena, values, bucket_count, out);
+  ScratchEnd();
   if (error) return error;
-  if (!PdbBuildTypeBuckets(arena, values, bucket_count, out)) return kPdbOk;
+  if (!built) return kPdbOk;
 
   if (adjust_bytes >= 9 && adjust_offset <= stream_size && adjust_bytes <= stream_size - adjust_offset) {
     u8 *adjusters = (u8 *)PdbAllocate(arena, adjust_bytes);
@@ -112,6 +116,44 @@ bool PdbBuildTypeBuckets(SymbolArena *arena, const u32 *values, u32 bucket_count
   return true;
 }
 
+// [SECTION] Record offsets, computed as the bytes arrive
+typedef struct TypeIndexer {
+  u32 at;    // byte offset of the next record
+  u32 next;  // its position in index order
+} TypeIndexer;
+
+static int BeginIndex(SymbolArena *arena, const u8 *records, u32 record_bytes, u32 first_index, u32 end_index,
+                      TypeIndexer *indexer, PdbTypes *out) {
+  out->records = records;
+  out->record_bytes = record_bytes;
+  out->first_index = first_index;
+  // Every record takes at least 4 bytes, so a larger count than the bytes can hold is a lie.
+  u32 count = end_index > first_index ? end_index - first_index : 0;
+  if (count > record_bytes / 4 + 1) count = record_bytes / 4 + 1;
+  out->offsets = (u32 *)PdbAllocate(arena, (u64)count * 4 + 4);
+  if (!out->offsets) return kPdbUnreadable;
+  out->count = count;
+  indexer->at = indexer->next = 0;
+  return kPdbOk;
+}
+
+// Indexes the records whose length field lies in the first `available` bytes.
+static void IndexAvailable(TypeIndexer *indexer, u32 available, PdbTypes *out) {
+  u32 at = indexer->at, i = indexer->next, count = out->count;
+  u32 *offsets = out->offsets;
+  const u8 *records = out->records;
+  while (i < count && available >= 2 && at <= available - 2) {
+    offsets[i++] = at;
+    at += ReadU16(records + at) + 2u;
+  }
+  indexer->at = at, indexer->next = i;
+}
+
+// Indices the walk did not reach have no record.
+static void EndIndex(const TypeIndexer *indexer, PdbTypes *out) {
+  memset(out->offsets + indexer->next, 0xFF, (u64)(out->count - indexer->next) * 4);
+}
+
 int PdbLoadTypes(SymbolArena *arena, const MsfFile *msf, const PdbStringTable *strings, PdbTypes *out) {
   memset(out, 0, sizeof(*out));
   const MsfStream *stream = MsfStreamAt(msf, kPdbTypeStream);
@@ -124,31 +166,28 @@ int PdbLoadTypes(SymbolArena *arena, const MsfFile *msf, const PdbStringTable *s
   u32 record_bytes = size - kTypeStreamHeaderBytes;
   u8 *records = (u8 *)PdbAllocate(arena, (u64)record_bytes + 8);
   if (!records) return kPdbUnreadable;
-  error = MsfReadStream(msf, stream, records, record_bytes, kTypeStreamHeaderBytes);
+  TypeIndexer indexer;
+  error = BeginIndex(arena, records, record_bytes, first_index, end_index, &indexer, out);
   if (error) return error;
+  // Read in chunks and index each while it is still in the cache.
+  for (u32 done = 0; done < record_bytes;) {
+    u32 chunk = record_bytes - done < kTypeReadChunkBytes ? record_bytes - done : kTypeReadChunkBytes;
+    error = MsfReadStream(msf, stream, records + done, chunk, kTypeStreamHeaderBytes + done);
+    if (error) return error;
+    done += chunk;
+    IndexAvailable(&indexer, done, out);
+  }
   memset(records + record_bytes, 0, 8);
-  error = PdbIndexTypeRecords(arena, records, record_bytes, first_index, end_index, out);
-  if (error) return error;
+  EndIndex(&indexer, out);
   return LoadHashIndex(arena, msf, header, strings, out);
 }
 
 int PdbIndexTypeRecords(SymbolArena *arena, const u8 *records, u32 record_bytes, u32 first_index, u32 end_index,
                         PdbTypes *out) {
-  out->records = records;
-  out->record_bytes = record_bytes;
-  out->first_index = first_index;
-  // Every record takes at least 4 bytes, so a larger count than the bytes can hold is a lie.
-  u32 count = end_index > first_index ? end_index - first_index : 0;
-  if (count > record_bytes / 4 + 1) count = record_bytes / 4 + 1;
-  u32 *offsets = (u32 *)PdbAllocate(arena, (u64)count * 4 + 4);
-  if (!offsets) return kPdbUnreadable;
-  memset(offsets, 0xFF, (u64)count * 4);
-  u32 at = 0;
-  for (u32 i = 0; i < count && record_bytes >= 2 && at <= record_bytes - 2; i++) {
-    offsets[i] = at;
-    at += ReadU16(records + at) + 2u;
-  }
-  out->count = count;
-  out->offsets = offsets;
+  TypeIndexer indexer;
+  int error = BeginIndex(arena, records, record_bytes, first_index, end_index, &indexer, out);
+  if (error) return error;
+  IndexAvailable(&indexer, record_bytes, out);
+  EndIndex(&indexer, out);
   return kPdbOk;
 }

@@ -8,7 +8,8 @@
 enum : u32 { kPdbTypeStream = 2, kTypeStreamHeaderBytes = 56, kPdbNoHashStream = 0xFFFF,
               kPdbNoTypeRecord = 0xFFFFFFFF,
               // The format's largest bucket count; lld always writes 0x3FFFF, whatever the file's size.
-              kPdbMaxTypeBuckets = 0x40000 };
+              kPdbMaxTypeBuckets = 0x40000,
+              kTypeReadChunkBytes = 1 << 20 };
 
 typedef struct PdbTypes {
   const u8 *records;     // everything after the header

@@ -71,9 +71,18 @@ void FindScopeAtAddress(const ModuleSymbols *module, ScopeQueryContext *context,
 
   const PdbFile *pdb = &module->pdb;
   const PdbProcScope *procedure = ProcedureAt(&pdb->scopes, section, offset);
+  // The line search does not depend on the procedure: it runs while the procedure's scope record
+  // is on its way from memory, since on a large PDB each of these reads is a cache miss.
+  if (procedure) __builtin_prefetch(procedure);
+  out->line_entry = PdbLineAtAddress(&pdb->lines, section, offset);
+  out->line = out->line_entry ? out->line_entry->line : 0;
   if (procedure) {
     out->procedure = procedure;
-    if (mode != kScopeExact && context && context->procedure_name[0] == 0) {
+    bool copy_name = mode != kScopeExact && context && context->procedure_name[0] == 0;
+    if (copy_name) __builtin_prefetch(procedure->record);
+    if (mode >= 0 && procedure->block_count && procedure->first_block < pdb->scopes.block_count)
+      __builtin_prefetch(&pdb->scopes.blocks[procedure->first_block]);
+    if (copy_name) {
       const char *name = PdbProcName(procedure);
       u64 length = strnlen(name, kScopeNameCapacity - 1);
       memcpy(context->procedure_name, name, length);
@@ -81,6 +90,4 @@ void FindScopeAtAddress(const ModuleSymbols *module, ScopeQueryContext *context,
     }
     if (mode >= 0) out->block = InnermostBlock(&pdb->scopes, procedure, offset, mode > 0);
   }
-  out->line_entry = PdbLineAtAddress(&pdb->lines, section, offset);
-  out->line = out->line_entry ? out->line_entry->line : 0;
 }

@@ -74,7 +74,7 @@ done
 # address is the difference. kestrune.exe joins when the Windows build has made it.
 seconds() { /usr/bin/time -f '%e' "$@" 2>&1 >/dev/null | tail -1; }
 echo
-echo "| image | module load ms (median of $runs) | FindScopeAtAddress exact ns | procedure and line ns | addresses in a procedure / with a line | path + line to address ns | llvm-symbolizer, 1 address s | llvm-symbolizer, $symbolizer_addresses addresses s | llvm-symbolizer per address µs |"
+echo "| image | module load ms (median of $runs) | FindScopeAtAddress exact ns (wall / thread CPU) | procedure and line ns (wall / CPU) | addresses in a procedure / with a line | path + line to address ns (wall / CPU) | llvm-symbolizer, 1 address s | llvm-symbolizer, $symbolizer_addresses addresses s | llvm-symbolizer per address µs |"
 echo "|---|---|---|---|---|---|---|---|---|"
 images=("small:$out/small/synth.exe" "ref:$ref/synth.exe")
 [ -f "$root/build/win/bin/kestrune.exe" ] && images+=("kestrune.exe:$root/build/win/bin/kestrune.exe")
@@ -85,11 +85,12 @@ for item in "${images[@]}"; do
   q=$("$build/bin/bench_pdb_addr" "$exe" "$runs" "$subset" "$symbolizer_addresses")
   head -1 "$subset" >"$one"
   flags=(--obj="$exe" --relative-address --functions=short --no-inlines)
-  s1=$(seconds llvm-symbolizer "${flags[@]}" <"$one")
-  sn=$(seconds llvm-symbolizer "${flags[@]}" <"$subset")
+  s1=$(seconds llvm-symbolizer-14 "${flags[@]}" <"$one")
+  sn=$(seconds llvm-symbolizer-14 "${flags[@]}" <"$subset")
   awk -v n="$name" -v l="$(value load_ms_median "$q")" -v e="$(value exact_ns "$q")" -v p="$(value procedure_line_ns "$q")" \
+      -v ec="$(value exact_cpu_ns "$q")" -v pc="$(value procedure_line_cpu_ns "$q")" -v lc="$(value line_to_address_cpu_ns "$q")" \
       -v wp="$(value with_procedure "$q")" -v wl="$(value with_line "$q")" -v la="$(value line_to_address_ns "$q")" \
       -v s1="$s1" -v sn="$sn" -v k="$symbolizer_addresses" \
-      'BEGIN { printf "| %s | %.1f | %.0f | %.0f | %d / %d | %.0f | %.2f | %.2f | %.0f |\n", n, l, e, p, wp, wl, la, s1, sn, (sn - s1) * 1e6 / (k - 1) }'
+      'BEGIN { printf "| %s | %.1f | %.0f / %.0f | %.0f / %.0f | %d / %d | %.0f / %.0f | %.2f | %.2f | %.0f |\n", n, l, e, ec, p, pc, wp, wl, la, lc, s1, sn, (sn - s1) * 1e6 / (k - 1) }'
 done
 rm -f "$subset" "$one"

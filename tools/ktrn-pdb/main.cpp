@@ -31,7 +31,7 @@ static const Command kCommands[] = {
 
 static void Usage(FILE *to) {
   fprintf(to, "usage: ktrn-pdb COMMAND ARGS...\n");
-  for (const Command &c : kCommands) fprintf(to, "  ktrn-pdb %-9s %-22s %s\n", c.name, c.arguments, c.help);
+  for (const Command &c : kCommands) fprintf(to, "  ktrn-pdb %-12s %-22s %s\n", c.name, c.arguments, c.help);
 }
 
 const char *PdbErrorText(int status) {

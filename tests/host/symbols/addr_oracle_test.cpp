@@ -1,5 +1,5 @@
 // ktrn-pdb addr against llvm-symbolizer: every instruction start of every procedure of the test
-// programs (a fixed sample of kestrune.exe's) and of two corpus images is looked up by both, and
+// programs (a fixed sample of our own programs') and of two corpus images is looked up by both, and
 // the procedure name and the line must agree. llvm-objdump gives the instruction starts and the
 // section layout, llvm-pdbutil the procedures and the raw line records, so that the only side
 // that is ours is the answer being checked.
@@ -240,7 +240,7 @@ void ExpectAddressesAgree(const Image &image) {
     ASSERT_EQ(symlink(image.pdb.c_str(), (std::string(directory) + "/" + codeview_path).c_str()), 0);
 
   CommandResult ours = RunCommand(Quote(kTool) + " addr " + Quote(image.exe) + " < " + Quote(ours_input));
-  CommandResult theirs = RunCommand("cd " + Quote(directory) + " && llvm-symbolizer --obj=" + Quote(image.exe) +
+  CommandResult theirs = RunCommand("cd " + Quote(directory) + " && llvm-symbolizer-14 --obj=" + Quote(image.exe) +
                                     " --relative-address --no-inlines --functions=short --output-style=JSON < " +
                                     Quote(theirs_input) + " 2>&1");
   RunCommand("rm -rf " + Quote(directory));
@@ -329,11 +329,13 @@ TEST(AddrOracle, TestProgramsAgreeWithLlvmSymbolizer) {
   EXPECT_GE(checked, 2);
 }
 
-// kestrune.exe, optimised and large: each procedure's first instruction and every 16th after it.
-TEST(AddrOracle, KestruneAgreesWithLlvmSymbolizer) {
+// Our own optimised programs: kestrune.exe, the largest, each procedure's first instruction and
+// every 16th after it; ktrn-pdb.exe every 4th.
+TEST(AddrOracle, OwnProgramsAgreeWithLlvmSymbolizer) {
   ASSERT_FALSE(kTargetsDir.empty());
   std::string bin = kTargetsDir + "/../../bin/";
   ExpectAddressesAgree({bin + "kestrune.exe", bin + "kestrune.pdb", 16});
+  ExpectAddressesAgree({bin + "ktrn-pdb.exe", bin + "ktrn-pdb.pdb", 4});
 }
 
 // Images made by MSVC-compatible tools elsewhere, whose CodeView paths do not exist here: the PDB

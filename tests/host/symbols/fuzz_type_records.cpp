@@ -3,7 +3,7 @@
 // after the type stream's header). The records are indexed, hashed and bucketed as the loader
 // does, the adjusters applied (with the record bytes as "/names"), and then every question is
 // asked of every index: decoding, names, sizes, pointers, definitions, field walks, flattened
-// members, enumerator values and look-up of each record's name. The records sit in a buffer of
+// members, members by name, enumerator values and look-up of each record's name. The records sit in a buffer of
 // their exact size plus the loader's 8 zero bytes, so a read past them is caught.
 #include <stdlib.h>
 #include <string.h>
@@ -63,6 +63,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
       u32 members = 0;
       PdbForEachDataMember(&types, index, CountMember, &members);
       if (t.name.length) PdbLookupType(&types, nullptr, t.name.text, t.name.length);
+      FoundMember found;
+      PdbFindMember(&types, index, "x", 1, &found);
+      PdbTypeIsArray(&types, index, nullptr, nullptr);
     }
     PdbTypePointerTo(&types, 0x1000);
   }

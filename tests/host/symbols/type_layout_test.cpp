@@ -1,8 +1,8 @@
 // Type interpretation against two oracles:
 // - `llvm-pdbutil dump -types`, parsed here into its own records and field lists: for every
-//   aggregate of the test programs' PDBs and of the corpus, the size, the data members flattened
-//   through base classes (names, offsets, bit-field places), the enumerators, and where each
-//   forward reference leads;
+//   aggregate of the test programs' PDBs and of the corpus, the size (of every array and data
+//   pointer too), the data members flattened through base classes (names, offsets, bit-field
+//   places), the enumerators, and where each forward reference leads;
 // - the test programs themselves, which print sizeof/offsetof and bit-field places as the
 //   compiler laid them out (NAME.layout beside each PDB): `ktrn-pdb type` must say the same.
 #include <dirent.h>
@@ -120,6 +120,13 @@ bool ParseOracle(const std::string &pdb, OracleTypes *out) {
       current->bit_offset = (uint32_t)NumberAfter(line, "bit offset = ");
       current->bits = (uint32_t)NumberAfter(line, "# bits = ");
     }
+    // A data pointer's or reference's size follows from its kind (pointers to members vary).
+    if (current->leaf == "LF_POINTER" && line.find(", kind = ptr") != std::string::npos &&
+        (line.find("mode = pointer,") != std::string::npos || line.find("mode = ref,") != std::string::npos ||
+         line.find("mode = rvalue ref,") != std::string::npos)) {
+      current->size = line.find("kind = ptr64") != std::string::npos ? 8 : line.find("kind = ptr32") != std::string::npos ? 4 : 0;
+      current->has_size = current->size != 0;
+    }
     if (current->leaf == "LF_MODIFIER" && line.find("referent = 0x") != std::string::npos)
       current->type = HexAfter(line, "referent = 0x");
     if (current->leaf == "LF_ENUM" && line.find("underlying type: 0x") != std::string::npos)
@@ -229,7 +236,7 @@ void CompareTypes(const std::string &pdb, Tally *tally) {
                         << r.forward_to;
       failures += !same;
     }
-    if ((IsAggregate(r.leaf) && !r.forward) || r.leaf == "LF_ARRAY") {
+    if ((IsAggregate(r.leaf) && !r.forward) || r.leaf == "LF_ARRAY" || (r.leaf == "LF_POINTER" && r.has_size)) {
       EXPECT_EQ(PdbTypeSize(types, index), r.size) << pdb << " size of " << std::hex << index << " " << r.name;
       failures += PdbTypeSize(types, index) != r.size;
     }
@@ -296,7 +303,9 @@ TEST(TypeLayout, TestProgramsAgreeWithLlvmPdbutil) {
   ASSERT_FALSE(kTargets.empty());
   Tally tally;
   for (const std::string &pdb : PdbsIn(kTargets)) CompareTypes(pdb, &tally);
-  EXPECT_TRUE(tally.names.count("types_c.pdb") && tally.names.count("types_cpp.pdb")) << "in " << kTargets;
+  EXPECT_TRUE(tally.names.count("types_c.pdb") && tally.names.count("types_cpp.pdb") &&
+              tally.names.count("types_msvc.pdb"))
+      << "in " << kTargets;
   EXPECT_GE(tally.aggregates, 40);
   EXPECT_GE(tally.forwards, 10);
 }
@@ -386,7 +395,8 @@ TEST(TypeLayout, ProgramsPrintTheSizesAndOffsetsKtrnPdbReads) {
   int checked = 0;
   CompareProgramLayouts("types_c", &checked);
   CompareProgramLayouts("types_cpp", &checked);
-  EXPECT_GE(checked, 25);
+  CompareProgramLayouts("types_msvc", &checked);
+  EXPECT_GE(checked, 35);
 }
 
 // Member types print as declarations read, and enumerators with their values as the
@@ -418,8 +428,15 @@ TEST(TypeLayout, NamesOfMemberTypesAndEnumerators) {
         "member\t114\t2\tchar16\tutf16"}},
       {"types_cpp", "class geo::Circle", {"member\t40\t16\tgeo::Circle::Center\tcenter"}},
       {"types_cpp", "geo::Circle *", {"\tpointer\t8\tgeo::Circle *"}},
+      {"types_cpp", "geo::Buffer< short, 5 >", {"\tstruct\t16\tgeo::Buffer<short,5>"}},
+      {"types_cpp", "geo::Buffer<geo::Circle *, 2>", {"\tstruct\t24\tgeo::Buffer<geo::Circle *,2>"}},
       {"types_cpp", "unsigned long long", {"type\t0x23\tbuiltin\t8\tu64"}},
       {"types_cpp", "const char *", {"type\t0x670\tbuiltin\t8\tchar *"}},
+      // Member-function pointers of the MSVC ABI grow with the class's inheritance model.
+      {"types_msvc", "ms::Pointers",
+       {"member\t0\t8\tvoid (ms::Single::*)(void)\tsingle", "member\t8\t16\tvoid (ms::Multiple::*)(void)\tmultiple",
+        "member\t40\t24\tvoid (ms::Unknown::*)(void)\tunknown_model", "member\t64\t4\tint ms::Single::*\tdata"}},
+      {"types_msvc", "ms::Wide", {"enumerator\t-9223372036854775807\tkLow"}},
   };
   for (const Case &c : cases) {
     CommandResult r = RunCommand(Quote(kPdbTool) + " type " + Quote(kTargets + "/" + c.program + ".pdb") + " " +
@@ -489,6 +506,56 @@ TEST(TypeLayout, RecordHashPutsEveryRecordInItsWritersBucket) {
     SymbolArenaRelease(&arena);
   }
   EXPECT_GE(checked, 50000);
+}
+
+}  // namespace
+
+namespace {
+
+// Members by name in real PDBs: through base classes (at their offsets in the derived object),
+// in anonymous unions and structures, and arrays by element and count.
+TEST(TypeLayout, MembersByNameInTheTestPrograms) {
+  struct Case {
+    const char *program, *type, *member;
+    uint64_t offset;
+    uint32_t depth;
+  } cases[] = {
+      {"types_cpp", "geo::Circle", "label", 24, 1},   {"types_cpp", "geo::Circle", "id", 8, 1},
+      {"types_cpp", "geo::Circle", "radius", 56, 0},  {"types_cpp", "geo::Derived", "a", 0, 1},
+      {"types_cpp", "geo::Diamond", "right_value", 24, 1}, {"types_c", "struct WithAnonymous", "as_float", 4, 0},
+      {"types_c", "struct WithAnonymous", "hi", 10, 0}, {"types_msvc", "ms::Multiple", "root_value", 8, 1},
+  };
+  for (const Case &c : cases) {
+    SymbolArena arena = {};
+    PdbFile file;
+    PdbSummary summary;
+    CodeViewIdentity none = {};
+    std::string pdb = kTargets + "/" + c.program + ".pdb";
+    ASSERT_EQ(PdbOpen(&arena, &none, pdb.c_str(), true, &file, &summary), 0) << pdb;
+    uint32_t type = PdbLookupType(&file.types, &file.globals, c.type, (uint32_t)strlen(c.type));
+    FoundMember m;
+    ASSERT_TRUE(PdbFindMember(&file.types, type, c.member, (uint32_t)strlen(c.member), &m)) << c.type << "." << c.member;
+    EXPECT_EQ(m.offset, c.offset) << c.type << "." << c.member;
+    EXPECT_EQ(m.depth, c.depth) << c.type << "." << c.member;
+    SymbolArenaRelease(&arena);
+  }
+  SymbolArena arena = {};
+  PdbFile file;
+  PdbSummary summary;
+  CodeViewIdentity none = {};
+  std::string pdb = kTargets + "/types_c.pdb";
+  ASSERT_EQ(PdbOpen(&arena, &none, pdb.c_str(), true, &file, &summary), 0);
+  FoundMember m;
+  uint32_t everything = PdbLookupType(&file.types, nullptr, "struct Everything", 17);
+  ASSERT_TRUE(PdbFindMember(&file.types, everything, "matrix", 6, &m));
+  uint32_t element = 0;
+  uint64_t count = 0;
+  ASSERT_TRUE(PdbTypeIsArray(&file.types, m.type, &element, &count));
+  EXPECT_EQ(count, 3u);
+  ASSERT_TRUE(PdbTypeIsArray(&file.types, element, &element, &count));
+  EXPECT_EQ(count, 4u);
+  EXPECT_EQ(element, 0x74u);
+  SymbolArenaRelease(&arena);
 }
 
 }  // namespace

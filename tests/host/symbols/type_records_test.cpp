@@ -442,7 +442,8 @@ TEST(TypeRecords, TruncatedAndUnknownEntriesEndTheWalk) {
 }
 
 // Two definitions of one name in one bucket: the lookup takes the last, where the adjusters put
-// the linker's choice; without a name index nothing is found by name.
+// the linker's choice (and an adjuster changes which that is); without a name index nothing is
+// found by name.
 TEST(TypeRecords, LastCandidateOfTheBucketWins) {
   Stream s;
   s.Add(Structure(0x1505, 0, 0x80, 0, 0, "Twice"));
@@ -452,10 +453,61 @@ TEST(TypeRecords, LastCandidateOfTheBucketWins) {
   EXPECT_EQ(PdbFindTypeRecord(t, "Twice", 5), 0x1002u);
   EXPECT_EQ(PdbTypeDefinition(t, 0x1000), 0x1002u);
   EXPECT_EQ(PdbTypeSize(t, 0x1000), 8u);
+  // An adjuster naming the first definition moves it last: the look-up then finds it.
+  Bytes adjusters;
+  Put32(adjusters, 1), Put32(adjusters, 1);  // size, capacity
+  Put32(adjusters, 1), Put32(adjusters, 1);  // present-bit words, the word
+  Put32(adjusters, 0);                       // no deleted bits
+  Put32(adjusters, 1), Put32(adjusters, 0x1001);
+  std::string names("\0Twice\0", 7);
+  PdbStringTable strings = {names.c_str(), (uint32_t)names.size()};
+  PdbApplyHashAdjusters(adjusters.data(), (uint32_t)adjusters.size(), &strings, &s.types);
+  EXPECT_EQ(PdbFindTypeRecord(t, "Twice", 5), 0x1001u);
+  EXPECT_EQ(PdbTypeSize(t, 0x1000), 4u);
   PdbTypes no_index = *t;
   no_index.bucket_count = 0;
   EXPECT_EQ(PdbFindTypeRecord(&no_index, "Twice", 5), 0u);
   EXPECT_EQ(PdbTypeDefinition(&no_index, 0x1000), 0x1000u);
+}
+
+}  // namespace
+
+namespace {
+
+TEST(TypeRecords, MembersByNameAsCppLooksThemUp) {
+  Sample x;
+  FoundMember m;
+  ASSERT_TRUE(PdbFindMember(x.t, x.derived, "b", 1, &m));
+  EXPECT_EQ(m.offset, 4u);
+  EXPECT_EQ(m.depth, 1u);
+  ASSERT_TRUE(PdbFindMember(x.t, x.derived, "m", 1, &m));  // in the continuation list
+  EXPECT_EQ(m.offset, 40u);
+  uint32_t element = 0;
+  uint64_t count = 0;
+  ASSERT_TRUE(PdbTypeIsArray(x.t, m.type, &element, &count));
+  EXPECT_EQ(count, 2u);
+  EXPECT_EQ(Name(x.t, element), "int [3]");
+  ASSERT_TRUE(PdbFindMember(x.t, x.derived, "counter", 7, &m));
+  EXPECT_EQ(m.leaf, 0x150E);
+  EXPECT_FALSE(PdbFindMember(x.t, x.derived, "Plain", 5, &m));  // a method is not a member
+  EXPECT_FALSE(PdbFindMember(x.t, x.derived, "nothing", 7, &m));
+  EXPECT_FALSE(PdbFindMember(x.t, 0x74, "a", 1, &m));
+
+  // A derived class's member hides the base's of the same name.
+  Stream s;
+  Bytes base_fields = Leaf(0x1203);
+  Append(base_fields, Member(0x74, 0, "x"));
+  s.Add(base_fields);
+  uint32_t base = s.Add(Structure(0x1505, 1, 0, 0x1000, 4, "B"));
+  Bytes fields = Leaf(0x1203);
+  Append(fields, BaseClass(base, 0));
+  Append(fields, Member(0x41, 8, "x"));
+  uint32_t list = s.Add(fields);
+  uint32_t derived = s.Add(Structure(0x1505, 2, 0, list, 16, "D"));
+  const PdbTypes *t = s.Build();
+  ASSERT_TRUE(PdbFindMember(t, derived, "x", 1, &m));
+  EXPECT_EQ(m.offset, 8u);
+  EXPECT_EQ(m.type, 0x41u);
 }
 
 }  // namespace

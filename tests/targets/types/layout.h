@@ -7,8 +7,20 @@
 #ifndef KTRN_TARGETS_LAYOUT_H
 #define KTRN_TARGETS_LAYOUT_H
 #include <stddef.h>
+#ifdef KTRN_LAYOUT_FREESTANDING
+/* MSVC-ABI programs built without any C library headers: these come from msvcrt.dll. */
+#ifdef __cplusplus
+extern "C" {
+#endif
+int printf(const char *format, ...);
+void *memset(void *to, int value, size_t count);
+#ifdef __cplusplus
+}
+#endif
+#else
 #include <stdio.h>
 #include <string.h>
+#endif
 
 #define LAYOUT_TYPE(T) LAYOUT_TYPE_AS(#T, T)
 #define LAYOUT_TYPE_AS(name, T) printf("type\t%s\t%u\n", name, (unsigned)sizeof(T))
