@@ -89,6 +89,16 @@ TEST(EngineCommands, ThreadStatesFramesAndInstructionPointerWhileStopped) {
   PopInto(t, seen, [](Target *, const SeenEvent &) {});
   EXPECT_EQ(seen.events.size(), mark);
 
+  // Collapsing of stack-overflow frames: stored, the current thread's stack rebuilt at frame 0.
+  ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
+  mark = seen.events.size();
+  EXPECT_EQ(EngineSetStackOverflowCollapsing(t, 1), 0);
+  e = NextStop(t, seen, mark);
+  ASSERT_NE(e, nullptr);
+  EXPECT_EQ(e->event.stopped.reason, (u32)kStopFrameSelected);
+  EXPECT_EQ(e->event.stopped.frame, 0);
+  EXPECT_EQ(t->collapse_stack_overflow, 1);
+
   // The instruction pointer, set to where it is, changes nothing for the program.
   ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
   mark = seen.events.size();
