@@ -123,7 +123,7 @@ TEST(EngineCommands, RequestsQueuedWhileRunningAreServedWithoutAVisibleStop) {
   EngineRequest request = {};
   request.kind = 1;
   EXPECT_EQ(EngineQueueRequest(t, &request), 0);
-  for (int i = 0; i < 200 && t->requests_served < 1; i++) Sleep(10);
+  for (int i = 0; i < 1000 && t->requests_served < 1; i++) Sleep(10);
   EXPECT_EQ(t->requests_served, 1u);
   EXPECT_TRUE(WaitRunning(t));  // the silent break-in was resumed
   PopInto(t, seen, nullptr);
