@@ -294,9 +294,28 @@ TEST(KtrnCli, AttachShowsTheBreakInAndDetachesAfterTheTimeLimit) {
   EXPECT_NE(out.find("Detached from process (" + std::to_string(pi.dwProcessId) + ")\n"), std::string::npos) << out;
   EXPECT_EQ(WaitForSingleObject(pi.hProcess, 300), (DWORD)WAIT_TIMEOUT);  // still running
 
-  out = RunCli("--seconds 1 reattach ENG_TARGET.exe", &code);
-  EXPECT_NE(out.find("...[OK]\n"), std::string::npos) << out;
-  EXPECT_NE(out.find("Detached from process ("), std::string::npos) << out;
+  // Reattach by name, to a copy with a name of its own (another test run may debug eng_target.exe).
+  char temp[MAX_PATH];
+  GetTempPathA(MAX_PATH, temp);
+  std::string name = "ktrn_reattach_" + std::to_string(GetCurrentProcessId()) + ".exe";
+  std::string copy = std::string(temp) + name;
+  std::string original = TargetPath("eng_target.exe");
+  ASSERT_TRUE(CopyFileA(original.c_str(), copy.c_str(), FALSE));
+  PROCESS_INFORMATION named = {};
+  std::wstring named_line = L"\"" + std::wstring(copy.begin(), copy.end()) + L"\" spin";
+  ASSERT_TRUE(CreateProcessW(nullptr, &named_line[0], nullptr, nullptr, FALSE, CREATE_NEW_CONSOLE, nullptr, nullptr, &si,
+                             &named));
+  Sleep(500);
+  for (char &c : name) c = (char)toupper((unsigned char)c);
+  out = RunCli("--seconds 1 reattach " + name, &code);
+  EXPECT_NE(out.find("Attaching to process ID " + std::to_string(named.dwProcessId) + "...[OK]\n"), std::string::npos)
+      << out;
+  EXPECT_NE(out.find("Detached from process (" + std::to_string(named.dwProcessId) + ")\n"), std::string::npos) << out;
+  TerminateProcess(named.hProcess, 0);
+  WaitForSingleObject(named.hProcess, 5000);
+  CloseHandle(named.hProcess);
+  CloseHandle(named.hThread);
+  DeleteFileA(copy.c_str());
   out = RunCli("reattach no_such_program.exe", &code);
   EXPECT_NE(out.find("Unable to reattach to process named \"no_such_program.exe\". Process not found.\n"),
             std::string::npos)
