@@ -11,15 +11,20 @@ static bool WidenPath(const char *path, wchar_t *out, int capacity) {
   return n > 0;
 }
 
+// Files are opened on the debugger thread while it handles module loads, where the heap is not
+// used: usual paths convert on the stack, the rare long one in pages of its own.
 static int OpenWith(const char *path, DWORD access, DWORD share, DWORD disposition, OsFile *out) {
   static const int kCapacity = 32768;  // the longest path Windows accepts
-  wchar_t *wide = (wchar_t *)HeapAlloc(GetProcessHeap(), 0, kCapacity * sizeof(wchar_t));
+  wchar_t small[1024];
   out->handle = 0;
+  int needed = MultiByteToWideChar(CP_UTF8, 0, path, -1, nullptr, 0);
+  if (needed <= 0 || needed > kCapacity) return kOsFailed;
+  wchar_t *wide = needed <= (int)KTRN_ARRAY_COUNT(small) ? small : (wchar_t *)OsMemoryAllocate(kCapacity * sizeof(wchar_t));
   if (!wide) return kOsFailed;
   HANDLE h = INVALID_HANDLE_VALUE;
-  if (WidenPath(path, wide, kCapacity))
+  if (WidenPath(path, wide, wide == small ? (int)KTRN_ARRAY_COUNT(small) : kCapacity))
     h = CreateFileW(wide, access, share, nullptr, disposition, FILE_ATTRIBUTE_NORMAL, nullptr);
-  HeapFree(GetProcessHeap(), 0, wide);
+  if (wide != small) OsMemoryRelease(wide, kCapacity * sizeof(wchar_t));
   if (h == INVALID_HANDLE_VALUE) return kOsFailed;
   out->handle = (intptr_t)h;
   return kOsOk;

@@ -1,0 +1,46 @@
+// Declarations shared by the files of the debugger thread; the user-interface side uses
+// engine/engine.h.
+#pragma once
+#include "engine/target.h"
+
+// What the handling of one debug event decided.
+enum EventOutcome : u32 {
+  kOutcomeContinue = 0,  // continue the event with the target's continue status
+  kOutcomeStop = 1,      // the target stops: run the stop sequence and serve commands
+  kOutcomeEnd = 2,       // the run is over (process exited): end without continuing
+};
+
+// [SECTION] Modules (module_events.cpp)
+// Loads the image at base from the event's file handle; posts kind 10. A PeResult.
+int EngineLoadModule(Target *target, HANDLE file, u64 base, TargetModule **out_module);
+// Unlinks the module at base and posts kind 11; nothing when none is there.
+void EngineUnloadModule(Target *target, u64 base);
+
+// [SECTION] Threads (thread_naming.cpp, event_loop.cpp)
+void EngineNameThread(Target *target, TargetThread *thread, bool main_thread);
+// Posts kind 2 for the threads list: the thread's id and start address.
+void EnginePostThreadStarted(Target *target, const TargetThread *thread);
+
+// [SECTION] Locations (source_location.cpp)
+// return_address: the address follows a call, so its line is the call's (looked up at address - 1).
+void EngineLocate(Target *target, u64 address, EngineSourceLocation *out, bool return_address = false);
+
+// [SECTION] Exceptions (exceptions.cpp)
+u32 EngineHandleException(Target *target, const EXCEPTION_DEBUG_INFO *info);
+// The thread shown for a break: the first solo thread, else the first one not frozen, else none.
+TargetThread *EngineThreadToShow(Target *target);
+void EnginePostStopped(Target *target, TargetThread *thread, u32 reason, u64 address, s32 frame);
+
+// [SECTION] Evaluation requests (evaluation_request.cpp)
+// Reports the requests due (all of them when mark_all, as at a stop) with kind 3.
+void EngineEvaluateRequests(Target *target, bool mark_all);
+
+// [SECTION] Event loop (event_loop.cpp)
+// Runs the debug-event loop until the process exits, the engine detaches or a wait fails.
+void EngineRunLoop(Target *target);
+// Serves commands at a stop (or while a launch is held); returns the command that ends the wait.
+u32 EngineServeCommands(Target *target, bool held);
+// Detaches from the process (the event held at the stop, if any, is continued first); posts 13.
+void EngineDetach(Target *target, bool event_pending);
+// Waits for one command; sets and clears the engine-waiting object as the command channel says.
+u32 EngineWaitCommand(Target *target);

@@ -1,0 +1,171 @@
+// The debugger thread: its start-up steps up to the first command, then the event loop.
+#include <string.h>
+
+#include "engine/engine_internal.h"
+#include "engine/engine_start.h"
+
+static int WaitFirstEvent(Target *target) {
+  if (!target->wait_for_debug_event(&target->event, 10000)) return GetLastError() == ERROR_SEM_TIMEOUT ? 8 : 9;
+  if (target->event.dwDebugEventCode != CREATE_PROCESS_DEBUG_EVENT) return 9;
+  return 0;
+}
+
+// The process and its main image, from the first event.
+static int TakeProcess(Target *target) {
+  const CREATE_PROCESS_DEBUG_INFO *info = &target->event.u.CreateProcessInfo;
+  target->process = info->hProcess;
+  target->main_image_base = (u64)(uintptr_t)info->lpBaseOfImage;
+  TargetThread *main = TargetThreadCreate(target, info->hThread, target->event.dwThreadId,
+                                          (u64)(uintptr_t)info->lpStartAddress, (u64)(uintptr_t)info->lpThreadLocalBase);
+  if (main) {
+    EngineNameThread(target, main, true);
+    EnginePostThreadStarted(target, main);
+  }
+  target->current_thread = main;
+  HANDLE file = info->hFile;
+  if (!file && target->launch) {
+    wchar_t path[MAX_PATH * 4];
+    if (MultiByteToWideChar(CP_UTF8, 0, target->launch->executable, -1, path, (int)KTRN_ARRAY_COUNT(path)) > 0)
+      file = CreateFileW(path, GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (file == INVALID_HANDLE_VALUE) file = nullptr;
+  }
+  if (!file) return 9;
+  int result = EngineLoadModule(target, file, target->main_image_base, &target->main_module);
+  CloseHandle(file);
+  if (result != 0) return result;
+  if (!ContinueDebugEvent(target->event.dwProcessId, target->event.dwThreadId, DBG_CONTINUE)) return 9;
+  return 0;
+}
+
+static int CreateWaitObjects(Target *target) {
+  for (u32 i = 0; i < kWaitObjectCount; i++) {
+    target->wait_objects[i] = CreateEventW(nullptr, i == kWaitEngineWaiting, FALSE, nullptr);
+    if (!target->wait_objects[i]) return 9;
+  }
+  return 0;
+}
+
+static void CloseWaitObjects(Target *target) {
+  for (u32 i = 0; i < kWaitObjectCount; i++)
+    if (target->wait_objects[i]) {
+      CloseHandle(target->wait_objects[i]);
+      target->wait_objects[i] = nullptr;
+    }
+}
+
+static DWORD WINAPI EngineThreadMain(void *parameter) {
+  EngineStart *start = (EngineStart *)parameter;
+  Target *target = start->target;
+  HANDLE finished = start->finished;
+  EngineWakeFn wake = start->wake;
+  void *wake_user = start->wake_user;
+  u32 attach_id = start->attach_process_id;
+
+  // 1. A clean target, 2. the wait for debug events.
+  int result = TargetInit(target);
+  target->wake = wake;
+  target->wake_user = wake_user;
+  target->launch = start->launch;
+  HMODULE kernel32 = GetModuleHandleW(L"kernel32.dll");
+  target->wait_for_debug_event = (WaitForDebugEventFn)(void *)GetProcAddress(kernel32, "WaitForDebugEventEx");
+  if (!target->wait_for_debug_event) target->wait_for_debug_event = WaitForDebugEvent;
+
+  // 3. Attach or create the process, 4. its first event, 5. the main thread and image.
+  bool process_made = false;
+  if (result == 0) {
+    if (attach_id) {
+      if (DebugActiveProcess(attach_id)) {
+        target->attached = 1;
+        target->process_id = attach_id;
+        process_made = true;
+      } else {
+        result = 37;
+      }
+    } else {
+      u32 id = 0;
+      result = LaunchCreateProcess(&target->arena, start->launch, &id);
+      if (result == 0) {
+        target->process_id = id;
+        process_made = true;
+      }
+    }
+  }
+  if (result == 0) result = WaitFirstEvent(target);
+  if (result == 0) result = TakeProcess(target);
+  target->launch = nullptr;  // the description belongs to the starter
+
+  // 6. The wait objects, published with the result.
+  if (result == 0) result = CreateWaitObjects(target);
+  target->start_result = (u32)result;
+  start->result = result;
+  start->process_id = target->process_id;
+  if (result != 0) {
+    // 7. Nothing of the run stays.
+    if (process_made) {
+      if (target->attached) {
+        DebugActiveProcessStop(attach_id);
+      } else if (target->process) {
+        TerminateProcess(target->process, 1);
+      } else {
+        HANDLE process = OpenProcess(PROCESS_TERMINATE, FALSE, target->process_id);
+        if (process) {
+          TerminateProcess(process, 1);
+          CloseHandle(process);
+        }
+      }
+    }
+    CloseWaitObjects(target);
+    TargetRelease(target);
+    SetEvent(finished);
+    return (DWORD)result;
+  }
+  // A launched process is held, which the UI sees as stopped as soon as the start returns.
+  if (!target->attached) SetEvent(target->wait_objects[kWaitEngineWaiting]);
+  SetEvent(finished);  // start is invalid from here on
+
+  // 8. A launched process stays held until the first run (or a stop, which detaches it).
+  if (!target->attached) {
+    u32 command = EngineServeCommands(target, true);
+    if (command == kCommandStopDebugging) {
+      EngineDetach(target, false);
+      return 0;
+    }
+    if (command == kCommandFailed) return 0;
+  }
+
+  // 9. The loop.
+  HMODULE ntdll = GetModuleHandleW(L"ntdll.dll");
+  target->break_in_address = (u64)(uintptr_t)(void *)GetProcAddress(ntdll, "DbgUiRemoteBreakin");
+  target->loader_breakpoint_expected = target->attached ? 0 : 1;
+  EngineRunLoop(target);
+  return 0;
+}
+
+int EngineStartThread(EngineStart *start) {
+  start->finished = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  if (!start->finished) return 9;
+  HANDLE thread = CreateThread(nullptr, 0, EngineThreadMain, start, 0, nullptr);
+  if (!thread) {
+    CloseHandle(start->finished);
+    return 9;
+  }
+  WaitForSingleObject(start->finished, INFINITE);
+  CloseHandle(start->finished);
+  if (start->result != 0) {
+    WaitForSingleObject(thread, INFINITE);
+    CloseHandle(thread);
+    return start->result;
+  }
+  start->target->engine_thread = thread;
+  return 0;
+}
+
+void EngineEndRun(Target *target) {
+  if (target->engine_thread) {
+    WaitForSingleObject(target->engine_thread, INFINITE);
+    CloseHandle(target->engine_thread);
+    target->engine_thread = nullptr;
+  }
+  CloseWaitObjects(target);
+  TargetRelease(target);
+}

@@ -1,0 +1,103 @@
+// The engine's side of evaluation requests: the pool, and the operations of the user interface
+// that add and remove requests.
+#include "engine/evaluation_request.h"
+
+#include <string.h>
+
+#include "engine/engine.h"
+#include "expr/expr_parser.h"
+
+void EvaluationRequestsInit(EvaluationRequests *requests) {
+  requests->first = requests->last = nullptr;
+  InitExprPool(&requests->nodes);
+  for (u32 i = 0; i < kEvaluationRequestCapacity; i++)
+    requests->pool[i].next = i + 1 < kEvaluationRequestCapacity ? &requests->pool[i + 1] : nullptr;
+  requests->free_list = &requests->pool[0];
+}
+
+int EngineAddEvaluationRequest(Target *target, const char *text, void *cookie, EvaluationRequest **out) {
+  if (out) *out = nullptr;
+  if (!target || !target->evaluation_requests || !text || !out) return 1;
+  u64 length = strnlen(text, kEvaluationTextCapacity);
+  if (length >= kEvaluationTextCapacity) return 33;
+  EvaluationRequests *requests = target->evaluation_requests;
+  TicketLockAcquire(&target->lock);
+  EvaluationRequest *r = requests->free_list;
+  if (r) requests->free_list = r->next;
+  TicketLockRelease(&target->lock);
+  if (!r) return 37;
+  memset(r, 0, sizeof *r);
+  r->cookie = cookie;
+  memcpy(r->text, text, length + 1);
+  // Parsed here, on the UI thread: the nodes keep pointers into the request's own copy of the text.
+  ExprParseResult parsed;
+  if (Parse(&requests->nodes, r->text, &parsed)) {
+    r->tree = parsed.tree;
+    r->format = parsed.format;
+  } else {
+    r->parse_failed = 1;
+    memcpy(r->result, "Parse error", sizeof "Parse error");
+  }
+  r->needs_evaluation = 1;
+  TicketLockAcquire(&target->lock);
+  r->previous = requests->last;
+  if (requests->last)
+    requests->last->next = r;
+  else
+    requests->first = r;
+  requests->last = r;
+  TicketLockRelease(&target->lock);
+  *out = r;
+  if (EngineStoppedState(target) == 0) SetEvent(target->wait_objects[kWaitRefresh]);
+  return 0;
+}
+
+int EngineRemoveEvaluationRequest(Target *target, EvaluationRequest *r) {
+  if (!target || !target->evaluation_requests || !r) return 1;
+  EvaluationRequests *requests = target->evaluation_requests;
+  TicketLockAcquire(&target->lock);
+  if (r->previous)
+    r->previous->next = r->next;
+  else
+    requests->first = r->next;
+  if (r->next)
+    r->next->previous = r->previous;
+  else
+    requests->last = r->previous;
+  TicketLockRelease(&target->lock);
+  FreeTree(&requests->nodes, r->tree);
+  FreeTree(&requests->nodes, r->format);
+  memset(r, 0, sizeof *r);
+  TicketLockAcquire(&target->lock);
+  r->next = requests->free_list;
+  requests->free_list = r;
+  TicketLockRelease(&target->lock);
+  if (EngineStoppedState(target) == 0) SetEvent(target->wait_objects[kWaitRefresh]);
+  return 0;
+}
+
+void EngineEvaluateRequests(Target *target, bool mark_all) {
+  EvaluationRequests *requests = target->evaluation_requests;
+  if (!requests) return;
+  // The list is read under the lock (the UI adds and removes at any time); the events go out after.
+  EvaluationRequest *due[kEvaluationRequestCapacity];
+  u32 count = 0;
+  TicketLockAcquire(&target->lock);
+  for (EvaluationRequest *r = requests->first; r && count < kEvaluationRequestCapacity; r = r->next) {
+    if (mark_all) r->needs_evaluation = 1;
+    if (!r->needs_evaluation) continue;
+    r->needs_evaluation = 0;
+    due[count++] = r;
+  }
+  TicketLockRelease(&target->lock);
+  for (u32 i = 0; i < count; i++) {
+    // Parsed expressions are evaluated here once the evaluator exists; an unparsed one's result
+    // ("Parse error") is known already.
+    if (!due[i]->parse_failed) continue;
+    EngineEvent event;
+    memset(&event, 0, sizeof event);
+    event.kind = kEventEvaluation;
+    event.evaluation.request = due[i];
+    EnginePostEvent(target, &event);
+  }
+}

@@ -1,0 +1,251 @@
+// Exception events: the table that decides, per exception code, whether the target stops, how the
+// event is continued and what the user is told.
+//
+// [SECTION] Stop helpers
+// [SECTION] C++ exceptions
+// [SECTION] Sanitizer shadow memory
+// [SECTION] Reported exceptions
+// [SECTION] The exception table
+#include <stdio.h>
+#include <string.h>
+
+#include "engine/cxx_type_name.h"
+#include "engine/engine_internal.h"
+
+enum : u32 {
+  kCodeBreakpoint = 0x80000003,
+  kCodeSingleStep = 0x80000004,
+  kCodeCxx = 0xE06D7363,
+  kCodeAccessViolation = 0xC0000005,
+  kCodeStackOverflow = 0xC00000FD,
+  kAccessExecute = 8,
+};
+
+// [SECTION] Stop helpers
+
+TargetThread *EngineThreadToShow(Target *target) {
+  for (TargetThread *t = target->threads; t; t = t->next)
+    if (t->solo) return t;
+  for (TargetThread *t = target->threads; t; t = t->next)
+    if (!t->frozen) return t;
+  return nullptr;
+}
+
+static void MakeStopped(Target *target, TargetThread *thread, u32 reason, u64 address, s32 frame, EngineEvent *event) {
+  memset(event, 0, sizeof *event);
+  event->kind = kEventStopped;
+  event->stopped.reason = reason;
+  event->stopped.frame = frame;
+  event->stopped.address = address;
+  event->stopped.thread_id = thread ? thread->id : 0;
+  EngineLocate(target, address, &event->stopped.location);
+}
+
+void EnginePostStopped(Target *target, TargetThread *thread, u32 reason, u64 address, s32 frame) {
+  EngineEvent event;
+  MakeStopped(target, thread, reason, address, frame, &event);
+  EnginePostEvent(target, &event);
+}
+
+// The event that says why the target stopped is posted once the engine serves commands (see
+// EngineWaitCommand), so that a UI that answers it at once finds the engine ready.
+static void HoldStopEvent(Target *target, const EngineEvent *event) {
+  target->held_stop_event = *event;
+  target->stop_event_held = 1;
+}
+
+static void ClearStepState(Target *target) {
+  target->step_over_address = 0;
+  target->step_saved_byte = 0;
+  target->reinsert_after_step = 0;
+}
+
+static u64 InstructionPointer(TargetThread *thread) {
+  if (!thread) return 0;
+  CONTEXT *context = ThreadContextGet(thread);
+  return context ? context->Rip : 0;
+}
+
+// [SECTION] C++ exceptions
+
+// "Exception thrown at ... Microsoft C++ exception: TYPE at memory location ..." from the throw
+// information that the compiler emitted beside the thrown type. Any unreadable piece drops the line.
+static void PostCxxExceptionLine(Target *target, const EXCEPTION_RECORD *record) {
+  if (record->NumberParameters != 4) return;
+  u64 object = record->ExceptionInformation[1];
+  u64 throw_info = record->ExceptionInformation[2];
+  u64 base = record->ExceptionInformation[3];
+  u32 array_rva = 0, type_rva = 0, descriptor_rva = 0;
+  if (TargetReadMemoryDirect(target, throw_info + 12, &array_rva, 4) != 0) return;
+  if (TargetReadMemoryDirect(target, base + array_rva + 4, &type_rva, 4) != 0) return;
+  if (TargetReadMemoryDirect(target, base + type_rva + 4, &descriptor_rva, 4) != 0) return;
+  char decorated[1024];
+  u64 name_address = base + descriptor_rva + 16;
+  // The name may end closer than 1024 bytes before unreadable memory: read up to the page end first.
+  u32 first = (u32)MinU64(sizeof decorated, 0x1000 - (name_address & 0xFFF));
+  if (TargetReadMemoryDirect(target, name_address, decorated, first) != 0) return;
+  if (first < sizeof decorated && !memchr(decorated, 0, first) &&
+      TargetReadMemoryDirect(target, name_address + first, decorated + first, sizeof decorated - first) != 0)
+    return;
+  decorated[sizeof decorated - 1] = 0;
+  char type_name[512];
+  CxxTypeNameFromDecorated(decorated, type_name, sizeof type_name);
+
+  char *text = EngineTakeText(target, 1280);
+  if (!text) return;
+  TargetModule *module = TargetFindModule(target, base);
+  u64 at = (u64)(uintptr_t)record->ExceptionAddress;
+  int n;
+  if (module)
+    n = snprintf(text, 1280, "Exception thrown at 0x%016llX in %s: Microsoft C++ exception: %s at memory location 0x%016llX\n",
+                 (unsigned long long)at, module->symbols.name, type_name, (unsigned long long)object);
+  else
+    n = snprintf(text, 1280, "Exception thrown at 0x%016llX: Microsoft C++ exception: %s at memory location 0x%016llX\n",
+                 (unsigned long long)at, type_name, (unsigned long long)object);
+  if (n < 0) return;
+  EnginePostText(target, text, (u32)MinU64((u64)n, 1279));
+}
+
+// [SECTION] Sanitizer shadow memory
+
+// Works out once per module where AddressSanitizer's shadow memory lies, from the module's symbol
+// for the shadow base; faults inside it are the sanitizer's own page-ins and are passed silently.
+static void LearnShadowBounds(Target *target, TargetModule *module) {
+  module->shadow_state = 1;
+  if (module->symbols.status != kSymbolsLoaded) return;
+  const PdbDataEntry *entry = PdbFindData(&module->symbols.pdb.globals, "__asan_shadow_memory_dynamic_address", nullptr);
+  if (!entry) return;
+  u32 section = entry->section_minus_1;
+  if (section >= module->symbols.image.section_count) return;
+  u64 address = module->symbols.load_base + module->symbols.image.sections[section].virtual_address + entry->offset;
+  u64 s = 0;
+  if (TargetReadMemoryDirect(target, address, &s, 8) != 0) return;
+  SYSTEM_INFO info;
+  GetSystemInfo(&info);
+  u64 g = info.dwAllocationGranularity;
+  u64 m = (u64)(uintptr_t)info.lpMaximumApplicationAddress;
+  u64 e = (((g * 8 - 1) | m) >> 3) + s;
+  module->shadow_base = s;
+  module->shadow_low_begin = s;
+  module->shadow_low_end = s + ((s - 1) >> 3);
+  module->shadow_high_begin = ((e + 1) >> 3) + s;
+  module->shadow_high_end = e;
+  module->shadow_state = 2;
+}
+
+static bool IsShadowFault(Target *target, const EXCEPTION_RECORD *record) {
+  if (record->ExceptionCode != kCodeAccessViolation || record->NumberParameters < 2) return false;
+  TargetModule *module = TargetFindModule(target, (u64)(uintptr_t)record->ExceptionAddress);
+  if (!module) return false;
+  if (module->shadow_state == 0) LearnShadowBounds(target, module);
+  if (module->shadow_state != 2) return false;
+  u64 data = record->ExceptionInformation[1];
+  return (module->shadow_low_begin <= data && data <= module->shadow_low_end) ||
+         (module->shadow_high_begin <= data && data <= module->shadow_high_end);
+}
+
+// [SECTION] Reported exceptions
+
+static bool IsReportedCode(u32 code) {
+  switch (code) {
+    case 0xC0000005: case 0x80000002: case 0xC0000006: case 0xC000001D:
+    case 0xC00000FD: case 0xC0000409:
+      return true;
+  }
+  return code >= 0xC000008C && code <= 0xC0000096;
+}
+
+static u32 ReportException(Target *target, TargetThread *thread, const EXCEPTION_DEBUG_INFO *info) {
+  const EXCEPTION_RECORD *record = &info->ExceptionRecord;
+  if (IsShadowFault(target, record)) {
+    target->continue_status = DBG_EXCEPTION_NOT_HANDLED;
+    return kOutcomeContinue;
+  }
+  if (record->ExceptionCode == kCodeStackOverflow && thread) thread->stack_overflow_seen = 1;
+  bool continuable = record->ExceptionFlags != EXCEPTION_NONCONTINUABLE;
+  target->continue_status = info->dwFirstChance && continuable ? DBG_EXCEPTION_NOT_HANDLED : DBG_CONTINUE;
+  // While the run ends nobody would answer a stop: the exception goes on to the program.
+  if (target->ending) return kOutcomeContinue;
+
+  u64 shown = (u64)(uintptr_t)record->ExceptionAddress;
+  bool after_call = false;
+  u64 access = record->NumberParameters >= 1 ? record->ExceptionInformation[0] : 0;
+  u64 data = record->NumberParameters >= 2 ? record->ExceptionInformation[1] : 0;
+  if (record->ExceptionCode == kCodeAccessViolation && access == kAccessExecute && shown == 0 && thread) {
+    // A call through a null pointer: show the caller, whose return address is on top of the stack.
+    CONTEXT *context = ThreadContextGet(thread);
+    u64 return_address = 0;
+    if (context && context->Rip == 0 && TargetReadMemory(target, context->Rsp, &return_address, 8) == 0) {
+      shown = return_address;
+      after_call = true;
+    }
+  }
+  EngineEvent event;
+  memset(&event, 0, sizeof event);
+  event.kind = kEventException;
+  event.exception.code = record->ExceptionCode;
+  event.exception.first_chance = info->dwFirstChance ? 1 : 0;
+  event.exception.continuable = continuable ? 1 : 0;
+  event.exception.address = shown;
+  event.exception.access_kind = access;
+  event.exception.data_address = data;
+  EngineLocate(target, shown, &event.exception.location, after_call);
+  HoldStopEvent(target, &event);
+  return kOutcomeStop;
+}
+
+// [SECTION] The exception table
+
+static u32 HandleBreakpoint(Target *target, TargetThread *thread, const EXCEPTION_RECORD *record) {
+  target->continue_status = DBG_CONTINUE;
+  if (target->loader_breakpoint_expected) {
+    target->loader_breakpoint_expected = 0;
+    return kOutcomeContinue;
+  }
+  bool requested = target->user_break_requested || target->internal_break_requested;
+  if (!requested && thread) {
+    // While the run ends (stop debugging or terminate asked for) the program's own int3 is not
+    // reported and the target runs on to the break-in or the exit that ends the run.
+    if (target->ending || thread->suspended_by_engine) return kOutcomeContinue;
+    // No user or temporary breakpoints exist at this address: the int3 is the program's own. The
+    // stop shows the int3 itself; the resume steps past it.
+    u64 at = (u64)(uintptr_t)record->ExceptionAddress;
+    CONTEXT *context = ThreadContextGet(thread);
+    if (context && context->Rip == at + 1) {
+      context->Rip = at;
+      thread->context_dirty = 2;  // only the instruction pointer moved
+      thread->int3_at_stop = at;  // the resume knows the byte there without reading it
+    }
+    ClearStepState(target);
+    EngineEvent event;
+    MakeStopped(target, thread, kStopProgramBreakpoint, at, 0, &event);
+    HoldStopEvent(target, &event);
+    return kOutcomeStop;
+  }
+  TargetThread *show = EngineThreadToShow(target);
+  bool silent = target->ending || target->internal_break_requested;
+  if (!silent) {
+    EngineEvent event;
+    MakeStopped(target, show, kStopBreak, InstructionPointer(show), 0, &event);
+    HoldStopEvent(target, &event);
+  }
+  target->current_thread = show;
+  ClearStepState(target);
+  target->user_break_requested = 0;
+  target->internal_break_requested = 0;
+  return kOutcomeStop;
+}
+
+u32 EngineHandleException(Target *target, const EXCEPTION_DEBUG_INFO *info) {
+  const EXCEPTION_RECORD *record = &info->ExceptionRecord;
+  TargetThread *thread = TargetFindThread(target, target->event.dwThreadId);
+  target->current_thread = thread;
+  u32 code = record->ExceptionCode;
+  if (code == kCodeBreakpoint) return HandleBreakpoint(target, thread, record);
+  if (IsReportedCode(code)) return ReportException(target, thread, info);
+  if (code == kCodeCxx && info->dwFirstChance) PostCxxExceptionLine(target, record);
+  // C++ exceptions, unknown codes, and single steps that no step or processor breakpoint asked
+  // for belong to the program: first chance to its handlers, second chance ends it.
+  target->continue_status = info->dwFirstChance ? DBG_EXCEPTION_NOT_HANDLED : DBG_CONTINUE;
+  return kOutcomeContinue;
+}

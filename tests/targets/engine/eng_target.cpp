@@ -1,0 +1,209 @@
+// The engine's test program: one mode per scenario, chosen by the first argument.
+//   threads | strings | av | avraw | shadow | div0 | overflow | nullcall | int3 | int3loop N | strloop N | spin | many N | env | cwd | dll
+//   | cxx | cxxbad | unknown
+#include <windows.h>
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+// [SECTION] Exceptions the program handles itself
+
+// The variable through which AddressSanitizer finds its shadow memory: the engine reads it to
+// recognise the sanitizer's own faults. 16 TiB is far from anything mapped here.
+extern "C" unsigned long long __asan_shadow_memory_dynamic_address = 0x100000000000ull;
+
+static LONG WINAPI Handler(EXCEPTION_POINTERS *info) {
+  DWORD code = info->ExceptionRecord->ExceptionCode;
+  // Only the faults the program makes on purpose: the system may fault and recover internally.
+  if (code == EXCEPTION_ACCESS_VIOLATION && (info->ExceptionRecord->ExceptionInformation[1] == 0x10 ||
+                                             info->ExceptionRecord->ExceptionAddress == nullptr))
+    ExitProcess(0xAB);
+  if (code == EXCEPTION_ACCESS_VIOLATION &&
+      info->ExceptionRecord->ExceptionInformation[1] == __asan_shadow_memory_dynamic_address + 0x1000)
+    ExitProcess(0xB0);
+  if (code == EXCEPTION_INT_DIVIDE_BY_ZERO) ExitProcess(0xAD);
+  if (code == EXCEPTION_STACK_OVERFLOW) ExitProcess(0xAF);
+  if (code == 0xE06D7363 || code == 0xE0001234) return EXCEPTION_CONTINUE_EXECUTION;
+  return EXCEPTION_CONTINUE_SEARCH;
+}
+
+// The records an MSVC compiler emits for `throw ktrn::parse_error()`, with image-relative offsets.
+struct TypeDescriptor {
+  void *vftable;
+  void *spare;
+  char name[32];
+};
+struct CatchableType {
+  unsigned properties, type_rva;
+  int mdisp, pdisp, vdisp;
+  unsigned size, copy_rva;
+};
+struct CatchableTypeArray {
+  int count;
+  unsigned types[1];
+};
+struct ThrowInfo {
+  unsigned attributes, unwind_rva, forward_rva, array_rva;
+};
+static TypeDescriptor g_type = {nullptr, nullptr, ".?AVparse_error@ktrn@@"};
+static CatchableType g_catchable;
+static CatchableTypeArray g_array;
+static ThrowInfo g_throw;
+static int g_thrown_object = 1234;
+
+static unsigned Rva(const void *p, const void *base) { return (unsigned)((const char *)p - (const char *)base); }
+
+static void RaiseMsvcException(void) {
+  HMODULE base = GetModuleHandleW(nullptr);
+  g_catchable.type_rva = Rva(&g_type, base);
+  g_catchable.size = sizeof g_thrown_object;
+  g_array.count = 1;
+  g_array.types[0] = Rva(&g_catchable, base);
+  g_throw.array_rva = Rva(&g_array, base);
+  ULONG_PTR params[4] = {0x19930520, (ULONG_PTR)&g_thrown_object, (ULONG_PTR)&g_throw, (ULONG_PTR)base};
+  RaiseException(0xE06D7363, 0, 4, params);
+}
+
+// [SECTION] Threads
+
+static DWORD WINAPI ExitWithCode(void *code) { return (DWORD)(ULONG_PTR)code; }
+
+static DWORD WINAPI IdleThread(void *event) {
+  WaitForSingleObject((HANDLE)event, INFINITE);
+  return 0;
+}
+
+static void RunThread(DWORD code) {
+  HANDLE t = CreateThread(nullptr, 0, ExitWithCode, (void *)(ULONG_PTR)code, 0, nullptr);
+  WaitForSingleObject(t, INFINITE);
+  CloseHandle(t);
+}
+
+// [SECTION] Modes
+
+static int Recurse(int depth) {
+  volatile char frame[4096];
+  frame[0] = (char)depth;
+  return Recurse(depth + 1) + frame[0];
+}
+
+static int Dll(void) {
+  wchar_t path[MAX_PATH];
+  DWORD n = GetModuleFileNameW(nullptr, path, MAX_PATH);
+  while (n && path[n - 1] != L'\\') n--;
+  wcscpy(path + n, L"eng_plugin.dll");
+  HMODULE plugin = LoadLibraryW(path);
+  if (!plugin) return 100;
+  int (*answer)(void) = (int (*)(void))(void *)GetProcAddress(plugin, "PluginAnswer");
+  int result = answer ? answer() : 101;
+  FreeLibrary(plugin);
+  OutputDebugStringA("plugin freed\n");
+  return result;
+}
+
+static int Env(void) {
+  wchar_t *strings = GetEnvironmentStringsW();
+  for (wchar_t *p = strings; *p; p += wcslen(p) + 1) {
+    if (wcsncmp(p, L"KTRN_", 5) != 0) continue;
+    char line[512];
+    snprintf(line, sizeof line, "env %ls\n", p);
+    OutputDebugStringA(line);
+  }
+  FreeEnvironmentStringsW(strings);
+  return 0;
+}
+
+int main(int argc, char **argv) {
+  AddVectoredExceptionHandler(1, Handler);
+  const char *mode = argc > 1 ? argv[1] : "";
+  int count = argc > 2 ? atoi(argv[2]) : 0;
+  if (!strcmp(mode, "threads")) {
+    RunThread(11);
+    RunThread(12);
+    RunThread(13);
+    return 7;
+  }
+  if (!strcmp(mode, "strings")) {
+    OutputDebugStringA("narrow string\n");
+    OutputDebugStringW(L"wide string\n");
+    OutputDebugStringA("bytes \xC3\xA9t\xC3\xA9\n");
+    return 0;
+  }
+  if (!strcmp(mode, "av")) {
+    volatile int *bad = (volatile int *)(ULONG_PTR)0x10;
+    return *bad;  // AV_LINE
+  }
+  if (!strcmp(mode, "avraw")) {
+    volatile int *bad = (volatile int *)(ULONG_PTR)0x20;  // no handler of the program takes this one
+    return *bad;
+  }
+  if (!strcmp(mode, "shadow")) {
+    volatile char *shadow = (volatile char *)(ULONG_PTR)(__asan_shadow_memory_dynamic_address + 0x1000);
+    return *shadow;
+  }
+  if (!strcmp(mode, "div0")) {
+    volatile int zero = 0;
+    return 10 / zero;  // DIV0_LINE
+  }
+  if (!strcmp(mode, "overflow")) return Recurse(1);
+  if (!strcmp(mode, "nullcall")) {
+    void (*volatile call)(void) = nullptr;
+    call();  // NULL_CALL_LINE
+    return 1;
+  }
+  if (!strcmp(mode, "int3")) {
+    HANDLE never = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    CreateThread(nullptr, 0, IdleThread, never, 0, nullptr);
+    Sleep(50);
+    __debugbreak();  // INT3_LINE
+    OutputDebugStringA("after int3\n");
+    return 3;  // INT3_RETURN_LINE
+  }
+  if (!strcmp(mode, "int3loop")) {
+    for (int i = 0; i < count; i++) __debugbreak();
+    return 0;
+  }
+  if (!strcmp(mode, "strloop")) {
+    for (int i = 0; i < count; i++) OutputDebugStringA("tick\n");
+    return 0;
+  }
+  if (!strcmp(mode, "spin")) {
+    OutputDebugStringA("spinning\n");
+    for (;;) Sleep(5);
+  }
+  if (!strcmp(mode, "many")) {
+    for (int i = 0; i < count; i++) RunThread((DWORD)i);
+    return 9;
+  }
+  if (!strcmp(mode, "env")) return Env();
+  if (!strcmp(mode, "cwd")) {
+    char dir[MAX_PATH], line[MAX_PATH + 8];
+    GetCurrentDirectoryA(MAX_PATH, dir);
+    snprintf(line, sizeof line, "cwd %s\n", dir);
+    OutputDebugStringA(line);
+    return 0;
+  }
+  if (!strcmp(mode, "dll")) return Dll();
+  if (!strcmp(mode, "cxx")) {
+    RaiseMsvcException();
+    OutputDebugStringA("after cxx\n");
+    return 5;
+  }
+  if (!strcmp(mode, "cxxbad")) {
+    // Throw information that cannot be read, and a record with too few parameters.
+    ULONG_PTR unreadable[4] = {0x19930520, (ULONG_PTR)&g_thrown_object, 0x10, (ULONG_PTR)GetModuleHandleW(nullptr)};
+    RaiseException(0xE06D7363, 0, 4, unreadable);
+    ULONG_PTR outside[4] = {0x19930520, (ULONG_PTR)&g_thrown_object, (ULONG_PTR)&g_throw, 0x7FF000000000ull};
+    RaiseException(0xE06D7363, 0, 4, outside);
+    RaiseException(0xE06D7363, 0, 3, unreadable);
+    OutputDebugStringA("after cxxbad\n");
+    return 4;
+  }
+  if (!strcmp(mode, "unknown")) {
+    RaiseException(0xE0001234, 0, 0, nullptr);
+    OutputDebugStringA("after unknown\n");
+    return 6;
+  }
+  return 99;
+}

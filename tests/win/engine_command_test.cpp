@@ -1,0 +1,266 @@
+// Commands served while the target is stopped, the request ring while it runs, the process list
+// and the pending-action rules, against real programs under Wine.
+#include <gtest/gtest.h>
+
+#include "engine/pending_action.h"
+#include "engine/process_list.h"
+#include "tests/win/engine_harness.h"
+
+static const SeenEvent *LastStop(const Seen &seen) {
+  for (size_t i = seen.events.size(); i-- > 0;)
+    if (seen.events[i].event.kind == kEventStopped) return &seen.events[i];
+  return nullptr;
+}
+
+// Pops until the next stop event after index from (the engine keeps serving commands meanwhile).
+static const SeenEvent *NextStop(Target *t, Seen &seen, size_t from) {
+  for (int tries = 0; tries < 500; tries++) {
+    for (size_t i = from; i < seen.events.size(); i++)
+      if (seen.events[i].event.kind == kEventStopped) return &seen.events[i];
+    WaitForSingleObject(HarnessWakeEvent(), 20);
+    PopInto(t, seen, [](Target *, const SeenEvent &) {});
+  }
+  return nullptr;
+}
+
+TEST(EngineCommands, ThreadStatesFramesAndInstructionPointerWhileStopped) {
+  Target *t = nullptr;
+  u32 pid = 0;
+  ASSERT_EQ(LaunchTarget("eng_target.exe", "int3", &t, &pid), 0);
+  EngineRun(t);
+  Seen seen;
+  ASSERT_TRUE(WaitForKind(t, seen, kEventStopped));
+  ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
+  u64 stop_address = LastStop(seen)->event.stopped.address;
+  TargetThread *main = t->threads, *idle = main ? main->next : nullptr;
+  ASSERT_NE(idle, nullptr);
+  EXPECT_EQ(t->current_thread, main);
+
+  // Freeze the idle thread: the engine suspends it and reports the new thread states.
+  size_t mark = seen.events.size();
+  EXPECT_EQ(EngineToggleFreeze(t, idle), 0);
+  const SeenEvent *e = NextStop(t, seen, mark);
+  ASSERT_NE(e, nullptr);
+  EXPECT_EQ(e->event.stopped.reason, (u32)kStopThreadStates);
+  EXPECT_EQ(e->event.stopped.address, stop_address);
+  ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
+  EXPECT_EQ(idle->suspended_by_engine, 1);
+  mark = seen.events.size();
+  EXPECT_EQ(EngineToggleFreeze(t, idle), 0);
+  ASSERT_NE(NextStop(t, seen, mark), nullptr);
+  ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
+  EXPECT_EQ(idle->suspended_by_engine, 0);
+
+  // Solo on the main thread holds every other thread.
+  mark = seen.events.size();
+  EXPECT_EQ(EngineToggleSolo(t, main), 0);
+  ASSERT_NE(NextStop(t, seen, mark), nullptr);
+  ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
+  EXPECT_EQ(idle->suspended_by_engine, 1);
+  EXPECT_EQ(main->suspended_by_engine, 0);
+  mark = seen.events.size();
+  EXPECT_EQ(EngineToggleSolo(t, main), 0);
+  ASSERT_NE(NextStop(t, seen, mark), nullptr);
+  ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
+  EXPECT_EQ(idle->suspended_by_engine, 0);
+
+  // Selecting a thread makes it current; frame 0 of it is selected.
+  mark = seen.events.size();
+  EXPECT_EQ(EngineSelectThread(t, idle->id), 0);
+  ASSERT_NE(NextStop(t, seen, mark), nullptr);
+  ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
+  EXPECT_EQ(t->current_thread, idle);
+  mark = seen.events.size();
+  EXPECT_EQ(EngineSelectThread(t, main->id), 0);
+  ASSERT_NE(NextStop(t, seen, mark), nullptr);
+  ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
+
+  // Frame 0 exists; frame 5 does not and changes nothing.
+  mark = seen.events.size();
+  EXPECT_EQ(EngineSelectFrame(t, 0), 0);
+  e = NextStop(t, seen, mark);
+  ASSERT_NE(e, nullptr);
+  EXPECT_EQ(e->event.stopped.reason, (u32)kStopFrameSelected);
+  EXPECT_EQ(e->event.stopped.frame, 0);
+  ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
+  mark = seen.events.size();
+  EXPECT_EQ(EngineSelectFrame(t, 5), 0);
+  Sleep(200);
+  PopInto(t, seen, [](Target *, const SeenEvent &) {});
+  EXPECT_EQ(seen.events.size(), mark);
+
+  // Collapsing of stack-overflow frames: stored, the current thread's stack rebuilt at frame 0.
+  ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
+  mark = seen.events.size();
+  EXPECT_EQ(EngineSetStackOverflowCollapsing(t, 1), 0);
+  e = NextStop(t, seen, mark);
+  ASSERT_NE(e, nullptr);
+  EXPECT_EQ(e->event.stopped.reason, (u32)kStopFrameSelected);
+  EXPECT_EQ(e->event.stopped.frame, 0);
+  EXPECT_EQ(t->collapse_stack_overflow, 1);
+
+  // The instruction pointer, set to where it is, changes nothing for the program.
+  ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
+  mark = seen.events.size();
+  EXPECT_EQ(EngineSetInstructionPointer(t, stop_address), 0);
+  e = NextStop(t, seen, mark);  // registers changed: reported as new thread states
+  ASSERT_NE(e, nullptr);
+  EXPECT_EQ(e->event.stopped.reason, (u32)kStopThreadStates);
+  ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
+  EXPECT_EQ(EngineRun(t), 0);
+  DriveToEnd(t, seen);
+  EXPECT_EQ(seen.exit_code, 3u);
+}
+
+TEST(EngineCommands, RequestsQueuedWhileRunningAreServedWithoutAVisibleStop) {
+  Target *t = nullptr;
+  u32 pid = 0;
+  ASSERT_EQ(LaunchTarget("eng_target.exe", "spin", &t, &pid), 0);
+  EngineRun(t);
+  Seen seen;
+  ASSERT_TRUE(WaitForKind(t, seen, kEventText));
+  ASSERT_TRUE(WaitRunning(t));
+  EngineRequest request = {};
+  request.kind = 1;
+  EXPECT_EQ(EngineQueueRequest(t, &request), 0);
+  for (int i = 0; i < 1000 && t->requests_served < 1; i++) Sleep(10);
+  EXPECT_EQ(t->requests_served, 1u);
+  EXPECT_TRUE(WaitRunning(t));  // the silent break-in was resumed
+  PopInto(t, seen, nullptr);
+  EXPECT_EQ(seen.Count(kEventStopped), 0);
+  EXPECT_EQ(EngineTerminate(t, 0), 0);
+  DriveToEnd(t, seen);
+  EXPECT_EQ(seen.exit_code, 0u);
+}
+
+TEST(EngineProcesses, ListingFindsARunningProgramAndReattachByName) {
+  PROCESS_INFORMATION pi = {};
+  STARTUPINFOW si = {sizeof si};
+  std::wstring line = L"\"" + TargetPathW("eng_target.exe") + L"\" spin";
+  ASSERT_TRUE(CreateProcessW(nullptr, &line[0], nullptr, nullptr, FALSE, CREATE_NEW_CONSOLE, nullptr, nullptr, &si, &pi));
+  Sleep(500);
+  static ProcessList list;
+  ASSERT_EQ(ProcessListRefresh(&list), 0);
+  const ProcessEntry *found = nullptr;
+  for (u32 i = 0; i < list.count; i++)
+    if (list.entries[i].id == pi.dwProcessId) found = &list.entries[i];
+  ASSERT_NE(found, nullptr);
+  EXPECT_STREQ(found->name, "eng_target.exe");
+  EXPECT_TRUE(ProcessListMatches(found, ""));
+  EXPECT_TRUE(ProcessListMatches(found, "ENGtarg"));
+  EXPECT_FALSE(ProcessListMatches(found, "notepad"));
+  ProcessListSort(&list, kSortById);
+  for (u32 i = 1; i < list.count; i++) EXPECT_LT(list.entries[i - 1].id, list.entries[i].id);
+  ProcessListSort(&list, kSortByName);
+  for (u32 i = 1; i < list.count; i++) EXPECT_LE(_stricmp(list.entries[i - 1].name, list.entries[i].name), 0);
+
+  // The first process of that name, ignoring case (another test's program may be running too).
+  u32 by_name = ProcessFindByName("ENG_TARGET.EXE");
+  ASSERT_NE(by_name, 0u);
+  ASSERT_EQ(ProcessListRefresh(&list), 0);
+  for (u32 i = 0; i < list.count; i++)
+    if (list.entries[i].id == by_name) EXPECT_STREQ(list.entries[i].name, "eng_target.exe");
+  EXPECT_EQ(ProcessFindByName("no_such_program.exe"), 0u);
+  TerminateProcess(pi.hProcess, 0);
+  WaitForSingleObject(pi.hProcess, 5000);
+  CloseHandle(pi.hProcess);
+  CloseHandle(pi.hThread);
+}
+
+TEST(EnginePending, AttachWhileDebuggingTerminatesFirstAndAttachesAfterTheExit) {
+  Target *t = nullptr;
+  u32 pid = 0;
+  ASSERT_EQ(LaunchTarget("eng_target.exe", "spin", &t, &pid), 0);
+  EngineRun(t);
+  Seen seen;
+  ASSERT_TRUE(WaitForKind(t, seen, kEventText));
+  PendingAction pending = {};
+  ASSERT_EQ(PendingActionEndRunThen(&pending, t, kPendingAttach, 4321, 1, nullptr), 0);
+  EXPECT_EQ(pending.kind, (u32)kPendingAttach);
+  PendingAction due = {};
+  EXPECT_FALSE(PendingActionTake(&pending, kEventText, &due));
+  DriveToEnd(t, seen);
+  EXPECT_EQ(seen.exit_code, 0u);
+  ASSERT_TRUE(PendingActionTake(&pending, seen.events.back().event.kind, &due));
+  EXPECT_EQ(due.kind, (u32)kPendingAttach);
+  EXPECT_EQ(due.process_id, 4321u);
+  EXPECT_EQ(due.continue_after, 1);
+  EXPECT_EQ(pending.kind, (u32)kPendingNone);
+  EXPECT_FALSE(PendingActionTake(&pending, kEventProcessExited, &due));
+  // Without a process nothing is parked.
+  EXPECT_EQ(PendingActionEndRunThen(&pending, nullptr, kPendingRelaunch, 0, 0, nullptr), 1);
+  EXPECT_EQ(pending.kind, (u32)kPendingNone);
+  std::string long_path(2000, 'a');
+  EXPECT_EQ(PendingActionSet(&pending, kPendingOpenSession, 0, 0, long_path.c_str()), 33);
+}
+
+TEST(EngineCommands, SetNextStatementMovesToTheLinesCode) {
+  Target *t = nullptr;
+  u32 pid = 0;
+  ASSERT_EQ(LaunchTarget("eng_target.exe", "int3", &t, &pid), 0);
+  std::string source = std::string(KTRN_SOURCE_DIR) + "/tests/targets/engine/eng_target.cpp";
+  EngineRun(t);
+  Seen seen;
+  ASSERT_TRUE(WaitForKind(t, seen, kEventStopped));
+  ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
+  EXPECT_EQ(EngineSetNextStatement(t, "no_such_file.cpp", 10), 23);
+  EXPECT_EQ(EngineSetNextStatement(t, source.c_str(), 0x7FFFFFF0), 23);
+  size_t mark = seen.events.size();
+  // Past the debug string: the program returns without printing it.
+  EXPECT_EQ(EngineSetNextStatement(t, source.c_str(), (u32)MarkerLine("tests/targets/engine/eng_target.cpp", "INT3_RETURN_LINE")), 0);
+  const SeenEvent *e = NextStop(t, seen, mark);
+  ASSERT_NE(e, nullptr);
+  EXPECT_EQ((int)e->event.stopped.location.line, MarkerLine("tests/targets/engine/eng_target.cpp", "INT3_RETURN_LINE"));
+  ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
+  EXPECT_EQ(EngineRun(t), 0);
+  DriveToEnd(t, seen);
+  EXPECT_EQ(seen.debug_strings.size(), 0u);
+  EXPECT_EQ(seen.exit_code, 3u);
+}
+
+TEST(EngineCommands, EvaluationRequestsAreParsedAndReportedAtEveryStop) {
+  Target *t = nullptr;
+  u32 pid = 0;
+  ASSERT_EQ(LaunchTarget("eng_target.exe", "int3", &t, &pid), 0);
+  EvaluationRequest *parsed = nullptr, *broken = nullptr, *late = nullptr;
+  u32 free_nodes = t->evaluation_requests->nodes.free_count;
+  EXPECT_EQ(EngineAddEvaluationRequest(t, std::string(256, 'a').c_str(), nullptr, &parsed), 33);
+  EXPECT_EQ(EngineAddEvaluationRequest(t, nullptr, nullptr, &parsed), 1);
+  ASSERT_EQ(EngineAddEvaluationRequest(t, "counter + 1, x", (void *)1, &parsed), 0);
+  ASSERT_EQ(EngineAddEvaluationRequest(t, "1 +* )", (void *)2, &broken), 0);
+  EXPECT_EQ(parsed->parse_failed, 0);
+  EXPECT_NE(parsed->tree, nullptr);
+  EXPECT_STREQ(broken->result, "Parse error");
+  EXPECT_LT(t->evaluation_requests->nodes.free_count, free_nodes);
+  EngineRun(t);
+  Seen seen;
+  ASSERT_TRUE(WaitForKind(t, seen, kEventStopped));
+  ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
+  PopInto(t, seen, [](Target *, const SeenEvent &) {});
+  // At the stop: the unparsed request's result is known; the parsed one waits for the evaluator.
+  ASSERT_EQ(seen.Count(kEventEvaluation), 1);
+  EXPECT_EQ(seen.First(kEventEvaluation)->event.evaluation.request, (void *)broken);
+
+  // Added while stopped: evaluated at once (refresh), alone.
+  size_t mark = seen.events.size();
+  ASSERT_EQ(EngineAddEvaluationRequest(t, "((", (void *)3, &late), 0);
+  ASSERT_TRUE(WaitForKind(t, seen, kEventEvaluation));
+  int evaluations = 0;
+  for (size_t i = mark; i < seen.events.size(); i++)
+    if (seen.events[i].event.kind == kEventEvaluation) {
+      evaluations++;
+      EXPECT_EQ(seen.events[i].event.evaluation.request, (void *)late);
+      EXPECT_EQ(((EvaluationRequest *)seen.events[i].event.evaluation.request)->cookie, (void *)3);
+    }
+  EXPECT_EQ(evaluations, 1);
+  ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
+  EXPECT_EQ(EngineRemoveEvaluationRequest(t, parsed), 0);
+  EXPECT_EQ(EngineRemoveEvaluationRequest(t, broken), 0);
+  EXPECT_EQ(EngineRemoveEvaluationRequest(t, late), 0);
+  EXPECT_EQ(t->evaluation_requests->nodes.free_count, free_nodes);  // every node back in the pool
+  EXPECT_EQ(t->evaluation_requests->first, nullptr);
+  ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
+  EXPECT_EQ(EngineRun(t), 0);
+  DriveToEnd(t, seen);
+  EXPECT_EQ(seen.exit_code, 3u);
+}
