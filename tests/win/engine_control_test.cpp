@@ -10,13 +10,9 @@
 static const char *kSource = "tests/targets/engine/eng_target.cpp";
 
 TEST(EngineExceptions, AccessViolationStopsAtItsLine) {
-  Target *t = nullptr;
-  u32 pid = 0;
-  ASSERT_EQ(LaunchTarget("eng_target.exe", "av", &t, &pid), 0);
-  EngineRun(t);
   Seen seen;
   int stopped_state = -1;
-  DriveToEnd(t, seen, [&](Target *target, const SeenEvent &) {
+  RunToEnd("av", seen, [&](Target *target, const SeenEvent &) {
     stopped_state = EngineWaitStopped(target, 10000);
     EXPECT_EQ(EngineBreak(target), 37);  // already stopped
     EXPECT_EQ(EngineRun(target), 0);
@@ -43,12 +39,8 @@ TEST(EngineExceptions, AccessViolationStopsAtItsLine) {
 }
 
 TEST(EngineExceptions, CallThroughNullPointerShowsTheCallersLine) {
-  Target *t = nullptr;
-  u32 pid = 0;
-  ASSERT_EQ(LaunchTarget("eng_target.exe", "nullcall", &t, &pid), 0);
-  EngineRun(t);
   Seen seen;
-  DriveToEnd(t, seen);
+  RunToEnd("nullcall", seen);
   ASSERT_EQ(seen.Count(kEventException), 1);
   const SeenEvent *e = seen.First(kEventException);
   EXPECT_EQ(e->event.exception.access_kind, 8u);
@@ -59,12 +51,8 @@ TEST(EngineExceptions, CallThroughNullPointerShowsTheCallersLine) {
 }
 
 TEST(EngineExceptions, FirstChanceCxxExceptionPrintsOneLineAndNeverStops) {
-  Target *t = nullptr;
-  u32 pid = 0;
-  ASSERT_EQ(LaunchTarget("eng_target.exe", "cxx", &t, &pid), 0);
-  EngineRun(t);
   Seen seen;
-  DriveToEnd(t, seen);
+  RunToEnd("cxx", seen);
   EXPECT_EQ(seen.Count(kEventStopped), 0);
   EXPECT_EQ(seen.Count(kEventException), 0);
   int lines = 0;
@@ -90,12 +78,8 @@ TEST(EngineExceptions, FirstChanceCxxExceptionPrintsOneLineAndNeverStops) {
 }
 
 TEST(EngineExceptions, CxxExceptionWithUnreadableThrowInformationPrintsNothing) {
-  Target *t = nullptr;
-  u32 pid = 0;
-  ASSERT_EQ(LaunchTarget("eng_target.exe", "cxxbad", &t, &pid), 0);
-  EngineRun(t);
   Seen seen;
-  DriveToEnd(t, seen);
+  RunToEnd("cxxbad", seen);
   EXPECT_EQ(seen.Count(kEventStopped), 0);
   EXPECT_EQ(seen.Count(kEventException), 0);
   EXPECT_EQ(seen.debug_strings, std::vector<std::string>{"after cxxbad\n"});
@@ -103,12 +87,8 @@ TEST(EngineExceptions, CxxExceptionWithUnreadableThrowInformationPrintsNothing) 
 }
 
 TEST(EngineExceptions, UnknownExceptionCodeNeverStops) {
-  Target *t = nullptr;
-  u32 pid = 0;
-  ASSERT_EQ(LaunchTarget("eng_target.exe", "unknown", &t, &pid), 0);
-  EngineRun(t);
   Seen seen;
-  DriveToEnd(t, seen);
+  RunToEnd("unknown", seen);
   EXPECT_EQ(seen.Count(kEventStopped), 0);
   EXPECT_EQ(seen.Count(kEventException), 0);
   EXPECT_EQ(seen.debug_strings, std::vector<std::string>{"after unknown\n"});
@@ -116,14 +96,10 @@ TEST(EngineExceptions, UnknownExceptionCodeNeverStops) {
 }
 
 TEST(EngineExceptions, ProgramsOwnInt3StopsAtItsLineAndResumesPastIt) {
-  Target *t = nullptr;
-  u32 pid = 0;
-  ASSERT_EQ(LaunchTarget("eng_target.exe", "int3", &t, &pid), 0);
-  EngineRun(t);
   Seen seen;
   std::vector<std::string> names;
   bool snapshot = false;
-  DriveToEnd(t, seen, [&](Target *target, const SeenEvent &e) {
+  RunToEnd("int3", seen, [&](Target *target, const SeenEvent &e) {
     EXPECT_EQ(EngineWaitStopped(target, 10000), 0);
     for (TargetThread *th = target->threads; th; th = th->next) names.push_back(th->name);
     // The threads window's view: the stopped thread is inside main of eng_target.exe.
@@ -317,13 +293,9 @@ TEST(EngineExceptions, DivideByZeroAndStackOverflowAreReported) {
 }
 
 TEST(EngineExceptions, UnhandledFirstChanceComesBackAsSecondChance) {
-  Target *t = nullptr;
-  u32 pid = 0;
-  ASSERT_EQ(LaunchTarget("eng_target.exe", "avraw", &t, &pid), 0);
-  EngineRun(t);
   Seen seen;
   int stops = 0;
-  DriveToEnd(t, seen, [&](Target *target, const SeenEvent &e) {
+  RunToEnd("avraw", seen, [&](Target *target, const SeenEvent &e) {
     EXPECT_EQ(EngineWaitStopped(target, 10000), 0);
     if (++stops == 1) {
       EXPECT_EQ(e.event.exception.first_chance, 1);
@@ -341,13 +313,9 @@ TEST(EngineExceptions, UnhandledFirstChanceComesBackAsSecondChance) {
 TEST(EngineExceptions, SettingTheInstructionPointerHandsTheExceptionToNobody) {
   // Written registers make the next run continue as handled: the faulting read runs again and
   // faults again (first chance), instead of reaching the program's handler.
-  Target *t = nullptr;
-  u32 pid = 0;
-  ASSERT_EQ(LaunchTarget("eng_target.exe", "av", &t, &pid), 0);
-  EngineRun(t);
   Seen seen;
   int exceptions = 0;
-  DriveToEnd(t, seen, [&](Target *target, const SeenEvent &e) {
+  RunToEnd("av", seen, [&](Target *target, const SeenEvent &e) {
     EXPECT_EQ(EngineWaitStopped(target, 10000), 0);
     if (e.event.kind == kEventStopped) {  // thread states after the register write
       EXPECT_EQ(e.event.stopped.reason, (u32)kStopThreadStates);
@@ -388,12 +356,8 @@ TEST(EngineTerminate, StopDebuggingOrTerminateWhileHeldBeforeTheFirstRun) {
 }
 
 TEST(EngineExceptions, FaultInTheSanitizersShadowMemoryPassesSilently) {
-  Target *t = nullptr;
-  u32 pid = 0;
-  ASSERT_EQ(LaunchTarget("eng_target.exe", "shadow", &t, &pid), 0);
-  EngineRun(t);
   Seen seen;
-  DriveToEnd(t, seen);
+  RunToEnd("shadow", seen);
   EXPECT_EQ(seen.Count(kEventException), 0);
   EXPECT_EQ(seen.Count(kEventStopped), 0);
   EXPECT_EQ(seen.exit_code, 0xB0u);  // the program's handler saw the fault

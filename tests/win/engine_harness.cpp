@@ -95,6 +95,14 @@ void DriveToEnd(Target *target, Seen &seen, const OnStop &on_stop, DWORD timeout
   EngineRelease(target);
 }
 
+void RunToEnd(const char *arguments, Seen &seen, const OnStop &on_stop) {
+  Target *target = nullptr;
+  u32 pid = 0;
+  ASSERT_EQ(LaunchTarget("eng_target.exe", arguments, &target, &pid), 0) << arguments;
+  EngineRun(target);
+  DriveToEnd(target, seen, on_stop);
+}
+
 bool WaitForKind(Target *target, Seen &seen, u32 kind, DWORD timeout_ms) {
   ULONGLONG start = GetTickCount64();
   size_t checked = seen.events.size();
