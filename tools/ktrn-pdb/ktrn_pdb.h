@@ -12,7 +12,8 @@ struct LoadedPdb {
   double load_ms;
 };
 
-// Opens the PDB; on failure prints a one-line message to stderr and returns false.
+// Opens the PDB; on failure prints a one-line message to stderr, releases what it loaded and
+// returns false.
 bool LoadPdb(const char *path, LoadedPdb *out);
 void UnloadPdb(LoadedPdb *loaded);
 const char *PdbErrorText(int status);

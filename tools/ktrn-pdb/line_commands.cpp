@@ -8,10 +8,7 @@ enum { kExitLoadFailed = 3, kExitNotFound = 1, kExitUsage = 2 };
 
 int CommandLines(int argc, char **argv) {
   LoadedPdb l;
-  if (!LoadPdb(argv[0], &l)) {
-    UnloadPdb(&l);
-    return kExitLoadFailed;
-  }
+  if (!LoadPdb(argv[0], &l)) return kExitLoadFailed;
   const PdbLines &lines = l.pdb.lines;
   for (u32 i = 0; i < lines.count; i++) {
     const PdbLineEntry *e = &lines.by_address[i];
@@ -30,10 +27,7 @@ int CommandLineToAddress(int argc, char **argv) {
     return kExitUsage;
   }
   LoadedPdb l;
-  if (!LoadPdb(argv[0], &l)) {
-    UnloadPdb(&l);
-    return kExitLoadFailed;
-  }
+  if (!LoadPdb(argv[0], &l)) return kExitLoadFailed;
   u32 file = PdbFindSourceFile(&l.pdb.source_files, argv[1]);
   const PdbLineEntry *e = PdbAddressOfLine(&l.pdb.lines, file, (u32)line);
   if (e)

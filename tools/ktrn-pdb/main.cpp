@@ -54,6 +54,7 @@ bool LoadPdb(const char *path, LoadedPdb *out) {
   out->load_ms = (double)(OsTimeMicroseconds() - start) / 1000.0;
   if (out->status != kPdbOk) {
     fprintf(stderr, "ktrn-pdb: %s: %s (status %d)\n", path, PdbErrorText(out->status), out->status);
+    UnloadPdb(out);
     return false;
   }
   return true;

@@ -46,10 +46,7 @@ int CommandInfo(int argc, char **argv) {
 
 int CommandProcs(int argc, char **argv) {
   LoadedPdb l;
-  if (!LoadPdb(argv[0], &l)) {
-    UnloadPdb(&l);
-    return kExitLoadFailed;
-  }
+  if (!LoadPdb(argv[0], &l)) return kExitLoadFailed;
   const PdbScopes &s = l.pdb.scopes;
   for (u32 i = 0; i < s.procedure_count; i++) PrintProcedure(s.addresses[i].procedure);
   UnloadPdb(&l);
@@ -58,10 +55,7 @@ int CommandProcs(int argc, char **argv) {
 
 int CommandGlobals(int argc, char **argv) {
   LoadedPdb l;
-  if (!LoadPdb(argv[0], &l)) {
-    UnloadPdb(&l);
-    return kExitLoadFailed;
-  }
+  if (!LoadPdb(argv[0], &l)) return kExitLoadFailed;
   const PdbGlobals &g = l.pdb.globals;
   for (u32 i = 0; i < g.hash_record_count; i++) {
     u16 kind;
@@ -74,10 +68,7 @@ int CommandGlobals(int argc, char **argv) {
 
 int CommandFind(int argc, char **argv) {
   LoadedPdb l;
-  if (!LoadPdb(argv[0], &l)) {
-    UnloadPdb(&l);
-    return kExitLoadFailed;
-  }
+  if (!LoadPdb(argv[0], &l)) return kExitLoadFailed;
   const char *name = argv[1];
   u32 found = 0;
   for (const PdbProcScope *p = PdbFindProcedure(&l.pdb.scopes, name, nullptr); p;

@@ -16,10 +16,7 @@ enum { kExitLoadFailed = 3, kExitNotFound = 1, kNameBytes = 4096 };
 int CommandTypeRecords(int argc, char **argv) {
   (void)argc;
   LoadedPdb l;
-  if (!LoadPdb(argv[0], &l)) {
-    UnloadPdb(&l);
-    return kExitLoadFailed;
-  }
+  if (!LoadPdb(argv[0], &l)) return kExitLoadFailed;
   const PdbTypes *types = &l.pdb.types;
   for (u32 i = 0; i < types->count; i++) {
     const u8 *record = PdbTypeRecord(types, types->first_index + i);
@@ -63,10 +60,7 @@ static void PrintTypeLine(const PdbTypes *types, u32 index, const char *prefix) 
 int CommandTypes(int argc, char **argv) {
   (void)argc;
   LoadedPdb l;
-  if (!LoadPdb(argv[0], &l)) {
-    UnloadPdb(&l);
-    return kExitLoadFailed;
-  }
+  if (!LoadPdb(argv[0], &l)) return kExitLoadFailed;
   const PdbTypes *types = &l.pdb.types;
   for (u32 i = 0; i < types->count; i++) PrintTypeLine(types, types->first_index + i, "");
   UnloadPdb(&l);
@@ -112,10 +106,7 @@ static void PrintEnumerators(const PdbTypes *types, const TypeRecord *e) {
 int CommandType(int argc, char **argv) {
   (void)argc;
   LoadedPdb l;
-  if (!LoadPdb(argv[0], &l)) {
-    UnloadPdb(&l);
-    return kExitLoadFailed;
-  }
+  if (!LoadPdb(argv[0], &l)) return kExitLoadFailed;
   const PdbTypes *types = &l.pdb.types;
   const char *what = argv[1];
   u32 index = 0;

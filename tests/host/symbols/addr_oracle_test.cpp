@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <map>
 
+#include "files_in.h"
 #include "oracle.h"
 
 namespace {
@@ -308,25 +309,14 @@ void ExpectAddressesAgree(const Image &image) {
          image.exe.c_str(), queries.size(), same_address, before_first_line);
 }
 
-std::string Target(const std::string &name) { return kTargetsDir + "/" + name; }
-
 }  // namespace
 
 // Every test program of every area, every instruction of every procedure.
 TEST(AddrOracle, TestProgramsAgreeWithLlvmSymbolizer) {
   ASSERT_FALSE(kTargetsDir.empty()) << "configure the host build with -DKTRN_TARGETS_DIR=<windows build>/tests/targets";
-  DIR *dir = opendir(kTargetsDir.c_str());
-  ASSERT_TRUE(dir) << kTargetsDir;
-  int checked = 0;
-  while (dirent *e = readdir(dir)) {
-    std::string file = e->d_name;
-    if (file.size() > 4 && file.compare(file.size() - 4, 4, ".exe") == 0) {
-      ExpectAddressesAgree({Target(file), Target(file.substr(0, file.size() - 4) + ".pdb")});
-      checked++;
-    }
-  }
-  closedir(dir);
-  EXPECT_GE(checked, 2);
+  std::vector<std::string> images = FilesIn(kTargetsDir, ".exe");
+  for (const std::string &image : images) ExpectAddressesAgree({image, image.substr(0, image.size() - 4) + ".pdb"});
+  EXPECT_GE(images.size(), 2u) << kTargetsDir;
 }
 
 // Our own optimised programs: kestrune.exe, the largest, each procedure's first instruction and

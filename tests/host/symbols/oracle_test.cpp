@@ -9,6 +9,7 @@
 #include <map>
 #include <set>
 
+#include "files_in.h"
 #include "oracle.h"
 #include "symbols/pdb_error.h"
 #include "symbols/pdb_file.h"
@@ -98,18 +99,9 @@ TEST(OracleTargets, TestProgramsAgreeWithLlvmPdbutil) {
   ASSERT_FALSE(kTargetsDir.empty());
   for (const char *name : {"sym_c", "sym_cpp"}) ASSERT_TRUE(Exists(TargetPdb(name))) << TargetPdb(name);
   // Every test program's PDB, those of other areas included.
-  DIR *dir = opendir(kTargetsDir.c_str());
-  ASSERT_TRUE(dir);
-  int checked = 0;
-  while (dirent *e = readdir(dir)) {
-    std::string file = e->d_name;
-    if (file.size() > 4 && file.compare(file.size() - 4, 4, ".pdb") == 0) {
-      ExpectAgreesWithOracle(kTargetsDir + "/" + file);
-      checked++;
-    }
-  }
-  closedir(dir);
-  EXPECT_GE(checked, 2);
+  std::vector<std::string> pdbs = FilesIn(kTargetsDir, ".pdb");
+  for (const std::string &pdb : pdbs) ExpectAgreesWithOracle(pdb);
+  EXPECT_GE(pdbs.size(), 2u);
 }
 
 // kestrune.exe's own PDB (the largest program we build) and ktrn-pdb.exe's, beside them in the

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <map>
 
+#include "files_in.h"
 #include "oracle.h"
 
 namespace {
@@ -16,19 +17,6 @@ namespace {
 const std::string kTargetsDir = KTRN_TARGETS_DIR;
 const std::string kTool = KTRN_PDB_TOOL;
 const std::string kCorpus = std::string(KTRN_SHARED_DIR) + "/pdb-corpus/llvm/";
-
-std::vector<std::string> ImagesIn(const std::string &dir) {
-  std::vector<std::string> images;
-  if (DIR *d = opendir(dir.c_str())) {
-    while (dirent *e = readdir(d)) {
-      std::string name = e->d_name;
-      if (name.size() > 4 && name.compare(name.size() - 4, 4, ".exe") == 0) images.push_back(dir + "/" + name);
-    }
-    closedir(d);
-  }
-  std::sort(images.begin(), images.end());
-  return images;
-}
 
 std::string Value(const std::string &line) {
   size_t colon = line.find(": ");
@@ -147,8 +135,8 @@ void ExpectGuidOfPdb(const std::string &image, const std::string &pdb) {
 }
 
 TEST(PeOracle, TestProgramsAndOurOwnProgramsAgreeWithReadobj) {
-  std::vector<std::string> images = ImagesIn(kTargetsDir);
-  std::vector<std::string> own = ImagesIn(kTargetsDir + "/../../bin");
+  std::vector<std::string> images = FilesIn(kTargetsDir, ".exe");
+  std::vector<std::string> own = FilesIn(kTargetsDir + "/../../bin", ".exe");
   ASSERT_FALSE(images.empty()) << "no test programs in " << kTargetsDir;
   ASSERT_FALSE(own.empty());
   images.insert(images.end(), own.begin(), own.end());
@@ -177,7 +165,7 @@ TEST(PeOracle, AddrReportsTheSymbolStatusAndRefusesA32BitImage) {
   EXPECT_EQ(x86.exit_status, 3);
   EXPECT_NE(x86.output.find("32-bit images are not supported (result 10)"), std::string::npos) << x86.output;
 
-  std::vector<std::string> targets = ImagesIn(kTargetsDir);
+  std::vector<std::string> targets = FilesIn(kTargetsDir, ".exe");
   ASSERT_FALSE(targets.empty());
   CommandResult loaded = RunCommand(Quote(kTool) + " addr " + Quote(targets[0]) + " 0");
   EXPECT_EQ(SplitLines(loaded.output).at(0), "Symbols loaded");

@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "files_in.h"
 #include "oracle.h"
 #include "symbols/pdb_file.h"
 #include "symbols/pdb_type_fields.h"
@@ -286,23 +287,10 @@ void CompareTypes(const std::string &pdb, Tally *tally) {
   SymbolArenaRelease(&arena);
 }
 
-std::vector<std::string> PdbsIn(const std::string &folder) {
-  std::vector<std::string> files;
-  DIR *dir = opendir(folder.c_str());
-  if (!dir) return files;
-  while (dirent *e = readdir(dir)) {
-    std::string name = e->d_name;
-    if (name.size() > 4 && name.compare(name.size() - 4, 4, ".pdb") == 0) files.push_back(folder + "/" + name);
-  }
-  closedir(dir);
-  std::sort(files.begin(), files.end());
-  return files;
-}
-
 TEST(TypeLayout, TestProgramsAgreeWithLlvmPdbutil) {
   ASSERT_FALSE(kTargets.empty());
   Tally tally;
-  for (const std::string &pdb : PdbsIn(kTargets)) CompareTypes(pdb, &tally);
+  for (const std::string &pdb : FilesIn(kTargets, ".pdb")) CompareTypes(pdb, &tally);
   EXPECT_TRUE(tally.names.count("types_c.pdb") && tally.names.count("types_cpp.pdb") &&
               tally.names.count("types_msvc.pdb"))
       << "in " << kTargets;
@@ -313,7 +301,7 @@ TEST(TypeLayout, TestProgramsAgreeWithLlvmPdbutil) {
 TEST(TypeLayout, CorpusAgreesWithLlvmPdbutil) {
   Tally tally;
   for (const std::string &folder : {kCorpusDir, kCorpusDir + "/llvm"})
-    for (const std::string &pdb : PdbsIn(folder)) CompareTypes(pdb, &tally);
+    for (const std::string &pdb : FilesIn(folder, ".pdb")) CompareTypes(pdb, &tally);
   for (const char *name : {"llvm_test_DebugInfo_PDB_every-type.pdb", "llvm_test_DebugInfo_PDB_every-class.pdb",
                            "llvm_test_DebugInfo_PDB_every-pointer.pdb", "llvm_test_DebugInfo_PDB_every-array.pdb",
                            "llvm_test_DebugInfo_PDB_every-enum.pdb", "llvm_test_tools_llvm-pdbutil_ClassLayoutTest.pdb",
@@ -479,9 +467,9 @@ namespace {
 // left out: we hash them as what they modify, to find a definition, where writers use CRC-32.
 TEST(TypeLayout, RecordHashPutsEveryRecordInItsWritersBucket) {
   int checked = 0;
-  std::vector<std::string> pdbs = PdbsIn(kTargets);
+  std::vector<std::string> pdbs = FilesIn(kTargets, ".pdb");
   for (const std::string &folder : {kCorpusDir, kCorpusDir + "/llvm"})
-    for (const std::string &pdb : PdbsIn(folder)) pdbs.push_back(pdb);
+    for (const std::string &pdb : FilesIn(folder, ".pdb")) pdbs.push_back(pdb);
   for (const std::string &pdb : pdbs) {
     SymbolArena arena = {};
     PdbFile file;

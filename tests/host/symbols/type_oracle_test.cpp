@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "files_in.h"
 #include "oracle.h"
 #include "symbols/pdb_file.h"
 #include "symbols/pdb_raw.h"
@@ -19,19 +20,6 @@ namespace {
 const std::string kCorpusDir = std::string(KTRN_SHARED_DIR) + "/pdb-corpus";
 const std::string kTargets = KTRN_TARGETS_DIR;
 const std::string kPdbTool = KTRN_PDB_TOOL;
-
-std::vector<std::string> PdbsIn(const std::string &folder) {
-  std::vector<std::string> files;
-  DIR *dir = opendir(folder.c_str());
-  if (!dir) return files;
-  while (dirent *e = readdir(dir)) {
-    std::string name = e->d_name;
-    if (name.size() > 4 && name.compare(name.size() - 4, 4, ".pdb") == 0) files.push_back(folder + "/" + name);
-  }
-  closedir(dir);
-  std::sort(files.begin(), files.end());
-  return files;
-}
 
 // Leaf kinds by the names llvm-pdbutil prints; a leaf not listed here is compared by size only.
 const std::map<std::string, unsigned> kLeafKinds = {
@@ -89,14 +77,14 @@ void CompareWithOracle(const std::string &pdb, int *compared) {
 TEST(TypeRecords, CorpusAgreesWithLlvmPdbutil) {
   int compared = 0;
   for (const std::string &folder : {kCorpusDir, kCorpusDir + "/llvm"})
-    for (const std::string &pdb : PdbsIn(folder)) CompareWithOracle(pdb, &compared);
+    for (const std::string &pdb : FilesIn(folder, ".pdb")) CompareWithOracle(pdb, &compared);
   EXPECT_GE(compared, 40) << "corpus at " << kCorpusDir;
 }
 
 TEST(TypeRecords, TestProgramsAgreeWithLlvmPdbutil) {
   ASSERT_FALSE(kTargets.empty()) << "configure the host build with -DKTRN_TARGETS_DIR=<windows build>/tests/targets";
   int compared = 0;
-  for (const std::string &pdb : PdbsIn(kTargets)) CompareWithOracle(pdb, &compared);
+  for (const std::string &pdb : FilesIn(kTargets, ".pdb")) CompareWithOracle(pdb, &compared);
   EXPECT_GE(compared, 1) << "no test program PDB in " << kTargets;
 }
 
@@ -105,7 +93,7 @@ TEST(TypeRecords, TestProgramsAgreeWithLlvmPdbutil) {
 TEST(TypeRecords, NamedEnumsSitInTheBucketOfTheirName) {
   int checked = 0;
   for (const std::string &folder : {kCorpusDir, kCorpusDir + "/llvm"}) {
-    for (const std::string &pdb : PdbsIn(folder)) {
+    for (const std::string &pdb : FilesIn(folder, ".pdb")) {
       SymbolArena arena = {};
       PdbFile file;
       PdbSummary summary;
