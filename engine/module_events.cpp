@@ -43,6 +43,17 @@ static void ImagePathOfHandle(HANDLE file, char *out, u32 capacity) {
 
 // [SECTION] Load and unload
 
+static void PostModuleEvent(Target *target, u32 kind, TargetModule *module, u64 base) {
+  EngineEvent event;
+  memset(&event, 0, sizeof event);
+  event.kind = kind;
+  event.module.module = module;
+  event.module.base = base;
+  event.module.size = TargetModuleEnd(module) - base;
+  event.module.status = module->symbols.status;
+  EnginePostEvent(target, &event);
+}
+
 int EngineLoadModule(Target *target, HANDLE file, u64 base, TargetModule **out_module) {
   if (out_module) *out_module = nullptr;
   TargetModule *module = TargetModuleTake(target);
@@ -60,14 +71,7 @@ int EngineLoadModule(Target *target, HANDLE file, u64 base, TargetModule **out_m
     return result;
   }
   TargetModuleLink(target, module);
-  EngineEvent event;
-  memset(&event, 0, sizeof event);
-  event.kind = kEventModuleLoaded;
-  event.module.module = module;
-  event.module.base = base;
-  event.module.size = TargetModuleEnd(module) - base;
-  event.module.status = module->symbols.status;
-  EnginePostEvent(target, &event);
+  PostModuleEvent(target, kEventModuleLoaded, module, base);
   if (out_module) *out_module = module;
   return 0;
 }
@@ -84,12 +88,5 @@ void EngineUnloadModule(Target *target, u64 base) {
     }
   if (target->main_module == module) target->main_module = nullptr;
   TargetModuleUnlink(target, module);
-  EngineEvent event;
-  memset(&event, 0, sizeof event);
-  event.kind = kEventModuleUnloaded;
-  event.module.module = module;
-  event.module.base = base;
-  event.module.size = TargetModuleEnd(module) - base;
-  event.module.status = module->symbols.status;
-  EnginePostEvent(target, &event);
+  PostModuleEvent(target, kEventModuleUnloaded, module, base);
 }
