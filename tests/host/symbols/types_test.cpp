@@ -1,5 +1,6 @@
 // The type stream loader on crafted streams: record offsets, the bucket index built from the hash
-// values, hash adjusters, and the version-1 string hash.
+// values, hash adjusters, the version-1 string hash, and a large stream loaded by PdbOpen beside the
+// modules.
 #include <gtest/gtest.h>
 #include <string.h>
 
@@ -8,6 +9,7 @@
 #include "pdb_builder.h"
 #include "symbols/msf.h"
 #include "symbols/pdb_error.h"
+#include "symbols/pdb_file.h"
 #include "symbols/pdb_types.h"
 
 namespace {
@@ -145,3 +147,95 @@ TEST(NameHashV1, TailBytesAndCaseFolding) {
 }
 
 }  // namespace
+
+// A type stream large enough to load on a worker thread beside the modules: the result must be the
+// one the loader gives on its own, and a bad type stream must still fail the whole open.
+namespace {
+
+struct LargeTypes {
+  Bytes stream, hash;
+  uint32_t count = 0;
+};
+
+// A whole PDB opened as the debugger opens it (the GUID check off).
+struct Opened {
+  SymbolArena arena = {};
+  PdbFile pdb = {};
+  PdbSummary summary = {};
+  std::string path;
+  int status = -1;
+  explicit Opened(const Bytes &file) {
+    path = WriteTempFile(file, "large-types.pdb");
+    CodeViewIdentity none = {};
+    status = PdbOpen(&arena, &none, path.c_str(), true, &pdb, &summary);
+  }
+  ~Opened() {
+    MsfClose(&pdb.msf);
+    SymbolArenaRelease(&arena);
+  }
+};
+
+LargeTypes LargeTypeStream(uint32_t record_bytes_total, uint32_t buckets) {
+  LargeTypes t;
+  Bytes records;
+  while (records.size() < record_bytes_total) {
+    uint16_t payload = (uint16_t)(40 + t.count % 64);
+    Put16(records, payload + 2), Put16(records, 0x1505);
+    for (uint16_t i = 0; i < payload; i++) records.push_back((uint8_t)(t.count + i));
+    Put32(t.hash, (t.count * 2654435761u) % buckets);
+    t.count++;
+  }
+  t.stream.assign(56, 0);
+  Set32(t.stream, 0, 20040203), Set32(t.stream, 4, 56), Set32(t.stream, 8, 0x1000);
+  Set32(t.stream, 12, 0x1000 + t.count), Set32(t.stream, 16, (uint32_t)records.size());
+  Set32(t.stream, 20, 5 | 0xFFFF0000u), Set32(t.stream, 24, 4), Set32(t.stream, 28, buckets);
+  Set32(t.stream, 36, t.count * 4);
+  t.stream.insert(t.stream.end(), records.begin(), records.end());
+  return t;
+}
+
+}  // namespace
+
+TEST(PdbOpen, LargeTypeStreamLoadsBesideTheModules) {
+  LargeTypes large = LargeTypeStream(9u << 20, 4093);
+  PdbSpec spec;
+  spec.type_stream_override = large.stream;
+  spec.type_hash_stream = large.hash;
+  ModuleSpec m;
+  m.records = {ProcRecord(0x1110, 0, 0x40, 0x200, 1, "main"), SimpleRecord(0x0006)};
+  FixProcedureEnds(m);
+  spec.modules = {m};
+
+  Opened whole(BuildPdb(spec));
+  ASSERT_EQ(whole.status, kPdbOk);
+  EXPECT_EQ(whole.summary.procedure_count, 1u);
+  ASSERT_EQ(whole.summary.type_count, large.count);
+
+  // The same stream through the loader alone, on this thread.
+  SymbolArena arena = {};
+  MsfFile msf;
+  ASSERT_EQ(MsfOpen(&arena, whole.path.c_str(), &msf), kPdbOk);
+  PdbTypes alone;
+  ASSERT_EQ(PdbLoadTypes(&arena, &msf, &whole.pdb.strings, &alone), kPdbOk);
+  MsfClose(&msf);
+  const PdbTypes &t = whole.pdb.types;
+  ASSERT_EQ(t.count, alone.count);
+  ASSERT_EQ(t.bucket_count, alone.bucket_count);
+  EXPECT_EQ(memcmp(t.offsets, alone.offsets, t.count * 4u), 0);
+  EXPECT_EQ(memcmp(t.buckets, alone.buckets, t.bucket_count * 8u), 0);
+  EXPECT_EQ(memcmp(t.bucket_list, alone.bucket_list, t.count * 4u), 0);
+  const u8 *last = PdbTypeRecord(&t, 0x1000 + large.count - 1);
+  ASSERT_NE(last, nullptr);
+  EXPECT_EQ(last - t.records, alone.offsets[large.count - 1]);
+  SymbolArenaRelease(&arena);
+  EXPECT_EQ(ScratchState()->depth, 0u);
+
+  // A type stream shorter than its header fails the whole open; a large one cut short of the
+  // records it claims still loads.
+  spec.type_stream_override.resize(40);
+  EXPECT_EQ(Opened(BuildPdb(spec)).status, kPdbBadFormat);
+  Bytes cut = large.stream;
+  cut.resize(cut.size() - 1000);
+  spec.type_stream_override = cut;
+  EXPECT_EQ(Opened(BuildPdb(spec)).status, kPdbOk);
+}
