@@ -58,17 +58,17 @@ void PdbApplyHashAdjusters(const u8 *data, u32 size, const PdbStringTable *strin
   }
 }
 
-static int LoadHashIndex(SymbolArena *arena, const MsfFile *msf, const u8 *header, const PdbStringTable *strings,
-                         PdbTypes *out) {
+static void LoadHashIndex(SymbolArena *arena, const MsfFile *msf, const u8 *header, const PdbStringTable *strings,
+                          PdbTypes *out) {
   u32 hash_stream = ReadU16(header + 20);
   u32 bucket_count = ReadU32(header + 28);
   u32 values_offset = ReadU32(header + 32), values_bytes = ReadU32(header + 36);
   u32 adjust_offset = ReadU32(header + 48), adjust_bytes = ReadU32(header + 52);
-  if (hash_stream == kPdbNoHashStream || values_bytes / 4 != out->count || bucket_count == 0) return kPdbOk;
+  if (hash_stream == kPdbNoHashStream || values_bytes / 4 != out->count || bucket_count == 0) return;
   const MsfStream *stream = MsfStreamAt(msf, hash_stream);
   u32 stream_size = MsfStreamSize(msf, hash_stream);
-  if (!stream || values_offset > stream_size || values_bytes > stream_size - values_offset) return kPdbOk;
-  if (bucket_count > kPdbMaxTypeBuckets) return kPdbOk;
+  if (!stream || values_offset > stream_size || values_bytes > stream_size - values_offset) return;
+  if (bucket_count > kPdbMaxTypeBuckets) return;
 
   // The hash values are needed only while the buckets are built: scratch memory, which the next
   // PDB's load reuses without asking the system again.
@@ -77,17 +77,15 @@ static int LoadHashIndex(SymbolArena *arena, const MsfFile *msf, const u8 *heade
   int error = values ? MsfReadStream(msf, stream, values, (u64)out->count * 4, values_offset) : kPdbOk;
   bool built = values && !error && PdbBuildTypeBuckets(arena, values, bucket_count, out);
   ScratchEnd();
-  if (error) return error;
-  if (!built) return kPdbOk;
+  // A hash stream that cannot be read is an unusable index, not a broken PDB: the types stay
+  // reachable by index, and without its adjusters the buckets keep the writer's order.
+  if (error || !built) return;
 
   if (adjust_bytes >= 9 && adjust_offset <= stream_size && adjust_bytes <= stream_size - adjust_offset) {
     u8 *adjusters = (u8 *)PdbAllocate(arena, adjust_bytes);
-    if (!adjusters) return kPdbOk;
-    error = MsfReadStream(msf, stream, adjusters, adjust_bytes, adjust_offset);
-    if (error) return error;
-    PdbApplyHashAdjusters(adjusters, adjust_bytes, strings, out);
+    if (adjusters && MsfReadStream(msf, stream, adjusters, adjust_bytes, adjust_offset) == kPdbOk)
+      PdbApplyHashAdjusters(adjusters, adjust_bytes, strings, out);
   }
-  return kPdbOk;
 }
 
 bool PdbBuildTypeBuckets(SymbolArena *arena, const u32 *values, u32 bucket_count, PdbTypes *out) {
@@ -179,7 +177,8 @@ int PdbLoadTypes(SymbolArena *arena, const MsfFile *msf, const PdbStringTable *s
   }
   memset(records + record_bytes, 0, 8);
   EndIndex(&indexer, out);
-  return LoadHashIndex(arena, msf, header, strings, out);
+  LoadHashIndex(arena, msf, header, strings, out);
+  return kPdbOk;
 }
 
 int PdbIndexTypeRecords(SymbolArena *arena, const u8 *records, u32 record_bytes, u32 first_index, u32 end_index,

@@ -88,6 +88,21 @@ Bytes BuildMsf(const MsfSpec &spec) {
   return file;
 }
 
+void PointStreamPastTheEnd(Bytes &file, uint32_t stream) {
+  auto at = [&](size_t offset) { return (uint32_t)(file[offset] | file[offset + 1] << 8 | file[offset + 2] << 16 | file[offset + 3] << 24); };
+  uint32_t ps = at(0x20), directory_bytes = at(0x2C), map_page = at(0x34);
+  // Byte k of the directory lives in directory page k / ps, whose number the map page lists.
+  auto directory_offset = [&](uint32_t k) { return (size_t)at((size_t)map_page * ps + 4 * (k / ps)) * ps + k % ps; };
+  uint32_t streams = at(directory_offset(0));
+  uint32_t entry = 4 + 4 * streams;  // the page lists follow the sizes
+  for (uint32_t i = 0; i < stream && i < streams; i++) {
+    uint32_t size = at(directory_offset(4 + 4 * i));
+    if (size != 0xFFFFFFFFu) entry += 4 * ((size + ps - 1) / ps);
+  }
+  if (entry + 4 > directory_bytes) return;
+  Set32(file, directory_offset(entry), (uint32_t)(file.size() / ps) + 1000);
+}
+
 // [SECTION] Records
 static Bytes Finish(Bytes body) {  // body starts with the kind; prepends the length, pads to 4
   Bytes r;

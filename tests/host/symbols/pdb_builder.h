@@ -25,6 +25,9 @@ struct MsfSpec {
   int64_t directory_bytes_override = -1;           // the superblock's directory size
 };
 Bytes BuildMsf(const MsfSpec &spec);
+// Rewrites the directory of a built container so that the stream's first page lies past the end
+// of the file: the directory still loads, and reading the stream fails.
+void PointStreamPastTheEnd(Bytes &file, uint32_t stream);
 
 // [SECTION] Symbol records (length and padding filled in)
 Bytes DataRecord(uint16_t kind, uint32_t type, uint32_t offset, uint16_t section, const std::string &name);

@@ -77,11 +77,6 @@ Bytes Enumerate(const Bytes &value, const std::string &name) {
   PadF(b);
   return b;
 }
-Bytes Numeric16(uint16_t v) {
-  Bytes b;
-  Put16(b, v);
-  return b;
-}
 Bytes Structure(uint16_t leaf, uint16_t count, uint16_t properties, uint32_t fields, uint16_t size,
                 const std::string &name, const std::string &unique = "") {
   Bytes b = Leaf(leaf);

@@ -116,6 +116,12 @@ TEST(TypeStream, AdjusterMovesItsTypeToTheEndOfItsBucket) {
   ASSERT_EQ(l.result, kPdbOk);
   EXPECT_EQ(Bucket(l.types, bucket), (std::vector<uint32_t>{0x1000, 0x1002, 0x1001}));
   SymbolArenaRelease(&l.arena);
+  // The adjusted type changes places with the last one: the ones between keep theirs.
+  Loaded first;
+  Load({{4, 4, 4}, {bucket, bucket, bucket}, 4, 3, {{1, 0x1000}}}, names, &first);
+  ASSERT_EQ(first.result, kPdbOk);
+  EXPECT_EQ(Bucket(first.types, bucket), (std::vector<uint32_t>{0x1002, 0x1001, 0x1000}));
+  SymbolArenaRelease(&first.arena);
 }
 
 TEST(TypeStream, ShortStreamIsBadFormat) {
@@ -149,7 +155,8 @@ TEST(NameHashV1, TailBytesAndCaseFolding) {
 }  // namespace
 
 // A type stream large enough to load on a worker thread beside the modules: the result must be the
-// one the loader gives on its own, and a bad type stream must still fail the whole open.
+// one the loader gives on its own, unreadable records must still fail the whole open, and an
+// unreadable hash stream only leaves the name index empty.
 namespace {
 
 struct LargeTypes {
@@ -232,6 +239,21 @@ TEST(PdbOpen, LargeTypeStreamLoadsBesideTheModules) {
 
   // A type stream shorter than its header fails the whole open; a large one cut short of the
   // records it claims still loads.
+  // The records cannot be read: the worker's failure fails the open. The hash stream cannot be
+  // read: the types load without a name index.
+  Bytes unreadable_records = BuildPdb(spec);
+  PointStreamPastTheEnd(unreadable_records, 2);
+  EXPECT_EQ(Opened(unreadable_records).status, kPdbUnreadable);
+  Bytes unreadable_hash = BuildPdb(spec);
+  PointStreamPastTheEnd(unreadable_hash, 5);
+  {
+    Opened no_index(unreadable_hash);
+    ASSERT_EQ(no_index.status, kPdbOk);
+    EXPECT_EQ(no_index.pdb.types.count, large.count);
+    EXPECT_EQ(no_index.pdb.types.bucket_count, 0u);
+    EXPECT_NE(PdbTypeRecord(&no_index.pdb.types, 0x1000 + large.count - 1), nullptr);
+  }
+
   spec.type_stream_override.resize(40);
   EXPECT_EQ(Opened(BuildPdb(spec)).status, kPdbBadFormat);
   Bytes cut = large.stream;
