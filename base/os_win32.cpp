@@ -105,11 +105,12 @@ int OsFileSize(OsFile file, u64 *size) {
   return kOsOk;
 }
 
+// By its attributes, not by opening it: a file that another program holds open for writing, or
+// that this user may not read, still exists.
 bool OsFileExists(const char *path) {
-  OsFile f;
-  if (OsFileOpenRead(path, &f) != kOsOk) return false;
-  OsFileClose(&f);
-  return true;
+  wchar_t wide[32768 / 4];
+  if (!WidenPath(path, wide, (int)KTRN_ARRAY_COUNT(wide))) return false;
+  return GetFileAttributesW(wide) != INVALID_FILE_ATTRIBUTES;
 }
 
 u64 OsFileReadCallCount(void) { return g_read_calls; }

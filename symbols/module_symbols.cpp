@@ -89,7 +89,11 @@ int LoadModuleSymbols(ModuleSymbols *module, const ImageSource *source, const ch
     if (PathBesideImage(module->image_path, beside) && PdbMatchesImage(beside, &image->identity))
       memcpy(module->pdb_path, beside, strlen(beside) + 1);
   }
-  if (override_pdb_path && CopyPath(module->pdb_path, override_pdb_path)) ignore_signature = true;
+  // A picked path too long to keep is not used: the searched one stands.
+  if (override_pdb_path && strlen(override_pdb_path) < kModulePathCapacity) {
+    CopyPath(module->pdb_path, override_pdb_path);
+    ignore_signature = true;
+  }
 
   module->pdb_result =
       PdbOpen(&module->arena, &image->identity, module->pdb_path, ignore_signature, &module->pdb, &module->summary);

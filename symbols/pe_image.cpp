@@ -57,8 +57,8 @@ static int ReadMapped(const ImageSource *source, const PeImage *image, u64 load_
   return ReadFileAtRva(source, image, rva, buffer, size);
 }
 
-// The first CodeView entry of the debug directory. The record's size is checked before anything
-// else of it is read: 804 bytes or more refuses the image.
+// The first CodeView entry of the "RSDS" form gives the identity and path. Every CodeView entry's
+// size is checked, before anything else of it is read: 804 bytes or more refuses the image.
 static int ReadCodeView(const ImageSource *source, u64 load_base, u32 directory_rva, u32 directory_size,
                         PeImage *out) {
   u32 count = directory_size / kPeDebugEntryBytes;
@@ -71,18 +71,18 @@ static int ReadCodeView(const ImageSource *source, u64 load_base, u32 directory_
     if (ReadU32(entry + kDebugEntryType) != kDebugTypeCodeView) continue;
     u32 data_size = ReadU32(entry + kDebugEntryDataSize);
     if (data_size >= kPeCodeViewLimit) return kPeNotImage;
-    // Shorter than its identity, or not the "RSDS" form: no usable record.
-    if (data_size < kCodeViewIdentityBytes) continue;
+    // Shorter than its identity, or not the "RSDS" form, or after the record taken: not used.
+    if (out->has_codeview || data_size < kCodeViewIdentityBytes) continue;
     u64 at = ReadU32(entry + kDebugEntryFileOffset);
-    if (ReadFile(source, at, out->identity.bytes, kCodeViewIdentityBytes)) return kPeUnreadable;
-    if (memcmp(out->identity.bytes, "RSDS", 4) != 0) continue;
+    CodeViewIdentity identity;
+    if (ReadFile(source, at, identity.bytes, kCodeViewIdentityBytes)) return kPeUnreadable;
+    if (memcmp(identity.bytes, "RSDS", 4) != 0) continue;
     u32 path_bytes = data_size - kCodeViewIdentityBytes;  // < 780 by the limit above
     if (path_bytes && ReadFile(source, at + kCodeViewIdentityBytes, out->pdb_path, path_bytes)) return kPeUnreadable;
     out->pdb_path[path_bytes] = 0;
+    out->identity = identity;
     out->has_codeview = true;
-    return kPeOk;
   }
-  memset(&out->identity, 0, sizeof(out->identity));
   return kPeOk;
 }
 
@@ -106,7 +106,7 @@ int PeReadImage(const ImageSource *source, u64 load_base, PeImage *out) {
   if (ReadFile(source, optional_at, optional, optional_read)) return kPeUnreadable;
   u16 magic = ReadU16(optional + kOptionalMagic);
   if (magic == kMagicPe32) return kPe32Bit;
-  if (magic != kMagicPe32Plus || optional_read < kOptionalDirectories) return kPeNotImage;
+  if (magic != kMagicPe32Plus) return kPeNotImage;
 
   out->machine = ReadU16(file_header + kFileHeaderMachine);
   out->characteristics = ReadU16(file_header + kFileHeaderCharacteristics);
@@ -114,8 +114,10 @@ int PeReadImage(const ImageSource *source, u64 load_base, PeImage *out) {
   memcpy(&out->preferred_base, optional + kOptionalImageBase, 8);
   out->size_of_image = ReadU32(optional + kOptionalSizeOfImage);
   // Directories beyond the bytes the optional header really has do not exist.
+  // A header too short for some fields reads them as zero (the buffer is cleared): an image whose
+  // header ends before its data directories simply has none.
   u32 directory_count = ReadU32(optional + kOptionalDirectoryCount);
-  u32 present = (optional_read - kOptionalDirectories) / 8;
+  u32 present = optional_read > kOptionalDirectories ? (optional_read - kOptionalDirectories) / 8 : 0;
   if (directory_count > present) directory_count = present;
 
   // Sections first: on the host the debug directory is found through them.

@@ -66,6 +66,13 @@ TEST(PeImage, CodeViewRecordOf804BytesOrMoreIsRefused) {
   PeSpec huge;
   huge.codeview_size_override = 0xFFFFFFFF;
   EXPECT_EQ(ReadImage(BuildPe(huge).bytes, &image), kPeNotImage);
+  // Every CodeView entry is held to the limit, not only the one whose record is taken.
+  PeSpec second;
+  second.second_codeview_size = 804;
+  EXPECT_EQ(ReadImage(BuildPe(second).bytes, &image), kPeNotImage);
+  second.second_codeview_size = 100;
+  ASSERT_EQ(ReadImage(BuildPe(second).bytes, &image), kPeOk);
+  EXPECT_STREQ(image.pdb_path, "c:\\build\\app.pdb");
   // A record too short to hold its identity is no CodeView record, and no failure.
   PeSpec short_record;
   short_record.codeview_size_override = 20;
@@ -96,6 +103,13 @@ TEST(PeImage, DataDirectoriesThatAreNotThereAreNotRead) {
   three.directory_count = 3;  // no exception directory either
   ASSERT_EQ(ReadImage(BuildPe(three).bytes, &image), kPeOk);
   EXPECT_EQ(image.exception_rva, 0u);
+  PeSpec short_header;
+  short_header.optional_bytes = 96;  // ends before the data directories: an image without them
+  ASSERT_EQ(ReadImage(BuildPe(short_header).bytes, &image), kPeOk);
+  EXPECT_EQ(image.section_count, 3u);
+  EXPECT_EQ(image.sections[1].virtual_address, 0x2000u);
+  EXPECT_EQ(image.exception_rva, 0u);
+  EXPECT_FALSE(image.has_codeview);
   PeSpec lying;
   lying.directory_count = 0xFFFFFFFF;  // more than the optional header holds
   ASSERT_EQ(ReadImage(BuildPe(lying).bytes, &image), kPeOk);
@@ -247,9 +261,16 @@ TEST(ModuleLoad, PdbOfAnotherBuildIsOutOfSyncUnlessTheUserPickedIt) {
     EXPECT_STREQ(SymbolStatusSuffix(m.module.status), "(no symbols loaded -- PDB out of sync)");
   }
   std::string picked = dir.Write("picked.pdb", PdbWithGuid(7));
-  LoadedModule m(image, picked.c_str());
-  EXPECT_EQ(m.module.status, kSymbolsLoaded);
-  EXPECT_EQ(m.module.pdb_path, picked);
+  {
+    LoadedModule m(image, picked.c_str());
+    EXPECT_EQ(m.module.status, kSymbolsLoaded);
+    EXPECT_EQ(m.module.pdb_path, picked);
+  }
+  // A picked path too long to keep is not used; the searched one stands, GUID check and all.
+  std::string too_long = dir.path + "/" + std::string(1100, 'p') + ".pdb";
+  LoadedModule m(image, too_long.c_str());
+  EXPECT_EQ(m.module.status, kSymbolsOutOfSync);
+  EXPECT_EQ(m.module.pdb_path, spec.pdb_path);
 }
 
 TEST(ModuleLoad, ImagesWithoutARecordOrWithABrokenPdb) {
@@ -297,6 +318,8 @@ struct ScopeFixture : ::testing::Test {
                        SimpleRecord(0x0006),
                        SimpleRecord(0x0006),
                        ProcRecord(0x1110, 0, 0x20, 0x80, 1, "second"),
+                       SimpleRecord(0x0006),
+                       ProcRecord(0x1110, 0, 0x10, 0xC0, 1, std::string(600, 'n')),
                        SimpleRecord(0x0006)};
     FixProcedureEnds(symbols);
     Bytes c13 = C13Checksums({1});
@@ -365,6 +388,10 @@ TEST_F(ScopeFixture, NameBufferIsFilledOnlyWhenEmpty) {
   context.procedure_name[0] = 0;
   At(0x90, -5, &context);
   EXPECT_STREQ(context.procedure_name, "second");
+  // A name longer than the buffer is cut to fit, terminator included.
+  context.procedure_name[0] = 0;
+  At(0xC4, kScopeReturnAddress, &context);
+  EXPECT_EQ(std::string(context.procedure_name), std::string(kScopeNameCapacity - 1, 'n'));
 }
 
 TEST_F(ScopeFixture, GapsSectionEndsAndForeignAddresses) {

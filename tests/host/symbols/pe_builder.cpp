@@ -3,13 +3,14 @@
 #include <string.h>
 
 namespace {
-const uint32_t kLfanew = 0x40, kOptionalBytes = 112 + 16 * 8, kRawBytes = 0x400;
+const uint32_t kLfanew = 0x40, kRawBytes = 0x400;
 }
 
 BuiltPe BuildPe(const PeSpec &spec) {
   BuiltPe out;
   Bytes &b = out.bytes;
-  uint32_t headers_end = kLfanew + 4 + 20 + kOptionalBytes + spec.section_count * 40;
+  const uint32_t kOptionalBytes = spec.optional_bytes;
+  uint32_t headers_end = kLfanew + 4 + 20 + (kOptionalBytes > 240 ? kOptionalBytes : 240) + spec.section_count * 40;
   uint32_t headers_bytes = (headers_end + kRawBytes - 1) / kRawBytes * kRawBytes;
   b.assign(headers_bytes + spec.section_count * kRawBytes, 0);
   b[0] = 'M', b[1] = 'Z';
@@ -41,12 +42,13 @@ BuiltPe BuildPe(const PeSpec &spec) {
   // Exception directory at the start of the first section; the debug directory and the CodeView
   // record in the second (or the first when there is one section).
   uint32_t dirs = oh + 112;
+  if (kOptionalBytes < 112 + 7 * 8) return out;  // no room for the directories used here
   Set32(b, dirs + 3 * 8, 0x1000), Set32(b, dirs + 3 * 8 + 4, spec.exception_bytes);
   if (spec.section_count == 0) return out;
   uint32_t debug_section = spec.section_count > 1 ? 1 : 0;
   uint32_t debug_rva = 0x1000 * (debug_section + 1) + 0x10;
   uint32_t debug_file = headers_bytes + debug_section * kRawBytes + 0x10;
-  uint32_t entries = spec.other_debug_entries + (spec.codeview ? 1 : 0);
+  uint32_t entries = spec.other_debug_entries + (spec.codeview ? 1 : 0) + (spec.second_codeview_size >= 0 ? 1 : 0);
   Set32(b, dirs + 6 * 8, entries ? debug_rva : 0), Set32(b, dirs + 6 * 8 + 4, entries * 28);
   out.debug_directory_rva = debug_rva;
 
@@ -67,6 +69,11 @@ BuiltPe BuildPe(const PeSpec &spec) {
     uint32_t size = spec.codeview_size_override >= 0 ? (uint32_t)spec.codeview_size_override : (uint32_t)record.size();
     Put32(directory, 0), Put32(directory, 0), Put32(directory, 0);
     Put32(directory, 2), Put32(directory, size), Put32(directory, record_rva), Put32(directory, record_file);
+    if (spec.second_codeview_size >= 0) {
+      Put32(directory, 0), Put32(directory, 0), Put32(directory, 0);
+      Put32(directory, 2), Put32(directory, (uint32_t)spec.second_codeview_size);
+      Put32(directory, record_rva), Put32(directory, record_file);
+    }
     if (record_file + record.size() > b.size()) b.resize(record_file + record.size(), 0);
     memcpy(&b[record_file], record.data(), record.size());
   }

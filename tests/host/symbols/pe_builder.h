@@ -19,6 +19,8 @@ struct PeSpec {
   uint32_t age = 1;
   std::string pdb_path = "c:\\build\\app.pdb";
   int64_t codeview_size_override = -1;  // the debug entry's data size
+  int64_t second_codeview_size = -1;    // another CodeView entry after the first, of this size
+  uint32_t optional_bytes = 240;        // the optional header's size; directories that do not fit are left out
 };
 
 struct BuiltPe {

@@ -506,3 +506,26 @@ TEST(TypeRecords, MembersByNameAsCppLooksThemUp) {
 }
 
 }  // namespace
+
+// A modifier hashes as the record it modifies, through chains of modifiers; one that modifies a
+// built-in type (no record) is hashed as itself.
+TEST(TypeRecords, ModifierHashesAsWhatItModifies) {
+  Stream s;
+  uint32_t foo = s.Add(Structure(0x1505, 0, 0, 0, 4, "Foo"));
+  Bytes constant = Leaf(0x1001);
+  Put32(constant, foo), Put16(constant, 1), Put16(constant, 0);
+  uint32_t const_foo = s.Add(constant);
+  Bytes volatile_const = Leaf(0x1001);
+  Put32(volatile_const, const_foo), Put16(volatile_const, 2), Put16(volatile_const, 0);
+  uint32_t volatile_const_foo = s.Add(volatile_const);
+  Bytes const_int = Leaf(0x1001);
+  Put32(const_int, 0x74), Put16(const_int, 1), Put16(const_int, 0);
+  uint32_t const_int_index = s.Add(const_int);
+  const PdbTypes *t = s.Build();
+  EXPECT_EQ(PdbTypeRecordHash(t, foo), PdbNameHashV1("Foo", 3));
+  EXPECT_EQ(PdbTypeRecordHash(t, const_foo), PdbNameHashV1("Foo", 3));
+  EXPECT_EQ(PdbTypeRecordHash(t, volatile_const_foo), PdbNameHashV1("Foo", 3));
+  const u8 *record = PdbTypeRecord(t, const_int_index);
+  ASSERT_NE(record, nullptr);
+  EXPECT_EQ(PdbTypeRecordHash(t, const_int_index), PdbTypeRecordHashBytes(record, ReadU16(record) + 2u));
+}
