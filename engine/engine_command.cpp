@@ -167,10 +167,12 @@ int EngineStopDebugging(Target *target) {
 int EngineTerminate(Target *target, u32 exit_code) {
   if (!target) return 1;
   if (!HasProcess(target)) return 3;
-  bool stopped = EngineStoppedState(target) == 0;
   target->ending = 1;
   if (!TerminateProcess(target->process, exit_code)) return 37;
-  if (stopped) Signal(target, kWaitRun);
+  // Run is signalled whether the engine is stopped or not: a break already on its way (the user's,
+  // or an attach's break-in) still arrives after the terminate and stops silently, and this run lets
+  // it go on to the exit instead of waiting for a command that never comes.
+  Signal(target, kWaitRun);
   return 0;
 }
 

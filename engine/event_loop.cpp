@@ -248,13 +248,7 @@ static void StopSequence(Target *target) {
 
 // Prepares the current thread before the target runs on: an int3 of the program's own under the
 // instruction pointer is stepped over instead of being executed again.
-static void ResumeCurrentThread(Target *target) {
-  for (TargetThread *t = target->threads; t; t = t->next) t->selected_frame = 0;
-  TargetThread *t = target->current_thread;
-  target->current_thread = nullptr;
-  if (!t) return;
-  CONTEXT *context = t->context_read[t->context_index] ? t->context[t->context_index] : nullptr;
-  if (!context) return;
+static void StepPastProgramInt3(Target *target, TargetThread *t, CONTEXT *context) {
   u8 byte = 0;
   bool own_int3 = t->int3_at_stop && context->Rip == t->int3_at_stop;
   t->int3_at_stop = 0;
@@ -263,18 +257,36 @@ static void ResumeCurrentThread(Target *target) {
     if (t->context_dirty == 2 && context->Rip == t->rip_as_read) t->context_dirty = 0;  // as the thread has it
     else t->context_dirty = 1;
   }
+}
+
+static void ResumeCurrentThread(Target *target) {
+  for (TargetThread *t = target->threads; t; t = t->next) t->selected_frame = 0;
+  TargetThread *t = target->current_thread;
+  target->current_thread = nullptr;
+  if (!t) return;
+  CONTEXT *context = t->context_read[t->context_index] ? t->context[t->context_index] : nullptr;
+  if (!context) return;
+  StepPastProgramInt3(target, t, context);
   ThreadContextFlush(t);
 }
 
+// Threads that the engine holds (frozen, or not the solo one) are let go first: a detached
+// program must not be left with threads nobody will resume. At the program's own int3 the
+// stopped thread goes on past it, as a resume would, instead of meeting it again undebugged.
 void EngineDetach(Target *target, bool event_pending) {
+  for (TargetThread *h = target->threads; h; h = h->next)
+    if (h->suspended_by_engine && ResumeThread(h->handle) != (DWORD)-1) h->suspended_by_engine = 0;
   TargetThread *t = target->current_thread;
   if (t) {
     CONTEXT *context = ThreadContextGet(t);
-    if (context && (context->EFlags & 0x100)) {
-      context->EFlags &= ~0x100u;
-      t->context_dirty = 1;
+    if (context) {
+      StepPastProgramInt3(target, t, context);
+      if (context->EFlags & 0x100) {
+        context->EFlags &= ~0x100u;
+        t->context_dirty = 1;
+      }
+      ThreadContextFlush(t);
     }
-    ThreadContextFlush(t);
   }
   // The held event is let go before the detach, as the program would have seen it.
   if (event_pending) ContinueDebugEvent(target->event.dwProcessId, target->event.dwThreadId, target->continue_status);
