@@ -22,6 +22,7 @@ static void HandleDebugString(Target *target, const OUTPUT_DEBUG_STRING_INFO *in
   raw[length] = 0;
   raw[length + 1] = 0;
   const char *text = raw;
+  u32 text_length = (u32)strnlen(raw, length);
   if (info->fUnicode) {
     u32 units = length / 2;
     u32 capacity = units * 3 + 1;
@@ -32,10 +33,11 @@ static void HandleDebugString(Target *target, const OUTPUT_DEBUG_STRING_INFO *in
       if (n > 0) {
         converted[n] = 0;
         text = converted;
+        text_length = (u32)strnlen(converted, (u32)n);  // UTF-8 may be longer than the UTF-16 was
       }
     }
   }
-  EnginePostText(target, text, (u32)strnlen(text, length));
+  EnginePostText(target, text, text_length);
 }
 
 static void HandleCreateThread(Target *target, const CREATE_THREAD_DEBUG_INFO *info, u32 thread_id) {
@@ -154,7 +156,13 @@ static u64 CurrentIp(TargetThread *thread) {
   return context ? context->Rip : 0;
 }
 
+static void RefreshThreadSnapshot(Target *target, TargetThread *thread);
+
+// Thread states changed (also after registers were written or another thread was selected): the
+// views and the requests are brought up to date before the threads are held or let go.
 static void ApplyThreadStates(Target *target) {
+  for (TargetThread *t = target->threads; t; t = t->next) RefreshThreadSnapshot(target, t);
+  EngineEvaluateRequests(target, true);
   bool any_solo = false;
   for (TargetThread *t = target->threads; t; t = t->next) any_solo |= t->solo != 0;
   for (TargetThread *t = target->threads; t; t = t->next) {
@@ -177,7 +185,7 @@ u32 EngineServeCommands(Target *target, bool held) {
       case kCommandStopDebugging:
         return command;
       case kCommandRefresh:
-        if (!held) EngineEvaluateRequests(target, false);
+        if (!held) EngineEvaluateRequests(target, true);
         break;
       case kCommandThreadStates:
         if (!held) ApplyThreadStates(target);
@@ -185,7 +193,11 @@ u32 EngineServeCommands(Target *target, bool held) {
       case kCommandSelectFrame: {
         TargetThread *t = target->current_thread;
         s32 index = target->requested_frame;
-        if (held || !t || index < 0 || (u32)index >= t->frame_count) break;
+        if (held || !t) break;
+        if (index < 0 || (u32)index >= t->frame_count) {  // out of range: the requests only
+          EngineEvaluateRequests(target, true);
+          break;
+        }
         t->selected_frame = index;
         // Frame 0 is the instruction pointer; deeper frames come with the call-stack builder.
         EnginePostStopped(target, t, kStopFrameSelected, CurrentIp(t), index);

@@ -175,7 +175,8 @@ static u32 ReportException(Target *target, TargetThread *thread, const EXCEPTION
     // A call through a null pointer: show the caller, whose return address is on top of the stack.
     CONTEXT *context = ThreadContextGet(thread);
     u64 return_address = 0;
-    if (context && context->Rip == 0 && TargetReadMemory(target, context->Rsp, &return_address, 8) == 0) {
+    // Read past the memory cache: it still holds the previous stop's lines until this stop begins.
+    if (context && context->Rip == 0 && TargetReadMemoryDirect(target, context->Rsp, &return_address, 8) == 0) {
       shown = return_address;
       after_call = true;
     }
@@ -242,7 +243,12 @@ u32 EngineHandleException(Target *target, const EXCEPTION_DEBUG_INFO *info) {
   target->current_thread = thread;
   u32 code = record->ExceptionCode;
   if (code == kCodeBreakpoint) return HandleBreakpoint(target, thread, record);
-  if (IsReportedCode(code)) return ReportException(target, thread, info);
+  if (IsReportedCode(code)) {
+    // A thread without a record (one the engine never saw start) is shown on the thread a break
+    // would show.
+    if (!thread) target->current_thread = EngineThreadToShow(target);
+    return ReportException(target, thread, info);
+  }
   if (code == kCodeCxx && info->dwFirstChance) PostCxxExceptionLine(target, record);
   // C++ exceptions, unknown codes, and single steps that no step or processor breakpoint asked
   // for belong to the program: first chance to its handlers, second chance ends it.
