@@ -13,6 +13,8 @@
 // recognise the sanitizer's own faults. 16 TiB is far from anything mapped here.
 extern "C" unsigned long long __asan_shadow_memory_dynamic_address = 0x100000000000ull;
 
+static volatile LONG g_handled;
+
 static LONG WINAPI Handler(EXCEPTION_POINTERS *info) {
   DWORD code = info->ExceptionRecord->ExceptionCode;
   // Only the faults the program makes on purpose: the system may fault and recover internally.
@@ -24,7 +26,12 @@ static LONG WINAPI Handler(EXCEPTION_POINTERS *info) {
     ExitProcess(0xB0);
   if (code == EXCEPTION_INT_DIVIDE_BY_ZERO) ExitProcess(0xAD);
   if (code == EXCEPTION_STACK_OVERFLOW) ExitProcess(0xAF);
-  if (code == 0xE06D7363 || code == 0xE0001234) return EXCEPTION_CONTINUE_EXECUTION;
+  // Counted, so that the tests see these reached the program (continued as not handled by the
+  // debugger) instead of being swallowed on the way.
+  if (code == 0xE06D7363 || code == 0xE0001234) {
+    g_handled++;
+    return EXCEPTION_CONTINUE_EXECUTION;
+  }
   return EXCEPTION_CONTINUE_SEARCH;
 }
 
@@ -187,7 +194,9 @@ int main(int argc, char **argv) {
   if (!strcmp(mode, "dll")) return Dll();
   if (!strcmp(mode, "cxx")) {
     RaiseMsvcException();
-    OutputDebugStringA("after cxx\n");
+    char after[64];
+    wsprintfA(after, "after cxx (%ld handled)\n", g_handled);
+    OutputDebugStringA(after);
     return 5;
   }
   if (!strcmp(mode, "cxxbad")) {
@@ -197,12 +206,16 @@ int main(int argc, char **argv) {
     ULONG_PTR outside[4] = {0x19930520, (ULONG_PTR)&g_thrown_object, (ULONG_PTR)&g_throw, 0x7FF000000000ull};
     RaiseException(0xE06D7363, 0, 4, outside);
     RaiseException(0xE06D7363, 0, 3, unreadable);
-    OutputDebugStringA("after cxxbad\n");
+    char after[64];
+    wsprintfA(after, "after cxxbad (%ld handled)\n", g_handled);
+    OutputDebugStringA(after);
     return 4;
   }
   if (!strcmp(mode, "unknown")) {
     RaiseException(0xE0001234, 0, 0, nullptr);
-    OutputDebugStringA("after unknown\n");
+    char after[64];
+    wsprintfA(after, "after unknown (%ld handled)\n", g_handled);
+    OutputDebugStringA(after);
     return 6;
   }
   return 99;
