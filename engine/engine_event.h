@@ -72,6 +72,8 @@ typedef struct EngineEvent {
     } list_update;
     struct {
       void *request;
+      void *cookie;       // the request's cookie when the result was made: the UI finds its row by
+      u8 parse_failed;    //   this, so a result that crosses a removal of its request is dropped
     } evaluation;
     struct {
       u32 code;

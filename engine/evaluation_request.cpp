@@ -64,14 +64,14 @@ int EngineRemoveEvaluationRequest(Target *target, EvaluationRequest *r) {
     r->next->previous = r->previous;
   else
     requests->last = r->previous;
-  TicketLockRelease(&target->lock);
-  FreeTree(&requests->nodes, r->tree);
-  FreeTree(&requests->nodes, r->format);
+  ExprNode *tree = r->tree, *format = r->format;
   memset(r, 0, sizeof *r);
-  TicketLockAcquire(&target->lock);
   r->next = requests->free_list;
   requests->free_list = r;
   TicketLockRelease(&target->lock);
+  // The node pool is the UI thread's alone (parsing happens there too).
+  FreeTree(&requests->nodes, tree);
+  FreeTree(&requests->nodes, format);
   if (EngineStoppedState(target) == 0) SetEvent(target->wait_objects[kWaitRefresh]);
   return 0;
 }
@@ -80,24 +80,32 @@ void EngineEvaluateRequests(Target *target, bool mark_all) {
   EvaluationRequests *requests = target->evaluation_requests;
   if (!requests) return;
   // The list is read under the lock (the UI adds and removes at any time); the events go out after.
-  EvaluationRequest *due[kEvaluationRequestCapacity];
+  // What the results need is copied under the lock too: the UI may remove (and the pool reuse) a
+  // request as soon as the lock is let go, and the events carry the cookie it had.
+  struct Due {
+    EvaluationRequest *request;
+    void *cookie;
+    u8 parse_failed;
+  } due[kEvaluationRequestCapacity];
   u32 count = 0;
   TicketLockAcquire(&target->lock);
   for (EvaluationRequest *r = requests->first; r && count < kEvaluationRequestCapacity; r = r->next) {
     if (mark_all) r->needs_evaluation = 1;
     if (!r->needs_evaluation) continue;
     r->needs_evaluation = 0;
-    due[count++] = r;
+    due[count++] = {r, r->cookie, r->parse_failed};
   }
   TicketLockRelease(&target->lock);
   for (u32 i = 0; i < count; i++) {
     // Parsed expressions are evaluated here once the evaluator exists; an unparsed one's result
     // ("Parse error") is known already.
-    if (!due[i]->parse_failed) continue;
+    if (!due[i].parse_failed) continue;
     EngineEvent event;
     memset(&event, 0, sizeof event);
     event.kind = kEventEvaluation;
-    event.evaluation.request = due[i];
+    event.evaluation.request = due[i].request;
+    event.evaluation.cookie = due[i].cookie;
+    event.evaluation.parse_failed = 1;
     EnginePostEvent(target, &event);
   }
 }

@@ -242,6 +242,8 @@ TEST(EngineCommands, EvaluationRequestsAreParsedAndReportedAtEveryStop) {
   // At the stop: the unparsed request's result is known; the parsed one waits for the evaluator.
   ASSERT_EQ(seen.Count(kEventEvaluation), 1);
   EXPECT_EQ(seen.First(kEventEvaluation)->event.evaluation.request, (void *)broken);
+  EXPECT_EQ(seen.First(kEventEvaluation)->event.evaluation.cookie, broken->cookie);
+  EXPECT_EQ(seen.First(kEventEvaluation)->event.evaluation.parse_failed, 1);
 
   // Added while stopped: a refresh re-evaluates every request, the new one included.
   ASSERT_EQ(EngineAddEvaluationRequest(t, "((", (void *)3, &late), 0);
