@@ -334,6 +334,7 @@ void EngineRunLoop(Target *target) {
       ThreadContextsFlip(target);
       continue;
     }
+    target->current_thread = nullptr;  // while the target runs there is no current thread
     ContinueDebugEvent(ev->dwProcessId, ev->dwThreadId, target->continue_status);
     target->continue_status = DBG_CONTINUE;
   }
