@@ -145,6 +145,18 @@ u32 EngineWaitCommand(Target *target) {
     code = codes[i];
     if (i == 5) target->continue_status = DBG_CONTINUE;  // registers were written: the exception is handled
   }
+  if (code == kCommandRun || code == kCommandStopDebugging) {
+    // Commands signalled together with the run (registers written just before it, say) are taken
+    // now, so that none carries over into the next stop: written registers still make the pending
+    // exception handled, the rest have nothing left to do. One call when none is waiting.
+    HANDLE rest[5] = {w[kWaitRefresh], w[kWaitThreadStates], w[kWaitSelectFrame], w[kWaitContextChanged],
+                      w[kWaitRebuildStack]};
+    for (;;) {
+      DWORD taken = WaitForMultipleObjects(5, rest, FALSE, 0);
+      if (taken >= WAIT_OBJECT_0 + 5) break;
+      if (rest[taken - WAIT_OBJECT_0] == w[kWaitContextChanged]) target->continue_status = DBG_CONTINUE;
+    }
+  }
   if (code == kCommandRun || code == kCommandStopDebugging || code == kCommandFailed) ResetEvent(w[kWaitEngineWaiting]);
   DrainRequests(target);
   return code;
