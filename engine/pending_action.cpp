@@ -29,6 +29,9 @@ int PendingActionEndRunThen(PendingAction *pending, Target *target, u32 kind, u3
   int result = PendingActionSet(&next, kind, process_id, continue_after, path);
   if (result != 0) return result;
   result = EngineTerminate(target, 0);
+  // The process may have exited already, its exit event not yet popped: that event still comes
+  // and carries the action out.
+  if (result == 3 && target->exited) result = 0;
   if (result != 0) return result;
   *pending = next;
   return 0;

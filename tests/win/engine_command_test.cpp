@@ -189,6 +189,17 @@ TEST(EnginePending, AttachWhileDebuggingTerminatesFirstAndAttachesAfterTheExit) 
   EXPECT_EQ(due.continue_after, 1);
   EXPECT_EQ(pending.kind, (u32)kPendingNone);
   EXPECT_FALSE(PendingActionTake(&pending, kEventProcessExited, &due));
+  // A process that has exited, its exit event not yet popped: the action waits for that event.
+  ASSERT_EQ(LaunchTarget("eng_target.exe", "unknown", &t, &pid), 0);
+  EngineRun(t);
+  for (ULONGLONG start = GetTickCount64(); !*(volatile u8 *)&t->exited && GetTickCount64() - start < 20000;) Sleep(5);
+  ASSERT_TRUE(t->exited);
+  ASSERT_EQ(PendingActionEndRunThen(&pending, t, kPendingRelaunch, 0, 0, nullptr), 0);
+  EXPECT_EQ(pending.kind, (u32)kPendingRelaunch);
+  Seen exited;
+  DriveToEnd(t, exited);
+  ASSERT_TRUE(PendingActionTake(&pending, exited.events.back().event.kind, &due));
+  EXPECT_EQ(due.kind, (u32)kPendingRelaunch);
   // Without a process nothing is parked.
   EXPECT_EQ(PendingActionEndRunThen(&pending, nullptr, kPendingRelaunch, 0, 0, nullptr), 1);
   EXPECT_EQ(pending.kind, (u32)kPendingNone);
