@@ -25,11 +25,23 @@ static const SeenEvent *NextStop(Target *t, Seen &seen, size_t from) {
   return nullptr;
 }
 
+// Carries out an operation on the stopped target; returns the stop event it brings, once the
+// engine serves commands again (null, and a failure, when the operation fails or no stop comes).
+template <typename Operation>
+static const SeenEvent *StopAfter(Target *t, Seen &seen, Operation operation) {
+  size_t mark = seen.events.size();
+  int result = operation();
+  EXPECT_EQ(result, 0);
+  const SeenEvent *e = result == 0 ? NextStop(t, seen, mark) : nullptr;
+  EXPECT_NE(e, nullptr);
+  EXPECT_EQ(EngineWaitStopped(t, 10000), 0);
+  return e;
+}
+
 TEST(EngineCommands, ThreadStatesFramesAndInstructionPointerWhileStopped) {
   Target *t = nullptr;
   u32 pid = 0;
-  ASSERT_EQ(LaunchTarget("eng_target.exe", "int3", &t, &pid), 0);
-  EngineRun(t);
+  ASSERT_EQ(LaunchAndRun("int3", &t, &pid), 0);
   Seen seen;
   ASSERT_TRUE(WaitForKind(t, seen, kEventStopped));
   ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
@@ -39,53 +51,32 @@ TEST(EngineCommands, ThreadStatesFramesAndInstructionPointerWhileStopped) {
   EXPECT_EQ(t->current_thread, main);
 
   // Freeze the idle thread: the engine suspends it and reports the new thread states.
-  size_t mark = seen.events.size();
-  EXPECT_EQ(EngineToggleFreeze(t, idle), 0);
-  const SeenEvent *e = NextStop(t, seen, mark);
+  const SeenEvent *e = StopAfter(t, seen, [&] { return EngineToggleFreeze(t, idle); });
   ASSERT_NE(e, nullptr);
   EXPECT_EQ(e->event.stopped.reason, (u32)kStopThreadStates);
   EXPECT_EQ(e->event.stopped.address, stop_address);
-  ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
   EXPECT_EQ(idle->suspended_by_engine, 1);
-  mark = seen.events.size();
-  EXPECT_EQ(EngineToggleFreeze(t, idle), 0);
-  ASSERT_NE(NextStop(t, seen, mark), nullptr);
-  ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
+  ASSERT_NE(StopAfter(t, seen, [&] { return EngineToggleFreeze(t, idle); }), nullptr);
   EXPECT_EQ(idle->suspended_by_engine, 0);
 
   // Solo on the main thread holds every other thread.
-  mark = seen.events.size();
-  EXPECT_EQ(EngineToggleSolo(t, main), 0);
-  ASSERT_NE(NextStop(t, seen, mark), nullptr);
-  ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
+  ASSERT_NE(StopAfter(t, seen, [&] { return EngineToggleSolo(t, main); }), nullptr);
   EXPECT_EQ(idle->suspended_by_engine, 1);
   EXPECT_EQ(main->suspended_by_engine, 0);
-  mark = seen.events.size();
-  EXPECT_EQ(EngineToggleSolo(t, main), 0);
-  ASSERT_NE(NextStop(t, seen, mark), nullptr);
-  ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
+  ASSERT_NE(StopAfter(t, seen, [&] { return EngineToggleSolo(t, main); }), nullptr);
   EXPECT_EQ(idle->suspended_by_engine, 0);
 
   // Selecting a thread makes it current; frame 0 of it is selected.
-  mark = seen.events.size();
-  EXPECT_EQ(EngineSelectThread(t, idle->id), 0);
-  ASSERT_NE(NextStop(t, seen, mark), nullptr);
-  ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
+  ASSERT_NE(StopAfter(t, seen, [&] { return EngineSelectThread(t, idle->id); }), nullptr);
   EXPECT_EQ(t->current_thread, idle);
-  mark = seen.events.size();
-  EXPECT_EQ(EngineSelectThread(t, main->id), 0);
-  ASSERT_NE(NextStop(t, seen, mark), nullptr);
-  ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
+  ASSERT_NE(StopAfter(t, seen, [&] { return EngineSelectThread(t, main->id); }), nullptr);
 
   // Frame 0 exists; frame 5 does not and changes nothing.
-  mark = seen.events.size();
-  EXPECT_EQ(EngineSelectFrame(t, 0), 0);
-  e = NextStop(t, seen, mark);
+  e = StopAfter(t, seen, [&] { return EngineSelectFrame(t, 0); });
   ASSERT_NE(e, nullptr);
   EXPECT_EQ(e->event.stopped.reason, (u32)kStopFrameSelected);
   EXPECT_EQ(e->event.stopped.frame, 0);
-  ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
-  mark = seen.events.size();
+  size_t mark = seen.events.size();
   EXPECT_EQ(EngineSelectFrame(t, 5), 0);
   Sleep(200);
   PopInto(t, seen, [](Target *, const SeenEvent &) {});
@@ -93,22 +84,17 @@ TEST(EngineCommands, ThreadStatesFramesAndInstructionPointerWhileStopped) {
 
   // Collapsing of stack-overflow frames: stored, the current thread's stack rebuilt at frame 0.
   ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
-  mark = seen.events.size();
-  EXPECT_EQ(EngineSetStackOverflowCollapsing(t, 1), 0);
-  e = NextStop(t, seen, mark);
+  e = StopAfter(t, seen, [&] { return EngineSetStackOverflowCollapsing(t, 1); });
   ASSERT_NE(e, nullptr);
   EXPECT_EQ(e->event.stopped.reason, (u32)kStopFrameSelected);
   EXPECT_EQ(e->event.stopped.frame, 0);
   EXPECT_EQ(t->collapse_stack_overflow, 1);
 
-  // The instruction pointer, set to where it is, changes nothing for the program.
-  ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
-  mark = seen.events.size();
-  EXPECT_EQ(EngineSetInstructionPointer(t, stop_address), 0);
-  e = NextStop(t, seen, mark);  // registers changed: reported as new thread states
+  // The instruction pointer, set to where it is, changes nothing for the program; registers
+  // changed are reported as new thread states.
+  e = StopAfter(t, seen, [&] { return EngineSetInstructionPointer(t, stop_address); });
   ASSERT_NE(e, nullptr);
   EXPECT_EQ(e->event.stopped.reason, (u32)kStopThreadStates);
-  ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
   EXPECT_EQ(EngineRun(t), 0);
   DriveToEnd(t, seen);
   EXPECT_EQ(seen.exit_code, 3u);
@@ -117,8 +103,7 @@ TEST(EngineCommands, ThreadStatesFramesAndInstructionPointerWhileStopped) {
 TEST(EngineCommands, RequestsQueuedWhileRunningAreServedWithoutAVisibleStop) {
   Target *t = nullptr;
   u32 pid = 0;
-  ASSERT_EQ(LaunchTarget("eng_target.exe", "spin", &t, &pid), 0);
-  EngineRun(t);
+  ASSERT_EQ(LaunchAndRun("spin", &t, &pid), 0);
   Seen seen;
   ASSERT_TRUE(WaitForKind(t, seen, kEventText));
   ASSERT_TRUE(WaitRunning(t));
@@ -172,8 +157,7 @@ TEST(EngineProcesses, ListingFindsARunningProgramAndReattachByName) {
 TEST(EnginePending, AttachWhileDebuggingTerminatesFirstAndAttachesAfterTheExit) {
   Target *t = nullptr;
   u32 pid = 0;
-  ASSERT_EQ(LaunchTarget("eng_target.exe", "spin", &t, &pid), 0);
-  EngineRun(t);
+  ASSERT_EQ(LaunchAndRun("spin", &t, &pid), 0);
   Seen seen;
   ASSERT_TRUE(WaitForKind(t, seen, kEventText));
   PendingAction pending = {};
@@ -190,8 +174,7 @@ TEST(EnginePending, AttachWhileDebuggingTerminatesFirstAndAttachesAfterTheExit) 
   EXPECT_EQ(pending.kind, (u32)kPendingNone);
   EXPECT_FALSE(PendingActionTake(&pending, kEventProcessExited, &due));
   // A process that has exited, its exit event not yet popped: the action waits for that event.
-  ASSERT_EQ(LaunchTarget("eng_target.exe", "unknown", &t, &pid), 0);
-  EngineRun(t);
+  ASSERT_EQ(LaunchAndRun("unknown", &t, &pid), 0);
   for (ULONGLONG start = GetTickCount64(); !*(volatile u8 *)&t->exited && GetTickCount64() - start < 20000;) Sleep(5);
   ASSERT_TRUE(t->exited);
   ASSERT_EQ(PendingActionEndRunThen(&pending, t, kPendingRelaunch, 0, 0, nullptr), 0);

@@ -238,8 +238,7 @@ TEST(EngineAttach, StopDebuggingAtTheProgramsOwnInt3LetsItFinish) {
 TEST(EngineTerminate, RightAfterABreakWhileRunning) {
   Target *t = nullptr;
   u32 pid = 0;
-  ASSERT_EQ(LaunchTarget("eng_target.exe", "spin", &t, &pid), 0);
-  EngineRun(t);
+  ASSERT_EQ(LaunchAndRun("spin", &t, &pid), 0);
   Seen seen;
   ASSERT_TRUE(WaitForKind(t, seen, kEventText));
   EXPECT_EQ(EngineBreak(t), 0);
@@ -261,8 +260,7 @@ TEST(EngineAttach, RefusedAttachIs37) {
 TEST(EngineTerminate, WhileRunningAndWhileStopped) {
   Target *t = nullptr;
   u32 pid = 0;
-  ASSERT_EQ(LaunchTarget("eng_target.exe", "spin", &t, &pid), 0);
-  EngineRun(t);
+  ASSERT_EQ(LaunchAndRun("spin", &t, &pid), 0);
   Seen running;
   ASSERT_TRUE(WaitForKind(t, running, kEventText));
   EXPECT_EQ(EngineTerminate(t, 77), 0);
@@ -270,8 +268,7 @@ TEST(EngineTerminate, WhileRunningAndWhileStopped) {
   EXPECT_EQ(running.exit_code, 77u);
   EXPECT_EQ(running.Count(kEventStopped), 0);
 
-  ASSERT_EQ(LaunchTarget("eng_target.exe", "int3", &t, &pid), 0);
-  EngineRun(t);
+  ASSERT_EQ(LaunchAndRun("int3", &t, &pid), 0);
   Seen stopped;
   ASSERT_TRUE(WaitForKind(t, stopped, kEventStopped));
   ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
@@ -285,8 +282,7 @@ TEST(EngineTerminate, WhileRunningAndWhileStopped) {
 TEST(EngineTerminate, StopDebuggingALaunchedProgramWhileRunningLeavesItRunning) {
   Target *t = nullptr;
   u32 pid = 0;
-  ASSERT_EQ(LaunchTarget("eng_target.exe", "spin", &t, &pid), 0);
-  EngineRun(t);
+  ASSERT_EQ(LaunchAndRun("spin", &t, &pid), 0);
   Seen seen;
   ASSERT_TRUE(WaitForKind(t, seen, kEventText));
   EXPECT_EQ(EngineStopDebugging(t), 0);
@@ -306,8 +302,7 @@ TEST(EngineTerminate, StopDebuggingALaunchedProgramWhileRunningLeavesItRunning) 
 TEST(EngineExceptions, DivideByZeroAndStackOverflowAreReported) {
   Target *t = nullptr;
   u32 pid = 0;
-  ASSERT_EQ(LaunchTarget("eng_target.exe", "div0", &t, &pid), 0);
-  EngineRun(t);
+  ASSERT_EQ(LaunchAndRun("div0", &t, &pid), 0);
   Seen div;
   DriveToEnd(t, div);
   ASSERT_EQ(div.Count(kEventException), 1);
@@ -316,8 +311,7 @@ TEST(EngineExceptions, DivideByZeroAndStackOverflowAreReported) {
   EXPECT_NE(div.First(kEventException)->text.find(": 0xC0000094: Integer division by zero.\n"), std::string::npos);
   EXPECT_EQ(div.exit_code, 0xADu);
 
-  ASSERT_EQ(LaunchTarget("eng_target.exe", "overflow", &t, &pid), 0);
-  EngineRun(t);
+  ASSERT_EQ(LaunchAndRun("overflow", &t, &pid), 0);
   Seen overflow;
   u8 flag = 0;
   DriveToEnd(t, overflow, [&](Target *target, const SeenEvent &) {

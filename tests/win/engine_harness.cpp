@@ -95,11 +95,16 @@ void DriveToEnd(Target *target, Seen &seen, const OnStop &on_stop, DWORD timeout
   EngineRelease(target);
 }
 
+int LaunchAndRun(const char *arguments, Target **out, u32 *pid) {
+  int result = LaunchTarget("eng_target.exe", arguments, out, pid);
+  if (result == 0) EngineRun(*out);
+  return result;
+}
+
 void RunToEnd(const char *arguments, Seen &seen, const OnStop &on_stop) {
   Target *target = nullptr;
   u32 pid = 0;
-  ASSERT_EQ(LaunchTarget("eng_target.exe", arguments, &target, &pid), 0) << arguments;
-  EngineRun(target);
+  ASSERT_EQ(LaunchAndRun(arguments, &target, &pid), 0) << arguments;
   DriveToEnd(target, seen, on_stop);
 }
 

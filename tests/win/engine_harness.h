@@ -52,6 +52,8 @@ int LaunchTarget(const char *program, const char *arguments, Target **out, u32 *
 using OnStop = std::function<void(Target *, const SeenEvent &)>;
 void PopInto(Target *target, Seen &seen, const OnStop &on_stop);
 void DriveToEnd(Target *target, Seen &seen, const OnStop &on_stop = nullptr, DWORD timeout_ms = 90000);
+// Launches eng_target.exe with the arguments and lets it past its held start (the first run).
+int LaunchAndRun(const char *arguments, Target **out, u32 *pid);
 // Launches eng_target.exe with the arguments, lets it past its held start and drives it to its end.
 void RunToEnd(const char *arguments, Seen &seen, const OnStop &on_stop = nullptr);
 // Pops until an event of the kind arrives (true) or the time passes (false); stops are not run on.

@@ -11,8 +11,7 @@ TEST(EngineRing, UiFallingBehindLosesTheOldestEventsAndNeverBlocksTheEngine) {
   Target *t = nullptr;
   u32 pid = 0;
   // 2000 threads start and exit: more thread-exit events than the ring holds.
-  ASSERT_EQ(LaunchTarget("eng_target.exe", "many 2000", &t, &pid), 0);
-  EngineRun(t);
+  ASSERT_EQ(LaunchAndRun("many 2000", &t, &pid), 0);
   // Nothing is popped until the engine has ended with the process.
   ASSERT_EQ(WaitForSingleObject(t->engine_thread, 120000), WAIT_OBJECT_0);
   EXPECT_GT(t->events_posted, 2000u);
