@@ -19,7 +19,7 @@
 namespace {
 
 const std::string kTool = KTRN_PDB_TOOL;
-const std::string kCorpus = std::string(KTRN_SHARED_DIR) + "/pdb-corpus/";
+const std::string kCorpus = std::string(KTRN_DATA_DIR) + "/pdb-corpus/";
 
 struct Function {
   uint32_t rva, length;

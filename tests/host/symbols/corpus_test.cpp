@@ -12,7 +12,7 @@
 
 namespace {
 
-const std::string kCorpus = std::string(KTRN_SHARED_DIR) + "/pdb-corpus";
+const std::string kCorpus = std::string(KTRN_DATA_DIR) + "/pdb-corpus";
 const std::string kTool = KTRN_PDB_TOOL;
 
 std::vector<std::string> CorpusFiles() {

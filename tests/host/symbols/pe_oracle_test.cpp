@@ -16,7 +16,7 @@ namespace {
 
 const std::string kTargetsDir = KTRN_TARGETS_DIR;
 const std::string kTool = KTRN_PDB_TOOL;
-const std::string kCorpus = std::string(KTRN_SHARED_DIR) + "/pdb-corpus/llvm/";
+const std::string kCorpus = std::string(KTRN_DATA_DIR) + "/pdb-corpus/llvm/";
 
 std::string Value(const std::string &line) {
   size_t colon = line.find(": ");

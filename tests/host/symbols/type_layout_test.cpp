@@ -22,7 +22,7 @@
 
 namespace {
 
-const std::string kCorpusDir = std::string(KTRN_SHARED_DIR) + "/pdb-corpus";
+const std::string kCorpusDir = std::string(KTRN_DATA_DIR) + "/pdb-corpus";
 const std::string kTargets = KTRN_TARGETS_DIR;
 
 // [SECTION] llvm-pdbutil's view

@@ -17,7 +17,7 @@
 
 namespace {
 
-const std::string kCorpusDir = std::string(KTRN_SHARED_DIR) + "/pdb-corpus";
+const std::string kCorpusDir = std::string(KTRN_DATA_DIR) + "/pdb-corpus";
 const std::string kTargets = KTRN_TARGETS_DIR;
 const std::string kPdbTool = KTRN_PDB_TOOL;
 
