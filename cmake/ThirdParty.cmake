@@ -1,14 +1,16 @@
-# Third-party libraries, built as static libraries from the source packages that scripts/setup.sh
-# unpacks into .deps (never committed). Windows build only.
+# Third-party libraries, built as static libraries. Windows build only.
+#  - Dear ImGui's docking branch is vendored, unmodified, in third_party/imgui (see VENDORED.md there);
+#  - Zydis and Zycore come from the pinned Debian source packages that scripts/setup.sh unpacks into
+#    .deps (never committed).
 
-foreach(dir imgui zydis zycore-c)
+foreach(dir zydis zycore-c)
   if(NOT EXISTS ${KTRN_DEPS_DIR}/${dir}/.unpacked)
     message(FATAL_ERROR "${KTRN_DEPS_DIR}/${dir} is missing: run scripts/setup.sh first")
   endif()
 endforeach()
 
 # Dear ImGui: the core and the Win32 platform backend (the renderer is our own, in app/).
-set(IMGUI_DIR ${KTRN_DEPS_DIR}/imgui)
+set(IMGUI_DIR ${KTRN_ROOT}/third_party/imgui)
 add_library(imgui STATIC
   ${IMGUI_DIR}/imgui.cpp ${IMGUI_DIR}/imgui_draw.cpp ${IMGUI_DIR}/imgui_tables.cpp
   ${IMGUI_DIR}/imgui_widgets.cpp ${IMGUI_DIR}/imgui_demo.cpp

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # One-time (and idempotent) machine set-up for building and testing Kestrune on Debian bookworm.
 #  1. installs the Debian packages the builds and tests need (skipped when all are present);
-#  2. fetches the pinned source packages of Dear ImGui, Zydis and Zycore into a cache outside git
+#  2. fetches the pinned source packages of Zydis and Zycore into a cache outside git
 #     (skipped when already unpacked).
 # The deb-src entry for the source packages is derived from the machine's own apt sources, through a
 # private apt configuration, so the system's package lists are left as they are.
@@ -19,7 +19,6 @@ packages=(
 
 # name=version for `apt-get source`, and the directory each unpacks to.
 sources=(
-  "imgui=1.90.1+ds-1"
   "zydis=4.1.1-1"
   "zycore-c=1.5.2-1"
 )

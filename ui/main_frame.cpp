@@ -23,14 +23,25 @@ static void DrawMenuBar(MainFrameState *state) {
   ImGui::EndMainMenuBar();
 }
 
-// The area under the menu bar; the dock space and tool windows will live here.
-static void DrawWorkArea(MainFrameState *state) {
+// The area under the menu bar: a host window "DockSpace" filling it, holding the dock space every
+// tool window docks into.
+static void DrawDockSpace(MainFrameState *state) {
   const ImGuiViewport *viewport = ImGui::GetMainViewport();
   ImGui::SetNextWindowPos(viewport->WorkPos);
   ImGui::SetNextWindowSize(viewport->WorkSize);
+  ImGui::SetNextWindowViewport(viewport->ID);
   ImGuiWindowFlags flags = ImGuiWindowFlags_NoDecoration | ImGuiWindowFlags_NoMove |
-                           ImGuiWindowFlags_NoBringToFrontOnFocus | ImGuiWindowFlags_NoSavedSettings;
-  if (ImGui::Begin("##workarea", nullptr, flags)) {
+                           ImGuiWindowFlags_NoBringToFrontOnFocus | ImGuiWindowFlags_NoNavFocus |
+                           ImGuiWindowFlags_NoDocking | ImGuiWindowFlags_NoSavedSettings;
+  ImGui::PushStyleVar(ImGuiStyleVar_WindowPadding, ImVec2(0, 0));
+  ImGui::PushStyleVar(ImGuiStyleVar_WindowRounding, 0.0f);
+  ImGui::PushStyleVar(ImGuiStyleVar_WindowBorderSize, 0.0f);
+  ImGui::Begin("DockSpace", nullptr, flags);
+  ImGui::PopStyleVar(3);
+  ImGui::DockSpace(ImGui::GetID("KtrnDockspace"), ImVec2(0, 0), ImGuiDockNodeFlags_PassthruCentralNode);
+  ImGui::End();
+  // Until the tool windows exist, the target's name stands in a window of its own in the dock space.
+  if (ImGui::Begin("Target")) {
     if (state->target_name)
       ImGui::Text("Target: %s", state->target_name);
     else
@@ -41,6 +52,6 @@ static void DrawWorkArea(MainFrameState *state) {
 
 void DrawMainFrame(MainFrameState *state) {
   DrawMenuBar(state);
-  DrawWorkArea(state);
+  DrawDockSpace(state);
   state->frame_count++;
 }

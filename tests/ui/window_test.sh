@@ -33,14 +33,21 @@ for _ in $(seq 1 120); do
   sleep 0.5
 done
 [ -n "$window" ] || fail "no window titled '$want_title' within 60 s"
-sleep 2  # let a few frames be drawn
-
 pixel() { convert "$1" -format "%[pixel:p{$2}]" info:; }
 # Light pixels along the menu bar are the menu titles' text.
 bright_pixels() { convert "$1" -crop "$2" -colorspace gray -threshold 60% -format "%[fx:mean*w*h]" info:; }
 
+# The first frames can come late on a fresh Wine prefix or a busy machine: wait for the menu bar.
+menu_bar=
+for _ in $(seq 1 60); do
+  if import -window "$window" "$out/kestrune-window.png" 2>/dev/null; then
+    menu_bar=$(pixel "$out/kestrune-window.png" "300,10")
+    [ "$menu_bar" = "srgb(36,36,36)" ] && break
+  fi
+  sleep 0.5
+done
+sleep 1  # a few more frames, so that the window's contents are settled
 import -window "$window" "$out/kestrune-window.png" || fail "screenshot failed"
-menu_bar=$(pixel "$out/kestrune-window.png" "300,10")
 work_area=$(pixel "$out/kestrune-window.png" "500,300")
 text=$(bright_pixels "$out/kestrune-window.png" "240x19+0+0")
 echo "menu bar $menu_bar, work area $work_area, menu title pixels $text"
