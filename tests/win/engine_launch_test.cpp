@@ -199,7 +199,7 @@ TEST(EngineLaunch, ThirtyTwoBitProgramIsRefused) {
   Target *t = nullptr;
   u32 pid = 0;
   int result = LaunchTarget("x86/eng_hello32.exe", nullptr, &t, &pid);
-  EXPECT_EQ(result, 10);  // refused from its image header (Wine would start it and let it fault)
+  EXPECT_EQ(result, 10);  // refused from its header, whether or not this machine could start it
   EXPECT_EQ(t, nullptr);
   EXPECT_STREQ(EngineStartResultText(10), "32-bit processes are not supported");
 }
