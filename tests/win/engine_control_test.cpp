@@ -232,17 +232,26 @@ TEST(EngineAttach, StopDebuggingAtTheProgramsOwnInt3LetsItFinish) {
   CloseHandle(process);
 }
 
-// A break that may still be on its way when the terminate comes (the user's, asked for just
-// before) must end in the process exit, not in a stop that nobody answers. Whether the break
-// arrives first is up to the system, so this run may or may not meet that case.
+// A break still on its way when the terminate comes must end in the process exit, not in a stop
+// that nobody answers. The test holds the rings' lock, which the engine needs between taking the
+// break and waiting for a command: the terminate then always finds the engine still running.
 TEST(EngineTerminate, RightAfterABreakWhileRunning) {
   Target *t = nullptr;
   u32 pid = 0;
   ASSERT_EQ(LaunchAndRun("spin", &t, &pid), 0);
   Seen seen;
   ASSERT_TRUE(WaitForKind(t, seen, kEventText));
+  TicketLockAcquire(&t->lock);  // nothing below may take it, nor return before it is let go
+  u64 own_ticket = t->lock.now_serving;
   EXPECT_EQ(EngineBreak(t), 0);
+  for (ULONGLONG start = GetTickCount64(); t->lock.next_ticket == own_ticket + 1 && GetTickCount64() - start < 10000;)
+    Sleep(1);
+  bool engine_took_the_break = t->lock.next_ticket > own_ticket + 1;
+  int state_at_terminate = EngineStoppedState(t);
   EXPECT_EQ(EngineTerminate(t, 79), 0);
+  TicketLockRelease(&t->lock);
+  EXPECT_TRUE(engine_took_the_break);
+  EXPECT_EQ(state_at_terminate, 26);
   DriveToEnd(t, seen, [](Target *, const SeenEvent &) {}, 30000);
   EXPECT_TRUE(seen.ended);
   EXPECT_EQ(seen.exit_code, 79u);
