@@ -8,44 +8,13 @@
 #include "engine/process_list.h"
 #include "tests/win/engine_harness.h"
 
-static const SeenEvent *LastStop(const Seen &seen) {
-  for (size_t i = seen.events.size(); i-- > 0;)
-    if (seen.events[i].event.kind == kEventStopped) return &seen.events[i];
-  return nullptr;
-}
-
-// Pops until the next stop event after index from (the engine keeps serving commands meanwhile).
-static const SeenEvent *NextStop(Target *t, Seen &seen, size_t from) {
-  for (int tries = 0; tries < 500; tries++) {
-    for (size_t i = from; i < seen.events.size(); i++)
-      if (seen.events[i].event.kind == kEventStopped) return &seen.events[i];
-    WaitForSingleObject(HarnessWakeEvent(), 20);
-    PopInto(t, seen, [](Target *, const SeenEvent &) {});
-  }
-  return nullptr;
-}
-
-// Carries out an operation on the stopped target; returns the stop event it brings, once the
-// engine serves commands again (null, and a failure, when the operation fails or no stop comes).
-template <typename Operation>
-static const SeenEvent *StopAfter(Target *t, Seen &seen, Operation operation) {
-  size_t mark = seen.events.size();
-  int result = operation();
-  EXPECT_EQ(result, 0);
-  const SeenEvent *e = result == 0 ? NextStop(t, seen, mark) : nullptr;
-  EXPECT_NE(e, nullptr);
-  EXPECT_EQ(EngineWaitStopped(t, 10000), 0);
-  return e;
-}
-
 TEST(EngineCommands, ThreadStatesFramesAndInstructionPointerWhileStopped) {
-  Target *t = nullptr;
-  u32 pid = 0;
-  ASSERT_EQ(LaunchAndRun("int3", &t, &pid), 0);
+  Target *t = Launch("int3");
+  ASSERT_NE(t, nullptr);
   Seen seen;
-  ASSERT_TRUE(WaitForKind(t, seen, kEventStopped));
-  ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
-  u64 stop_address = LastStop(seen)->event.stopped.address;
+  const SeenEvent *stop = WaitStopped(t, seen);
+  ASSERT_NE(stop, nullptr);
+  u64 stop_address = stop->event.stopped.address;
   TargetThread *main = t->threads, *idle = main ? main->next : nullptr;
   ASSERT_NE(idle, nullptr);
   EXPECT_EQ(t->current_thread, main);
@@ -79,11 +48,10 @@ TEST(EngineCommands, ThreadStatesFramesAndInstructionPointerWhileStopped) {
   size_t mark = seen.events.size();
   EXPECT_EQ(EngineSelectFrame(t, 5), 0);
   Sleep(200);
-  PopInto(t, seen, [](Target *, const SeenEvent &) {});
+  PopInto(t, seen, kLeaveStopped);
   EXPECT_EQ(seen.events.size(), mark);
 
   // Collapsing of stack-overflow frames: stored, the current thread's stack rebuilt at frame 0.
-  ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
   e = StopAfter(t, seen, [&] { return EngineSetStackOverflowCollapsing(t, 1); });
   ASSERT_NE(e, nullptr);
   EXPECT_EQ(e->event.stopped.reason, (u32)kStopFrameSelected);
@@ -101,11 +69,10 @@ TEST(EngineCommands, ThreadStatesFramesAndInstructionPointerWhileStopped) {
 }
 
 TEST(EngineCommands, RequestsQueuedWhileRunningAreServedWithoutAVisibleStop) {
-  Target *t = nullptr;
-  u32 pid = 0;
-  ASSERT_EQ(LaunchAndRun("spin", &t, &pid), 0);
+  Target *t = Launch("spin");
+  ASSERT_NE(t, nullptr);
   Seen seen;
-  ASSERT_TRUE(WaitForKind(t, seen, kEventText));
+  ASSERT_GE(WaitForKind(t, seen, kEventText), 0);
   ASSERT_TRUE(WaitRunning(t));
   EngineRequest request = {};
   request.kind = 1;
@@ -121,16 +88,13 @@ TEST(EngineCommands, RequestsQueuedWhileRunningAreServedWithoutAVisibleStop) {
 }
 
 TEST(EngineProcesses, ListingFindsARunningProgramAndReattachByName) {
-  PROCESS_INFORMATION pi = {};
-  STARTUPINFOW si = {sizeof si};
-  std::wstring line = L"\"" + TargetPathW("eng_target.exe") + L"\" spin";
-  ASSERT_TRUE(CreateProcessW(nullptr, &line[0], nullptr, nullptr, FALSE, CREATE_NEW_CONSOLE, nullptr, nullptr, &si, &pi));
-  Sleep(500);
+  FreeProcess p;
+  ASSERT_TRUE(p.Start("spin"));
   static ProcessList list;
   ASSERT_EQ(ProcessListRefresh(&list), 0);
   const ProcessEntry *found = nullptr;
   for (u32 i = 0; i < list.count; i++)
-    if (list.entries[i].id == pi.dwProcessId) found = &list.entries[i];
+    if (list.entries[i].id == p.Id()) found = &list.entries[i];
   ASSERT_NE(found, nullptr);
   EXPECT_STREQ(found->name, "eng_target.exe");
   EXPECT_TRUE(ProcessListMatches(found, ""));
@@ -148,18 +112,13 @@ TEST(EngineProcesses, ListingFindsARunningProgramAndReattachByName) {
   for (u32 i = 0; i < list.count; i++)
     if (list.entries[i].id == by_name) EXPECT_STREQ(list.entries[i].name, "eng_target.exe");
   EXPECT_EQ(ProcessFindByName("no_such_program.exe"), 0u);
-  TerminateProcess(pi.hProcess, 0);
-  WaitForSingleObject(pi.hProcess, 5000);
-  CloseHandle(pi.hProcess);
-  CloseHandle(pi.hThread);
 }
 
 TEST(EnginePending, AttachWhileDebuggingTerminatesFirstAndAttachesAfterTheExit) {
-  Target *t = nullptr;
-  u32 pid = 0;
-  ASSERT_EQ(LaunchAndRun("spin", &t, &pid), 0);
+  Target *t = Launch("spin");
+  ASSERT_NE(t, nullptr);
   Seen seen;
-  ASSERT_TRUE(WaitForKind(t, seen, kEventText));
+  ASSERT_GE(WaitForKind(t, seen, kEventText), 0);
   PendingAction pending = {};
   ASSERT_EQ(PendingActionEndRunThen(&pending, t, kPendingAttach, 4321, 1, nullptr), 0);
   EXPECT_EQ(pending.kind, (u32)kPendingAttach);
@@ -174,7 +133,8 @@ TEST(EnginePending, AttachWhileDebuggingTerminatesFirstAndAttachesAfterTheExit) 
   EXPECT_EQ(pending.kind, (u32)kPendingNone);
   EXPECT_FALSE(PendingActionTake(&pending, kEventProcessExited, &due));
   // A process that has exited, its exit event not yet popped: the action waits for that event.
-  ASSERT_EQ(LaunchAndRun("unknown", &t, &pid), 0);
+  t = Launch("unknown");
+  ASSERT_NE(t, nullptr);
   for (ULONGLONG start = GetTickCount64(); !*(volatile u8 *)&t->exited && GetTickCount64() - start < 20000;) Sleep(5);
   ASSERT_TRUE(t->exited);
   ASSERT_EQ(PendingActionEndRunThen(&pending, t, kPendingRelaunch, 0, 0, nullptr), 0);
@@ -191,23 +151,17 @@ TEST(EnginePending, AttachWhileDebuggingTerminatesFirstAndAttachesAfterTheExit) 
 }
 
 TEST(EngineCommands, SetNextStatementMovesToTheLinesCode) {
-  Target *t = nullptr;
-  u32 pid = 0;
-  ASSERT_EQ(LaunchTarget("eng_target.exe", "int3", &t, &pid), 0);
-  std::string source = std::string(KTRN_SOURCE_DIR) + "/tests/targets/engine/eng_target.cpp";
-  EngineRun(t);
+  Target *t = Launch("int3");
+  ASSERT_NE(t, nullptr);
   Seen seen;
-  ASSERT_TRUE(WaitForKind(t, seen, kEventStopped));
-  ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
+  ASSERT_NE(WaitStopped(t, seen), nullptr);
   EXPECT_EQ(EngineSetNextStatement(t, "no_such_file.cpp", 10), 23);
-  EXPECT_EQ(EngineSetNextStatement(t, source.c_str(), 0x7FFFFFF0), 23);
-  size_t mark = seen.events.size();
+  EXPECT_EQ(EngineSetNextStatement(t, kTargetSource, 0x7FFFFFF0), 23);
   // Past the debug string: the program returns without printing it.
-  EXPECT_EQ(EngineSetNextStatement(t, source.c_str(), (u32)MarkerLine("tests/targets/engine/eng_target.cpp", "INT3_RETURN_LINE")), 0);
-  const SeenEvent *e = NextStop(t, seen, mark);
+  int line = MarkerLine("INT3_RETURN_LINE");
+  const SeenEvent *e = StopAfter(t, seen, [&] { return EngineSetNextStatement(t, kTargetSource, (u32)line); });
   ASSERT_NE(e, nullptr);
-  EXPECT_EQ((int)e->event.stopped.location.line, MarkerLine("tests/targets/engine/eng_target.cpp", "INT3_RETURN_LINE"));
-  ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
+  EXPECT_EQ((int)e->event.stopped.location.line, line);
   EXPECT_EQ(EngineRun(t), 0);
   DriveToEnd(t, seen);
   EXPECT_EQ(seen.debug_strings.size(), 0u);
@@ -215,9 +169,8 @@ TEST(EngineCommands, SetNextStatementMovesToTheLinesCode) {
 }
 
 TEST(EngineCommands, EvaluationRequestsAreParsedAndReportedAtEveryStop) {
-  Target *t = nullptr;
-  u32 pid = 0;
-  ASSERT_EQ(LaunchTarget("eng_target.exe", "int3", &t, &pid), 0);
+  Target *t = Launch("int3", false);
+  ASSERT_NE(t, nullptr);
   EvaluationRequest *parsed = nullptr, *broken = nullptr, *late = nullptr;
   u32 free_nodes = t->evaluation_requests->nodes.free_count;
   EXPECT_EQ(EngineAddEvaluationRequest(t, std::string(256, 'a').c_str(), nullptr, &parsed), 33);
@@ -230,9 +183,8 @@ TEST(EngineCommands, EvaluationRequestsAreParsedAndReportedAtEveryStop) {
   EXPECT_LT(t->evaluation_requests->nodes.free_count, free_nodes);
   EngineRun(t);
   Seen seen;
-  ASSERT_TRUE(WaitForKind(t, seen, kEventStopped));
-  ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
-  PopInto(t, seen, [](Target *, const SeenEvent &) {});
+  ASSERT_NE(WaitStopped(t, seen), nullptr);
+  PopInto(t, seen, kLeaveStopped);
   // At the stop: the unparsed request's result is known; the parsed one waits for the evaluator.
   ASSERT_EQ(seen.Count(kEventEvaluation), 1);
   EXPECT_EQ(seen.First(kEventEvaluation)->event.evaluation.request, (void *)broken);
@@ -245,7 +197,7 @@ TEST(EngineCommands, EvaluationRequestsAreParsedAndReportedAtEveryStop) {
   for (ULONGLONG start = GetTickCount64(); evaluated.size() < 2 && GetTickCount64() - start < 10000;) {
     WaitForSingleObject(HarnessWakeEvent(), 20);
     size_t before = seen.events.size();
-    PopInto(t, seen, [](Target *, const SeenEvent &) {});
+    PopInto(t, seen, kLeaveStopped);
     for (size_t i = before; i < seen.events.size(); i++)
       if (seen.events[i].event.kind == kEventEvaluation) evaluated.push_back(seen.events[i].event.evaluation.request);
   }

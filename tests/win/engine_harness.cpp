@@ -1,20 +1,19 @@
 #include "tests/win/engine_harness.h"
 
-#include <gtest/gtest.h>
-
 #include <fstream>
+
+const char *const kTargetSource = KTRN_SOURCE_DIR "/tests/targets/engine/eng_target.cpp";
 
 std::string TargetPath(const char *name) { return std::string(KTRN_TARGETS_DIR) + "/" + name; }
 
-std::wstring TargetPathW(const char *name) {
-  std::string path = TargetPath(name);
+std::string Backslashed(std::string path) {
   for (char &c : path)
     if (c == '/') c = '\\';
-  return std::wstring(path.begin(), path.end());
+  return path;
 }
 
-int MarkerLine(const char *source, const char *marker) {
-  std::ifstream in(std::string("Z:") + KTRN_SOURCE_DIR + "/" + source);
+int MarkerLine(const char *marker) {
+  std::ifstream in(std::string("Z:") + kTargetSource);
   std::string line;
   for (int n = 1; std::getline(in, line); n++)
     if (line.find(marker) != std::string::npos) return n;
@@ -28,6 +27,8 @@ HANDLE HarnessWakeEvent() {
 
 void HarnessWake(void *user) { SetEvent((HANDLE)user); }
 
+// [SECTION] Launch
+
 int LaunchTarget(const char *program, const char *arguments, Target **out, u32 *pid, const LaunchDescription *extra) {
   static std::string path;
   path = TargetPath(program);
@@ -37,6 +38,21 @@ int LaunchTarget(const char *program, const char *arguments, Target **out, u32 *
   launch.arguments = arguments;
   return EngineStartLaunch(&launch, HarnessWake, HarnessWakeEvent(), out, pid);
 }
+
+Target *Launch(const char *arguments, bool run, u32 *pid, const char *program, const LaunchDescription *extra) {
+  Target *target = nullptr;
+  u32 id = 0;
+  int result = LaunchTarget(program, arguments, &target, &id, extra);
+  EXPECT_EQ(result, 0) << program << " " << (arguments ? arguments : "");
+  if (result != 0) return nullptr;
+  if (pid) *pid = id;
+  if (run) EXPECT_EQ(EngineRun(target), 0);
+  return target;
+}
+
+// [SECTION] Events and stops
+
+const OnStop kLeaveStopped = [](Target *, const SeenEvent &) {};
 
 static void Record(Target *target, Seen &seen, const EngineEvent &event, SeenEvent &out) {
   out.event = event;
@@ -48,7 +64,6 @@ static void Record(Target *target, Seen &seen, const EngineEvent &event, SeenEve
   if (event.kind == kEventStopped) module = event.stopped.location.module;
   if (event.kind == kEventException) module = event.exception.location.module;
   if (module && module->symbols.name) out.module_name = module->symbols.name;
-  seen.output += out.text;
   if (event.kind == kEventText) seen.debug_strings.push_back(out.text);
   if (event.kind == kEventProcessExited) {
     seen.ended = true;
@@ -95,29 +110,30 @@ void DriveToEnd(Target *target, Seen &seen, const OnStop &on_stop, DWORD timeout
   EngineRelease(target);
 }
 
-int LaunchAndRun(const char *arguments, Target **out, u32 *pid) {
-  int result = LaunchTarget("eng_target.exe", arguments, out, pid);
-  if (result == 0) EngineRun(*out);
-  return result;
+Seen RunToEnd(const char *arguments, const OnStop &on_stop, const char *program, const LaunchDescription *extra) {
+  Seen seen;
+  if (Target *target = Launch(arguments, true, nullptr, program, extra)) DriveToEnd(target, seen, on_stop);
+  return seen;
 }
 
-void RunToEnd(const char *arguments, Seen &seen, const OnStop &on_stop) {
-  Target *target = nullptr;
-  u32 pid = 0;
-  ASSERT_EQ(LaunchAndRun(arguments, &target, &pid), 0) << arguments;
-  DriveToEnd(target, seen, on_stop);
-}
-
-bool WaitForKind(Target *target, Seen &seen, u32 kind, DWORD timeout_ms) {
+int WaitForKind(Target *target, Seen &seen, u32 kind, size_t from, DWORD timeout_ms) {
   ULONGLONG start = GetTickCount64();
-  size_t checked = seen.events.size();
   for (;;) {
-    for (; checked < seen.events.size(); checked++)
-      if (seen.events[checked].event.kind == kind) return true;
-    if (GetTickCount64() - start > timeout_ms) return false;
+    for (; from < seen.events.size(); from++)
+      if (seen.events[from].event.kind == kind) return (int)from;
+    if (GetTickCount64() - start > timeout_ms) return -1;
     WaitForSingleObject(HarnessWakeEvent(), 20);
-    PopInto(target, seen, [](Target *, const SeenEvent &) {});
+    PopInto(target, seen, kLeaveStopped);
   }
+}
+
+const SeenEvent *WaitStopped(Target *target, Seen &seen, u32 kind, size_t from) {
+  int at = WaitForKind(target, seen, kind, from);
+  EXPECT_GE(at, 0) << "no event of kind " << kind;
+  if (at < 0) return nullptr;
+  int state = EngineWaitStopped(target, 10000);
+  EXPECT_EQ(state, 0);
+  return state == 0 ? &seen.events[at] : nullptr;
 }
 
 bool WaitRunning(Target *target, DWORD timeout_ms) {
@@ -127,4 +143,24 @@ bool WaitRunning(Target *target, DWORD timeout_ms) {
     Sleep(5);
   }
   return false;
+}
+
+// [SECTION] Programs outside the debugger
+
+bool FreeProcess::Start(const char *mode, std::string path) {
+  STARTUPINFOW si = {sizeof si};
+  std::string line = "\"" + Backslashed(path) + "\" " + mode;
+  std::wstring wide(line.begin(), line.end());
+  if (!CreateProcessW(nullptr, &wide[0], nullptr, nullptr, FALSE, CREATE_NEW_CONSOLE, nullptr, nullptr, &si, &pi))
+    return false;
+  Sleep(500);  // let it get going
+  return true;
+}
+
+FreeProcess::~FreeProcess() {
+  if (!pi.hProcess) return;
+  TerminateProcess(pi.hProcess, 0);
+  WaitForSingleObject(pi.hProcess, 5000);
+  CloseHandle(pi.hProcess);
+  CloseHandle(pi.hThread);
 }

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <stdio.h>
+#include <string.h>
 
 #include <algorithm>
 
@@ -11,13 +12,7 @@
 static bool StartsWith(const std::string &s, const std::string &prefix) { return s.compare(0, prefix.size(), prefix) == 0; }
 
 TEST(EngineLaunch, ModulesLoadAndUnloadWithTheirSymbols) {
-  Target *t = nullptr;
-  u32 pid = 0;
-  ASSERT_EQ(LaunchTarget("eng_target.exe", "dll", &t, &pid), 0);
-  EXPECT_NE(pid, 0u);
-  Seen seen;
-  EXPECT_EQ(EngineRun(t), 0);
-  DriveToEnd(t, seen);
+  Seen seen = RunToEnd("dll");
   EXPECT_EQ(seen.exit_code, 21u);
   // The executable is the first module; the plugin loads with its PDB and unloads before "plugin freed".
   const SeenEvent *first_module = seen.First(kEventModuleLoaded);
@@ -61,12 +56,7 @@ TEST(EngineLaunch, ModulesLoadAndUnloadWithTheirSymbols) {
 }
 
 TEST(EngineLaunch, ThreadsExitWithTheirCodesAndTheProcessWithItsOwn) {
-  Target *t = nullptr;
-  u32 pid = 0;
-  ASSERT_EQ(LaunchTarget("eng_target.exe", "threads", &t, &pid), 0);
-  Seen seen;
-  EngineRun(t);
-  DriveToEnd(t, seen);
+  Seen seen = RunToEnd("threads");
   std::vector<u32> codes;
   for (const SeenEvent &e : seen.events)
     if (e.event.kind == kEventThreadExited) {
@@ -99,23 +89,37 @@ TEST(EngineLaunch, ThreadsExitWithTheirCodesAndTheProcessWithItsOwn) {
   EXPECT_EQ(seen.Count(kEventStopped), 0);
 }
 
-TEST(EngineLaunch, DebugStringsInBothEncodingsArriveAsUtf8) {
-  Target *t = nullptr;
-  u32 pid = 0;
-  ASSERT_EQ(LaunchTarget("eng_target.exe", "strings", &t, &pid), 0);
-  Seen seen;
-  EngineRun(t);
-  DriveToEnd(t, seen);
-  ASSERT_EQ(seen.debug_strings.size(), 3u);
-  EXPECT_EQ(seen.debug_strings[0], "narrow string\n");
-  EXPECT_EQ(seen.debug_strings[1], "wide string\n");
-  EXPECT_EQ(seen.debug_strings[2], "bytes \xC3\xA9t\xC3\xA9\n");
+// Programs run to their end with their debug strings (both encodings arrive as UTF-8) and codes;
+// the command line is the quoted path and the arguments, or the path alone without arguments.
+TEST(EngineLaunch, ProgramsRunToTheirEndWithTheirStringsAndCodes) {
+  std::string args_path = Backslashed(TargetPath("eng_args.exe"));
+  struct Case {
+    const char *program, *arguments;
+    std::vector<std::string> strings;
+    u32 exit_code;
+  } cases[] = {
+      {"eng_target.exe", "strings", {"narrow string\n", "wide string\n", "bytes \xC3\xA9t\xC3\xA9\n"}, 0},
+      {"hello_c.exe", nullptr, {"hello from hello_c\n"}, 42},
+      {"hello_c.exe", "any", {"hello from hello_c\n"}, 0},
+      {"cpp_basics.exe", nullptr, {"worker done\n", "area=24.57 sum=10 counter=1000\n"}, 0},  // a thread joined
+      {"eng_args.exe", nullptr, {args_path}, 0},
+      {"eng_args.exe", "one \"two three\"", {"\"" + args_path + "\" one \"two three\""}, 0},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(std::string(c.program) + " " + (c.arguments ? c.arguments : "(none)"));
+    Seen seen = RunToEnd(c.arguments, nullptr, c.program);
+    std::vector<std::string> &strings = seen.debug_strings;
+    // Without arguments the command line is the name alone, quoted or not as the system chooses.
+    if (!c.arguments && strings.size() == 1 && strings[0].size() > 2 && strings[0][0] == '"' && strings[0].back() == '"')
+      strings[0] = strings[0].substr(1, strings[0].size() - 2);
+    EXPECT_EQ(strings, c.strings);
+    EXPECT_EQ(seen.exit_code, c.exit_code);
+  }
 }
 
 TEST(EngineLaunch, IsHeldUntilTheFirstRunAndRefusesBreakWhileHeld) {
-  Target *t = nullptr;
-  u32 pid = 0;
-  ASSERT_EQ(LaunchTarget("eng_target.exe", "strings", &t, &pid), 0);
+  Target *t = Launch("strings", false);
+  ASSERT_NE(t, nullptr);
   EXPECT_EQ(EngineStoppedState(t), 0);
   Sleep(200);
   Seen seen;
@@ -128,113 +132,68 @@ TEST(EngineLaunch, IsHeldUntilTheFirstRunAndRefusesBreakWhileHeld) {
   EXPECT_EQ(seen.exit_code, 0u);
 }
 
-TEST(EngineLaunch, MissingOrBadExecutableAndMissingWorkingDirectoryFail) {
-  Target *t = nullptr;
-  u32 pid = 0;
-  EXPECT_EQ(LaunchTarget("no_such_program.exe", nullptr, &t, &pid), 5);
-  EXPECT_EQ(t, nullptr);
-  EXPECT_EQ(LaunchTarget("engine", nullptr, &t, &pid), 5);  // a directory is no executable
-  LaunchDescription bad_dir = {};
-  std::string dir = TargetPath("no_such_directory");
-  bad_dir.working_directory = dir.c_str();
-  EXPECT_EQ(LaunchTarget("eng_target.exe", "strings", &t, &pid, &bad_dir), 6);
-  std::string file_as_dir = TargetPath("eng_target.pdb");
-  bad_dir.working_directory = file_as_dir.c_str();
-  EXPECT_EQ(LaunchTarget("eng_target.exe", "strings", &t, &pid, &bad_dir), 6);
-  EXPECT_EQ(EngineStartLaunch(nullptr, HarnessWake, HarnessWakeEvent(), &t, &pid), 1);
-  LaunchDescription empty = {};
-  EXPECT_EQ(EngineStartLaunch(&empty, HarnessWake, HarnessWakeEvent(), &t, &pid), 1);
+TEST(EngineLaunch, FailuresToStartGiveTheirResults) {
   // A file that is no image: the system refuses to create the process, for a reason of its own.
-  char temp[MAX_PATH];
-  GetTempPathA(MAX_PATH, temp);
-  std::string bad = std::string(temp) + "ktrn_not_an_image.exe";
-  FILE *f = fopen(bad.c_str(), "wb");
+  std::string garbage = testing::TempDir() + "ktrn_not_an_image.exe";
+  FILE *f = fopen(garbage.c_str(), "wb");
   ASSERT_NE(f, nullptr);
   fputs("MZ but nothing else", f);
   fclose(f);
-  LaunchDescription garbage = {};
-  garbage.executable = bad.c_str();
-  EXPECT_EQ(EngineStartLaunch(&garbage, HarnessWake, HarnessWakeEvent(), &t, &pid), 4);
-  EXPECT_EQ(t, nullptr);
-  DeleteFileA(bad.c_str());
-  EXPECT_STREQ(EngineStartResultText(4), "unknown reason");
-  EXPECT_STREQ(EngineStartResultText(5), "executable not found");
-  EXPECT_STREQ(EngineStartResultText(6), "working directory not valid");
+  std::string missing_directory = TargetPath("no_such_directory"), file = TargetPath("eng_target.pdb");
+  struct Case {
+    std::string executable;
+    const char *directory;
+    int result;
+    const char *text;
+  } cases[] = {
+      {TargetPath("no_such_program.exe"), nullptr, 5, "executable not found"},
+      {TargetPath("engine"), nullptr, 5, "executable not found"},  // a directory is no executable
+      {TargetPath("eng_target.exe"), missing_directory.c_str(), 6, "working directory not valid"},
+      {TargetPath("eng_target.exe"), file.c_str(), 6, "working directory not valid"},
+      // Refused from its header, whether or not this machine could start it.
+      {TargetPath("x86/eng_hello32.exe"), nullptr, 10, "32-bit processes are not supported"},
+      {garbage, nullptr, 4, "unknown reason"},
+      {"", nullptr, 1, "unknown reason"},
+  };
+  for (const Case &c : cases) {
+    LaunchDescription launch = {};
+    launch.executable = c.executable.c_str();
+    launch.working_directory = c.directory;
+    Target *t = nullptr;
+    u32 pid = 0;
+    EXPECT_EQ(EngineStartLaunch(&launch, HarnessWake, HarnessWakeEvent(), &t, &pid), c.result) << c.executable;
+    EXPECT_EQ(t, nullptr);
+    EXPECT_STREQ(EngineStartResultText(c.result), c.text);
+  }
+  Target *t = nullptr;
+  LaunchDescription no_executable = {};
+  EXPECT_EQ(EngineStartLaunch(&no_executable, HarnessWake, HarnessWakeEvent(), &t, nullptr), 1);
+  EXPECT_EQ(EngineStartLaunch(nullptr, HarnessWake, HarnessWakeEvent(), &t, nullptr), 1);
+  DeleteFileA(garbage.c_str());
 }
 
+// The working directory given, else the session's default directory, with '/' turned into '\\'.
 TEST(EngineLaunch, WorkingDirectoryReachesTheProgram) {
-  LaunchDescription extra = {};
-  std::string dir = TargetPath("engine");  // forward slashes: turned into backslashes
-  extra.working_directory = dir.c_str();
-  Target *t = nullptr;
-  u32 pid = 0;
-  ASSERT_EQ(LaunchTarget("eng_target.exe", "cwd", &t, &pid, &extra), 0);
-  Seen seen;
-  EngineRun(t);
-  DriveToEnd(t, seen);
-  ASSERT_EQ(seen.debug_strings.size(), 1u);
-  std::string expected = "cwd " + TargetPath("engine") + "\n";
-  for (char &c : expected)
-    if (c == '/') c = '\\';
-  EXPECT_STREQ(CharLowerA(&seen.debug_strings[0][0]), CharLowerA(&expected[0]));
-
-  // Without a working directory of its own the launch takes the session's default directory.
-  LaunchDescription by_default = {};
-  std::string targets = TargetPath("");
-  by_default.default_directory = targets.c_str();
-  ASSERT_EQ(LaunchTarget("eng_target.exe", "cwd", &t, &pid, &by_default), 0);
-  Seen second;
-  EngineRun(t);
-  DriveToEnd(t, second);
-  ASSERT_EQ(second.debug_strings.size(), 1u);
-  std::string expected_default = "cwd " + TargetPath("");
-  for (char &c : expected_default)
-    if (c == '/') c = '\\';
-  if (expected_default.back() == '\\') expected_default.pop_back();
-  expected_default += "\n";
-  EXPECT_STREQ(CharLowerA(&second.debug_strings[0][0]), CharLowerA(&expected_default[0]));
-}
-
-TEST(EngineLaunch, ThirtyTwoBitProgramIsRefused) {
-  Target *t = nullptr;
-  u32 pid = 0;
-  int result = LaunchTarget("x86/eng_hello32.exe", nullptr, &t, &pid);
-  EXPECT_EQ(result, 10);  // refused from its header, whether or not this machine could start it
-  EXPECT_EQ(t, nullptr);
-  EXPECT_STREQ(EngineStartResultText(10), "32-bit processes are not supported");
-}
-
-TEST(EngineLaunch, ArgumentsAbsentAndPresent) {
-  Target *t = nullptr;
-  u32 pid = 0;
-  ASSERT_EQ(LaunchTarget("eng_args.exe", nullptr, &t, &pid), 0);
-  Seen none;
-  EngineRun(t);
-  DriveToEnd(t, none);
-  ASSERT_EQ(none.debug_strings.size(), 1u);
-  EXPECT_EQ(none.debug_strings[0].find(' '), std::string::npos) << none.debug_strings[0];
-  EXPECT_NE(none.debug_strings[0].find("eng_args.exe"), std::string::npos);
-
-  ASSERT_EQ(LaunchTarget("eng_args.exe", "one \"two three\"", &t, &pid), 0);
-  Seen some;
-  EngineRun(t);
-  DriveToEnd(t, some);
-  ASSERT_EQ(some.debug_strings.size(), 1u);
-  std::string path = TargetPath("eng_args.exe");
-  for (char &c : path)
-    if (c == '/') c = '\\';
-  EXPECT_EQ(some.debug_strings[0], "\"" + path + "\" one \"two three\"");
+  std::string engine = TargetPath("engine"), targets = TargetPath("");
+  struct Case {
+    const char *working, *by_default;
+    std::string expected;
+  } cases[] = {
+      {engine.c_str(), nullptr, "cwd " + Backslashed(engine) + "\n"},
+      {nullptr, targets.c_str(), "cwd " + Backslashed(targets.substr(0, targets.size() - 1)) + "\n"},
+  };
+  for (const Case &c : cases) {
+    LaunchDescription extra = {};
+    extra.working_directory = c.working;
+    extra.default_directory = c.by_default;
+    Seen seen = RunToEnd("cwd", nullptr, "eng_target.exe", &extra);
+    ASSERT_EQ(seen.debug_strings.size(), 1u);
+    EXPECT_EQ(_stricmp(seen.debug_strings[0].c_str(), c.expected.c_str()), 0) << seen.debug_strings[0];
+  }
 }
 
 static std::vector<std::string> EnvLines(const LaunchDescription &extra) {
-  Target *t = nullptr;
-  u32 pid = 0;
-  EXPECT_EQ(LaunchTarget("eng_target.exe", "env", &t, &pid, &extra), 0);
-  if (!t) return {};
-  Seen seen;
-  EngineRun(t);
-  DriveToEnd(t, seen);
-  return seen.debug_strings;
+  return RunToEnd("env", nullptr, "eng_target.exe", &extra).debug_strings;
 }
 
 static int IndexOf(const std::vector<std::string> &lines, const char *line) {

@@ -8,10 +8,9 @@
 #include "tests/win/engine_harness.h"
 
 TEST(EngineRing, UiFallingBehindLosesTheOldestEventsAndNeverBlocksTheEngine) {
-  Target *t = nullptr;
-  u32 pid = 0;
   // 2000 threads start and exit: more thread-exit events than the ring holds.
-  ASSERT_EQ(LaunchAndRun("many 2000", &t, &pid), 0);
+  Target *t = Launch("many 2000");
+  ASSERT_NE(t, nullptr);
   // Nothing is popped until the engine has ended with the process.
   ASSERT_EQ(WaitForSingleObject(t->engine_thread, 120000), WAIT_OBJECT_0);
   EXPECT_GT(t->events_posted, 2000u);
@@ -151,9 +150,8 @@ TEST(EngineHeap, NoHeapAllocationOnTheEventPath) {
   // Runs of events: thread creation and exit, debug strings, stops and resumes, module loads.
   const char *runs[] = {"many 200", "strloop 300", "int3loop 100", "dll"};
   for (const char *args : runs) {
-    Target *t = nullptr;
-    u32 pid = 0;
-    ASSERT_EQ(LaunchTarget("eng_target.exe", args, &t, &pid), 0);
+    Target *t = Launch(args, false);
+    ASSERT_NE(t, nullptr);
     g_heap_calls = 0;
     g_counting = 1;  // this thread, which pops events and answers stops, is not counted
     EngineRun(t);
@@ -192,43 +190,47 @@ TEST(EngineText, CxxTypeNamesFromDecoratedNames) {
   EXPECT_STREQ(out, "std::a_");  // cut, always terminated
 }
 
+// Each kind's line, and none once its option is off.
 TEST(EngineText, LinesOfEachEventKind) {
   static TargetModule module;
   strcpy(module.symbols.image_path, "C:\\app\\app.exe");
-  EngineEvent e = {};
-  char out[512];
-  OutputOptions options = OutputOptionsDefault();
-  e.kind = kEventModuleLoaded;
-  e.module.module = &module;
-  e.module.base = 0x7FF612340000ull;
-  e.module.size = 0x21000;
-  e.module.status = kSymbolsOutOfSync;
-  EngineEventText(&e, &options, 0, out, sizeof out);
-  EXPECT_STREQ(out, "Module loaded: 00007ff6`12340000 00007ff6`12361000   C:\\app\\app.exe (no symbols loaded -- PDB out of sync)\n");
-  e.kind = kEventModuleUnloaded;
-  EngineEventText(&e, &options, 0, out, sizeof out);
-  EXPECT_STREQ(out, "Module unloaded: 00007ff6`12340000 00007ff6`12361000   C:\\app\\app.exe\n");
-  options.module_unload = 0;
-  EXPECT_EQ(EngineEventText(&e, &options, 0, out, sizeof out), 0u);
-  e = {};
-  e.kind = kEventThreadExited;
-  e.thread_exit.handle = 0x1c4;
-  e.thread_exit.exit_code = 259;
-  EngineEventText(&e, &options, 0, out, sizeof out);
-  EXPECT_STREQ(out, "Thread exited: handle 0x1c4 with exit code 259 (0x103)\n");
-  options.thread_exit = 0;
-  EXPECT_EQ(EngineEventText(&e, &options, 0, out, sizeof out), 0u);
-  e.kind = kEventDetached;
-  EngineEventText(&e, &options, 4242, out, sizeof out);
-  EXPECT_STREQ(out, "Detached from process (4242)\n");
-  e.kind = kEventProcessExited;
-  e.process.exit_code = 0xC0000005u;
-  EngineEventText(&e, &options, 0, out, sizeof out);
-  EXPECT_STREQ(out, "Process exited: with exit code 3221225477 (0xc0000005)\n");
-  options.process_exit = 0;
-  EXPECT_EQ(EngineEventText(&e, &options, 0, out, sizeof out), 0u);
-  e.kind = kEventStopped;
-  EXPECT_EQ(EngineEventText(&e, &options, 0, out, sizeof out), 0u);
+  EngineEvent load = {}, thread = {}, exited = {}, detached = {}, stopped = {};
+  load.kind = kEventModuleLoaded;
+  load.module.module = &module;
+  load.module.base = 0x7FF612340000ull;
+  load.module.size = 0x21000;
+  load.module.status = kSymbolsOutOfSync;
+  EngineEvent unload = load;
+  unload.kind = kEventModuleUnloaded;
+  thread.kind = kEventThreadExited;
+  thread.thread_exit.handle = 0x1c4;
+  thread.thread_exit.exit_code = 259;
+  exited.kind = kEventProcessExited;
+  exited.process.exit_code = 0xC0000005u;
+  detached.kind = kEventDetached;
+  stopped.kind = kEventStopped;
+  struct Case {
+    const EngineEvent *event;
+    u8 OutputOptions::*option;
+    const char *line;
+  } cases[] = {
+      {&load, &OutputOptions::module_load,
+       "Module loaded: 00007ff6`12340000 00007ff6`12361000   C:\\app\\app.exe (no symbols loaded -- PDB out of sync)\n"},
+      {&unload, &OutputOptions::module_unload, "Module unloaded: 00007ff6`12340000 00007ff6`12361000   C:\\app\\app.exe\n"},
+      {&thread, &OutputOptions::thread_exit, "Thread exited: handle 0x1c4 with exit code 259 (0x103)\n"},
+      {&exited, &OutputOptions::process_exit, "Process exited: with exit code 3221225477 (0xc0000005)\n"},
+      {&detached, nullptr, "Detached from process (4242)\n"},
+      {&stopped, nullptr, ""},
+  };
+  for (const Case &c : cases) {
+    OutputOptions options = OutputOptionsDefault();
+    char out[512] = "";
+    EXPECT_EQ(EngineEventText(c.event, &options, 4242, out, sizeof out), strlen(c.line)) << c.line;
+    if (c.line[0]) EXPECT_STREQ(out, c.line);
+    if (!c.option) continue;
+    options.*c.option = 0;
+    EXPECT_EQ(EngineEventText(c.event, &options, 4242, out, sizeof out), 0u) << c.line;
+  }
 }
 
 // [SECTION] ktrn-cli
@@ -280,47 +282,33 @@ TEST(KtrnCli, LaunchPrintsTheOutputLinesAndExitsWithTheTargetsCode) {
 }
 
 TEST(KtrnCli, AttachShowsTheBreakInAndDetachesAfterTheTimeLimit) {
-  PROCESS_INFORMATION pi = {};
-  STARTUPINFOW si = {sizeof si};
-  std::wstring line = L"\"" + TargetPathW("eng_target.exe") + L"\" spin";
-  ASSERT_TRUE(CreateProcessW(nullptr, &line[0], nullptr, nullptr, FALSE, CREATE_NEW_CONSOLE, nullptr, nullptr, &si, &pi));
-  Sleep(500);
+  FreeProcess p;
+  ASSERT_TRUE(p.Start("spin"));
+  std::string id = std::to_string(p.Id());
   DWORD code = 1;
-  std::string out = RunCli("--seconds 2 attach " + std::to_string(pi.dwProcessId), &code);
+  std::string out = RunCli("--seconds 2 attach " + id, &code);
   EXPECT_EQ(code, 0u) << out;
-  EXPECT_NE(out.find("Attaching to process ID " + std::to_string(pi.dwProcessId) + "...[OK]\n"), std::string::npos) << out;
+  EXPECT_NE(out.find("Attaching to process ID " + id + "...[OK]\n"), std::string::npos) << out;
   EXPECT_NE(out.find("Stopped: break at 0x"), std::string::npos) << out;
-  EXPECT_NE(out.find("Detached from process (" + std::to_string(pi.dwProcessId) + ")\n"), std::string::npos) << out;
-  EXPECT_EQ(WaitForSingleObject(pi.hProcess, 300), (DWORD)WAIT_TIMEOUT);  // still running
+  EXPECT_NE(out.find("Detached from process (" + id + ")\n"), std::string::npos) << out;
+  EXPECT_TRUE(p.Alive());
 
   // Reattach by name, to a copy with a name of its own (another test run may debug eng_target.exe).
-  char temp[MAX_PATH];
-  GetTempPathA(MAX_PATH, temp);
   std::string name = "ktrn_reattach_" + std::to_string(GetCurrentProcessId()) + ".exe";
-  std::string copy = std::string(temp) + name;
-  std::string original = TargetPath("eng_target.exe");
-  ASSERT_TRUE(CopyFileA(original.c_str(), copy.c_str(), FALSE));
-  PROCESS_INFORMATION named = {};
-  std::wstring named_line = L"\"" + std::wstring(copy.begin(), copy.end()) + L"\" spin";
-  ASSERT_TRUE(CreateProcessW(nullptr, &named_line[0], nullptr, nullptr, FALSE, CREATE_NEW_CONSOLE, nullptr, nullptr, &si,
-                             &named));
-  Sleep(500);
-  for (char &c : name) c = (char)toupper((unsigned char)c);
-  out = RunCli("--seconds 1 reattach " + name, &code);
-  EXPECT_NE(out.find("Attaching to process ID " + std::to_string(named.dwProcessId) + "...[OK]\n"), std::string::npos)
-      << out;
-  EXPECT_NE(out.find("Detached from process (" + std::to_string(named.dwProcessId) + ")\n"), std::string::npos) << out;
-  TerminateProcess(named.hProcess, 0);
-  WaitForSingleObject(named.hProcess, 5000);
-  CloseHandle(named.hProcess);
-  CloseHandle(named.hThread);
+  std::string copy = testing::TempDir() + name;
+  ASSERT_TRUE(CopyFileA(TargetPath("eng_target.exe").c_str(), copy.c_str(), FALSE));
+  {
+    FreeProcess named;
+    ASSERT_TRUE(named.Start("spin", copy));
+    for (char &c : name) c = (char)toupper((unsigned char)c);
+    out = RunCli("--seconds 1 reattach " + name, &code);
+    std::string named_id = std::to_string(named.Id());
+    EXPECT_NE(out.find("Attaching to process ID " + named_id + "...[OK]\n"), std::string::npos) << out;
+    EXPECT_NE(out.find("Detached from process (" + named_id + ")\n"), std::string::npos) << out;
+  }
   DeleteFileA(copy.c_str());
   out = RunCli("reattach no_such_program.exe", &code);
   EXPECT_NE(out.find("Unable to reattach to process named \"no_such_program.exe\". Process not found.\n"),
             std::string::npos)
       << out;
-  TerminateProcess(pi.hProcess, 0);
-  WaitForSingleObject(pi.hProcess, 5000);
-  CloseHandle(pi.hProcess);
-  CloseHandle(pi.hThread);
 }
