@@ -1,68 +1,112 @@
-// Commands served while the target is stopped, the request ring while it runs, the process list
-// and the pending-action rules, against real programs under Wine.
+// Commands served while the target is stopped, evaluation requests, the request ring while it runs,
+// the process list and the pending-action rules, against real programs under Wine.
 #include <gtest/gtest.h>
 
-#include <algorithm>
+#include <functional>
+#include <set>
 
 #include "engine/pending_action.h"
 #include "engine/process_list.h"
 #include "tests/win/engine_harness.h"
 
-TEST(EngineCommands, ThreadStatesFramesAndInstructionPointerWhileStopped) {
+// Every command at one stop (the program's own int3, with an idle second thread), each answered by
+// the stop it reports; then the next statement moved past the program's last debug string.
+TEST(EngineCommands, ThreadStatesFramesRegistersAndNextStatementWhileStopped) {
   Target *t = Launch("int3");
   ASSERT_NE(t, nullptr);
   Seen seen;
-  const SeenEvent *stop = WaitStopped(t, seen);
-  ASSERT_NE(stop, nullptr);
-  u64 stop_address = stop->event.stopped.address;
+  u64 stop_address = WaitStopped(t, seen).event.stopped.address;
   TargetThread *main = t->threads, *idle = main ? main->next : nullptr;
   ASSERT_NE(idle, nullptr);
   EXPECT_EQ(t->current_thread, main);
-
-  // Freeze the idle thread: the engine suspends it and reports the new thread states.
-  const SeenEvent *e = StopAfter(t, seen, [&] { return EngineToggleFreeze(t, idle); });
-  ASSERT_NE(e, nullptr);
-  EXPECT_EQ(e->event.stopped.reason, (u32)kStopThreadStates);
-  EXPECT_EQ(e->event.stopped.address, stop_address);
-  EXPECT_EQ(idle->suspended_by_engine, 1);
-  ASSERT_NE(StopAfter(t, seen, [&] { return EngineToggleFreeze(t, idle); }), nullptr);
-  EXPECT_EQ(idle->suspended_by_engine, 0);
-
-  // Solo on the main thread holds every other thread.
-  ASSERT_NE(StopAfter(t, seen, [&] { return EngineToggleSolo(t, main); }), nullptr);
-  EXPECT_EQ(idle->suspended_by_engine, 1);
-  EXPECT_EQ(main->suspended_by_engine, 0);
-  ASSERT_NE(StopAfter(t, seen, [&] { return EngineToggleSolo(t, main); }), nullptr);
-  EXPECT_EQ(idle->suspended_by_engine, 0);
-
-  // Selecting a thread makes it current; frame 0 of it is selected.
-  ASSERT_NE(StopAfter(t, seen, [&] { return EngineSelectThread(t, idle->id); }), nullptr);
-  EXPECT_EQ(t->current_thread, idle);
-  ASSERT_NE(StopAfter(t, seen, [&] { return EngineSelectThread(t, main->id); }), nullptr);
-
-  // Frame 0 exists; frame 5 does not and changes nothing.
-  e = StopAfter(t, seen, [&] { return EngineSelectFrame(t, 0); });
-  ASSERT_NE(e, nullptr);
-  EXPECT_EQ(e->event.stopped.reason, (u32)kStopFrameSelected);
-  EXPECT_EQ(e->event.stopped.frame, 0);
+  // Each operation, the stop reason it reports, and what it leaves behind.
+  struct Step {
+    std::function<int()> operation;
+    u32 reason;
+    std::function<bool()> after;
+  } steps[] = {
+      // Freeze the idle thread: the engine suspends it and reports the new thread states.
+      {[&] { return EngineToggleFreeze(t, idle); }, kStopThreadStates, [&] { return idle->suspended_by_engine == 1; }},
+      {[&] { return EngineToggleFreeze(t, idle); }, kStopThreadStates, [&] { return idle->suspended_by_engine == 0; }},
+      // Solo on the main thread holds every other thread.
+      {[&] { return EngineToggleSolo(t, main); }, kStopThreadStates,
+       [&] { return idle->suspended_by_engine == 1 && main->suspended_by_engine == 0; }},
+      {[&] { return EngineToggleSolo(t, main); }, kStopThreadStates, [&] { return idle->suspended_by_engine == 0; }},
+      // Selecting a thread makes it current, reported as new thread states at its frame 0.
+      {[&] { return EngineSelectThread(t, idle->id); }, kStopThreadStates, [&] { return t->current_thread == idle; }},
+      {[&] { return EngineSelectThread(t, main->id); }, kStopThreadStates, [&] { return t->current_thread == main; }},
+      {[&] { return EngineSelectFrame(t, 0); }, kStopFrameSelected, [&] { return true; }},
+      // Collapsing of stack-overflow frames: stored, the current thread's stack rebuilt at frame 0.
+      {[&] { return EngineSetStackOverflowCollapsing(t, 1); }, kStopFrameSelected,
+       [&] { return t->collapse_stack_overflow == 1; }},
+      // The instruction pointer, set to where it is, changes nothing for the program; registers
+      // changed are reported as new thread states.
+      {[&] { return EngineSetInstructionPointer(t, stop_address); }, kStopThreadStates, [&] { return true; }},
+  };
+  for (size_t i = 0; i < sizeof steps / sizeof steps[0]; i++) {
+    SeenEvent e = StopAfter(t, seen, steps[i].operation);
+    EXPECT_EQ(e.event.stopped.reason, steps[i].reason) << "step " << i;
+    if (t->current_thread == main) EXPECT_EQ(e.event.stopped.address, stop_address) << "step " << i;
+    EXPECT_EQ(e.event.stopped.frame, 0) << "step " << i;
+    EXPECT_TRUE(steps[i].after()) << "step " << i;
+  }
+  // Frame 5 does not exist and changes nothing.
   size_t mark = seen.events.size();
   EXPECT_EQ(EngineSelectFrame(t, 5), 0);
   Sleep(200);
   PopInto(t, seen, kLeaveStopped);
   EXPECT_EQ(seen.events.size(), mark);
+  // The next statement: only a line with code in a known file; past the debug string, the program
+  // returns without printing it.
+  EXPECT_EQ(EngineSetNextStatement(t, "no_such_file.cpp", 10), 23);
+  EXPECT_EQ(EngineSetNextStatement(t, kTargetSource, 0x7FFFFFF0), 23);
+  int line = MarkerLine("INT3_RETURN_LINE");
+  SeenEvent e = StopAfter(t, seen, [&] { return EngineSetNextStatement(t, kTargetSource, (u32)line); });
+  EXPECT_EQ((int)e.event.stopped.location.line, line);
+  EXPECT_EQ(EngineRun(t), 0);
+  DriveToEnd(t, seen);
+  EXPECT_EQ(seen.debug_strings.size(), 0u);
+  EXPECT_EQ(seen.exit_code, 3u);
+}
 
-  // Collapsing of stack-overflow frames: stored, the current thread's stack rebuilt at frame 0.
-  e = StopAfter(t, seen, [&] { return EngineSetStackOverflowCollapsing(t, 1); });
-  ASSERT_NE(e, nullptr);
-  EXPECT_EQ(e->event.stopped.reason, (u32)kStopFrameSelected);
-  EXPECT_EQ(e->event.stopped.frame, 0);
-  EXPECT_EQ(t->collapse_stack_overflow, 1);
+TEST(EngineCommands, EvaluationRequestsAreParsedAndReportedAtEveryStop) {
+  Target *t = Launch("int3", false);
+  ASSERT_NE(t, nullptr);
+  EvaluationRequest *parsed = nullptr, *broken = nullptr, *late = nullptr;
+  u32 free_nodes = t->evaluation_requests->nodes.free_count;
+  EXPECT_EQ(EngineAddEvaluationRequest(t, std::string(256, 'a').c_str(), nullptr, &parsed), 33);
+  EXPECT_EQ(EngineAddEvaluationRequest(t, nullptr, nullptr, &parsed), 1);
+  ASSERT_EQ(EngineAddEvaluationRequest(t, "counter + 1, x", (void *)1, &parsed), 0);
+  ASSERT_EQ(EngineAddEvaluationRequest(t, "1 +* )", (void *)2, &broken), 0);
+  EXPECT_EQ(parsed->parse_failed, 0);
+  EXPECT_NE(parsed->tree, nullptr);
+  EXPECT_STREQ(broken->result, "Parse error");
+  EXPECT_LT(t->evaluation_requests->nodes.free_count, free_nodes);
+  EngineRun(t);
+  Seen seen;
+  ASSERT_EQ(WaitStopped(t, seen).event.kind, (u32)kEventStopped);
+  PopInto(t, seen, kLeaveStopped);
+  // At the stop: the unparsed request's result is known; the parsed one waits for the evaluator.
+  ASSERT_EQ(seen.Count(kEventEvaluation), 1);
+  const EngineEvent &result = seen.First(kEventEvaluation)->event;
+  EXPECT_EQ(result.evaluation.request, (void *)broken);
+  EXPECT_EQ(result.evaluation.cookie, broken->cookie);
+  EXPECT_EQ(result.evaluation.parse_failed, 1);
 
-  // The instruction pointer, set to where it is, changes nothing for the program; registers
-  // changed are reported as new thread states.
-  e = StopAfter(t, seen, [&] { return EngineSetInstructionPointer(t, stop_address); });
-  ASSERT_NE(e, nullptr);
-  EXPECT_EQ(e->event.stopped.reason, (u32)kStopThreadStates);
+  // Added while stopped: a refresh re-evaluates every request, the new one included.
+  size_t mark = seen.events.size();
+  ASSERT_EQ(EngineAddEvaluationRequest(t, "((", (void *)3, &late), 0);
+  int first = WaitForKind(t, seen, kEventEvaluation, mark);
+  int second = first < 0 ? -1 : WaitForKind(t, seen, kEventEvaluation, first + 1);
+  ASSERT_GE(second, 0);
+  std::set<void *> evaluated = {seen.events[first].event.evaluation.request, seen.events[second].event.evaluation.request};
+  EXPECT_EQ(evaluated, (std::set<void *>{broken, late}));
+  EXPECT_EQ(late->cookie, (void *)3);
+  ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
+  for (EvaluationRequest *request : {parsed, broken, late}) EXPECT_EQ(EngineRemoveEvaluationRequest(t, request), 0);
+  EXPECT_EQ(t->evaluation_requests->nodes.free_count, free_nodes);  // every node back in the pool
+  EXPECT_EQ(t->evaluation_requests->first, nullptr);
+  ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
   EXPECT_EQ(EngineRun(t), 0);
   DriveToEnd(t, seen);
   EXPECT_EQ(seen.exit_code, 3u);
@@ -80,10 +124,9 @@ TEST(EngineCommands, RequestsQueuedWhileRunningAreServedWithoutAVisibleStop) {
   for (int i = 0; i < 1000 && t->requests_served < 1; i++) Sleep(10);
   EXPECT_EQ(t->requests_served, 1u);
   EXPECT_TRUE(WaitRunning(t));  // the silent break-in was resumed
-  PopInto(t, seen, nullptr);
-  EXPECT_EQ(seen.Count(kEventStopped), 0);
   EXPECT_EQ(EngineTerminate(t, 0), 0);
   DriveToEnd(t, seen);
+  EXPECT_EQ(seen.Count(kEventStopped), 0);
   EXPECT_EQ(seen.exit_code, 0u);
 }
 
@@ -119,10 +162,9 @@ TEST(EnginePending, AttachWhileDebuggingTerminatesFirstAndAttachesAfterTheExit) 
   ASSERT_NE(t, nullptr);
   Seen seen;
   ASSERT_GE(WaitForKind(t, seen, kEventText), 0);
-  PendingAction pending = {};
+  PendingAction pending = {}, due = {};
   ASSERT_EQ(PendingActionEndRunThen(&pending, t, kPendingAttach, 4321, 1, nullptr), 0);
   EXPECT_EQ(pending.kind, (u32)kPendingAttach);
-  PendingAction due = {};
   EXPECT_FALSE(PendingActionTake(&pending, kEventText, &due));
   DriveToEnd(t, seen);
   EXPECT_EQ(seen.exit_code, 0u);
@@ -146,74 +188,5 @@ TEST(EnginePending, AttachWhileDebuggingTerminatesFirstAndAttachesAfterTheExit) 
   // Without a process nothing is parked.
   EXPECT_EQ(PendingActionEndRunThen(&pending, nullptr, kPendingRelaunch, 0, 0, nullptr), 1);
   EXPECT_EQ(pending.kind, (u32)kPendingNone);
-  std::string long_path(2000, 'a');
-  EXPECT_EQ(PendingActionSet(&pending, kPendingOpenSession, 0, 0, long_path.c_str()), 33);
-}
-
-TEST(EngineCommands, SetNextStatementMovesToTheLinesCode) {
-  Target *t = Launch("int3");
-  ASSERT_NE(t, nullptr);
-  Seen seen;
-  ASSERT_NE(WaitStopped(t, seen), nullptr);
-  EXPECT_EQ(EngineSetNextStatement(t, "no_such_file.cpp", 10), 23);
-  EXPECT_EQ(EngineSetNextStatement(t, kTargetSource, 0x7FFFFFF0), 23);
-  // Past the debug string: the program returns without printing it.
-  int line = MarkerLine("INT3_RETURN_LINE");
-  const SeenEvent *e = StopAfter(t, seen, [&] { return EngineSetNextStatement(t, kTargetSource, (u32)line); });
-  ASSERT_NE(e, nullptr);
-  EXPECT_EQ((int)e->event.stopped.location.line, line);
-  EXPECT_EQ(EngineRun(t), 0);
-  DriveToEnd(t, seen);
-  EXPECT_EQ(seen.debug_strings.size(), 0u);
-  EXPECT_EQ(seen.exit_code, 3u);
-}
-
-TEST(EngineCommands, EvaluationRequestsAreParsedAndReportedAtEveryStop) {
-  Target *t = Launch("int3", false);
-  ASSERT_NE(t, nullptr);
-  EvaluationRequest *parsed = nullptr, *broken = nullptr, *late = nullptr;
-  u32 free_nodes = t->evaluation_requests->nodes.free_count;
-  EXPECT_EQ(EngineAddEvaluationRequest(t, std::string(256, 'a').c_str(), nullptr, &parsed), 33);
-  EXPECT_EQ(EngineAddEvaluationRequest(t, nullptr, nullptr, &parsed), 1);
-  ASSERT_EQ(EngineAddEvaluationRequest(t, "counter + 1, x", (void *)1, &parsed), 0);
-  ASSERT_EQ(EngineAddEvaluationRequest(t, "1 +* )", (void *)2, &broken), 0);
-  EXPECT_EQ(parsed->parse_failed, 0);
-  EXPECT_NE(parsed->tree, nullptr);
-  EXPECT_STREQ(broken->result, "Parse error");
-  EXPECT_LT(t->evaluation_requests->nodes.free_count, free_nodes);
-  EngineRun(t);
-  Seen seen;
-  ASSERT_NE(WaitStopped(t, seen), nullptr);
-  PopInto(t, seen, kLeaveStopped);
-  // At the stop: the unparsed request's result is known; the parsed one waits for the evaluator.
-  ASSERT_EQ(seen.Count(kEventEvaluation), 1);
-  EXPECT_EQ(seen.First(kEventEvaluation)->event.evaluation.request, (void *)broken);
-  EXPECT_EQ(seen.First(kEventEvaluation)->event.evaluation.cookie, broken->cookie);
-  EXPECT_EQ(seen.First(kEventEvaluation)->event.evaluation.parse_failed, 1);
-
-  // Added while stopped: a refresh re-evaluates every request, the new one included.
-  ASSERT_EQ(EngineAddEvaluationRequest(t, "((", (void *)3, &late), 0);
-  std::vector<void *> evaluated;
-  for (ULONGLONG start = GetTickCount64(); evaluated.size() < 2 && GetTickCount64() - start < 10000;) {
-    WaitForSingleObject(HarnessWakeEvent(), 20);
-    size_t before = seen.events.size();
-    PopInto(t, seen, kLeaveStopped);
-    for (size_t i = before; i < seen.events.size(); i++)
-      if (seen.events[i].event.kind == kEventEvaluation) evaluated.push_back(seen.events[i].event.evaluation.request);
-  }
-  std::sort(evaluated.begin(), evaluated.end());
-  std::vector<void *> expected = {(void *)broken, (void *)late};
-  std::sort(expected.begin(), expected.end());
-  EXPECT_EQ(evaluated, expected);
-  EXPECT_EQ(late->cookie, (void *)3);
-  ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
-  EXPECT_EQ(EngineRemoveEvaluationRequest(t, parsed), 0);
-  EXPECT_EQ(EngineRemoveEvaluationRequest(t, broken), 0);
-  EXPECT_EQ(EngineRemoveEvaluationRequest(t, late), 0);
-  EXPECT_EQ(t->evaluation_requests->nodes.free_count, free_nodes);  // every node back in the pool
-  EXPECT_EQ(t->evaluation_requests->first, nullptr);
-  ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
-  EXPECT_EQ(EngineRun(t), 0);
-  DriveToEnd(t, seen);
-  EXPECT_EQ(seen.exit_code, 3u);
+  EXPECT_EQ(PendingActionSet(&pending, kPendingOpenSession, 0, 0, std::string(2000, 'a').c_str()), 33);
 }

@@ -93,19 +93,16 @@ void PopInto(Target *target, Seen &seen, const OnStop &on_stop) {
 }
 
 void DriveToEnd(Target *target, Seen &seen, const OnStop &on_stop, DWORD timeout_ms) {
-  ULONGLONG start = GetTickCount64();
+  ULONGLONG deadline = GetTickCount64() + timeout_ms;
   bool terminated = false;
-  while (!seen.ended) {
-    WaitForSingleObject(HarnessWakeEvent(), 20);
-    PopInto(target, seen, on_stop);
-    if (!terminated && GetTickCount64() - start > timeout_ms) {
+  while (!seen.ended && GetTickCount64() < deadline + 10000) {  // 10 s more for the terminate
+    if (!terminated && GetTickCount64() > deadline) {
       ADD_FAILURE() << "the run did not end in time";
       terminated = true;
       EngineTerminate(target, 1);
-      start = GetTickCount64() - timeout_ms + 10000;
-    } else if (terminated && GetTickCount64() - start > timeout_ms) {
-      break;
     }
+    WaitForSingleObject(HarnessWakeEvent(), 20);
+    PopInto(target, seen, on_stop);
   }
   EngineRelease(target);
 }
@@ -127,13 +124,12 @@ int WaitForKind(Target *target, Seen &seen, u32 kind, size_t from, DWORD timeout
   }
 }
 
-const SeenEvent *WaitStopped(Target *target, Seen &seen, u32 kind, size_t from) {
+SeenEvent WaitStopped(Target *target, Seen &seen, u32 kind, size_t from) {
   int at = WaitForKind(target, seen, kind, from);
   EXPECT_GE(at, 0) << "no event of kind " << kind;
-  if (at < 0) return nullptr;
-  int state = EngineWaitStopped(target, 10000);
+  int state = at < 0 ? -1 : EngineWaitStopped(target, 10000);
   EXPECT_EQ(state, 0);
-  return state == 0 ? &seen.events[at] : nullptr;
+  return state == 0 ? seen.events[at] : SeenEvent{};
 }
 
 bool WaitRunning(Target *target, DWORD timeout_ms) {
@@ -157,10 +153,11 @@ bool FreeProcess::Start(const char *mode, std::string path) {
   return true;
 }
 
-FreeProcess::~FreeProcess() {
+void FreeProcess::End() {
   if (!pi.hProcess) return;
   TerminateProcess(pi.hProcess, 0);
   WaitForSingleObject(pi.hProcess, 5000);
   CloseHandle(pi.hProcess);
   CloseHandle(pi.hThread);
+  pi = {};
 }

@@ -15,7 +15,7 @@
 #include "ui/engine_event_text.h"
 
 struct SeenEvent {
-  EngineEvent event;
+  EngineEvent event = {};
   std::string text;         // EngineEventText's output
   std::string module_name;  // kinds 10 and 11, and the module of kinds 1 and 4
 };
@@ -26,9 +26,9 @@ struct Seen {
   bool ended = false;
   bool detached = false;
   u32 exit_code = 0xFFFFFFFF;
-  int Count(u32 kind) const {
+  int Count(u32 kind, size_t from = 0) const {  // among the events from that index on
     int n = 0;
-    for (const SeenEvent &e : events) n += e.event.kind == kind;
+    for (size_t i = from; i < events.size(); i++) n += events[i].event.kind == kind;
     return n;
   }
   const SeenEvent *First(u32 kind) const {
@@ -48,11 +48,11 @@ HANDLE HarnessWakeEvent();
 void HarnessWake(void *user);
 
 // [SECTION] Launch
-// The start result of launching a program of tests/targets.
+// Launches a program of tests/targets: the start result, with the target held before its first run.
 int LaunchTarget(const char *program, const char *arguments, Target **out, u32 *pid,
                  const LaunchDescription *extra = nullptr);
-// The launched target, held before its first run (or let past it with run); null, and a failure,
-// when the launch fails.
+// Launches eng_target.exe (or program) and, with run, lets it past its held start; null, and a
+// failure, when the launch fails.
 Target *Launch(const char *arguments, bool run = true, u32 *pid = nullptr, const char *program = "eng_target.exe",
                const LaunchDescription *extra = nullptr);
 
@@ -71,22 +71,21 @@ Seen RunToEnd(const char *arguments, const OnStop &on_stop = nullptr, const char
 // Pops (answering no stop) until an event of the kind arrives at index from or later: its index,
 // or -1 when none came within the time.
 int WaitForKind(Target *target, Seen &seen, u32 kind, size_t from = 0, DWORD timeout_ms = 30000);
-// Waits for an event of the kind (a stop unless told) and then for the engine to serve commands.
-// The event returned (as StopAfter's) stays valid until the next pop.
-const SeenEvent *WaitStopped(Target *target, Seen &seen, u32 kind = kEventStopped, size_t from = 0);
+// Waits for an event of the kind (a stop unless told) and then for the engine to serve commands:
+// a copy of the event, or (and a failure) one of kind 0.
+SeenEvent WaitStopped(Target *target, Seen &seen, u32 kind = kEventStopped, size_t from = 0);
 // Waits until the engine runs the target (after a run command).
 bool WaitRunning(Target *target, DWORD timeout_ms = 10000);
 
-// Carries out an operation on the stopped target; returns the stop event it brings, once the
-// engine serves commands again (null, and a failure, when the operation fails or no stop comes).
+// Carries out an operation on the stopped target and returns the stop event it brings, once the
+// engine serves commands again (one of kind 0, and a failure, when the operation fails or no stop
+// comes).
 template <typename Operation>
-const SeenEvent *StopAfter(Target *t, Seen &seen, Operation operation) {
+SeenEvent StopAfter(Target *t, Seen &seen, Operation operation) {
   size_t mark = seen.events.size();
   int result = operation();
   EXPECT_EQ(result, 0);
-  const SeenEvent *e = result == 0 ? WaitStopped(t, seen, kEventStopped, mark) : nullptr;
-  EXPECT_NE(e, nullptr);
-  return e;
+  return result == 0 ? WaitStopped(t, seen, kEventStopped, mark) : SeenEvent{};
 }
 
 // [SECTION] Programs outside the debugger
@@ -96,5 +95,6 @@ struct FreeProcess {
   bool Start(const char *mode, std::string path = TargetPath("eng_target.exe"));
   bool Alive() { return WaitForSingleObject(pi.hProcess, 300) == WAIT_TIMEOUT; }
   u32 Id() const { return pi.dwProcessId; }
-  ~FreeProcess();
+  void End();
+  ~FreeProcess() { End(); }
 };

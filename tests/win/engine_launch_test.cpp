@@ -9,50 +9,40 @@
 
 #include "tests/win/engine_harness.h"
 
-static bool StartsWith(const std::string &s, const std::string &prefix) { return s.compare(0, prefix.size(), prefix) == 0; }
-
+// The executable is the first module; the plugin loads with its PDB and unloads before "plugin
+// freed"; its lines show its base and extent end (a page boundary) and its path; system DLLs
+// without PDBs load with an empty suffix.
 TEST(EngineLaunch, ModulesLoadAndUnloadWithTheirSymbols) {
   Seen seen = RunToEnd("dll");
   EXPECT_EQ(seen.exit_code, 21u);
-  // The executable is the first module; the plugin loads with its PDB and unloads before "plugin freed".
-  const SeenEvent *first_module = seen.First(kEventModuleLoaded);
-  ASSERT_NE(first_module, nullptr);
-  EXPECT_EQ(first_module->module_name, "eng_target.exe");
-  int plugin_loaded = -1, plugin_unloaded = -1, hello = -1, freed = -1;
-  for (size_t i = 0; i < seen.events.size(); i++) {
-    const SeenEvent &e = seen.events[i];
-    if (e.event.kind == kEventModuleLoaded && e.module_name == "eng_plugin.dll") plugin_loaded = (int)i;
-    if (e.event.kind == kEventModuleUnloaded && e.module_name == "eng_plugin.dll") plugin_unloaded = (int)i;
-    if (e.event.kind == kEventText && e.text == "plugin says hello\n") hello = (int)i;
-    if (e.event.kind == kEventText && e.text == "plugin freed\n") freed = (int)i;
-  }
-  ASSERT_GE(plugin_loaded, 0);
-  ASSERT_GE(plugin_unloaded, 0);
-  EXPECT_LT(plugin_loaded, hello);
-  EXPECT_LT(hello, plugin_unloaded);
-  EXPECT_LT(plugin_unloaded, freed);
-  const SeenEvent &load = seen.events[plugin_loaded];
-  EXPECT_EQ(load.event.module.status, (u32)kSymbolsLoaded);
-  // "Module loaded: %08x`%08x %08x`%08x   %s %s\n" with the extent end after the base.
-  unsigned bh, bl, eh, el;
-  char path[1024];
-  ASSERT_EQ(sscanf(load.text.c_str(), "Module loaded: %8x`%8x %8x`%8x   %1023s", &bh, &bl, &eh, &el, path), 5) << load.text;
-  u64 base = ((u64)bh << 32) | bl, end = ((u64)eh << 32) | el;
-  EXPECT_EQ(base, load.event.module.base);
-  EXPECT_EQ(end, load.event.module.base + load.event.module.size);
-  EXPECT_EQ(end % 4096, 0u);
-  EXPECT_NE(load.text.find("\\eng_plugin.dll (symbols loaded)\n"), std::string::npos) << load.text;
-  EXPECT_TRUE(StartsWith(seen.events[plugin_unloaded].text, "Module unloaded: " + load.text.substr(15, 37)))
-      << seen.events[plugin_unloaded].text;
-  // System DLLs without PDBs load with an empty suffix.
-  bool ntdll = false;
-  for (const SeenEvent &e : seen.events)
-    if (e.event.kind == kEventModuleLoaded && e.module_name == "ntdll.dll") {
-      ntdll = true;
-      EXPECT_EQ(e.text.substr(e.text.size() - 11), "ntdll.dll \n");
-    }
-  EXPECT_TRUE(ntdll);
   EXPECT_EQ(seen.events.back().event.kind, (u32)kEventProcessExited);
+  ASSERT_NE(seen.First(kEventModuleLoaded), nullptr);
+  EXPECT_EQ(seen.First(kEventModuleLoaded)->module_name, "eng_target.exe");
+  int loaded = -1, unloaded = -1, hello = -1, freed = -1, ntdll = -1;
+  for (int i = 0; i < (int)seen.events.size(); i++) {
+    const SeenEvent &e = seen.events[i];
+    if (e.event.kind == kEventModuleLoaded && e.module_name == "eng_plugin.dll") loaded = i;
+    if (e.event.kind == kEventModuleLoaded && e.module_name == "ntdll.dll") ntdll = i;
+    if (e.event.kind == kEventModuleUnloaded && e.module_name == "eng_plugin.dll") unloaded = i;
+    if (e.event.kind == kEventText && e.text == "plugin says hello\n") hello = i;
+    if (e.event.kind == kEventText && e.text == "plugin freed\n") freed = i;
+  }
+  ASSERT_GE(loaded, 0);
+  ASSERT_GE(ntdll, 0);
+  EXPECT_LT(loaded, hello);
+  EXPECT_LT(hello, unloaded);
+  EXPECT_LT(unloaded, freed);
+  const EngineEvent &load = seen.events[loaded].event;
+  EXPECT_EQ(load.module.status, (u32)kSymbolsLoaded);
+  u64 base = load.module.base, end = base + load.module.size;
+  EXPECT_EQ(end % 4096, 0u);
+  char extent[64];
+  snprintf(extent, sizeof extent, "%08x`%08x %08x`%08x   ", (u32)(base >> 32), (u32)base, (u32)(end >> 32), (u32)end);
+  std::string path = Backslashed(TargetPath("eng_plugin.dll"));
+  EXPECT_EQ(seen.events[loaded].text, "Module loaded: " + std::string(extent) + path + " (symbols loaded)\n");
+  EXPECT_EQ(seen.events[unloaded].text, "Module unloaded: " + std::string(extent) + path + "\n");
+  const std::string &system = seen.events[ntdll].text;
+  EXPECT_EQ(system.substr(system.size() - 11), "ntdll.dll \n");
 }
 
 TEST(EngineLaunch, ThreadsExitWithTheirCodesAndTheProcessWithItsOwn) {
@@ -67,9 +57,7 @@ TEST(EngineLaunch, ThreadsExitWithTheirCodesAndTheProcessWithItsOwn) {
       EXPECT_EQ(e.text, expected);
     }
   ASSERT_GE(codes.size(), 3u);
-  EXPECT_EQ(codes[0], 11u);
-  EXPECT_EQ(codes[1], 12u);
-  EXPECT_EQ(codes[2], 13u);
+  EXPECT_EQ(std::vector<u32>(codes.begin(), codes.begin() + 3), (std::vector<u32>{11, 12, 13}));
   EXPECT_EQ(seen.exit_code, 7u);
   EXPECT_EQ(seen.events.back().text, "Process exited: with exit code 7 (0x7)\n");
   // Every thread that starts is announced for the threads list (kind 2), the main thread first,
