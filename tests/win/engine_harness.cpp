@@ -29,25 +29,24 @@ void HarnessWake(void *user) { SetEvent((HANDLE)user); }
 
 // [SECTION] Launch
 
-int LaunchTarget(const char *program, const char *arguments, Target **out, u32 *pid, const LaunchDescription *extra) {
-  static std::string path;
-  path = TargetPath(program);
+Target *Launch(const char *arguments, bool run, u32 *pid, const char *program, const LaunchDescription *extra) {
+  std::string path = TargetPath(program);
   LaunchDescription launch = {};
   if (extra) launch = *extra;
   launch.executable = path.c_str();
   launch.arguments = arguments;
-  return EngineStartLaunch(&launch, HarnessWake, HarnessWakeEvent(), out, pid);
+  Target *target = nullptr;
+  int result = EngineStartLaunch(&launch, HarnessWake, HarnessWakeEvent(), &target, pid);
+  EXPECT_EQ(result, 0) << program << " " << (arguments ? arguments : "");
+  if (run && result == 0) EXPECT_EQ(EngineRun(target), 0);
+  return result == 0 ? target : nullptr;
 }
 
-Target *Launch(const char *arguments, bool run, u32 *pid, const char *program, const LaunchDescription *extra) {
+Target *Attach(u32 pid) {
   Target *target = nullptr;
-  u32 id = 0;
-  int result = LaunchTarget(program, arguments, &target, &id, extra);
-  EXPECT_EQ(result, 0) << program << " " << (arguments ? arguments : "");
-  if (result != 0) return nullptr;
-  if (pid) *pid = id;
-  if (run) EXPECT_EQ(EngineRun(target), 0);
-  return target;
+  int result = EngineStartAttach(pid, HarnessWake, HarnessWakeEvent(), &target);
+  EXPECT_EQ(result, 0) << "attach to " << pid;
+  return result == 0 ? target : nullptr;
 }
 
 // [SECTION] Events and stops
@@ -69,7 +68,7 @@ static void Record(Target *target, Seen &seen, const EngineEvent &event, SeenEve
     seen.ended = true;
     seen.exit_code = event.process.exit_code;
   }
-  if (event.kind == kEventDetached) seen.ended = seen.detached = true;
+  if (event.kind == kEventDetached) seen.ended = true;
 }
 
 void PopInto(Target *target, Seen &seen, const OnStop &on_stop) {

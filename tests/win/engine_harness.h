@@ -23,8 +23,7 @@ struct SeenEvent {
 struct Seen {
   std::vector<SeenEvent> events;
   std::vector<std::string> debug_strings;  // kind 5 texts
-  bool ended = false;
-  bool detached = false;
+  bool ended = false;  // process exited or detached
   u32 exit_code = 0xFFFFFFFF;
   int Count(u32 kind, size_t from = 0) const {  // among the events from that index on
     int n = 0;
@@ -47,14 +46,13 @@ int MarkerLine(const char *marker);        // the line of a marker comment in en
 HANDLE HarnessWakeEvent();
 void HarnessWake(void *user);
 
-// [SECTION] Launch
-// Launches a program of tests/targets: the start result, with the target held before its first run.
-int LaunchTarget(const char *program, const char *arguments, Target **out, u32 *pid,
-                 const LaunchDescription *extra = nullptr);
+// [SECTION] Launch and attach
 // Launches eng_target.exe (or program) and, with run, lets it past its held start; null, and a
 // failure, when the launch fails.
 Target *Launch(const char *arguments, bool run = true, u32 *pid = nullptr, const char *program = "eng_target.exe",
                const LaunchDescription *extra = nullptr);
+// Attaches to a running process; null, and a failure, when the attach fails.
+Target *Attach(u32 pid);
 
 // [SECTION] Events and stops
 // Pops every queued event into seen; stops (kinds 1 and 4) go to on_stop, which by default waits

@@ -77,25 +77,37 @@ TEST(EngineLaunch, ThreadsExitWithTheirCodesAndTheProcessWithItsOwn) {
   EXPECT_EQ(seen.Count(kEventStopped), 0);
 }
 
-// Programs run to their end with their debug strings (both encodings arrive as UTF-8) and codes;
-// the command line is the quoted path and the arguments, or the path alone without arguments.
+// Programs run to their end with their debug strings (both encodings arrive as UTF-8) and codes.
+// The command line is the quoted path and the arguments, or the path alone without arguments. The
+// working directory is the one given, else the session's default one, '/' turned into '\\'. The
+// environment pairs, without "Inherit from parent", are all the program has.
 TEST(EngineLaunch, ProgramsRunToTheirEndWithTheirStringsAndCodes) {
-  std::string args_path = Backslashed(TargetPath("eng_args.exe"));
+  std::string args_path = Backslashed(TargetPath("eng_args.exe")), engine = TargetPath("engine"), targets = TargetPath("");
+  LaunchDescription in_engine = {}, by_default = {}, environment = {};
+  in_engine.working_directory = engine.c_str();
+  by_default.default_directory = targets.c_str();
+  EnvironmentPair pairs[] = {{"KTRN_A", "1"}, {"KTRN_B", "x=y"}};
+  environment.environment = pairs;
+  environment.environment_count = 2;
   struct Case {
     const char *program, *arguments;
+    const LaunchDescription *extra;
     std::vector<std::string> strings;
     u32 exit_code;
   } cases[] = {
-      {"eng_target.exe", "strings", {"narrow string\n", "wide string\n", "bytes \xC3\xA9t\xC3\xA9\n"}, 0},
-      {"hello_c.exe", nullptr, {"hello from hello_c\n"}, 42},
-      {"hello_c.exe", "any", {"hello from hello_c\n"}, 0},
-      {"cpp_basics.exe", nullptr, {"worker done\n", "area=24.57 sum=10 counter=1000\n"}, 0},  // a thread joined
-      {"eng_args.exe", nullptr, {args_path}, 0},
-      {"eng_args.exe", "one \"two three\"", {"\"" + args_path + "\" one \"two three\""}, 0},
+      {"eng_target.exe", "strings", nullptr, {"narrow string\n", "wide string\n", "bytes \xC3\xA9t\xC3\xA9\n"}, 0},
+      {"hello_c.exe", nullptr, nullptr, {"hello from hello_c\n"}, 42},
+      {"hello_c.exe", "any", nullptr, {"hello from hello_c\n"}, 0},
+      {"cpp_basics.exe", nullptr, nullptr, {"worker done\n", "area=24.57 sum=10 counter=1000\n"}, 0},  // a thread joined
+      {"eng_args.exe", nullptr, nullptr, {args_path}, 0},
+      {"eng_args.exe", "one \"two three\"", nullptr, {"\"" + args_path + "\" one \"two three\""}, 0},
+      {"eng_target.exe", "cwd", &in_engine, {"cwd " + Backslashed(engine) + "\n"}, 0},
+      {"eng_target.exe", "cwd", &by_default, {"cwd " + Backslashed(targets.substr(0, targets.size() - 1)) + "\n"}, 0},
+      {"eng_target.exe", "env", &environment, {"env KTRN_A=1\n", "env KTRN_B=x=y\n"}, 0},
   };
   for (const Case &c : cases) {
     SCOPED_TRACE(std::string(c.program) + " " + (c.arguments ? c.arguments : "(none)"));
-    Seen seen = RunToEnd(c.arguments, nullptr, c.program);
+    Seen seen = RunToEnd(c.arguments, nullptr, c.program, c.extra);
     std::vector<std::string> &strings = seen.debug_strings;
     // Without arguments the command line is the name alone, quoted or not as the system chooses.
     if (!c.arguments && strings.size() == 1 && strings[0].size() > 2 && strings[0][0] == '"' && strings[0].back() == '"')
@@ -160,36 +172,8 @@ TEST(EngineLaunch, FailuresToStartGiveTheirResults) {
   DeleteFileA(garbage.c_str());
 }
 
-// The working directory given, else the session's default directory, with '/' turned into '\\'.
-TEST(EngineLaunch, WorkingDirectoryReachesTheProgram) {
-  std::string engine = TargetPath("engine"), targets = TargetPath("");
-  struct Case {
-    const char *working, *by_default;
-    std::string expected;
-  } cases[] = {
-      {engine.c_str(), nullptr, "cwd " + Backslashed(engine) + "\n"},
-      {nullptr, targets.c_str(), "cwd " + Backslashed(targets.substr(0, targets.size() - 1)) + "\n"},
-  };
-  for (const Case &c : cases) {
-    LaunchDescription extra = {};
-    extra.working_directory = c.working;
-    extra.default_directory = c.by_default;
-    Seen seen = RunToEnd("cwd", nullptr, "eng_target.exe", &extra);
-    ASSERT_EQ(seen.debug_strings.size(), 1u);
-    EXPECT_EQ(_stricmp(seen.debug_strings[0].c_str(), c.expected.c_str()), 0) << seen.debug_strings[0];
-  }
-}
-
-static std::vector<std::string> EnvLines(const LaunchDescription &extra) {
-  return RunToEnd("env", nullptr, "eng_target.exe", &extra).debug_strings;
-}
-
-static int IndexOf(const std::vector<std::string> &lines, const char *line) {
-  for (size_t i = 0; i < lines.size(); i++)
-    if (lines[i] == line) return (int)i;
-  return -1;
-}
-
+// The environment text split into pairs; with "Inherit from parent" the debugger's own variables
+// come first and a duplicate is kept; with no pairs the program inherits the debugger's environment.
 TEST(EngineLaunch, EnvironmentWithAndWithoutInheritFromParent) {
   SetEnvironmentVariableW(L"KTRN_PARENT_ONLY", L"yes");
   SetEnvironmentVariableW(L"KTRN_DUP", L"parent");
@@ -201,25 +185,22 @@ TEST(EngineLaunch, EnvironmentWithAndWithoutInheritFromParent) {
   EXPECT_STREQ(pairs[1].value, "child");
   EXPECT_STREQ(pairs[2].name, "KTRN_B");
   EXPECT_STREQ(pairs[2].value, "x=y");
-
-  LaunchDescription extra = {};
-  extra.environment = pairs;
-  extra.environment_count = count;
-  std::vector<std::string> own = EnvLines(extra);
-  EXPECT_EQ(own, (std::vector<std::string>{"env KTRN_A=1\n", "env KTRN_DUP=child\n", "env KTRN_B=x=y\n"}));
-
-  extra.inherit_from_parent = 1;
-  std::vector<std::string> inherited = EnvLines(extra);
-  EXPECT_GE(IndexOf(inherited, "env KTRN_PARENT_ONLY=yes\n"), 0);
-  int parent_dup = IndexOf(inherited, "env KTRN_DUP=parent\n"), child_dup = IndexOf(inherited, "env KTRN_DUP=child\n");
-  EXPECT_GE(parent_dup, 0);  // duplicates are kept, the inherited one first
-  EXPECT_GT(child_dup, parent_dup);
-  EXPECT_GE(IndexOf(inherited, "env KTRN_A=1\n"), 0);
-
-  LaunchDescription plain = {};  // no variables: the debugger's own environment
-  std::vector<std::string> plain_lines = EnvLines(plain);
-  EXPECT_GE(IndexOf(plain_lines, "env KTRN_PARENT_ONLY=yes\n"), 0);
-  EXPECT_EQ(IndexOf(plain_lines, "env KTRN_A=1\n"), -1);
+  LaunchDescription inherit = {}, plain = {};
+  inherit.environment = pairs;
+  inherit.environment_count = count;
+  inherit.inherit_from_parent = 1;
+  std::vector<std::string> inherited = RunToEnd("env", nullptr, "eng_target.exe", &inherit).debug_strings;
+  std::vector<std::string> plain_lines = RunToEnd("env", nullptr, "eng_target.exe", &plain).debug_strings;
+  auto index = [](const std::vector<std::string> &lines, const char *line) {
+    auto at = std::find(lines.begin(), lines.end(), line);
+    return at == lines.end() ? -1 : (int)(at - lines.begin());
+  };
+  EXPECT_GE(index(inherited, "env KTRN_PARENT_ONLY=yes\n"), 0);
+  EXPECT_GE(index(inherited, "env KTRN_DUP=parent\n"), 0);
+  EXPECT_GT(index(inherited, "env KTRN_DUP=child\n"), index(inherited, "env KTRN_DUP=parent\n"));
+  EXPECT_GE(index(inherited, "env KTRN_A=1\n"), 0);
+  EXPECT_GE(index(plain_lines, "env KTRN_PARENT_ONLY=yes\n"), 0);
+  EXPECT_EQ(index(plain_lines, "env KTRN_A=1\n"), -1);
   SetEnvironmentVariableW(L"KTRN_PARENT_ONLY", nullptr);
   SetEnvironmentVariableW(L"KTRN_DUP", nullptr);
 }
