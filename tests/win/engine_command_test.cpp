@@ -2,6 +2,8 @@
 // the process list and the pending-action rules, against real programs under Wine.
 #include <gtest/gtest.h>
 
+#include <string.h>
+
 #include <functional>
 #include <set>
 
@@ -9,16 +11,28 @@
 #include "engine/process_list.h"
 #include "tests/win/engine_harness.h"
 
-// Every command at one stop (the program's own int3, with an idle second thread), each answered by
-// the stop it reports; then the next statement moved past the program's last debug string.
-TEST(EngineCommands, ThreadStatesFramesRegistersAndNextStatementWhileStopped) {
+// The program's own int3 stops at its line, the threads named and the threads window's view of the
+// stopped one (inside main) made; every command at that stop is answered by the stop it reports;
+// then the next statement is moved past the program's last debug string.
+TEST(EngineCommands, ThreadStatesFramesRegistersAndNextStatementAtTheProgramsOwnInt3) {
   Target *t = Launch("int3");
   ASSERT_NE(t, nullptr);
   Seen seen;
-  u64 stop_address = WaitStopped(t, seen).event.stopped.address;
+  SeenEvent stop = WaitStopped(t, seen);
+  EXPECT_EQ(stop.event.stopped.reason, (u32)kStopProgramBreakpoint);
+  EXPECT_EQ(stop.module_name, "eng_target.exe");
+  EXPECT_EQ((int)stop.event.stopped.location.line, MarkerLine("INT3_LINE"));
+  u64 stop_address = stop.event.stopped.address;
   TargetThread *main = t->threads, *idle = main ? main->next : nullptr;
   ASSERT_NE(idle, nullptr);
   EXPECT_EQ(t->current_thread, main);
+  EXPECT_STREQ(main->name, "Main Thread");
+  bool idle_named = false;
+  for (TargetThread *th = t->threads; th; th = th->next) idle_named |= !strcmp(th->name, "eng_target.exe!IdleThread");
+  EXPECT_TRUE(idle_named);
+  EXPECT_EQ(main->ip_module, t->main_module);
+  EXPECT_NE(main->ip_function, nullptr);
+  EXPECT_TRUE(main->ip_function_start <= stop_address && stop_address < main->ip_function_end);
   // Each operation, the stop reason it reports, and what it leaves behind.
   struct Step {
     std::function<int()> operation;

@@ -20,12 +20,13 @@ int MarkerLine(const char *marker) {
   return -1;
 }
 
-HANDLE HarnessWakeEvent() {
+// The wake-up event the engine signals after each event it queues.
+static HANDLE WakeEvent() {
   static HANDLE wake = CreateEventW(nullptr, FALSE, FALSE, nullptr);
   return wake;
 }
 
-void HarnessWake(void *user) { SetEvent((HANDLE)user); }
+static void Wake(void *user) { SetEvent((HANDLE)user); }
 
 // [SECTION] Launch
 
@@ -36,7 +37,7 @@ Target *Launch(const char *arguments, bool run, u32 *pid, const char *program, c
   launch.executable = path.c_str();
   launch.arguments = arguments;
   Target *target = nullptr;
-  int result = EngineStartLaunch(&launch, HarnessWake, HarnessWakeEvent(), &target, pid);
+  int result = EngineStartLaunch(&launch, Wake, WakeEvent(), &target, pid);
   EXPECT_EQ(result, 0) << program << " " << (arguments ? arguments : "");
   if (run && result == 0) EXPECT_EQ(EngineRun(target), 0);
   return result == 0 ? target : nullptr;
@@ -44,7 +45,7 @@ Target *Launch(const char *arguments, bool run, u32 *pid, const char *program, c
 
 Target *Attach(u32 pid) {
   Target *target = nullptr;
-  int result = EngineStartAttach(pid, HarnessWake, HarnessWakeEvent(), &target);
+  int result = EngineStartAttach(pid, Wake, WakeEvent(), &target);
   EXPECT_EQ(result, 0) << "attach to " << pid;
   return result == 0 ? target : nullptr;
 }
@@ -53,40 +54,30 @@ Target *Attach(u32 pid) {
 
 const OnStop kLeaveStopped = [](Target *, const SeenEvent &) {};
 
-static void Record(Target *target, Seen &seen, const EngineEvent &event, SeenEvent &out) {
-  out.event = event;
-  char text[4096];
-  OutputOptions options = OutputOptionsDefault();
-  if (EngineEventText(&event, &options, target->process_id, text, sizeof text)) out.text = text;
-  const TargetModule *module = nullptr;
-  if (event.kind == kEventModuleLoaded || event.kind == kEventModuleUnloaded) module = event.module.module;
-  if (event.kind == kEventStopped) module = event.stopped.location.module;
-  if (event.kind == kEventException) module = event.exception.location.module;
-  if (module && module->symbols.name) out.module_name = module->symbols.name;
-  if (event.kind == kEventText) seen.debug_strings.push_back(out.text);
-  if (event.kind == kEventProcessExited) {
-    seen.ended = true;
-    seen.exit_code = event.process.exit_code;
-  }
-  if (event.kind == kEventDetached) seen.ended = true;
-}
-
 void PopInto(Target *target, Seen &seen, const OnStop &on_stop) {
-  for (;;) {
-    EngineEvent event;
-    EnginePopEvent(target, &event);
-    if (event.kind == kEventNone) return;
+  OutputOptions options = OutputOptionsDefault();
+  for (EngineEvent event; EnginePopEvent(target, &event) == 0 && event.kind != kEventNone;) {
     SeenEvent e;
-    Record(target, seen, event, e);
+    e.event = event;
+    char text[4096];
+    if (EngineEventText(&event, &options, target->process_id, text, sizeof text)) e.text = text;
+    u32 kind = event.kind;
+    const TargetModule *module = kind == kEventModuleLoaded || kind == kEventModuleUnloaded ? event.module.module
+                                 : kind == kEventStopped   ? event.stopped.location.module
+                                 : kind == kEventException ? event.exception.location.module
+                                                           : nullptr;
+    if (module && module->symbols.name) e.module_name = module->symbols.name;
+    if (kind == kEventText) seen.debug_strings.push_back(e.text);
+    if (kind == kEventProcessExited) seen.exit_code = event.process.exit_code;
+    seen.ended |= kind == kEventProcessExited || kind == kEventDetached;
     seen.events.push_back(e);
-    if (event.kind == kEventModuleUnloaded) TargetModuleRelease(target, event.module.module);
-    if (event.kind == kEventStopped || event.kind == kEventException) {
-      if (on_stop) {
-        on_stop(target, e);
-      } else {
-        EXPECT_EQ(EngineWaitStopped(target, 10000), 0);
-        EXPECT_EQ(EngineRun(target), 0);
-      }
+    if (kind == kEventModuleUnloaded) TargetModuleRelease(target, event.module.module);
+    if (kind != kEventStopped && kind != kEventException) continue;
+    if (on_stop) {
+      on_stop(target, e);
+    } else {
+      EXPECT_EQ(EngineWaitStopped(target, 10000), 0);
+      EXPECT_EQ(EngineRun(target), 0);
     }
   }
 }
@@ -100,7 +91,7 @@ void DriveToEnd(Target *target, Seen &seen, const OnStop &on_stop, DWORD timeout
       terminated = true;
       EngineTerminate(target, 1);
     }
-    WaitForSingleObject(HarnessWakeEvent(), 20);
+    WaitForSingleObject(WakeEvent(), 20);
     PopInto(target, seen, on_stop);
   }
   EngineRelease(target);
@@ -118,7 +109,7 @@ int WaitForKind(Target *target, Seen &seen, u32 kind, size_t from, DWORD timeout
     for (; from < seen.events.size(); from++)
       if (seen.events[from].event.kind == kind) return (int)from;
     if (GetTickCount64() - start > timeout_ms) return -1;
-    WaitForSingleObject(HarnessWakeEvent(), 20);
+    WaitForSingleObject(WakeEvent(), 20);
     PopInto(target, seen, kLeaveStopped);
   }
 }
@@ -132,11 +123,8 @@ SeenEvent WaitStopped(Target *target, Seen &seen, u32 kind, size_t from) {
 }
 
 bool WaitRunning(Target *target, DWORD timeout_ms) {
-  ULONGLONG start = GetTickCount64();
-  while (GetTickCount64() - start < timeout_ms) {
+  for (ULONGLONG start = GetTickCount64(); GetTickCount64() - start < timeout_ms; Sleep(5))
     if (EngineStoppedState(target) == 26) return true;
-    Sleep(5);
-  }
   return false;
 }
 

@@ -42,10 +42,6 @@ std::string TargetPath(const char *name);  // "Z:/.../tests/targets/NAME"
 std::string Backslashed(std::string path);
 int MarkerLine(const char *marker);        // the line of a marker comment in eng_target.cpp
 
-// The wake-up event the engine signals after each event it queues.
-HANDLE HarnessWakeEvent();
-void HarnessWake(void *user);
-
 // [SECTION] Launch and attach
 // Launches eng_target.exe (or program) and, with run, lets it past its held start; null, and a
 // failure, when the launch fails.

@@ -45,23 +45,11 @@ TEST(EngineLaunch, ModulesLoadAndUnloadWithTheirSymbols) {
   EXPECT_EQ(system.substr(system.size() - 11), "ntdll.dll \n");
 }
 
+// Every thread that starts is announced for the threads list (kind 2), the main thread first,
+// before any module; each one that exits was announced before, and exits with its code.
 TEST(EngineLaunch, ThreadsExitWithTheirCodesAndTheProcessWithItsOwn) {
   Seen seen = RunToEnd("threads");
   std::vector<u32> codes;
-  for (const SeenEvent &e : seen.events)
-    if (e.event.kind == kEventThreadExited) {
-      codes.push_back(e.event.thread_exit.exit_code);
-      char expected[128];
-      snprintf(expected, sizeof expected, "Thread exited: handle 0x%x with exit code %u (0x%x)\n",
-               (u32)e.event.thread_exit.handle, e.event.thread_exit.exit_code, e.event.thread_exit.exit_code);
-      EXPECT_EQ(e.text, expected);
-    }
-  ASSERT_GE(codes.size(), 3u);
-  EXPECT_EQ(std::vector<u32>(codes.begin(), codes.begin() + 3), (std::vector<u32>{11, 12, 13}));
-  EXPECT_EQ(seen.exit_code, 7u);
-  EXPECT_EQ(seen.events.back().text, "Process exited: with exit code 7 (0x7)\n");
-  // Every thread that starts is announced for the threads list (kind 2), the main thread first,
-  // and each one that exits was announced before.
   std::vector<u64> started;
   for (const SeenEvent &e : seen.events) {
     if (e.event.kind == kEventListUpdate) {
@@ -69,12 +57,22 @@ TEST(EngineLaunch, ThreadsExitWithTheirCodesAndTheProcessWithItsOwn) {
       EXPECT_NE(e.event.list_update.words[1], 0u);
       started.push_back(e.event.list_update.words[0]);
     }
-    if (e.event.kind == kEventThreadExited)
-      EXPECT_NE(std::find(started.begin(), started.end(), (u64)e.event.thread_exit.thread_id), started.end());
+    if (e.event.kind != kEventThreadExited) continue;
+    const auto &exit = e.event.thread_exit;
+    codes.push_back(exit.exit_code);
+    EXPECT_NE(std::find(started.begin(), started.end(), (u64)exit.thread_id), started.end());
+    char expected[128];
+    snprintf(expected, sizeof expected, "Thread exited: handle 0x%x with exit code %u (0x%x)\n", (u32)exit.handle,
+             exit.exit_code, exit.exit_code);
+    EXPECT_EQ(e.text, expected);
   }
+  ASSERT_GE(codes.size(), 3u);
+  EXPECT_EQ(std::vector<u32>(codes.begin(), codes.begin() + 3), (std::vector<u32>{11, 12, 13}));
   ASSERT_GE(started.size(), 4u);
-  EXPECT_EQ(seen.events[0].event.kind, (u32)kEventListUpdate);  // the main thread, before any module
+  EXPECT_EQ(seen.events[0].event.kind, (u32)kEventListUpdate);
   EXPECT_EQ(seen.Count(kEventStopped), 0);
+  EXPECT_EQ(seen.exit_code, 7u);
+  EXPECT_EQ(seen.events.back().text, "Process exited: with exit code 7 (0x7)\n");
 }
 
 // Programs run to their end with their debug strings (both encodings arrive as UTF-8) and codes.
@@ -161,14 +159,14 @@ TEST(EngineLaunch, FailuresToStartGiveTheirResults) {
     launch.working_directory = c.directory;
     Target *t = nullptr;
     u32 pid = 0;
-    EXPECT_EQ(EngineStartLaunch(&launch, HarnessWake, HarnessWakeEvent(), &t, &pid), c.result) << c.executable;
+    EXPECT_EQ(EngineStartLaunch(&launch, nullptr, nullptr, &t, &pid), c.result) << c.executable;
     EXPECT_EQ(t, nullptr);
     EXPECT_STREQ(EngineStartResultText(c.result), c.text);
   }
   Target *t = nullptr;
   LaunchDescription no_executable = {};
-  EXPECT_EQ(EngineStartLaunch(&no_executable, HarnessWake, HarnessWakeEvent(), &t, nullptr), 1);
-  EXPECT_EQ(EngineStartLaunch(nullptr, HarnessWake, HarnessWakeEvent(), &t, nullptr), 1);
+  EXPECT_EQ(EngineStartLaunch(&no_executable, nullptr, nullptr, &t, nullptr), 1);
+  EXPECT_EQ(EngineStartLaunch(nullptr, nullptr, nullptr, &t, nullptr), 1);
   DeleteFileA(garbage.c_str());
 }
 
