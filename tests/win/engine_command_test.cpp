@@ -11,18 +11,52 @@
 #include "engine/process_list.h"
 #include "tests/win/engine_harness.h"
 
-// The program's own int3 stops at its line, the threads named and the threads window's view of the
-// stopped one (inside main) made; every command at that stop is answered by the stop it reports;
-// then the next statement is moved past the program's last debug string.
-TEST(EngineCommands, ThreadStatesFramesRegistersAndNextStatementAtTheProgramsOwnInt3) {
-  Target *t = Launch("int3");
+// One stop at the program's own int3 (with an idle second thread), and everything served there:
+// evaluation requests, the threads and their names, the threads window's view of the stopped one
+// (inside main), every command answered by the stop it reports, and the next statement.
+TEST(EngineCommands, ServedAtTheProgramsOwnInt3) {
+  Target *t = Launch("int3", false);
   ASSERT_NE(t, nullptr);
+  // Requests added while held are parsed at once; a text too long or absent is refused.
+  EvaluationRequest *parsed = nullptr, *broken = nullptr, *late = nullptr;
+  u32 free_nodes = t->evaluation_requests->nodes.free_count;
+  EXPECT_EQ(EngineAddEvaluationRequest(t, std::string(256, 'a').c_str(), nullptr, &parsed), 33);
+  EXPECT_EQ(EngineAddEvaluationRequest(t, nullptr, nullptr, &parsed), 1);
+  ASSERT_EQ(EngineAddEvaluationRequest(t, "counter + 1, x", (void *)1, &parsed), 0);
+  ASSERT_EQ(EngineAddEvaluationRequest(t, "1 +* )", (void *)2, &broken), 0);
+  EXPECT_EQ(parsed->parse_failed, 0);
+  EXPECT_NE(parsed->tree, nullptr);
+  EXPECT_STREQ(broken->result, "Parse error");
+  EXPECT_LT(t->evaluation_requests->nodes.free_count, free_nodes);
+  EXPECT_EQ(EngineRun(t), 0);
   Seen seen;
   SeenEvent stop = WaitStopped(t, seen);
   EXPECT_EQ(stop.event.stopped.reason, (u32)kStopProgramBreakpoint);
   EXPECT_EQ(stop.module_name, "eng_target.exe");
   EXPECT_EQ((int)stop.event.stopped.location.line, MarkerLine("INT3_LINE"));
   u64 stop_address = stop.event.stopped.address;
+
+  // At the stop: the unparsed request's result is known; the parsed one waits for the evaluator.
+  PopInto(t, seen, kLeaveStopped);
+  ASSERT_EQ(seen.Count(kEventEvaluation), 1);
+  const EngineEvent &result = seen.First(kEventEvaluation)->event;
+  EXPECT_EQ(result.evaluation.request, (void *)broken);
+  EXPECT_EQ(result.evaluation.cookie, broken->cookie);
+  EXPECT_EQ(result.evaluation.parse_failed, 1);
+  // Added while stopped: a refresh re-evaluates every request, the new one included.
+  size_t mark = seen.events.size();
+  ASSERT_EQ(EngineAddEvaluationRequest(t, "((", (void *)3, &late), 0);
+  int first = WaitForKind(t, seen, kEventEvaluation, mark);
+  int second = first < 0 ? -1 : WaitForKind(t, seen, kEventEvaluation, first + 1);
+  ASSERT_GE(second, 0);
+  std::set<void *> evaluated = {seen.events[first].event.evaluation.request, seen.events[second].event.evaluation.request};
+  EXPECT_EQ(evaluated, (std::set<void *>{broken, late}));
+  EXPECT_EQ(late->cookie, (void *)3);
+  ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
+  for (EvaluationRequest *request : {parsed, broken, late}) EXPECT_EQ(EngineRemoveEvaluationRequest(t, request), 0);
+  EXPECT_EQ(t->evaluation_requests->nodes.free_count, free_nodes);  // every node back in the pool
+  EXPECT_EQ(t->evaluation_requests->first, nullptr);
+
   TargetThread *main = t->threads, *idle = main ? main->next : nullptr;
   ASSERT_NE(idle, nullptr);
   EXPECT_EQ(t->current_thread, main);
@@ -65,7 +99,7 @@ TEST(EngineCommands, ThreadStatesFramesRegistersAndNextStatementAtTheProgramsOwn
     EXPECT_TRUE(steps[i].after()) << "step " << i;
   }
   // Frame 5 does not exist and changes nothing.
-  size_t mark = seen.events.size();
+  mark = seen.events.size();
   EXPECT_EQ(EngineSelectFrame(t, 5), 0);
   Sleep(200);
   PopInto(t, seen, kLeaveStopped);
@@ -80,49 +114,6 @@ TEST(EngineCommands, ThreadStatesFramesRegistersAndNextStatementAtTheProgramsOwn
   EXPECT_EQ(EngineRun(t), 0);
   DriveToEnd(t, seen);
   EXPECT_EQ(seen.debug_strings.size(), 0u);
-  EXPECT_EQ(seen.exit_code, 3u);
-}
-
-TEST(EngineCommands, EvaluationRequestsAreParsedAndReportedAtEveryStop) {
-  Target *t = Launch("int3", false);
-  ASSERT_NE(t, nullptr);
-  EvaluationRequest *parsed = nullptr, *broken = nullptr, *late = nullptr;
-  u32 free_nodes = t->evaluation_requests->nodes.free_count;
-  EXPECT_EQ(EngineAddEvaluationRequest(t, std::string(256, 'a').c_str(), nullptr, &parsed), 33);
-  EXPECT_EQ(EngineAddEvaluationRequest(t, nullptr, nullptr, &parsed), 1);
-  ASSERT_EQ(EngineAddEvaluationRequest(t, "counter + 1, x", (void *)1, &parsed), 0);
-  ASSERT_EQ(EngineAddEvaluationRequest(t, "1 +* )", (void *)2, &broken), 0);
-  EXPECT_EQ(parsed->parse_failed, 0);
-  EXPECT_NE(parsed->tree, nullptr);
-  EXPECT_STREQ(broken->result, "Parse error");
-  EXPECT_LT(t->evaluation_requests->nodes.free_count, free_nodes);
-  EngineRun(t);
-  Seen seen;
-  ASSERT_EQ(WaitStopped(t, seen).event.kind, (u32)kEventStopped);
-  PopInto(t, seen, kLeaveStopped);
-  // At the stop: the unparsed request's result is known; the parsed one waits for the evaluator.
-  ASSERT_EQ(seen.Count(kEventEvaluation), 1);
-  const EngineEvent &result = seen.First(kEventEvaluation)->event;
-  EXPECT_EQ(result.evaluation.request, (void *)broken);
-  EXPECT_EQ(result.evaluation.cookie, broken->cookie);
-  EXPECT_EQ(result.evaluation.parse_failed, 1);
-
-  // Added while stopped: a refresh re-evaluates every request, the new one included.
-  size_t mark = seen.events.size();
-  ASSERT_EQ(EngineAddEvaluationRequest(t, "((", (void *)3, &late), 0);
-  int first = WaitForKind(t, seen, kEventEvaluation, mark);
-  int second = first < 0 ? -1 : WaitForKind(t, seen, kEventEvaluation, first + 1);
-  ASSERT_GE(second, 0);
-  std::set<void *> evaluated = {seen.events[first].event.evaluation.request, seen.events[second].event.evaluation.request};
-  EXPECT_EQ(evaluated, (std::set<void *>{broken, late}));
-  EXPECT_EQ(late->cookie, (void *)3);
-  ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
-  for (EvaluationRequest *request : {parsed, broken, late}) EXPECT_EQ(EngineRemoveEvaluationRequest(t, request), 0);
-  EXPECT_EQ(t->evaluation_requests->nodes.free_count, free_nodes);  // every node back in the pool
-  EXPECT_EQ(t->evaluation_requests->first, nullptr);
-  ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
-  EXPECT_EQ(EngineRun(t), 0);
-  DriveToEnd(t, seen);
   EXPECT_EQ(seen.exit_code, 3u);
 }
 

@@ -1,11 +1,12 @@
 // The engine against real programs under Wine: launch, module and thread events, debug strings,
-// launch failures, environment and arguments.
+// launch and attach failures, environment, working directory and arguments.
 #include <gtest/gtest.h>
 
 #include <stdio.h>
 #include <string.h>
 
 #include <algorithm>
+#include <fstream>
 
 #include "tests/win/engine_harness.h"
 
@@ -130,13 +131,11 @@ TEST(EngineLaunch, IsHeldUntilTheFirstRunAndRefusesBreakWhileHeld) {
   EXPECT_EQ(seen.exit_code, 0u);
 }
 
+// Launches and attaches that fail, each with its result; operations without a target.
 TEST(EngineLaunch, FailuresToStartGiveTheirResults) {
   // A file that is no image: the system refuses to create the process, for a reason of its own.
   std::string garbage = testing::TempDir() + "ktrn_not_an_image.exe";
-  FILE *f = fopen(garbage.c_str(), "wb");
-  ASSERT_NE(f, nullptr);
-  fputs("MZ but nothing else", f);
-  fclose(f);
+  ASSERT_TRUE(std::ofstream(garbage, std::ios::binary) << "MZ but nothing else");
   std::string missing_directory = TargetPath("no_such_directory"), file = TargetPath("eng_target.pdb");
   struct Case {
     std::string executable;
@@ -168,6 +167,11 @@ TEST(EngineLaunch, FailuresToStartGiveTheirResults) {
   EXPECT_EQ(EngineStartLaunch(&no_executable, nullptr, nullptr, &t, nullptr), 1);
   EXPECT_EQ(EngineStartLaunch(nullptr, nullptr, nullptr, &t, nullptr), 1);
   DeleteFileA(garbage.c_str());
+  EXPECT_EQ(EngineStartAttach(0x7FFFFFF0u, nullptr, nullptr, &t), 37);
+  EXPECT_EQ(t, nullptr);
+  EXPECT_EQ(EngineStartAttach(0, nullptr, nullptr, &t), 1);
+  EXPECT_EQ(EngineRun(nullptr), 1);
+  EXPECT_EQ(EngineBreak(nullptr), 1);
 }
 
 // The environment text split into pairs; with "Inherit from parent" the debugger's own variables
