@@ -1,6 +1,6 @@
 // The engine's exception table and the ends of a run against real programs under Wine: reported
-// exceptions, C++ exception lines, attach and break-in, break while
-// running, stop debugging and terminate in every state, wrong-state results.
+// exceptions and their answers, exceptions that never stop, attach and break-in, break while
+// running, wrong-state results, stop debugging and terminate in every state.
 #include <gtest/gtest.h>
 
 #include <stdio.h>
