@@ -5,6 +5,9 @@
 #include <string.h>
 
 #include "base/arena.h"
+#include "base/os.h"
+#include "engine/engine.h"
+#include "symbols/pe_image.h"
 
 enum : DWORD { kLaunchFlags = DEBUG_PROCESS | DEBUG_ONLY_THIS_PROCESS | CREATE_NEW_CONSOLE | CREATE_UNICODE_ENVIRONMENT };
 static_assert(kLaunchFlags == 0x413, "launch creation flags");
@@ -121,6 +124,18 @@ int LaunchResultOfError(u32 error) {
   return 4;
 }
 
+// A 32-bit program is refused from its header on every machine: some systems start one (and it
+// only faults under the debugger), others fail to create it for a reason of their own. The path is
+// the one CreateProcessW is given; when its header cannot be read, CreateProcessW says why.
+[[nodiscard]] static EngineResult LaunchCheckImage(const char *executable) {
+  OsFile file;
+  if (OsFileOpenRead(executable, &file) != kOsOk) return kEngineOk;
+  ImageSource source = ImageSourceFromFile(&file);
+  PeResult word_size = PeReadWordSize(&source);
+  OsFileClose(&file);
+  return word_size == kPe32Bit ? kEngine32Bit : kEngineOk;
+}
+
 int LaunchCreateProcess(SymbolArena *arena, const LaunchDescription *launch, u32 *out_process_id) {
   u64 exe_length = WideLength(launch->executable) + 1;
   u64 dir_length = WideLength(launch->working_directory) + 1;
@@ -135,6 +150,8 @@ int LaunchCreateProcess(SymbolArena *arena, const LaunchDescription *launch, u32
   dir[Widen(launch->working_directory, dir, dir_length)] = 0;
   if (!LaunchCommandLine(launch->executable, launch->arguments, line, line_capacity)) return 4;
   if (env && !LaunchEnvironmentBlock(launch, env, env_capacity)) return 4;
+  EngineResult image = LaunchCheckImage(launch->executable);
+  if (image != kEngineOk) return image;
 
   STARTUPINFOW startup;
   memset(&startup, 0, sizeof startup);

@@ -23,6 +23,7 @@ enum : u32 {
   kOptionalMaxBytes = kOptionalDirectories + 16 * 8,
   kMagicPe32 = 0x10B,
   kMagicPe32Plus = 0x20B,
+  kMachineI386 = 0x14C,
   kDirectoryException = 3,
   kDirectoryDebug = 6,
   kDebugEntryType = 12,
@@ -86,7 +87,17 @@ static int ReadCodeView(const ImageSource *source, u64 load_base, u32 directory_
   return kPeOk;
 }
 
-int PeReadImage(const ImageSource *source, u64 load_base, PeImage *out) {
+// The headers up to the optional header's magic, which says the word size.
+typedef struct PeHeaders {
+  u64 optional_at;
+  u32 optional_bytes;  // as the file header says
+  u32 optional_read;   // read into optional, at most kOptionalMaxBytes
+  u8 file_header[kFileHeaderBytes];
+  u8 optional[kOptionalMaxBytes];  // cleared past optional_read
+} PeHeaders;
+
+// kPe32Bit for machine i386 or a PE32 optional header, whatever the rest says.
+static PeResult ReadHeaders(const ImageSource *source, PeHeaders *out) {
   memset(out, 0, sizeof(*out));
   u8 word[4];
   if (ReadFile(source, kDosNewHeaderOffset, word, 4)) return kPeUnreadable;
@@ -95,18 +106,34 @@ int PeReadImage(const ImageSource *source, u64 load_base, PeImage *out) {
   if (ReadFile(source, header_at, signature, sizeof(signature))) return kPeUnreadable;
   if (memcmp(signature, "PE\0\0", 4) != 0) return kPeNotImage;
 
-  u8 file_header[kFileHeaderBytes];
-  if (ReadFile(source, header_at + kPeSignatureBytes, file_header, sizeof(file_header))) return kPeUnreadable;
-  u32 optional_bytes = ReadU16(file_header + kFileHeaderOptionalBytes);
-  u64 optional_at = header_at + kPeSignatureBytes + kFileHeaderBytes;
-  u8 optional[kOptionalMaxBytes];
-  memset(optional, 0, sizeof(optional));
-  u32 optional_read = optional_bytes < kOptionalMaxBytes ? optional_bytes : kOptionalMaxBytes;
-  if (optional_read < 2) return kPeNotImage;
-  if (ReadFile(source, optional_at, optional, optional_read)) return kPeUnreadable;
-  u16 magic = ReadU16(optional + kOptionalMagic);
+  if (ReadFile(source, header_at + kPeSignatureBytes, out->file_header, kFileHeaderBytes)) return kPeUnreadable;
+  if (ReadU16(out->file_header + kFileHeaderMachine) == kMachineI386) return kPe32Bit;
+  out->optional_bytes = ReadU16(out->file_header + kFileHeaderOptionalBytes);
+  out->optional_at = header_at + kPeSignatureBytes + kFileHeaderBytes;
+  out->optional_read = out->optional_bytes < kOptionalMaxBytes ? out->optional_bytes : kOptionalMaxBytes;
+  if (out->optional_read < 2) return kPeNotImage;
+  if (ReadFile(source, out->optional_at, out->optional, out->optional_read)) return kPeUnreadable;
+  u16 magic = ReadU16(out->optional + kOptionalMagic);
   if (magic == kMagicPe32) return kPe32Bit;
   if (magic != kMagicPe32Plus) return kPeNotImage;
+  return kPeOk;
+}
+
+PeResult PeReadWordSize(const ImageSource *source) {
+  PeHeaders headers;
+  return ReadHeaders(source, &headers);
+}
+
+int PeReadImage(const ImageSource *source, u64 load_base, PeImage *out) {
+  memset(out, 0, sizeof(*out));
+  PeHeaders headers;
+  PeResult result = ReadHeaders(source, &headers);
+  if (result != kPeOk) return result;
+  const u8 *file_header = headers.file_header;
+  const u8 *optional = headers.optional;
+  u64 optional_at = headers.optional_at;
+  u32 optional_bytes = headers.optional_bytes;
+  u32 optional_read = headers.optional_read;
 
   out->machine = ReadU16(file_header + kFileHeaderMachine);
   out->characteristics = ReadU16(file_header + kFileHeaderCharacteristics);

@@ -22,7 +22,7 @@ enum : u32 {
 enum PeResult {
   kPeOk = 0,
   kPeUnreadable = 2,  // a seek or read of the image failed
-  kPe32Bit = 10,      // optional-header magic 0x10B
+  kPe32Bit = 10,      // machine i386, or optional-header magic 0x10B
   kPeNotImage = 11,   // no "PE\0\0", a magic other than 0x20B, or an oversized CodeView record
 };
 
@@ -70,6 +70,11 @@ typedef struct PeImage {
 // Reads the headers, the section table and the CodeView record. load_base is passed to
 // read_mapped. Returns a PeResult.
 int PeReadImage(const ImageSource *source, u64 load_base, PeImage *out);
+
+// Reads no further than the optional header's magic: kPe32Bit for a 32-bit image, kPeOk for a
+// PE32+ one, else why the headers could not be taken. A launch refuses a 32-bit program with this
+// before the system is asked, since whether the system could start one depends on the machine.
+[[nodiscard]] PeResult PeReadWordSize(const ImageSource *source);
 
 // The end of the image's extent: load base + the last kept section's end, rounded up to 4096.
 u64 PeImageExtentEnd(const PeImage *image, u64 load_base);

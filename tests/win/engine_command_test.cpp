@@ -1,111 +1,127 @@
-// Commands served while the target is stopped, the request ring while it runs, the process list
-// and the pending-action rules, against real programs under Wine.
+// Commands served while the target is stopped, evaluation requests, the request ring while it runs,
+// the process list and the pending-action rules, against real programs under Wine.
 #include <gtest/gtest.h>
 
-#include <algorithm>
+#include <string.h>
+
+#include <functional>
+#include <set>
 
 #include "engine/pending_action.h"
 #include "engine/process_list.h"
 #include "tests/win/engine_harness.h"
 
-static const SeenEvent *LastStop(const Seen &seen) {
-  for (size_t i = seen.events.size(); i-- > 0;)
-    if (seen.events[i].event.kind == kEventStopped) return &seen.events[i];
-  return nullptr;
-}
-
-// Pops until the next stop event after index from (the engine keeps serving commands meanwhile).
-static const SeenEvent *NextStop(Target *t, Seen &seen, size_t from) {
-  for (int tries = 0; tries < 500; tries++) {
-    for (size_t i = from; i < seen.events.size(); i++)
-      if (seen.events[i].event.kind == kEventStopped) return &seen.events[i];
-    WaitForSingleObject(HarnessWakeEvent(), 20);
-    PopInto(t, seen, [](Target *, const SeenEvent &) {});
-  }
-  return nullptr;
-}
-
-// Carries out an operation on the stopped target; returns the stop event it brings, once the
-// engine serves commands again (null, and a failure, when the operation fails or no stop comes).
-template <typename Operation>
-static const SeenEvent *StopAfter(Target *t, Seen &seen, Operation operation) {
-  size_t mark = seen.events.size();
-  int result = operation();
-  EXPECT_EQ(result, 0);
-  const SeenEvent *e = result == 0 ? NextStop(t, seen, mark) : nullptr;
-  EXPECT_NE(e, nullptr);
-  EXPECT_EQ(EngineWaitStopped(t, 10000), 0);
-  return e;
-}
-
-TEST(EngineCommands, ThreadStatesFramesAndInstructionPointerWhileStopped) {
-  Target *t = nullptr;
-  u32 pid = 0;
-  ASSERT_EQ(LaunchAndRun("int3", &t, &pid), 0);
+// One stop at the program's own int3 (with an idle second thread), and everything served there:
+// evaluation requests, the threads and their names, the threads window's view of the stopped one
+// (inside main), every command answered by the stop it reports, and the next statement.
+TEST(EngineCommands, ServedAtTheProgramsOwnInt3) {
+  Target *t = Launch("int3", false);
+  ASSERT_NE(t, nullptr);
+  // Requests added while held are parsed at once; a text too long or absent is refused.
+  EvaluationRequest *parsed = nullptr, *broken = nullptr, *late = nullptr;
+  u32 free_nodes = t->evaluation_requests->nodes.free_count;
+  EXPECT_EQ(EngineAddEvaluationRequest(t, std::string(256, 'a').c_str(), nullptr, &parsed), 33);
+  EXPECT_EQ(EngineAddEvaluationRequest(t, nullptr, nullptr, &parsed), 1);
+  ASSERT_EQ(EngineAddEvaluationRequest(t, "counter + 1, x", (void *)1, &parsed), 0);
+  ASSERT_EQ(EngineAddEvaluationRequest(t, "1 +* )", (void *)2, &broken), 0);
+  EXPECT_EQ(parsed->parse_failed, 0);
+  EXPECT_NE(parsed->tree, nullptr);
+  EXPECT_STREQ(broken->result, "Parse error");
+  EXPECT_LT(t->evaluation_requests->nodes.free_count, free_nodes);
+  EXPECT_EQ(EngineRun(t), 0);
   Seen seen;
-  ASSERT_TRUE(WaitForKind(t, seen, kEventStopped));
+  SeenEvent stop = WaitStopped(t, seen);
+  EXPECT_EQ(stop.event.stopped.reason, (u32)kStopProgramBreakpoint);
+  EXPECT_EQ(stop.module_name, "eng_target.exe");
+  EXPECT_EQ((int)stop.event.stopped.location.line, MarkerLine("INT3_LINE"));
+  u64 stop_address = stop.event.stopped.address;
+
+  // At the stop: the unparsed request's result is known; the parsed one waits for the evaluator.
+  PopInto(t, seen, kLeaveStopped);
+  ASSERT_EQ(seen.Count(kEventEvaluation), 1);
+  const EngineEvent &result = seen.First(kEventEvaluation)->event;
+  EXPECT_EQ(result.evaluation.request, (void *)broken);
+  EXPECT_EQ(result.evaluation.cookie, broken->cookie);
+  EXPECT_EQ(result.evaluation.parse_failed, 1);
+  // Added while stopped: a refresh re-evaluates every request, the new one included.
+  size_t mark = seen.events.size();
+  ASSERT_EQ(EngineAddEvaluationRequest(t, "((", (void *)3, &late), 0);
+  int first = WaitForKind(t, seen, kEventEvaluation, mark);
+  int second = first < 0 ? -1 : WaitForKind(t, seen, kEventEvaluation, first + 1);
+  ASSERT_GE(second, 0);
+  std::set<void *> evaluated = {seen.events[first].event.evaluation.request, seen.events[second].event.evaluation.request};
+  EXPECT_EQ(evaluated, (std::set<void *>{broken, late}));
+  EXPECT_EQ(late->cookie, (void *)3);
   ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
-  u64 stop_address = LastStop(seen)->event.stopped.address;
+  for (EvaluationRequest *request : {parsed, broken, late}) EXPECT_EQ(EngineRemoveEvaluationRequest(t, request), 0);
+  EXPECT_EQ(t->evaluation_requests->nodes.free_count, free_nodes);  // every node back in the pool
+  EXPECT_EQ(t->evaluation_requests->first, nullptr);
+
   TargetThread *main = t->threads, *idle = main ? main->next : nullptr;
   ASSERT_NE(idle, nullptr);
   EXPECT_EQ(t->current_thread, main);
-
-  // Freeze the idle thread: the engine suspends it and reports the new thread states.
-  const SeenEvent *e = StopAfter(t, seen, [&] { return EngineToggleFreeze(t, idle); });
-  ASSERT_NE(e, nullptr);
-  EXPECT_EQ(e->event.stopped.reason, (u32)kStopThreadStates);
-  EXPECT_EQ(e->event.stopped.address, stop_address);
-  EXPECT_EQ(idle->suspended_by_engine, 1);
-  ASSERT_NE(StopAfter(t, seen, [&] { return EngineToggleFreeze(t, idle); }), nullptr);
-  EXPECT_EQ(idle->suspended_by_engine, 0);
-
-  // Solo on the main thread holds every other thread.
-  ASSERT_NE(StopAfter(t, seen, [&] { return EngineToggleSolo(t, main); }), nullptr);
-  EXPECT_EQ(idle->suspended_by_engine, 1);
-  EXPECT_EQ(main->suspended_by_engine, 0);
-  ASSERT_NE(StopAfter(t, seen, [&] { return EngineToggleSolo(t, main); }), nullptr);
-  EXPECT_EQ(idle->suspended_by_engine, 0);
-
-  // Selecting a thread makes it current; frame 0 of it is selected.
-  ASSERT_NE(StopAfter(t, seen, [&] { return EngineSelectThread(t, idle->id); }), nullptr);
-  EXPECT_EQ(t->current_thread, idle);
-  ASSERT_NE(StopAfter(t, seen, [&] { return EngineSelectThread(t, main->id); }), nullptr);
-
-  // Frame 0 exists; frame 5 does not and changes nothing.
-  e = StopAfter(t, seen, [&] { return EngineSelectFrame(t, 0); });
-  ASSERT_NE(e, nullptr);
-  EXPECT_EQ(e->event.stopped.reason, (u32)kStopFrameSelected);
-  EXPECT_EQ(e->event.stopped.frame, 0);
-  size_t mark = seen.events.size();
+  EXPECT_STREQ(main->name, "Main Thread");
+  bool idle_named = false;
+  for (TargetThread *th = t->threads; th; th = th->next) idle_named |= !strcmp(th->name, "eng_target.exe!IdleThread");
+  EXPECT_TRUE(idle_named);
+  EXPECT_EQ(main->ip_module, t->main_module);
+  EXPECT_NE(main->ip_function, nullptr);
+  EXPECT_TRUE(main->ip_function_start <= stop_address && stop_address < main->ip_function_end);
+  // Each operation, the stop reason it reports, and what it leaves behind.
+  struct Step {
+    std::function<int()> operation;
+    u32 reason;
+    std::function<bool()> after;
+  } steps[] = {
+      // Freeze the idle thread: the engine suspends it and reports the new thread states.
+      {[&] { return EngineToggleFreeze(t, idle); }, kStopThreadStates, [&] { return idle->suspended_by_engine == 1; }},
+      {[&] { return EngineToggleFreeze(t, idle); }, kStopThreadStates, [&] { return idle->suspended_by_engine == 0; }},
+      // Solo on the main thread holds every other thread.
+      {[&] { return EngineToggleSolo(t, main); }, kStopThreadStates,
+       [&] { return idle->suspended_by_engine == 1 && main->suspended_by_engine == 0; }},
+      {[&] { return EngineToggleSolo(t, main); }, kStopThreadStates, [&] { return idle->suspended_by_engine == 0; }},
+      // Selecting a thread makes it current, reported as new thread states at its frame 0.
+      {[&] { return EngineSelectThread(t, idle->id); }, kStopThreadStates, [&] { return t->current_thread == idle; }},
+      {[&] { return EngineSelectThread(t, main->id); }, kStopThreadStates, [&] { return t->current_thread == main; }},
+      {[&] { return EngineSelectFrame(t, 0); }, kStopFrameSelected, [&] { return true; }},
+      // Collapsing of stack-overflow frames: stored, the current thread's stack rebuilt at frame 0.
+      {[&] { return EngineSetStackOverflowCollapsing(t, 1); }, kStopFrameSelected,
+       [&] { return t->collapse_stack_overflow == 1; }},
+      // The instruction pointer, set to where it is, changes nothing for the program; registers
+      // changed are reported as new thread states.
+      {[&] { return EngineSetInstructionPointer(t, stop_address); }, kStopThreadStates, [&] { return true; }},
+  };
+  for (size_t i = 0; i < sizeof steps / sizeof steps[0]; i++) {
+    SeenEvent e = StopAfter(t, seen, steps[i].operation);
+    EXPECT_EQ(e.event.stopped.reason, steps[i].reason) << "step " << i;
+    if (t->current_thread == main) EXPECT_EQ(e.event.stopped.address, stop_address) << "step " << i;
+    EXPECT_EQ(e.event.stopped.frame, 0) << "step " << i;
+    EXPECT_TRUE(steps[i].after()) << "step " << i;
+  }
+  // Frame 5 does not exist and changes nothing.
+  mark = seen.events.size();
   EXPECT_EQ(EngineSelectFrame(t, 5), 0);
   Sleep(200);
-  PopInto(t, seen, [](Target *, const SeenEvent &) {});
+  PopInto(t, seen, kLeaveStopped);
   EXPECT_EQ(seen.events.size(), mark);
-
-  // Collapsing of stack-overflow frames: stored, the current thread's stack rebuilt at frame 0.
-  ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
-  e = StopAfter(t, seen, [&] { return EngineSetStackOverflowCollapsing(t, 1); });
-  ASSERT_NE(e, nullptr);
-  EXPECT_EQ(e->event.stopped.reason, (u32)kStopFrameSelected);
-  EXPECT_EQ(e->event.stopped.frame, 0);
-  EXPECT_EQ(t->collapse_stack_overflow, 1);
-
-  // The instruction pointer, set to where it is, changes nothing for the program; registers
-  // changed are reported as new thread states.
-  e = StopAfter(t, seen, [&] { return EngineSetInstructionPointer(t, stop_address); });
-  ASSERT_NE(e, nullptr);
-  EXPECT_EQ(e->event.stopped.reason, (u32)kStopThreadStates);
+  // The next statement: only a line with code in a known file; past the debug string, the program
+  // returns without printing it.
+  EXPECT_EQ(EngineSetNextStatement(t, "no_such_file.cpp", 10), 23);
+  EXPECT_EQ(EngineSetNextStatement(t, kTargetSource, 0x7FFFFFF0), 23);
+  int line = MarkerLine("INT3_RETURN_LINE");
+  SeenEvent e = StopAfter(t, seen, [&] { return EngineSetNextStatement(t, kTargetSource, (u32)line); });
+  EXPECT_EQ((int)e.event.stopped.location.line, line);
   EXPECT_EQ(EngineRun(t), 0);
   DriveToEnd(t, seen);
+  EXPECT_EQ(seen.debug_strings.size(), 0u);
   EXPECT_EQ(seen.exit_code, 3u);
 }
 
 TEST(EngineCommands, RequestsQueuedWhileRunningAreServedWithoutAVisibleStop) {
-  Target *t = nullptr;
-  u32 pid = 0;
-  ASSERT_EQ(LaunchAndRun("spin", &t, &pid), 0);
+  Target *t = Launch("spin");
+  ASSERT_NE(t, nullptr);
   Seen seen;
-  ASSERT_TRUE(WaitForKind(t, seen, kEventText));
+  ASSERT_GE(WaitForKind(t, seen, kEventText), 0);
   ASSERT_TRUE(WaitRunning(t));
   EngineRequest request = {};
   request.kind = 1;
@@ -113,24 +129,20 @@ TEST(EngineCommands, RequestsQueuedWhileRunningAreServedWithoutAVisibleStop) {
   for (int i = 0; i < 1000 && t->requests_served < 1; i++) Sleep(10);
   EXPECT_EQ(t->requests_served, 1u);
   EXPECT_TRUE(WaitRunning(t));  // the silent break-in was resumed
-  PopInto(t, seen, nullptr);
-  EXPECT_EQ(seen.Count(kEventStopped), 0);
   EXPECT_EQ(EngineTerminate(t, 0), 0);
   DriveToEnd(t, seen);
+  EXPECT_EQ(seen.Count(kEventStopped), 0);
   EXPECT_EQ(seen.exit_code, 0u);
 }
 
 TEST(EngineProcesses, ListingFindsARunningProgramAndReattachByName) {
-  PROCESS_INFORMATION pi = {};
-  STARTUPINFOW si = {sizeof si};
-  std::wstring line = L"\"" + TargetPathW("eng_target.exe") + L"\" spin";
-  ASSERT_TRUE(CreateProcessW(nullptr, &line[0], nullptr, nullptr, FALSE, CREATE_NEW_CONSOLE, nullptr, nullptr, &si, &pi));
-  Sleep(500);
+  FreeProcess p;
+  ASSERT_TRUE(p.Start("spin"));
   static ProcessList list;
   ASSERT_EQ(ProcessListRefresh(&list), 0);
   const ProcessEntry *found = nullptr;
   for (u32 i = 0; i < list.count; i++)
-    if (list.entries[i].id == pi.dwProcessId) found = &list.entries[i];
+    if (list.entries[i].id == p.Id()) found = &list.entries[i];
   ASSERT_NE(found, nullptr);
   EXPECT_STREQ(found->name, "eng_target.exe");
   EXPECT_TRUE(ProcessListMatches(found, ""));
@@ -148,22 +160,16 @@ TEST(EngineProcesses, ListingFindsARunningProgramAndReattachByName) {
   for (u32 i = 0; i < list.count; i++)
     if (list.entries[i].id == by_name) EXPECT_STREQ(list.entries[i].name, "eng_target.exe");
   EXPECT_EQ(ProcessFindByName("no_such_program.exe"), 0u);
-  TerminateProcess(pi.hProcess, 0);
-  WaitForSingleObject(pi.hProcess, 5000);
-  CloseHandle(pi.hProcess);
-  CloseHandle(pi.hThread);
 }
 
 TEST(EnginePending, AttachWhileDebuggingTerminatesFirstAndAttachesAfterTheExit) {
-  Target *t = nullptr;
-  u32 pid = 0;
-  ASSERT_EQ(LaunchAndRun("spin", &t, &pid), 0);
+  Target *t = Launch("spin");
+  ASSERT_NE(t, nullptr);
   Seen seen;
-  ASSERT_TRUE(WaitForKind(t, seen, kEventText));
-  PendingAction pending = {};
+  ASSERT_GE(WaitForKind(t, seen, kEventText), 0);
+  PendingAction pending = {}, due = {};
   ASSERT_EQ(PendingActionEndRunThen(&pending, t, kPendingAttach, 4321, 1, nullptr), 0);
   EXPECT_EQ(pending.kind, (u32)kPendingAttach);
-  PendingAction due = {};
   EXPECT_FALSE(PendingActionTake(&pending, kEventText, &due));
   DriveToEnd(t, seen);
   EXPECT_EQ(seen.exit_code, 0u);
@@ -174,7 +180,8 @@ TEST(EnginePending, AttachWhileDebuggingTerminatesFirstAndAttachesAfterTheExit) 
   EXPECT_EQ(pending.kind, (u32)kPendingNone);
   EXPECT_FALSE(PendingActionTake(&pending, kEventProcessExited, &due));
   // A process that has exited, its exit event not yet popped: the action waits for that event.
-  ASSERT_EQ(LaunchAndRun("unknown", &t, &pid), 0);
+  t = Launch("unknown");
+  ASSERT_NE(t, nullptr);
   for (ULONGLONG start = GetTickCount64(); !*(volatile u8 *)&t->exited && GetTickCount64() - start < 20000;) Sleep(5);
   ASSERT_TRUE(t->exited);
   ASSERT_EQ(PendingActionEndRunThen(&pending, t, kPendingRelaunch, 0, 0, nullptr), 0);
@@ -186,82 +193,5 @@ TEST(EnginePending, AttachWhileDebuggingTerminatesFirstAndAttachesAfterTheExit) 
   // Without a process nothing is parked.
   EXPECT_EQ(PendingActionEndRunThen(&pending, nullptr, kPendingRelaunch, 0, 0, nullptr), 1);
   EXPECT_EQ(pending.kind, (u32)kPendingNone);
-  std::string long_path(2000, 'a');
-  EXPECT_EQ(PendingActionSet(&pending, kPendingOpenSession, 0, 0, long_path.c_str()), 33);
-}
-
-TEST(EngineCommands, SetNextStatementMovesToTheLinesCode) {
-  Target *t = nullptr;
-  u32 pid = 0;
-  ASSERT_EQ(LaunchTarget("eng_target.exe", "int3", &t, &pid), 0);
-  std::string source = std::string(KTRN_SOURCE_DIR) + "/tests/targets/engine/eng_target.cpp";
-  EngineRun(t);
-  Seen seen;
-  ASSERT_TRUE(WaitForKind(t, seen, kEventStopped));
-  ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
-  EXPECT_EQ(EngineSetNextStatement(t, "no_such_file.cpp", 10), 23);
-  EXPECT_EQ(EngineSetNextStatement(t, source.c_str(), 0x7FFFFFF0), 23);
-  size_t mark = seen.events.size();
-  // Past the debug string: the program returns without printing it.
-  EXPECT_EQ(EngineSetNextStatement(t, source.c_str(), (u32)MarkerLine("tests/targets/engine/eng_target.cpp", "INT3_RETURN_LINE")), 0);
-  const SeenEvent *e = NextStop(t, seen, mark);
-  ASSERT_NE(e, nullptr);
-  EXPECT_EQ((int)e->event.stopped.location.line, MarkerLine("tests/targets/engine/eng_target.cpp", "INT3_RETURN_LINE"));
-  ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
-  EXPECT_EQ(EngineRun(t), 0);
-  DriveToEnd(t, seen);
-  EXPECT_EQ(seen.debug_strings.size(), 0u);
-  EXPECT_EQ(seen.exit_code, 3u);
-}
-
-TEST(EngineCommands, EvaluationRequestsAreParsedAndReportedAtEveryStop) {
-  Target *t = nullptr;
-  u32 pid = 0;
-  ASSERT_EQ(LaunchTarget("eng_target.exe", "int3", &t, &pid), 0);
-  EvaluationRequest *parsed = nullptr, *broken = nullptr, *late = nullptr;
-  u32 free_nodes = t->evaluation_requests->nodes.free_count;
-  EXPECT_EQ(EngineAddEvaluationRequest(t, std::string(256, 'a').c_str(), nullptr, &parsed), 33);
-  EXPECT_EQ(EngineAddEvaluationRequest(t, nullptr, nullptr, &parsed), 1);
-  ASSERT_EQ(EngineAddEvaluationRequest(t, "counter + 1, x", (void *)1, &parsed), 0);
-  ASSERT_EQ(EngineAddEvaluationRequest(t, "1 +* )", (void *)2, &broken), 0);
-  EXPECT_EQ(parsed->parse_failed, 0);
-  EXPECT_NE(parsed->tree, nullptr);
-  EXPECT_STREQ(broken->result, "Parse error");
-  EXPECT_LT(t->evaluation_requests->nodes.free_count, free_nodes);
-  EngineRun(t);
-  Seen seen;
-  ASSERT_TRUE(WaitForKind(t, seen, kEventStopped));
-  ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
-  PopInto(t, seen, [](Target *, const SeenEvent &) {});
-  // At the stop: the unparsed request's result is known; the parsed one waits for the evaluator.
-  ASSERT_EQ(seen.Count(kEventEvaluation), 1);
-  EXPECT_EQ(seen.First(kEventEvaluation)->event.evaluation.request, (void *)broken);
-  EXPECT_EQ(seen.First(kEventEvaluation)->event.evaluation.cookie, broken->cookie);
-  EXPECT_EQ(seen.First(kEventEvaluation)->event.evaluation.parse_failed, 1);
-
-  // Added while stopped: a refresh re-evaluates every request, the new one included.
-  ASSERT_EQ(EngineAddEvaluationRequest(t, "((", (void *)3, &late), 0);
-  std::vector<void *> evaluated;
-  for (ULONGLONG start = GetTickCount64(); evaluated.size() < 2 && GetTickCount64() - start < 10000;) {
-    WaitForSingleObject(HarnessWakeEvent(), 20);
-    size_t before = seen.events.size();
-    PopInto(t, seen, [](Target *, const SeenEvent &) {});
-    for (size_t i = before; i < seen.events.size(); i++)
-      if (seen.events[i].event.kind == kEventEvaluation) evaluated.push_back(seen.events[i].event.evaluation.request);
-  }
-  std::sort(evaluated.begin(), evaluated.end());
-  std::vector<void *> expected = {(void *)broken, (void *)late};
-  std::sort(expected.begin(), expected.end());
-  EXPECT_EQ(evaluated, expected);
-  EXPECT_EQ(late->cookie, (void *)3);
-  ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
-  EXPECT_EQ(EngineRemoveEvaluationRequest(t, parsed), 0);
-  EXPECT_EQ(EngineRemoveEvaluationRequest(t, broken), 0);
-  EXPECT_EQ(EngineRemoveEvaluationRequest(t, late), 0);
-  EXPECT_EQ(t->evaluation_requests->nodes.free_count, free_nodes);  // every node back in the pool
-  EXPECT_EQ(t->evaluation_requests->first, nullptr);
-  ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
-  EXPECT_EQ(EngineRun(t), 0);
-  DriveToEnd(t, seen);
-  EXPECT_EQ(seen.exit_code, 3u);
+  EXPECT_EQ(PendingActionSet(&pending, kPendingOpenSession, 0, 0, std::string(2000, 'a').c_str()), 33);
 }

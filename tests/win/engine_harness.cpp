@@ -1,130 +1,150 @@
 #include "tests/win/engine_harness.h"
 
-#include <gtest/gtest.h>
-
 #include <fstream>
+
+const char *const kTargetSource = KTRN_SOURCE_DIR "/tests/targets/engine/eng_target.cpp";
 
 std::string TargetPath(const char *name) { return std::string(KTRN_TARGETS_DIR) + "/" + name; }
 
-std::wstring TargetPathW(const char *name) {
-  std::string path = TargetPath(name);
+std::string Backslashed(std::string path) {
   for (char &c : path)
     if (c == '/') c = '\\';
-  return std::wstring(path.begin(), path.end());
+  return path;
 }
 
-int MarkerLine(const char *source, const char *marker) {
-  std::ifstream in(std::string("Z:") + KTRN_SOURCE_DIR + "/" + source);
+int MarkerLine(const char *marker) {
+  std::ifstream in(std::string("Z:") + kTargetSource);
   std::string line;
   for (int n = 1; std::getline(in, line); n++)
     if (line.find(marker) != std::string::npos) return n;
   return -1;
 }
 
-HANDLE HarnessWakeEvent() {
+// The wake-up event the engine signals after each event it queues.
+static HANDLE WakeEvent() {
   static HANDLE wake = CreateEventW(nullptr, FALSE, FALSE, nullptr);
   return wake;
 }
 
-void HarnessWake(void *user) { SetEvent((HANDLE)user); }
+static void Wake(void *user) { SetEvent((HANDLE)user); }
 
-int LaunchTarget(const char *program, const char *arguments, Target **out, u32 *pid, const LaunchDescription *extra) {
-  static std::string path;
-  path = TargetPath(program);
+// [SECTION] Launch
+
+Target *Launch(const char *arguments, bool run, u32 *pid, const char *program, const LaunchDescription *extra) {
+  std::string path = TargetPath(program);
   LaunchDescription launch = {};
   if (extra) launch = *extra;
   launch.executable = path.c_str();
   launch.arguments = arguments;
-  return EngineStartLaunch(&launch, HarnessWake, HarnessWakeEvent(), out, pid);
+  Target *target = nullptr;
+  int result = EngineStartLaunch(&launch, Wake, WakeEvent(), &target, pid);
+  EXPECT_EQ(result, 0) << program << " " << (arguments ? arguments : "");
+  if (run && result == 0) EXPECT_EQ(EngineRun(target), 0);
+  return result == 0 ? target : nullptr;
 }
 
-static void Record(Target *target, Seen &seen, const EngineEvent &event, SeenEvent &out) {
-  out.event = event;
-  char text[4096];
-  OutputOptions options = OutputOptionsDefault();
-  if (EngineEventText(&event, &options, target->process_id, text, sizeof text)) out.text = text;
-  const TargetModule *module = nullptr;
-  if (event.kind == kEventModuleLoaded || event.kind == kEventModuleUnloaded) module = event.module.module;
-  if (event.kind == kEventStopped) module = event.stopped.location.module;
-  if (event.kind == kEventException) module = event.exception.location.module;
-  if (module && module->symbols.name) out.module_name = module->symbols.name;
-  seen.output += out.text;
-  if (event.kind == kEventText) seen.debug_strings.push_back(out.text);
-  if (event.kind == kEventProcessExited) {
-    seen.ended = true;
-    seen.exit_code = event.process.exit_code;
-  }
-  if (event.kind == kEventDetached) seen.ended = seen.detached = true;
+Target *Attach(u32 pid) {
+  Target *target = nullptr;
+  int result = EngineStartAttach(pid, Wake, WakeEvent(), &target);
+  EXPECT_EQ(result, 0) << "attach to " << pid;
+  return result == 0 ? target : nullptr;
 }
+
+// [SECTION] Events and stops
+
+const OnStop kLeaveStopped = [](Target *, const SeenEvent &) {};
 
 void PopInto(Target *target, Seen &seen, const OnStop &on_stop) {
-  for (;;) {
-    EngineEvent event;
-    EnginePopEvent(target, &event);
-    if (event.kind == kEventNone) return;
+  OutputOptions options = OutputOptionsDefault();
+  for (EngineEvent event; EnginePopEvent(target, &event) == 0 && event.kind != kEventNone;) {
     SeenEvent e;
-    Record(target, seen, event, e);
+    e.event = event;
+    char text[4096];
+    if (EngineEventText(&event, &options, target->process_id, text, sizeof text)) e.text = text;
+    u32 kind = event.kind;
+    const TargetModule *module = kind == kEventModuleLoaded || kind == kEventModuleUnloaded ? event.module.module
+                                 : kind == kEventStopped   ? event.stopped.location.module
+                                 : kind == kEventException ? event.exception.location.module
+                                                           : nullptr;
+    if (module && module->symbols.name) e.module_name = module->symbols.name;
+    if (kind == kEventText) seen.debug_strings.push_back(e.text);
+    if (kind == kEventProcessExited) seen.exit_code = event.process.exit_code;
+    seen.ended |= kind == kEventProcessExited || kind == kEventDetached;
     seen.events.push_back(e);
-    if (event.kind == kEventModuleUnloaded) TargetModuleRelease(target, event.module.module);
-    if (event.kind == kEventStopped || event.kind == kEventException) {
-      if (on_stop) {
-        on_stop(target, e);
-      } else {
-        EXPECT_EQ(EngineWaitStopped(target, 10000), 0);
-        EXPECT_EQ(EngineRun(target), 0);
-      }
+    if (kind == kEventModuleUnloaded) TargetModuleRelease(target, event.module.module);
+    if (kind != kEventStopped && kind != kEventException) continue;
+    if (on_stop) {
+      on_stop(target, e);
+    } else {
+      EXPECT_EQ(EngineWaitStopped(target, 10000), 0);
+      EXPECT_EQ(EngineRun(target), 0);
     }
   }
 }
 
 void DriveToEnd(Target *target, Seen &seen, const OnStop &on_stop, DWORD timeout_ms) {
-  ULONGLONG start = GetTickCount64();
+  ULONGLONG deadline = GetTickCount64() + timeout_ms;
   bool terminated = false;
-  while (!seen.ended) {
-    WaitForSingleObject(HarnessWakeEvent(), 20);
-    PopInto(target, seen, on_stop);
-    if (!terminated && GetTickCount64() - start > timeout_ms) {
+  while (!seen.ended && GetTickCount64() < deadline + 10000) {  // 10 s more for the terminate
+    if (!terminated && GetTickCount64() > deadline) {
       ADD_FAILURE() << "the run did not end in time";
       terminated = true;
       EngineTerminate(target, 1);
-      start = GetTickCount64() - timeout_ms + 10000;
-    } else if (terminated && GetTickCount64() - start > timeout_ms) {
-      break;
     }
+    WaitForSingleObject(WakeEvent(), 20);
+    PopInto(target, seen, on_stop);
   }
   EngineRelease(target);
 }
 
-int LaunchAndRun(const char *arguments, Target **out, u32 *pid) {
-  int result = LaunchTarget("eng_target.exe", arguments, out, pid);
-  if (result == 0) EngineRun(*out);
-  return result;
+Seen RunToEnd(const char *arguments, const OnStop &on_stop, const char *program, const LaunchDescription *extra) {
+  Seen seen;
+  if (Target *target = Launch(arguments, true, nullptr, program, extra)) DriveToEnd(target, seen, on_stop);
+  return seen;
 }
 
-void RunToEnd(const char *arguments, Seen &seen, const OnStop &on_stop) {
-  Target *target = nullptr;
-  u32 pid = 0;
-  ASSERT_EQ(LaunchAndRun(arguments, &target, &pid), 0) << arguments;
-  DriveToEnd(target, seen, on_stop);
-}
-
-bool WaitForKind(Target *target, Seen &seen, u32 kind, DWORD timeout_ms) {
+int WaitForKind(Target *target, Seen &seen, u32 kind, size_t from, DWORD timeout_ms) {
   ULONGLONG start = GetTickCount64();
-  size_t checked = seen.events.size();
   for (;;) {
-    for (; checked < seen.events.size(); checked++)
-      if (seen.events[checked].event.kind == kind) return true;
-    if (GetTickCount64() - start > timeout_ms) return false;
-    WaitForSingleObject(HarnessWakeEvent(), 20);
-    PopInto(target, seen, [](Target *, const SeenEvent &) {});
+    for (; from < seen.events.size(); from++)
+      if (seen.events[from].event.kind == kind) return (int)from;
+    if (GetTickCount64() - start > timeout_ms) return -1;
+    WaitForSingleObject(WakeEvent(), 20);
+    PopInto(target, seen, kLeaveStopped);
   }
+}
+
+SeenEvent WaitStopped(Target *target, Seen &seen, u32 kind, size_t from) {
+  int at = WaitForKind(target, seen, kind, from);
+  EXPECT_GE(at, 0) << "no event of kind " << kind;
+  int state = at < 0 ? -1 : EngineWaitStopped(target, 10000);
+  EXPECT_EQ(state, 0);
+  return state == 0 ? seen.events[at] : SeenEvent{};
 }
 
 bool WaitRunning(Target *target, DWORD timeout_ms) {
-  ULONGLONG start = GetTickCount64();
-  while (GetTickCount64() - start < timeout_ms) {
+  for (ULONGLONG start = GetTickCount64(); GetTickCount64() - start < timeout_ms; Sleep(5))
     if (EngineStoppedState(target) == 26) return true;
-    Sleep(5);
-  }
   return false;
+}
+
+// [SECTION] Programs outside the debugger
+
+bool FreeProcess::Start(const char *mode, std::string path) {
+  STARTUPINFOW si = {sizeof si};
+  std::string line = "\"" + Backslashed(path) + "\" " + mode;
+  std::wstring wide(line.begin(), line.end());
+  if (!CreateProcessW(nullptr, &wide[0], nullptr, nullptr, FALSE, CREATE_NEW_CONSOLE, nullptr, nullptr, &si, &pi))
+    return false;
+  Sleep(500);  // let it get going
+  return true;
+}
+
+void FreeProcess::End() {
+  if (!pi.hProcess) return;
+  TerminateProcess(pi.hProcess, 0);
+  WaitForSingleObject(pi.hProcess, 5000);
+  CloseHandle(pi.hProcess);
+  CloseHandle(pi.hThread);
+  pi = {};
 }

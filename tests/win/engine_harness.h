@@ -1,7 +1,11 @@
 // Drives the engine in-process against the test programs: launch or attach, pop every event (its
-// output text copied at once, as the output window does), continue stops, collect what was seen.
+// output text copied at once, as the output window does), answer stops, collect what was seen.
+// Each step of a test's set-up is one call here: launch, wait for a kind, wait stopped, operate
+// on the stopped target.
 #pragma once
 #include <windows.h>
+
+#include <gtest/gtest.h>
 
 #include <functional>
 #include <string>
@@ -11,7 +15,7 @@
 #include "ui/engine_event_text.h"
 
 struct SeenEvent {
-  EngineEvent event;
+  EngineEvent event = {};
   std::string text;         // EngineEventText's output
   std::string module_name;  // kinds 10 and 11, and the module of kinds 1 and 4
 };
@@ -19,13 +23,11 @@ struct SeenEvent {
 struct Seen {
   std::vector<SeenEvent> events;
   std::vector<std::string> debug_strings;  // kind 5 texts
-  std::string output;
-  bool ended = false;
-  bool detached = false;
+  bool ended = false;  // process exited or detached
   u32 exit_code = 0xFFFFFFFF;
-  int Count(u32 kind) const {
+  int Count(u32 kind, size_t from = 0) const {  // among the events from that index on
     int n = 0;
-    for (const SeenEvent &e : events) n += e.event.kind == kind;
+    for (size_t i = from; i < events.size(); i++) n += events[i].event.kind == kind;
     return n;
   }
   const SeenEvent *First(u32 kind) const {
@@ -35,28 +37,58 @@ struct Seen {
   }
 };
 
-std::string TargetPath(const char *name);         // "Z:/.../tests/targets/NAME"
-std::wstring TargetPathW(const char *name);       // with backslashes
-int MarkerLine(const char *source, const char *marker);  // line of a marker in a test program's source
+extern const char *const kTargetSource;   // eng_target.cpp, as its PDB names it
+std::string TargetPath(const char *name);  // "Z:/.../tests/targets/NAME"
+std::string Backslashed(std::string path);
+int MarkerLine(const char *marker);        // the line of a marker comment in eng_target.cpp
 
-// The wake-up event the engine signals after each event it queues.
-HANDLE HarnessWakeEvent();
-void HarnessWake(void *user);
+// [SECTION] Launch and attach
+// Launches eng_target.exe (or program) and, with run, lets it past its held start; null, and a
+// failure, when the launch fails.
+Target *Launch(const char *arguments, bool run = true, u32 *pid = nullptr, const char *program = "eng_target.exe",
+               const LaunchDescription *extra = nullptr);
+// Attaches to a running process; null, and a failure, when the attach fails.
+Target *Attach(u32 pid);
 
-int LaunchTarget(const char *program, const char *arguments, Target **out, u32 *pid,
-                 const LaunchDescription *extra = nullptr);
-
+// [SECTION] Events and stops
 // Pops every queued event into seen; stops (kinds 1 and 4) go to on_stop, which by default waits
-// for the engine to serve commands and runs it on. Returns when the run ends or timeout_ms passed
-// (then the target is terminated and the test fails).
+// for the engine to serve commands and runs it on. kLeaveStopped answers none.
 using OnStop = std::function<void(Target *, const SeenEvent &)>;
+extern const OnStop kLeaveStopped;
 void PopInto(Target *target, Seen &seen, const OnStop &on_stop);
+// Pops until the run ends, then releases the target. After timeout_ms the target is terminated and
+// the test fails.
 void DriveToEnd(Target *target, Seen &seen, const OnStop &on_stop = nullptr, DWORD timeout_ms = 90000);
-// Launches eng_target.exe with the arguments and lets it past its held start (the first run).
-int LaunchAndRun(const char *arguments, Target **out, u32 *pid);
-// Launches eng_target.exe with the arguments, lets it past its held start and drives it to its end.
-void RunToEnd(const char *arguments, Seen &seen, const OnStop &on_stop = nullptr);
-// Pops until an event of the kind arrives (true) or the time passes (false); stops are not run on.
-bool WaitForKind(Target *target, Seen &seen, u32 kind, DWORD timeout_ms = 30000);
+// Launches eng_target.exe (or program), runs it and drives it to its end.
+Seen RunToEnd(const char *arguments, const OnStop &on_stop = nullptr, const char *program = "eng_target.exe",
+              const LaunchDescription *extra = nullptr);
+// Pops (answering no stop) until an event of the kind arrives at index from or later: its index,
+// or -1 when none came within the time.
+int WaitForKind(Target *target, Seen &seen, u32 kind, size_t from = 0, DWORD timeout_ms = 30000);
+// Waits for an event of the kind (a stop unless told) and then for the engine to serve commands:
+// a copy of the event, or (and a failure) one of kind 0.
+SeenEvent WaitStopped(Target *target, Seen &seen, u32 kind = kEventStopped, size_t from = 0);
 // Waits until the engine runs the target (after a run command).
 bool WaitRunning(Target *target, DWORD timeout_ms = 10000);
+
+// Carries out an operation on the stopped target and returns the stop event it brings, once the
+// engine serves commands again (one of kind 0, and a failure, when the operation fails or no stop
+// comes).
+template <typename Operation>
+SeenEvent StopAfter(Target *t, Seen &seen, Operation operation) {
+  size_t mark = seen.events.size();
+  int result = operation();
+  EXPECT_EQ(result, 0);
+  return result == 0 ? WaitStopped(t, seen, kEventStopped, mark) : SeenEvent{};
+}
+
+// [SECTION] Programs outside the debugger
+// eng_target.exe (or another image) started without the debugger; ended with the object.
+struct FreeProcess {
+  PROCESS_INFORMATION pi = {};
+  bool Start(const char *mode, std::string path = TargetPath("eng_target.exe"));
+  bool Alive() { return WaitForSingleObject(pi.hProcess, 300) == WAIT_TIMEOUT; }
+  u32 Id() const { return pi.dwProcessId; }
+  void End();
+  ~FreeProcess() { End(); }
+};

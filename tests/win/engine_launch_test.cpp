@@ -1,89 +1,56 @@
 // The engine against real programs under Wine: launch, module and thread events, debug strings,
-// launch failures, environment and arguments.
+// launch and attach failures, environment, working directory and arguments.
 #include <gtest/gtest.h>
 
 #include <stdio.h>
+#include <string.h>
 
 #include <algorithm>
+#include <fstream>
 
 #include "tests/win/engine_harness.h"
 
-static bool StartsWith(const std::string &s, const std::string &prefix) { return s.compare(0, prefix.size(), prefix) == 0; }
-
+// The executable is the first module; the plugin loads with its PDB and unloads before "plugin
+// freed"; its lines show its base and extent end (a page boundary) and its path; system DLLs
+// without PDBs load with an empty suffix.
 TEST(EngineLaunch, ModulesLoadAndUnloadWithTheirSymbols) {
-  Target *t = nullptr;
-  u32 pid = 0;
-  ASSERT_EQ(LaunchTarget("eng_target.exe", "dll", &t, &pid), 0);
-  EXPECT_NE(pid, 0u);
-  Seen seen;
-  EXPECT_EQ(EngineRun(t), 0);
-  DriveToEnd(t, seen);
+  Seen seen = RunToEnd("dll");
   EXPECT_EQ(seen.exit_code, 21u);
-  // The executable is the first module; the plugin loads with its PDB and unloads before "plugin freed".
-  const SeenEvent *first_module = seen.First(kEventModuleLoaded);
-  ASSERT_NE(first_module, nullptr);
-  EXPECT_EQ(first_module->module_name, "eng_target.exe");
-  int plugin_loaded = -1, plugin_unloaded = -1, hello = -1, freed = -1;
-  for (size_t i = 0; i < seen.events.size(); i++) {
-    const SeenEvent &e = seen.events[i];
-    if (e.event.kind == kEventModuleLoaded && e.module_name == "eng_plugin.dll") plugin_loaded = (int)i;
-    if (e.event.kind == kEventModuleUnloaded && e.module_name == "eng_plugin.dll") plugin_unloaded = (int)i;
-    if (e.event.kind == kEventText && e.text == "plugin says hello\n") hello = (int)i;
-    if (e.event.kind == kEventText && e.text == "plugin freed\n") freed = (int)i;
-  }
-  ASSERT_GE(plugin_loaded, 0);
-  ASSERT_GE(plugin_unloaded, 0);
-  EXPECT_LT(plugin_loaded, hello);
-  EXPECT_LT(hello, plugin_unloaded);
-  EXPECT_LT(plugin_unloaded, freed);
-  const SeenEvent &load = seen.events[plugin_loaded];
-  EXPECT_EQ(load.event.module.status, (u32)kSymbolsLoaded);
-  // "Module loaded: %08x`%08x %08x`%08x   %s %s\n" with the extent end after the base.
-  unsigned bh, bl, eh, el;
-  char path[1024];
-  ASSERT_EQ(sscanf(load.text.c_str(), "Module loaded: %8x`%8x %8x`%8x   %1023s", &bh, &bl, &eh, &el, path), 5) << load.text;
-  u64 base = ((u64)bh << 32) | bl, end = ((u64)eh << 32) | el;
-  EXPECT_EQ(base, load.event.module.base);
-  EXPECT_EQ(end, load.event.module.base + load.event.module.size);
-  EXPECT_EQ(end % 4096, 0u);
-  EXPECT_NE(load.text.find("\\eng_plugin.dll (symbols loaded)\n"), std::string::npos) << load.text;
-  EXPECT_TRUE(StartsWith(seen.events[plugin_unloaded].text, "Module unloaded: " + load.text.substr(15, 37)))
-      << seen.events[plugin_unloaded].text;
-  // System DLLs without PDBs load with an empty suffix.
-  bool ntdll = false;
-  for (const SeenEvent &e : seen.events)
-    if (e.event.kind == kEventModuleLoaded && e.module_name == "ntdll.dll") {
-      ntdll = true;
-      EXPECT_EQ(e.text.substr(e.text.size() - 11), "ntdll.dll \n");
-    }
-  EXPECT_TRUE(ntdll);
   EXPECT_EQ(seen.events.back().event.kind, (u32)kEventProcessExited);
+  ASSERT_NE(seen.First(kEventModuleLoaded), nullptr);
+  EXPECT_EQ(seen.First(kEventModuleLoaded)->module_name, "eng_target.exe");
+  int loaded = -1, unloaded = -1, hello = -1, freed = -1, ntdll = -1;
+  for (int i = 0; i < (int)seen.events.size(); i++) {
+    const SeenEvent &e = seen.events[i];
+    if (e.event.kind == kEventModuleLoaded && e.module_name == "eng_plugin.dll") loaded = i;
+    if (e.event.kind == kEventModuleLoaded && e.module_name == "ntdll.dll") ntdll = i;
+    if (e.event.kind == kEventModuleUnloaded && e.module_name == "eng_plugin.dll") unloaded = i;
+    if (e.event.kind == kEventText && e.text == "plugin says hello\n") hello = i;
+    if (e.event.kind == kEventText && e.text == "plugin freed\n") freed = i;
+  }
+  ASSERT_GE(loaded, 0);
+  ASSERT_GE(ntdll, 0);
+  EXPECT_LT(loaded, hello);
+  EXPECT_LT(hello, unloaded);
+  EXPECT_LT(unloaded, freed);
+  const EngineEvent &load = seen.events[loaded].event;
+  EXPECT_EQ(load.module.status, (u32)kSymbolsLoaded);
+  u64 base = load.module.base, end = base + load.module.size;
+  EXPECT_EQ(end % 4096, 0u);
+  char extent[64];
+  snprintf(extent, sizeof extent, "%08x`%08x %08x`%08x   ", (u32)(base >> 32), (u32)base, (u32)(end >> 32), (u32)end);
+  std::string path = Backslashed(TargetPath("eng_plugin.dll"));
+  EXPECT_EQ(seen.events[loaded].text, "Module loaded: " + std::string(extent) + path + " (symbols loaded)\n");
+  EXPECT_EQ(seen.events[unloaded].text, "Module unloaded: " + std::string(extent) + path + "\n");
+  const std::string &system = seen.events[ntdll].text;
+  EXPECT_EQ(system.substr(system.size() - 11), "ntdll.dll \n");
 }
 
+// Every thread that starts is announced for the threads list (kind 2), the main thread first,
+// before any module; each one that exits was announced before, and exits with its code.
 TEST(EngineLaunch, ThreadsExitWithTheirCodesAndTheProcessWithItsOwn) {
-  Target *t = nullptr;
-  u32 pid = 0;
-  ASSERT_EQ(LaunchTarget("eng_target.exe", "threads", &t, &pid), 0);
-  Seen seen;
-  EngineRun(t);
-  DriveToEnd(t, seen);
+  Seen seen = RunToEnd("threads");
   std::vector<u32> codes;
-  for (const SeenEvent &e : seen.events)
-    if (e.event.kind == kEventThreadExited) {
-      codes.push_back(e.event.thread_exit.exit_code);
-      char expected[128];
-      snprintf(expected, sizeof expected, "Thread exited: handle 0x%x with exit code %u (0x%x)\n",
-               (u32)e.event.thread_exit.handle, e.event.thread_exit.exit_code, e.event.thread_exit.exit_code);
-      EXPECT_EQ(e.text, expected);
-    }
-  ASSERT_GE(codes.size(), 3u);
-  EXPECT_EQ(codes[0], 11u);
-  EXPECT_EQ(codes[1], 12u);
-  EXPECT_EQ(codes[2], 13u);
-  EXPECT_EQ(seen.exit_code, 7u);
-  EXPECT_EQ(seen.events.back().text, "Process exited: with exit code 7 (0x7)\n");
-  // Every thread that starts is announced for the threads list (kind 2), the main thread first,
-  // and each one that exits was announced before.
   std::vector<u64> started;
   for (const SeenEvent &e : seen.events) {
     if (e.event.kind == kEventListUpdate) {
@@ -91,31 +58,67 @@ TEST(EngineLaunch, ThreadsExitWithTheirCodesAndTheProcessWithItsOwn) {
       EXPECT_NE(e.event.list_update.words[1], 0u);
       started.push_back(e.event.list_update.words[0]);
     }
-    if (e.event.kind == kEventThreadExited)
-      EXPECT_NE(std::find(started.begin(), started.end(), (u64)e.event.thread_exit.thread_id), started.end());
+    if (e.event.kind != kEventThreadExited) continue;
+    const auto &exit = e.event.thread_exit;
+    codes.push_back(exit.exit_code);
+    EXPECT_NE(std::find(started.begin(), started.end(), (u64)exit.thread_id), started.end());
+    char expected[128];
+    snprintf(expected, sizeof expected, "Thread exited: handle 0x%x with exit code %u (0x%x)\n", (u32)exit.handle,
+             exit.exit_code, exit.exit_code);
+    EXPECT_EQ(e.text, expected);
   }
+  ASSERT_GE(codes.size(), 3u);
+  EXPECT_EQ(std::vector<u32>(codes.begin(), codes.begin() + 3), (std::vector<u32>{11, 12, 13}));
   ASSERT_GE(started.size(), 4u);
-  EXPECT_EQ(seen.events[0].event.kind, (u32)kEventListUpdate);  // the main thread, before any module
+  EXPECT_EQ(seen.events[0].event.kind, (u32)kEventListUpdate);
   EXPECT_EQ(seen.Count(kEventStopped), 0);
+  EXPECT_EQ(seen.exit_code, 7u);
+  EXPECT_EQ(seen.events.back().text, "Process exited: with exit code 7 (0x7)\n");
 }
 
-TEST(EngineLaunch, DebugStringsInBothEncodingsArriveAsUtf8) {
-  Target *t = nullptr;
-  u32 pid = 0;
-  ASSERT_EQ(LaunchTarget("eng_target.exe", "strings", &t, &pid), 0);
-  Seen seen;
-  EngineRun(t);
-  DriveToEnd(t, seen);
-  ASSERT_EQ(seen.debug_strings.size(), 3u);
-  EXPECT_EQ(seen.debug_strings[0], "narrow string\n");
-  EXPECT_EQ(seen.debug_strings[1], "wide string\n");
-  EXPECT_EQ(seen.debug_strings[2], "bytes \xC3\xA9t\xC3\xA9\n");
+// Programs run to their end with their debug strings (both encodings arrive as UTF-8) and codes.
+// The command line is the quoted path and the arguments, or the path alone without arguments. The
+// working directory is the one given, else the session's default one, '/' turned into '\\'. The
+// environment pairs, without "Inherit from parent", are all the program has.
+TEST(EngineLaunch, ProgramsRunToTheirEndWithTheirStringsAndCodes) {
+  std::string args_path = Backslashed(TargetPath("eng_args.exe")), engine = TargetPath("engine"), targets = TargetPath("");
+  LaunchDescription in_engine = {}, by_default = {}, environment = {};
+  in_engine.working_directory = engine.c_str();
+  by_default.default_directory = targets.c_str();
+  EnvironmentPair pairs[] = {{"KTRN_A", "1"}, {"KTRN_B", "x=y"}};
+  environment.environment = pairs;
+  environment.environment_count = 2;
+  struct Case {
+    const char *program, *arguments;
+    const LaunchDescription *extra;
+    std::vector<std::string> strings;
+    u32 exit_code;
+  } cases[] = {
+      {"eng_target.exe", "strings", nullptr, {"narrow string\n", "wide string\n", "bytes \xC3\xA9t\xC3\xA9\n"}, 0},
+      {"hello_c.exe", nullptr, nullptr, {"hello from hello_c\n"}, 42},
+      {"hello_c.exe", "any", nullptr, {"hello from hello_c\n"}, 0},
+      {"cpp_basics.exe", nullptr, nullptr, {"worker done\n", "area=24.57 sum=10 counter=1000\n"}, 0},  // a thread joined
+      {"eng_args.exe", nullptr, nullptr, {args_path}, 0},
+      {"eng_args.exe", "one \"two three\"", nullptr, {"\"" + args_path + "\" one \"two three\""}, 0},
+      {"eng_target.exe", "cwd", &in_engine, {"cwd " + Backslashed(engine) + "\n"}, 0},
+      {"eng_target.exe", "cwd", &by_default, {"cwd " + Backslashed(targets.substr(0, targets.size() - 1)) + "\n"}, 0},
+      {"eng_target.exe", "env", &environment, {"env KTRN_A=1\n", "env KTRN_B=x=y\n"}, 0},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(std::string(c.program) + " " + (c.arguments ? c.arguments : "(none)"));
+    Seen seen = RunToEnd(c.arguments, nullptr, c.program, c.extra);
+    std::vector<std::string> &strings = seen.debug_strings;
+    // Without arguments the command line is the name alone, quoted or not as the system chooses.
+    if (!c.arguments && strings.size() == 1 && strings[0].size() > 2 && strings[0][0] == '"' && strings[0].back() == '"')
+      strings[0] = strings[0].substr(1, strings[0].size() - 2);
+    EXPECT_EQ(strings, c.strings);
+    EXPECT_EQ(seen.exit_code, c.exit_code);
+  }
 }
 
 TEST(EngineLaunch, IsHeldUntilTheFirstRunAndRefusesBreakWhileHeld) {
-  Target *t = nullptr;
-  u32 pid = 0;
-  ASSERT_EQ(LaunchTarget("eng_target.exe", "strings", &t, &pid), 0);
+  Target *t = Launch("strings", false);
+  ASSERT_NE(t, nullptr);
   EXPECT_EQ(EngineStoppedState(t), 0);
   Sleep(200);
   Seen seen;
@@ -128,121 +131,51 @@ TEST(EngineLaunch, IsHeldUntilTheFirstRunAndRefusesBreakWhileHeld) {
   EXPECT_EQ(seen.exit_code, 0u);
 }
 
-TEST(EngineLaunch, MissingOrBadExecutableAndMissingWorkingDirectoryFail) {
-  Target *t = nullptr;
-  u32 pid = 0;
-  EXPECT_EQ(LaunchTarget("no_such_program.exe", nullptr, &t, &pid), 5);
-  EXPECT_EQ(t, nullptr);
-  EXPECT_EQ(LaunchTarget("engine", nullptr, &t, &pid), 5);  // a directory is no executable
-  LaunchDescription bad_dir = {};
-  std::string dir = TargetPath("no_such_directory");
-  bad_dir.working_directory = dir.c_str();
-  EXPECT_EQ(LaunchTarget("eng_target.exe", "strings", &t, &pid, &bad_dir), 6);
-  std::string file_as_dir = TargetPath("eng_target.pdb");
-  bad_dir.working_directory = file_as_dir.c_str();
-  EXPECT_EQ(LaunchTarget("eng_target.exe", "strings", &t, &pid, &bad_dir), 6);
-  EXPECT_EQ(EngineStartLaunch(nullptr, HarnessWake, HarnessWakeEvent(), &t, &pid), 1);
-  LaunchDescription empty = {};
-  EXPECT_EQ(EngineStartLaunch(&empty, HarnessWake, HarnessWakeEvent(), &t, &pid), 1);
+// Launches and attaches that fail, each with its result; operations without a target.
+TEST(EngineLaunch, FailuresToStartGiveTheirResults) {
   // A file that is no image: the system refuses to create the process, for a reason of its own.
-  char temp[MAX_PATH];
-  GetTempPathA(MAX_PATH, temp);
-  std::string bad = std::string(temp) + "ktrn_not_an_image.exe";
-  FILE *f = fopen(bad.c_str(), "wb");
-  ASSERT_NE(f, nullptr);
-  fputs("MZ but nothing else", f);
-  fclose(f);
-  LaunchDescription garbage = {};
-  garbage.executable = bad.c_str();
-  EXPECT_EQ(EngineStartLaunch(&garbage, HarnessWake, HarnessWakeEvent(), &t, &pid), 4);
+  std::string garbage = testing::TempDir() + "ktrn_not_an_image.exe";
+  ASSERT_TRUE(std::ofstream(garbage, std::ios::binary) << "MZ but nothing else");
+  std::string missing_directory = TargetPath("no_such_directory"), file = TargetPath("eng_target.pdb");
+  struct Case {
+    std::string executable;
+    const char *directory;
+    int result;
+    const char *text;
+  } cases[] = {
+      {TargetPath("no_such_program.exe"), nullptr, 5, "executable not found"},
+      {TargetPath("engine"), nullptr, 5, "executable not found"},  // a directory is no executable
+      {TargetPath("eng_target.exe"), missing_directory.c_str(), 6, "working directory not valid"},
+      {TargetPath("eng_target.exe"), file.c_str(), 6, "working directory not valid"},
+      // Refused from its header, whether or not this machine could start it.
+      {TargetPath("x86/eng_hello32.exe"), nullptr, 10, "32-bit processes are not supported"},
+      {garbage, nullptr, 4, "unknown reason"},
+      {"", nullptr, 1, "unknown reason"},
+  };
+  for (const Case &c : cases) {
+    LaunchDescription launch = {};
+    launch.executable = c.executable.c_str();
+    launch.working_directory = c.directory;
+    Target *t = nullptr;
+    u32 pid = 0;
+    EXPECT_EQ(EngineStartLaunch(&launch, nullptr, nullptr, &t, &pid), c.result) << c.executable;
+    EXPECT_EQ(t, nullptr);
+    EXPECT_STREQ(EngineStartResultText(c.result), c.text);
+  }
+  Target *t = nullptr;
+  LaunchDescription no_executable = {};
+  EXPECT_EQ(EngineStartLaunch(&no_executable, nullptr, nullptr, &t, nullptr), 1);
+  EXPECT_EQ(EngineStartLaunch(nullptr, nullptr, nullptr, &t, nullptr), 1);
+  DeleteFileA(garbage.c_str());
+  EXPECT_EQ(EngineStartAttach(0x7FFFFFF0u, nullptr, nullptr, &t), 37);
   EXPECT_EQ(t, nullptr);
-  DeleteFileA(bad.c_str());
-  EXPECT_STREQ(EngineStartResultText(4), "unknown reason");
-  EXPECT_STREQ(EngineStartResultText(5), "executable not found");
-  EXPECT_STREQ(EngineStartResultText(6), "working directory not valid");
+  EXPECT_EQ(EngineStartAttach(0, nullptr, nullptr, &t), 1);
+  EXPECT_EQ(EngineRun(nullptr), 1);
+  EXPECT_EQ(EngineBreak(nullptr), 1);
 }
 
-TEST(EngineLaunch, WorkingDirectoryReachesTheProgram) {
-  LaunchDescription extra = {};
-  std::string dir = TargetPath("engine");  // forward slashes: turned into backslashes
-  extra.working_directory = dir.c_str();
-  Target *t = nullptr;
-  u32 pid = 0;
-  ASSERT_EQ(LaunchTarget("eng_target.exe", "cwd", &t, &pid, &extra), 0);
-  Seen seen;
-  EngineRun(t);
-  DriveToEnd(t, seen);
-  ASSERT_EQ(seen.debug_strings.size(), 1u);
-  std::string expected = "cwd " + TargetPath("engine") + "\n";
-  for (char &c : expected)
-    if (c == '/') c = '\\';
-  EXPECT_STREQ(CharLowerA(&seen.debug_strings[0][0]), CharLowerA(&expected[0]));
-
-  // Without a working directory of its own the launch takes the session's default directory.
-  LaunchDescription by_default = {};
-  std::string targets = TargetPath("");
-  by_default.default_directory = targets.c_str();
-  ASSERT_EQ(LaunchTarget("eng_target.exe", "cwd", &t, &pid, &by_default), 0);
-  Seen second;
-  EngineRun(t);
-  DriveToEnd(t, second);
-  ASSERT_EQ(second.debug_strings.size(), 1u);
-  std::string expected_default = "cwd " + TargetPath("");
-  for (char &c : expected_default)
-    if (c == '/') c = '\\';
-  if (expected_default.back() == '\\') expected_default.pop_back();
-  expected_default += "\n";
-  EXPECT_STREQ(CharLowerA(&second.debug_strings[0][0]), CharLowerA(&expected_default[0]));
-}
-
-TEST(EngineLaunch, ThirtyTwoBitProgramIsRefused) {
-  Target *t = nullptr;
-  u32 pid = 0;
-  int result = LaunchTarget("x86/eng_hello32.exe", nullptr, &t, &pid);
-  EXPECT_EQ(result, 10);  // refused from its image header (Wine would start it and let it fault)
-  EXPECT_EQ(t, nullptr);
-  EXPECT_STREQ(EngineStartResultText(10), "32-bit processes are not supported");
-}
-
-TEST(EngineLaunch, ArgumentsAbsentAndPresent) {
-  Target *t = nullptr;
-  u32 pid = 0;
-  ASSERT_EQ(LaunchTarget("eng_args.exe", nullptr, &t, &pid), 0);
-  Seen none;
-  EngineRun(t);
-  DriveToEnd(t, none);
-  ASSERT_EQ(none.debug_strings.size(), 1u);
-  EXPECT_EQ(none.debug_strings[0].find(' '), std::string::npos) << none.debug_strings[0];
-  EXPECT_NE(none.debug_strings[0].find("eng_args.exe"), std::string::npos);
-
-  ASSERT_EQ(LaunchTarget("eng_args.exe", "one \"two three\"", &t, &pid), 0);
-  Seen some;
-  EngineRun(t);
-  DriveToEnd(t, some);
-  ASSERT_EQ(some.debug_strings.size(), 1u);
-  std::string path = TargetPath("eng_args.exe");
-  for (char &c : path)
-    if (c == '/') c = '\\';
-  EXPECT_EQ(some.debug_strings[0], "\"" + path + "\" one \"two three\"");
-}
-
-static std::vector<std::string> EnvLines(const LaunchDescription &extra) {
-  Target *t = nullptr;
-  u32 pid = 0;
-  EXPECT_EQ(LaunchTarget("eng_target.exe", "env", &t, &pid, &extra), 0);
-  if (!t) return {};
-  Seen seen;
-  EngineRun(t);
-  DriveToEnd(t, seen);
-  return seen.debug_strings;
-}
-
-static int IndexOf(const std::vector<std::string> &lines, const char *line) {
-  for (size_t i = 0; i < lines.size(); i++)
-    if (lines[i] == line) return (int)i;
-  return -1;
-}
-
+// The environment text split into pairs; with "Inherit from parent" the debugger's own variables
+// come first and a duplicate is kept; with no pairs the program inherits the debugger's environment.
 TEST(EngineLaunch, EnvironmentWithAndWithoutInheritFromParent) {
   SetEnvironmentVariableW(L"KTRN_PARENT_ONLY", L"yes");
   SetEnvironmentVariableW(L"KTRN_DUP", L"parent");
@@ -254,25 +187,22 @@ TEST(EngineLaunch, EnvironmentWithAndWithoutInheritFromParent) {
   EXPECT_STREQ(pairs[1].value, "child");
   EXPECT_STREQ(pairs[2].name, "KTRN_B");
   EXPECT_STREQ(pairs[2].value, "x=y");
-
-  LaunchDescription extra = {};
-  extra.environment = pairs;
-  extra.environment_count = count;
-  std::vector<std::string> own = EnvLines(extra);
-  EXPECT_EQ(own, (std::vector<std::string>{"env KTRN_A=1\n", "env KTRN_DUP=child\n", "env KTRN_B=x=y\n"}));
-
-  extra.inherit_from_parent = 1;
-  std::vector<std::string> inherited = EnvLines(extra);
-  EXPECT_GE(IndexOf(inherited, "env KTRN_PARENT_ONLY=yes\n"), 0);
-  int parent_dup = IndexOf(inherited, "env KTRN_DUP=parent\n"), child_dup = IndexOf(inherited, "env KTRN_DUP=child\n");
-  EXPECT_GE(parent_dup, 0);  // duplicates are kept, the inherited one first
-  EXPECT_GT(child_dup, parent_dup);
-  EXPECT_GE(IndexOf(inherited, "env KTRN_A=1\n"), 0);
-
-  LaunchDescription plain = {};  // no variables: the debugger's own environment
-  std::vector<std::string> plain_lines = EnvLines(plain);
-  EXPECT_GE(IndexOf(plain_lines, "env KTRN_PARENT_ONLY=yes\n"), 0);
-  EXPECT_EQ(IndexOf(plain_lines, "env KTRN_A=1\n"), -1);
+  LaunchDescription inherit = {}, plain = {};
+  inherit.environment = pairs;
+  inherit.environment_count = count;
+  inherit.inherit_from_parent = 1;
+  std::vector<std::string> inherited = RunToEnd("env", nullptr, "eng_target.exe", &inherit).debug_strings;
+  std::vector<std::string> plain_lines = RunToEnd("env", nullptr, "eng_target.exe", &plain).debug_strings;
+  auto index = [](const std::vector<std::string> &lines, const char *line) {
+    auto at = std::find(lines.begin(), lines.end(), line);
+    return at == lines.end() ? -1 : (int)(at - lines.begin());
+  };
+  EXPECT_GE(index(inherited, "env KTRN_PARENT_ONLY=yes\n"), 0);
+  EXPECT_GE(index(inherited, "env KTRN_DUP=parent\n"), 0);
+  EXPECT_GT(index(inherited, "env KTRN_DUP=child\n"), index(inherited, "env KTRN_DUP=parent\n"));
+  EXPECT_GE(index(inherited, "env KTRN_A=1\n"), 0);
+  EXPECT_GE(index(plain_lines, "env KTRN_PARENT_ONLY=yes\n"), 0);
+  EXPECT_EQ(index(plain_lines, "env KTRN_A=1\n"), -1);
   SetEnvironmentVariableW(L"KTRN_PARENT_ONLY", nullptr);
   SetEnvironmentVariableW(L"KTRN_DUP", nullptr);
 }
