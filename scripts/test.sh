@@ -37,7 +37,7 @@ for group in host fuzz; do
 done
 # Programs under Wine run one test program at a time: Wine 8 has been seen to fail a
 # CreateProcess (ERROR_INTERNAL_ERROR) while another test program starts many debuggees at once.
-for group in build wine ui; do
+for group in wine ui; do
   group_jobs=$jobs
   [ "$group" = wine ] && group_jobs=1
   step "test windows: $group" ctest --test-dir build/win -L "^$group\$" -j "$group_jobs" --output-on-failure || failed=1
