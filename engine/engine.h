@@ -1,66 +1,65 @@
 // The engine as the user-interface thread sees it: start a debugging run by launch or attach, then
 // drive it with operations that return at once with a result code, and pop the engine's events.
 // Every operation takes the Target first. After an event of kind 13 (detached) or 14 (process
-// exited) the run is over: call EngineRelease.
+// exited) the run is over: call EngineRelease. There is one Target for the whole program, cleared
+// at the release: operations on it between runs answer 1 (no target) or 3 (no process).
+//
+// The model (threads, modules, registers, memory) may be read while the engine is stopped
+// (EngineStoppedState answers 0), under the model lock (see Reading the stopped target).
 #pragma once
 #include "engine/evaluation_request.h"
 #include "engine/launch.h"
 #include "engine/target.h"
 
-// Result codes of the operations.
-enum EngineResult {
-  kEngineOk = 0,
-  kEngineNoTarget = 1,          // no target, or a missing argument
-  kEngineNoProcess = 3,
-  kEngineUnknownReason = 4,
-  kEngineExecutableNotFound = 5,
-  kEngineBadWorkingDirectory = 6,
-  kEngineAccessDenied = 7,
-  kEngineTimeout = 8,
-  kEngineInitFailed = 9,
-  kEngine32Bit = 10,
-  kEngineBadPeHeader = 11,
-  kEngineMachineMismatch = 12,
-  kEngineNoLineCode = 23,       // no module, file or line with code for a set-next-statement
-  kEngineNotSuspended = 26,
-  kEngineNoCurrentThread = 27,
-  kEngineTextTooLong = 33,
-  kEngineSystemCallFailed = 37,  // also: the target is in the wrong state
-};
+// Every operation returns an EngineResult (engine/engine_result.h).
 
 // The text of a start result, as "Unable to debug process: %s\n" shows it.
 const char *EngineStartResultText(int result);
 
 // [SECTION] Starting a run
-int EngineStartAttach(u32 process_id, EngineWakeFn wake, void *wake_user, Target **out_target);
-int EngineStartLaunch(const LaunchDescription *launch, EngineWakeFn wake, void *wake_user, Target **out_target,
-                      u32 *out_process_id);
+// Both answer 37 while an earlier run has not been released.
+EngineResult EngineStartAttach(u32 process_id, EngineWakeFn wake, void *wake_user, Target **out_target);
+EngineResult EngineStartLaunch(const LaunchDescription *launch, EngineWakeFn wake, void *wake_user,
+                               Target **out_target, u32 *out_process_id);
 // Waits for the engine thread to end and frees everything the run owned.
 void EngineRelease(Target *target);
 
 // [SECTION] State
-// 0 stopped (the engine serves commands), 26 running, 37 the wait failed, 1 no target.
-int EngineStoppedState(Target *target);
-// Waits up to timeout_ms for the engine to serve commands (the events of a stop are posted before
-// the engine starts waiting for a command). 0 when stopped, else as EngineStoppedState.
-int EngineWaitStopped(Target *target, u32 timeout_ms);
+// 0 stopped (the engine waits for a command), 26 running (or working on a command), 37 the wait
+// failed, 1 no target.
+EngineResult EngineStoppedState(Target *target);
+// Waits up to timeout_ms for the engine to wait for a command (the events of a stop are posted
+// before it does). 0 when stopped, else as EngineStoppedState.
+EngineResult EngineWaitStopped(Target *target, u32 timeout_ms);
 
 // [SECTION] Operations
-int EngineBreak(Target *target);
-int EngineRun(Target *target);
-int EngineStopDebugging(Target *target);
-int EngineTerminate(Target *target, u32 exit_code);
-int EngineSelectThread(Target *target, u32 thread_id);
-int EngineToggleFreeze(Target *target, TargetThread *thread);
-int EngineToggleSolo(Target *target, TargetThread *thread);
-int EngineSelectFrame(Target *target, s32 frame_index);
-int EngineSetStackOverflowCollapsing(Target *target, u8 on);
-int EngineSetInstructionPointer(Target *target, u64 address);
+EngineResult EngineBreak(Target *target);
+EngineResult EngineRun(Target *target);
+EngineResult EngineStopDebugging(Target *target);
+EngineResult EngineTerminate(Target *target, u32 exit_code);
+EngineResult EngineSelectThread(Target *target, u32 thread_id);
+EngineResult EngineToggleFreeze(Target *target, TargetThread *thread);
+EngineResult EngineToggleSolo(Target *target, TargetThread *thread);
+EngineResult EngineSelectFrame(Target *target, s32 frame_index);
+EngineResult EngineSetStackOverflowCollapsing(Target *target, u8 on);
+EngineResult EngineSetInstructionPointer(Target *target, u64 address);
 // Moves the current thread to the first of lines line..line+9 of the source file that has code.
-int EngineSetNextStatement(Target *target, const char *path, u32 line);
+EngineResult EngineSetNextStatement(Target *target, const char *path, u32 line);
 // Adds an expression evaluated at every stop; its results come as events of kind 3. 33 for a text
 // of 256 characters or more, 37 when every request is taken.
-int EngineAddEvaluationRequest(Target *target, const char *text, void *cookie, EvaluationRequest **out);
-int EngineRemoveEvaluationRequest(Target *target, EvaluationRequest *request);
-// Carries a request to the engine although the target runs (a silent break-in while it is queued).
-int EngineQueueRequest(Target *target, const EngineRequest *request);
+EngineResult EngineAddEvaluationRequest(Target *target, const char *text, void *cookie, EvaluationRequest **out);
+EngineResult EngineRemoveEvaluationRequest(Target *target, EvaluationRequest *request);
+// Carries a request to the engine although the target runs: queued, then served at a silent
+// break-in (or at the stop the target is in); the operation does not wait for it.
+EngineResult EngineQueueRequest(Target *target, const EngineRequest *request);
+
+// [SECTION] Reading the stopped target
+// The model (threads, modules, registers, memory, breakpoints) is read or changed at a stop under
+// the model lock: the engine takes it for every command it serves, so what the user interface
+// reads under it is never half rewritten. False when the target is not stopped (nothing is held).
+bool EngineLockModel(Target *target);
+bool EngineTryLockModel(Target *target);  // false also while the engine holds the lock
+void EngineUnlockModel(Target *target);
+// The thread's registers at this stop, read from the system on first use (under the model lock);
+// null when not stopped or unreadable. Valid until the target runs.
+const CONTEXT *EngineThreadContext(Target *target, TargetThread *thread);

@@ -5,6 +5,7 @@
 // [SECTION] Starting and ending a run
 // [SECTION] State
 // [SECTION] Operations
+// [SECTION] Reading the stopped target
 #include <string.h>
 
 #include "base/os.h"
@@ -15,40 +16,47 @@ enum : u32 { kPathCapacity = 4096 };
 
 const char *EngineStartResultText(int result) {
   switch (result) {
-    case 5: return "executable not found";
-    case 6: return "working directory not valid";
-    case 7: return "access denied";
-    case 8: return "timeout expired";
-    case 9: return "initialization failed";
-    case 10: return "32-bit processes are not supported";
-    case 11: return "PE header is invalid";
-    case 12: return "CreateProcess failed with error 216 (ERROR_EXE_MACHINE_TYPE_MISMATCH)";
+    case kEngineExecutableNotFound: return "executable not found";
+    case kEngineBadWorkingDirectory: return "working directory not valid";
+    case kEngineAccessDenied: return "access denied";
+    case kEngineTimeout: return "timeout expired";
+    case kEngineInitFailed: return "initialization failed";
+    case kEngine32Bit: return "32-bit processes are not supported";
+    case kEngineBadPeHeader: return "PE header is invalid";
+    case kEngineMachineMismatch: return "CreateProcess failed with error 216 (ERROR_EXE_MACHINE_TYPE_MISMATCH)";
+    case kEngineSystemCallFailed: return "attach refused by the system";
   }
   return "unknown reason";
 }
 
 // [SECTION] Starting and ending a run
 
-static Target *NewTarget(void) { return (Target *)OsMemoryAllocate(sizeof(Target)); }
+// The one target of the program: cleared and rebuilt by every run, cleared again at its release,
+// never freed, so that a user interface that asks after the release finds no target.
+static Target g_target;
 
-int EngineStartAttach(u32 process_id, EngineWakeFn wake, void *wake_user, Target **out_target) {
-  if (!out_target || process_id == 0) return 1;
+// What a launch hands to the debugger thread, kept beside the target for the same reason.
+static struct LaunchPaths {
+  char executable[kPathCapacity];
+  char directory[kPathCapacity];
+} g_launch_paths;
+
+static bool RunActive(void) { return g_target.engine_thread != nullptr; }
+
+EngineResult EngineStartAttach(u32 process_id, EngineWakeFn wake, void *wake_user, Target **out_target) {
+  if (!out_target || process_id == 0) return kEngineNoTarget;
   *out_target = nullptr;
-  Target *target = NewTarget();
-  if (!target) return 9;
+  if (RunActive()) return kEngineSystemCallFailed;
   EngineStart start;
   memset(&start, 0, sizeof start);
-  start.target = target;
+  start.target = &g_target;
   start.attach_process_id = process_id;
   start.wake = wake;
   start.wake_user = wake_user;
-  int result = EngineStartThread(&start);
-  if (result != 0) {
-    OsMemoryRelease(target, sizeof(Target));
-    return result;
-  }
-  *out_target = target;
-  return 0;
+  EngineResult result = EngineStartThread(&start);
+  if (result != kEngineOk) return result;
+  *out_target = &g_target;
+  return kEngineOk;
 }
 
 static void Backslashes(char *path) {
@@ -64,179 +72,236 @@ static bool CopyPath(char *out, const char *path) {
   return true;
 }
 
-int EngineStartLaunch(const LaunchDescription *launch, EngineWakeFn wake, void *wake_user, Target **out_target,
-                      u32 *out_process_id) {
-  if (!out_target) return 1;
+EngineResult EngineStartLaunch(const LaunchDescription *launch, EngineWakeFn wake, void *wake_user,
+                               Target **out_target, u32 *out_process_id) {
+  if (!out_target) return kEngineNoTarget;
   *out_target = nullptr;
-  if (!launch || !launch->executable || !launch->executable[0]) return 1;
-  static char executable[kPathCapacity];  // the UI thread's own: one start at a time
-  static char directory[kPathCapacity];
-  if (!CopyPath(executable, launch->executable)) return 5;
+  if (!launch || !launch->executable || !launch->executable[0]) return kEngineNoTarget;
+  if (RunActive()) return kEngineSystemCallFailed;
+  LaunchPaths *paths = &g_launch_paths;
+  if (!CopyPath(paths->executable, launch->executable)) return kEngineExecutableNotFound;
   const char *dir = launch->working_directory && launch->working_directory[0] ? launch->working_directory
                                                                               : launch->default_directory;
-  if (!CopyPath(directory, dir)) return 6;
-  if (!OsFileExists(executable) || OsDirectoryExists(executable)) return 5;
-  if (directory[0] && !OsDirectoryExists(directory)) return 6;
+  if (!CopyPath(paths->directory, dir)) return kEngineBadWorkingDirectory;
+  if (!OsFileExists(paths->executable) || OsDirectoryExists(paths->executable)) return kEngineExecutableNotFound;
+  if (paths->directory[0] && !OsDirectoryExists(paths->directory)) return kEngineBadWorkingDirectory;
 
   LaunchDescription checked = *launch;
-  checked.executable = executable;
-  checked.working_directory = directory;
-  Target *target = NewTarget();
-  if (!target) return 9;
+  checked.executable = paths->executable;
+  checked.working_directory = paths->directory;
   EngineStart start;
   memset(&start, 0, sizeof start);
-  start.target = target;
+  start.target = &g_target;
   start.launch = &checked;
   start.wake = wake;
   start.wake_user = wake_user;
-  int result = EngineStartThread(&start);
-  if (result != 0) {
-    OsMemoryRelease(target, sizeof(Target));
-    return result;
-  }
-  *out_target = target;
+  EngineResult result = EngineStartThread(&start);
+  if (result != kEngineOk) return result;
+  *out_target = &g_target;
   if (out_process_id) *out_process_id = start.process_id;
-  return 0;
+  return kEngineOk;
 }
 
 void EngineRelease(Target *target) {
-  if (!target) return;
+  if (!target || !target->engine_thread) return;
   EngineEndRun(target);
-  OsMemoryRelease(target, sizeof(Target));
 }
 
 // [SECTION] State
 
-int EngineStoppedState(Target *target) {
-  if (!target || !target->wait_objects[kWaitEngineWaiting]) return 1;
+EngineResult EngineStoppedState(Target *target) {
+  if (!target || !target->wait_objects[kWaitEngineWaiting]) return kEngineNoTarget;
   DWORD r = WaitForSingleObject(target->wait_objects[kWaitEngineWaiting], 0);
-  if (r == WAIT_OBJECT_0) return 0;
-  if (r == WAIT_TIMEOUT) return 26;
-  return 37;
+  if (r == WAIT_OBJECT_0) return kEngineOk;
+  if (r == WAIT_TIMEOUT) return kEngineNotSuspended;
+  return kEngineSystemCallFailed;
 }
 
-int EngineWaitStopped(Target *target, u32 timeout_ms) {
-  if (!target || !target->wait_objects[kWaitEngineWaiting]) return 1;
+EngineResult EngineWaitStopped(Target *target, u32 timeout_ms) {
+  if (!target || !target->wait_objects[kWaitEngineWaiting]) return kEngineNoTarget;
   HANDLE handles[2] = {target->wait_objects[kWaitEngineWaiting], target->engine_thread};
   DWORD r = WaitForMultipleObjects(target->engine_thread ? 2 : 1, handles, FALSE, timeout_ms);
-  if (r == WAIT_OBJECT_0) return 0;
-  if (r == WAIT_TIMEOUT) return 26;
-  return 37;  // the engine thread ended
+  if (r == WAIT_OBJECT_0) return kEngineOk;
+  if (r == WAIT_TIMEOUT) return kEngineNotSuspended;
+  return kEngineSystemCallFailed;  // the engine thread ended
 }
 
 static bool HasProcess(const Target *target) { return target->process && !target->exited && !target->detached; }
 
-static void Signal(Target *target, u32 object) { SetEvent(target->wait_objects[object]); }
+// Wakes the engine for the stop it is in (a command for an earlier stop is dropped), or, with
+// kAnyStop, for whichever stop comes next.
+static void Signal(Target *target, u32 object, u32 stop = 0) {
+  target->quoted_stop[object] = stop == kAnyStop ? kAnyStop : target->stop_generation;
+  SetEvent(target->wait_objects[object]);
+}
+
+// The state an operation that needs a stopped target answers with when it is not stopped.
+static EngineResult NotStopped(EngineResult state) {
+  return state == kEngineNotSuspended || state == kEngineNoTarget ? state : kEngineSystemCallFailed;
+}
+
+// Takes the model lock for an operation at a stop: kEngineOk with the lock held, else why not.
+static EngineResult LockStopped(Target *target) {
+  if (!target) return kEngineNoTarget;
+  EngineResult state = EngineStoppedState(target);
+  if (state != kEngineOk) return state;
+  AcquireSRWLockExclusive(&target->model_lock);
+  state = EngineStoppedState(target);  // the engine may have taken run meanwhile
+  if (state != kEngineOk) ReleaseSRWLockExclusive(&target->model_lock);
+  return state;
+}
+
+static void Unlock(Target *target) { ReleaseSRWLockExclusive(&target->model_lock); }
+
+// Asks for a break-in while the target runs; the engine counts it down when it arrives. While the
+// target sits at an event nothing goes out: the engine takes what waits before it continues (and
+// asks for the break-in itself right after continuing, should it have just missed it).
+static bool BreakInIfRunning(Target *target) {
+  if (!__atomic_load_n(&target->target_running, __ATOMIC_SEQ_CST)) return true;
+  __atomic_fetch_add(&target->break_ins_outstanding, 1, __ATOMIC_SEQ_CST);
+  if (DebugBreakProcess(target->process)) return true;
+  __atomic_fetch_sub(&target->break_ins_outstanding, 1, __ATOMIC_SEQ_CST);
+  return false;
+}
 
 // [SECTION] Operations
 
-int EngineBreak(Target *target) {
-  if (!target) return 1;
-  if (!HasProcess(target)) return 3;
-  if (EngineStoppedState(target) != 26) return 37;
-  target->user_break_requested = 1;
-  if (!DebugBreakProcess(target->process)) {
+EngineResult EngineBreak(Target *target) {
+  if (!target || !target->wait_objects[kWaitEngineWaiting]) return kEngineNoTarget;
+  if (!HasProcess(target)) return kEngineNoProcess;
+  if (EngineStoppedState(target) != kEngineNotSuspended) return kEngineSystemCallFailed;
+  __atomic_store_n(&target->user_break_requested, 1, __ATOMIC_SEQ_CST);
+  if (!BreakInIfRunning(target)) {
     target->user_break_requested = 0;
-    return 37;
+    return kEngineSystemCallFailed;
   }
-  return 0;
+  return kEngineOk;
 }
 
-int EngineRun(Target *target) {
-  if (!target) return 1;
-  int state = EngineStoppedState(target);
-  if (state != 0) return state == 26 ? 26 : 37;
+EngineResult EngineRun(Target *target) {
+  if (!target) return kEngineNoTarget;
+  EngineResult state = EngineStoppedState(target);
+  if (state != kEngineOk) return NotStopped(state);
   Signal(target, kWaitRun);
-  return 0;
+  return kEngineOk;
 }
 
-int EngineStopDebugging(Target *target) {
-  if (!target) return 1;
-  if (!HasProcess(target)) return 3;
+EngineResult EngineStopDebugging(Target *target) {
+  if (!target || !target->wait_objects[kWaitEngineWaiting]) return kEngineNoTarget;
+  if (!HasProcess(target)) return kEngineNoProcess;
+  bool stopped = EngineStoppedState(target) == kEngineOk;
   u8 was_ending = target->ending;
-  target->ending = 1;
-  if (!DebugBreakProcess(target->process)) {
+  __atomic_store_n(&target->ending, (u8)kEndingDetach, __ATOMIC_SEQ_CST);
+  // While running, the engine stops silently at the break-in (or at the next event) and detaches
+  // at its first command wait.
+  if (!stopped && !BreakInIfRunning(target)) {
     target->ending = was_ending;
-    return 37;
+    return kEngineSystemCallFailed;
   }
-  // Breakpoint bytes are taken out of target memory here once breakpoints exist.
-  Signal(target, kWaitStopDebugging);
-  return 0;
+  Signal(target, kWaitStopDebugging, stopped ? 0 : kAnyStop);
+  return kEngineOk;
 }
 
-int EngineTerminate(Target *target, u32 exit_code) {
-  if (!target) return 1;
-  if (!HasProcess(target)) return 3;
-  target->ending = 1;
-  if (!TerminateProcess(target->process, exit_code)) return 37;
+EngineResult EngineTerminate(Target *target, u32 exit_code) {
+  if (!target || !target->wait_objects[kWaitEngineWaiting]) return kEngineNoTarget;
+  if (!HasProcess(target)) return kEngineNoProcess;
+  u8 was_ending = target->ending;
+  target->ending = kEndingTerminate;
+  if (!TerminateProcess(target->process, exit_code)) {
+    target->ending = was_ending;
+    return kEngineSystemCallFailed;
+  }
   // Run is signalled whether the engine is stopped or not: a break already on its way (the user's,
   // or an attach's break-in) still arrives after the terminate and stops silently, and this run lets
   // it go on to the exit instead of waiting for a command that never comes.
-  Signal(target, kWaitRun);
-  return 0;
+  Signal(target, kWaitRun, kAnyStop);
+  return kEngineOk;
 }
 
-int EngineSelectThread(Target *target, u32 thread_id) {
-  if (!target) return 1;
-  int state = EngineStoppedState(target);
-  if (state == 26) return 0;
-  if (state != 0) return 37;
+EngineResult EngineSelectThread(Target *target, u32 thread_id) {
+  EngineResult state = LockStopped(target);
+  if (state == kEngineNotSuspended) return kEngineOk;
+  if (state != kEngineOk) return NotStopped(state);
   for (TargetThread *t = target->threads; t; t = t->next)
     if (t->id == thread_id) target->current_thread = t;
   Signal(target, kWaitThreadStates);
-  return 0;
+  Unlock(target);
+  return kEngineOk;
 }
 
-static int ToggleFlag(Target *target, TargetThread *thread, bool solo) {
-  if (!target || !thread) return 1;
-  int state = EngineStoppedState(target);
-  if (state != 0) return state == 26 ? 26 : 37;
-  if (solo)
-    thread->solo ^= 1;
-  else
-    thread->frozen ^= 1;
-  Signal(target, kWaitThreadStates);
-  return 0;
+static EngineResult ToggleFlag(Target *target, TargetThread *thread, bool solo) {
+  EngineResult state = LockStopped(target);
+  if (state != kEngineOk) return NotStopped(state);
+  if (thread) {
+    if (solo)
+      thread->solo ^= 1;
+    else
+      thread->frozen ^= 1;
+    Signal(target, kWaitThreadStates);
+  }
+  Unlock(target);
+  return thread ? kEngineOk : kEngineNoTarget;
 }
 
-int EngineToggleFreeze(Target *target, TargetThread *thread) { return ToggleFlag(target, thread, false); }
-int EngineToggleSolo(Target *target, TargetThread *thread) { return ToggleFlag(target, thread, true); }
+EngineResult EngineToggleFreeze(Target *target, TargetThread *thread) { return ToggleFlag(target, thread, false); }
+EngineResult EngineToggleSolo(Target *target, TargetThread *thread) { return ToggleFlag(target, thread, true); }
 
-int EngineSelectFrame(Target *target, s32 frame_index) {
-  if (!target) return 1;
-  if (EngineStoppedState(target) != 0) return 0;
+EngineResult EngineSelectFrame(Target *target, s32 frame_index) {
+  if (!target) return kEngineNoTarget;
+  EngineResult state = EngineStoppedState(target);
+  if (state == kEngineNoTarget) return state;
+  if (state != kEngineOk) return kEngineOk;
   target->requested_frame = frame_index;
   Signal(target, kWaitSelectFrame);
-  return 0;
+  return kEngineOk;
 }
 
-int EngineSetStackOverflowCollapsing(Target *target, u8 on) {
-  if (!target) return 1;
-  if (EngineStoppedState(target) != 0) return 0;
+EngineResult EngineSetStackOverflowCollapsing(Target *target, u8 on) {
+  if (!target) return kEngineNoTarget;
+  EngineResult state = EngineStoppedState(target);
+  if (state == kEngineNoTarget) return state;
+  if (state != kEngineOk) return kEngineOk;
   target->collapse_stack_overflow = on ? 1 : 0;
   Signal(target, kWaitRebuildStack);
-  return 0;
+  return kEngineOk;
 }
 
-int EngineSetInstructionPointer(Target *target, u64 address) {
-  if (!target) return 1;
-  if (EngineStoppedState(target) != 0) return 26;
+// With the model lock held: the current thread's instruction pointer, written to the thread.
+static EngineResult SetInstructionPointerLocked(Target *target, u64 address) {
   TargetThread *t = target->current_thread;
-  if (!t) return 37;
+  if (!t) return kEngineSystemCallFailed;
   CONTEXT *context = ThreadContextGet(t);
-  if (!context) return 37;
+  if (!context) return kEngineSystemCallFailed;
   context->Rip = address;
-  t->context_dirty = 1;
-  if (ThreadContextFlush(t) != 0) return 37;
+  ThreadContextMarkDirty(t, kContextDirty);
+  if (ThreadContextFlush(t) != kEngineOk) return kEngineSystemCallFailed;
   Signal(target, kWaitContextChanged);
-  return 0;
+  return kEngineOk;
 }
 
-int EngineSetNextStatement(Target *target, const char *path, u32 line) {
-  if (!target || !path) return 1;
-  if (EngineStoppedState(target) != 0) return 26;
-  TargetThread *t = target->current_thread;
-  if (!t) return 37;
+EngineResult EngineSetInstructionPointer(Target *target, u64 address) {
+  EngineResult state = LockStopped(target);
+  if (state == kEngineNoTarget) return state;
+  if (state != kEngineOk) return kEngineNotSuspended;
+  EngineResult result = SetInstructionPointerLocked(target, address);
+  Unlock(target);
+  return result;
+}
+
+static EngineResult NextStatementLocked(Target *target, const char *path, u32 line);
+
+EngineResult EngineSetNextStatement(Target *target, const char *path, u32 line) {
+  if (!target || !path) return kEngineNoTarget;
+  EngineResult state = LockStopped(target);
+  if (state == kEngineNoTarget) return state;
+  if (state != kEngineOk) return kEngineNotSuspended;
+  EngineResult result = NextStatementLocked(target, path, line);
+  Unlock(target);
+  return result;
+}
+
+static EngineResult NextStatementLocked(Target *target, const char *path, u32 line) {
+  if (!target->current_thread) return kEngineSystemCallFailed;
   u64 address = 0;
   for (TargetModule *m = target->modules; m && !address; m = m->next) {
     const ModuleSymbols *symbols = &m->symbols;
@@ -247,23 +312,42 @@ int EngineSetNextStatement(Target *target, const char *path, u32 line) {
     if (!entry || entry->section == 0 || entry->section > symbols->image.section_count) continue;
     address = symbols->load_base + symbols->image.sections[entry->section - 1].virtual_address + entry->offset;
   }
-  if (!address) return 23;
-  return EngineSetInstructionPointer(target, address);
+  if (!address) return kEngineNoLineCode;
+  return SetInstructionPointerLocked(target, address);
 }
 
-int EngineQueueRequest(Target *target, const EngineRequest *request) {
-  if (!target || !request) return 1;
-  if (!HasProcess(target)) return 3;
-  bool running = EngineStoppedState(target) == 26;
-  if (running) {
-    target->internal_break_requested = 1;
-    if (!DebugBreakProcess(target->process)) {
-      target->internal_break_requested = 0;
-      return 37;
-    }
-    WaitForSingleObject(target->wait_objects[kWaitEngineWaiting], 1000);
-  }
-  int result = EngineRingPushRequest(target, request);
-  if (running) Signal(target, kWaitRun);
-  return result;
+EngineResult EngineQueueRequest(Target *target, const EngineRequest *request) {
+  if (!target || !request || !target->wait_objects[kWaitEngineWaiting]) return kEngineNoTarget;
+  if (!HasProcess(target)) return kEngineNoProcess;
+  EngineResult result = EngineRingPushRequest(target, request);
+  if (result != kEngineOk) return result;
+  // Queued first: the stop the target is in (after every command wait the engine serves the ring)
+  // or a break-in already on its way carries it; otherwise a silent one is asked for. The engine
+  // counts a break-in down before it serves the ring, so a request seen as carried is served.
+  if (EngineStoppedState(target) == kEngineOk) return kEngineOk;
+  if (__atomic_load_n(&target->break_ins_outstanding, __ATOMIC_SEQ_CST) > 0) return kEngineOk;
+  return BreakInIfRunning(target) ? kEngineOk : kEngineSystemCallFailed;
+}
+
+// [SECTION] Reading the stopped target
+
+const CONTEXT *EngineThreadContext(Target *target, TargetThread *thread) {
+  if (!thread || LockStopped(target) != kEngineOk) return nullptr;
+  const CONTEXT *context = ThreadContextGet(thread);
+  Unlock(target);
+  return context;
+}
+
+bool EngineLockModel(Target *target) { return LockStopped(target) == kEngineOk; }
+
+bool EngineTryLockModel(Target *target) {
+  if (!target || EngineStoppedState(target) != kEngineOk) return false;
+  if (!TryAcquireSRWLockExclusive(&target->model_lock)) return false;
+  if (EngineStoppedState(target) == kEngineOk) return true;
+  Unlock(target);
+  return false;
+}
+
+void EngineUnlockModel(Target *target) {
+  if (target) Unlock(target);
 }

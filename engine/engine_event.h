@@ -54,8 +54,8 @@ typedef struct EngineSourceLocation {
 static_assert(sizeof(EngineSourceLocation) == 32, "source location is 32 bytes");
 
 typedef struct EngineEvent {
-  u32 kind;  // EngineEventKind
-  u32 reserved;
+  u32 kind;        // EngineEventKind
+  u32 generation;  // stops (kinds 1, 4, 6, 7): the stop's number, which the commands answering it quote
   union {
     struct {
       u32 reason;  // EngineStopReason

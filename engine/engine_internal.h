@@ -5,14 +5,19 @@
 
 // What the handling of one debug event decided.
 enum EventOutcome : u32 {
-  kOutcomeContinue = 0,  // continue the event with the target's continue status
-  kOutcomeStop = 1,      // the target stops: run the stop sequence and serve commands
-  kOutcomeEnd = 2,       // the run is over (process exited): end without continuing
+  kOutcomeContinue = 0,    // continue the event with the target's continue status
+  kOutcomeStop = 1,        // a visible stop: rebuild the model, report, serve commands
+  kOutcomeEnd = 2,         // the run is over (process exited): end without continuing
+  kOutcomeSilentStop = 3,  // serve commands without a stop (the run is ending)
 };
 
 // [SECTION] Modules (module_events.cpp)
-// Loads the image at base from the event's file handle; posts kind 10. A PeResult.
+// Loads the image at base from the event's file handle (null: found through the process); posts
+// kind 10. A PeResult.
 int EngineLoadModule(Target *target, HANDLE file, u64 base, TargetModule **out_module);
+// Loads the image at base from the target's memory alone (its headers and CodeView record where
+// the loader put them); path, when known, names it. A PeResult.
+int EngineLoadModuleFromMemory(Target *target, u64 base, const char *path, TargetModule **out_module);
 // Unlinks the module at base and posts kind 11; nothing when none is there.
 void EngineUnloadModule(Target *target, u64 base);
 
@@ -27,9 +32,14 @@ void EngineLocate(Target *target, u64 address, EngineSourceLocation *out, bool r
 
 // [SECTION] Exceptions (exceptions.cpp)
 u32 EngineHandleException(Target *target, const EXCEPTION_DEBUG_INFO *info);
+bool EngineIsBreakInThread(const Target *target, u32 thread_id);
 // The thread shown for a break: the first solo thread, else the first one not frozen, else none.
 TargetThread *EngineThreadToShow(Target *target);
+void EngineMakeStopped(Target *target, TargetThread *thread, u32 reason, u64 address, s32 frame, EngineEvent *event);
+// Posts a stop event of the current stop at once (the commands served at a stop report this way).
 void EnginePostStopped(Target *target, TargetThread *thread, u32 reason, u64 address, s32 frame);
+// Keeps the event that says why the target stops, posted once the stop's model is rebuilt.
+void EngineHoldStopEvent(Target *target, const EngineEvent *event);
 
 // [SECTION] Evaluation requests (evaluation_request.cpp)
 // Reports the requests due (all of them when mark_all, as at a stop) with kind 3.
@@ -40,7 +50,9 @@ void EngineEvaluateRequests(Target *target, bool mark_all);
 void EngineRunLoop(Target *target);
 // Serves commands at a stop (or while a launch is held); returns the command that ends the wait.
 u32 EngineServeCommands(Target *target, bool held);
+// Carries out every request queued on the command ring.
+void EngineServeRequests(Target *target);
 // Detaches from the process (the event held at the stop, if any, is continued first); posts 13.
 void EngineDetach(Target *target, bool event_pending);
-// Waits for one command; sets and clears the engine-waiting object as the command channel says.
+// Waits for one command; sets object 0 while it waits and clears it while the engine works.
 u32 EngineWaitCommand(Target *target);

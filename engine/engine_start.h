@@ -10,11 +10,11 @@ typedef struct EngineStart {
   EngineWakeFn wake;
   void *wake_user;
   HANDLE finished;
-  int result;
+  EngineResult result;
   u32 process_id;
 } EngineStart;
 
 // Creates the debugger thread and waits until its start-up has a result. 0 or a start result.
-int EngineStartThread(EngineStart *start);
+[[nodiscard]] EngineResult EngineStartThread(EngineStart *start);
 // Waits for the debugger thread to end, then releases the run's objects and memory.
 void EngineEndRun(Target *target);

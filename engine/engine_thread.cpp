@@ -4,14 +4,15 @@
 #include "engine/engine_internal.h"
 #include "engine/engine_start.h"
 
-static int WaitFirstEvent(Target *target) {
-  if (!target->wait_for_debug_event(&target->event, 10000)) return GetLastError() == ERROR_SEM_TIMEOUT ? 8 : 9;
-  if (target->event.dwDebugEventCode != CREATE_PROCESS_DEBUG_EVENT) return 9;
-  return 0;
+static EngineResult WaitFirstEvent(Target *target) {
+  if (!target->wait_for_debug_event(&target->event, 10000))
+    return GetLastError() == ERROR_SEM_TIMEOUT ? kEngineTimeout : kEngineInitFailed;
+  if (target->event.dwDebugEventCode != CREATE_PROCESS_DEBUG_EVENT) return kEngineInitFailed;
+  return kEngineOk;
 }
 
 // The process and its main image, from the first event.
-static int TakeProcess(Target *target) {
+static EngineResult TakeProcess(Target *target) {
   const CREATE_PROCESS_DEBUG_INFO *info = &target->event.u.CreateProcessInfo;
   target->process = info->hProcess;
   target->main_image_base = (u64)(uintptr_t)info->lpBaseOfImage;
@@ -29,20 +30,24 @@ static int TakeProcess(Target *target) {
       file = CreateFileW(path, GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
     if (file == INVALID_HANDLE_VALUE) file = nullptr;
   }
-  if (!file) return 9;
+  // Without a file handle (an attach may bring none) the module is found through the process.
   int result = EngineLoadModule(target, file, target->main_image_base, &target->main_module);
-  CloseHandle(file);
-  if (result != 0) return result;
-  if (!ContinueDebugEvent(target->event.dwProcessId, target->event.dwThreadId, DBG_CONTINUE)) return 9;
-  return 0;
+  if (file) CloseHandle(file);
+  if (result == kPe32Bit) return kEngine32Bit;
+  if (result == kPeNotImage) return kEngineBadPeHeader;
+  if (result != kPeOk) return kEngineInitFailed;
+  if (!target->main_module) return kEngineInitFailed;
+  bool continued = ContinueDebugEvent(target->event.dwProcessId, target->event.dwThreadId, DBG_CONTINUE);
+  TargetEndGeneration(target);
+  return continued ? kEngineOk : kEngineInitFailed;
 }
 
-static int CreateWaitObjects(Target *target) {
+static EngineResult CreateWaitObjects(Target *target) {
   for (u32 i = 0; i < kWaitObjectCount; i++) {
     target->wait_objects[i] = CreateEventW(nullptr, i == kWaitEngineWaiting, FALSE, nullptr);
-    if (!target->wait_objects[i]) return 9;
+    if (!target->wait_objects[i]) return kEngineInitFailed;
   }
-  return 0;
+  return kEngineOk;
 }
 
 static void CloseWaitObjects(Target *target) {
@@ -62,7 +67,7 @@ static DWORD WINAPI EngineThreadMain(void *parameter) {
   u32 attach_id = start->attach_process_id;
 
   // 1. A clean target, 2. the wait for debug events.
-  int result = TargetInit(target);
+  EngineResult result = TargetInit(target);
   target->wake = wake;
   target->wake_user = wake_user;
   target->launch = start->launch;
@@ -78,8 +83,11 @@ static DWORD WINAPI EngineThreadMain(void *parameter) {
         target->attached = 1;
         target->process_id = attach_id;
         process_made = true;
+        // The attach's break-in is a break the user waits for: it stops with reason 4.
+        target->user_break_requested = 1;
+        target->break_ins_outstanding = 1;
       } else {
-        result = 37;
+        result = kEngineSystemCallFailed;
       }
     } else {
       u32 id = 0;
@@ -90,12 +98,12 @@ static DWORD WINAPI EngineThreadMain(void *parameter) {
       }
     }
   }
-  if (result == 0) result = WaitFirstEvent(target);
-  if (result == 0) result = TakeProcess(target);
+  if (result == kEngineOk) result = WaitFirstEvent(target);
+  if (result == kEngineOk) result = TakeProcess(target);
   target->launch = nullptr;  // the description belongs to the starter
 
   // 6. The wait objects, published with the result.
-  if (result == 0) result = CreateWaitObjects(target);
+  if (result == kEngineOk) result = CreateWaitObjects(target);
   target->start_result = (u32)result;
   start->result = result;
   start->process_id = target->process_id;
@@ -141,13 +149,13 @@ static DWORD WINAPI EngineThreadMain(void *parameter) {
   return 0;
 }
 
-int EngineStartThread(EngineStart *start) {
+EngineResult EngineStartThread(EngineStart *start) {
   start->finished = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-  if (!start->finished) return 9;
+  if (!start->finished) return kEngineInitFailed;
   HANDLE thread = CreateThread(nullptr, 0, EngineThreadMain, start, 0, nullptr);
   if (!thread) {
     CloseHandle(start->finished);
-    return 9;
+    return kEngineInitFailed;
   }
   WaitForSingleObject(start->finished, INFINITE);
   CloseHandle(start->finished);
@@ -157,7 +165,7 @@ int EngineStartThread(EngineStart *start) {
     return start->result;
   }
   start->target->engine_thread = thread;
-  return 0;
+  return kEngineOk;
 }
 
 void EngineEndRun(Target *target) {

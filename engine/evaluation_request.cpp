@@ -7,6 +7,13 @@
 #include "engine/engine.h"
 #include "expr/expr_parser.h"
 
+// A request added or removed while the target is stopped is evaluated at once.
+static void RefreshWhenStopped(Target *target) {
+  if (EngineStoppedState(target) != kEngineOk) return;
+  target->quoted_stop[kWaitRefresh] = target->stop_generation;
+  SetEvent(target->wait_objects[kWaitRefresh]);
+}
+
 void EvaluationRequestsInit(EvaluationRequests *requests) {
   requests->first = requests->last = nullptr;
   InitExprPool(&requests->nodes);
@@ -15,17 +22,17 @@ void EvaluationRequestsInit(EvaluationRequests *requests) {
   requests->free_list = &requests->pool[0];
 }
 
-int EngineAddEvaluationRequest(Target *target, const char *text, void *cookie, EvaluationRequest **out) {
+EngineResult EngineAddEvaluationRequest(Target *target, const char *text, void *cookie, EvaluationRequest **out) {
   if (out) *out = nullptr;
-  if (!target || !target->evaluation_requests || !text || !out) return 1;
+  if (!target || !target->evaluation_requests || !text || !out) return kEngineNoTarget;
   u64 length = strnlen(text, kEvaluationTextCapacity);
-  if (length >= kEvaluationTextCapacity) return 33;
+  if (length >= kEvaluationTextCapacity) return kEngineTextTooLong;
   EvaluationRequests *requests = target->evaluation_requests;
   TicketLockAcquire(&target->lock);
   EvaluationRequest *r = requests->free_list;
   if (r) requests->free_list = r->next;
   TicketLockRelease(&target->lock);
-  if (!r) return 37;
+  if (!r) return kEngineSystemCallFailed;
   memset(r, 0, sizeof *r);
   r->cookie = cookie;
   memcpy(r->text, text, length + 1);
@@ -48,12 +55,12 @@ int EngineAddEvaluationRequest(Target *target, const char *text, void *cookie, E
   requests->last = r;
   TicketLockRelease(&target->lock);
   *out = r;
-  if (EngineStoppedState(target) == 0) SetEvent(target->wait_objects[kWaitRefresh]);
-  return 0;
+  RefreshWhenStopped(target);
+  return kEngineOk;
 }
 
-int EngineRemoveEvaluationRequest(Target *target, EvaluationRequest *r) {
-  if (!target || !target->evaluation_requests || !r) return 1;
+EngineResult EngineRemoveEvaluationRequest(Target *target, EvaluationRequest *r) {
+  if (!target || !target->evaluation_requests || !r) return kEngineNoTarget;
   EvaluationRequests *requests = target->evaluation_requests;
   TicketLockAcquire(&target->lock);
   if (r->previous)
@@ -72,8 +79,8 @@ int EngineRemoveEvaluationRequest(Target *target, EvaluationRequest *r) {
   // The node pool is the UI thread's alone (parsing happens there too).
   FreeTree(&requests->nodes, tree);
   FreeTree(&requests->nodes, format);
-  if (EngineStoppedState(target) == 0) SetEvent(target->wait_objects[kWaitRefresh]);
-  return 0;
+  RefreshWhenStopped(target);
+  return kEngineOk;
 }
 
 void EngineEvaluateRequests(Target *target, bool mark_all) {
@@ -106,6 +113,7 @@ void EngineEvaluateRequests(Target *target, bool mark_all) {
     event.evaluation.request = due[i].request;
     event.evaluation.cookie = due[i].cookie;
     event.evaluation.parse_failed = 1;
+    event.generation = target->stop_generation;
     EnginePostEvent(target, &event);
   }
 }

@@ -1,6 +1,12 @@
 // The debugger thread's loop: every debug event, the stop sequence, the commands served while the
 // target is stopped, resuming and detaching.
 //
+// The model while commands are served: the engine-waiting object (0) is set from the end of the
+// stop sequence until the engine takes run or stop debugging. While it is set, the engine changes
+// the model (threads, registers, memory, breakpoints) only while it holds the model lock, which it
+// takes for each command it serves; the user interface takes the same lock to read or change the
+// model (EngineLockModel), so it never reads records the engine is rewriting.
+//
 // [SECTION] Debug events
 // [SECTION] Commands while stopped
 // [SECTION] Stop, resume, detach
@@ -18,7 +24,7 @@ static void HandleDebugString(Target *target, const OUTPUT_DEBUG_STRING_INFO *in
   if (length == 0) return;
   char *raw = EngineTakeText(target, (u64)length + 2);
   if (!raw) return;
-  if (TargetReadMemoryDirect(target, (u64)(uintptr_t)info->lpDebugStringData, raw, length) != 0) return;
+  if (!TargetReadMemoryDirect(target, (u64)(uintptr_t)info->lpDebugStringData, raw, length)) return;
   raw[length] = 0;
   raw[length + 1] = 0;
   const char *text = raw;
@@ -42,12 +48,23 @@ static void HandleDebugString(Target *target, const OUTPUT_DEBUG_STRING_INFO *in
 
 static void HandleCreateThread(Target *target, const CREATE_THREAD_DEBUG_INFO *info, u32 thread_id) {
   u64 start = (u64)(uintptr_t)info->lpStartAddress;
-  // The thread that DebugBreakProcess or an attach creates only raises the break; never modelled.
-  if (target->break_in_address && start == target->break_in_address) return;
+  // The thread that DebugBreakProcess or an attach creates only raises the break; never modelled,
+  // but known, so that its breakpoint is told from the program's.
+  if (target->break_in_address && start == target->break_in_address) {
+    if (target->break_in_thread_count < kBreakInThreadCapacity)
+      target->break_in_threads[target->break_in_thread_count++] = thread_id;
+    return;
+  }
   TargetThread *thread =
       TargetThreadCreate(target, info->hThread, thread_id, start, (u64)(uintptr_t)info->lpThreadLocalBase);
   if (!thread) return;
   EngineNameThread(target, thread, false);
+  // While a thread is solo, only solo threads run: a new one is held from its start.
+  for (TargetThread *t = target->threads; t; t = t->next)
+    if (t->solo) {
+      if (SuspendThread(thread->handle) != (DWORD)-1) thread->suspended_by_engine = 1;
+      break;
+    }
   EnginePostThreadStarted(target, thread);
 }
 
@@ -62,6 +79,11 @@ void EnginePostThreadStarted(Target *target, const TargetThread *thread) {
 }
 
 static void HandleExitThread(Target *target, u32 thread_id, u32 exit_code) {
+  for (u32 i = 0; i < target->break_in_thread_count; i++)
+    if (target->break_in_threads[i] == thread_id) {
+      target->break_in_threads[i] = target->break_in_threads[--target->break_in_thread_count];
+      return;
+    }
   TargetThread *thread = TargetFindThread(target, thread_id);
   if (!thread) return;
   EngineEvent event;
@@ -97,10 +119,8 @@ static u32 HandleEvent(Target *target, DEBUG_EVENT *ev) {
       return kOutcomeEnd;
     }
     case LOAD_DLL_DEBUG_EVENT:
-      if (ev->u.LoadDll.hFile) {
-        EngineLoadModule(target, ev->u.LoadDll.hFile, (u64)(uintptr_t)ev->u.LoadDll.lpBaseOfDll, nullptr);
-        CloseHandle(ev->u.LoadDll.hFile);
-      }
+      EngineLoadModule(target, ev->u.LoadDll.hFile, (u64)(uintptr_t)ev->u.LoadDll.lpBaseOfDll, nullptr);
+      if (ev->u.LoadDll.hFile) CloseHandle(ev->u.LoadDll.hFile);
       return kOutcomeContinue;
     case UNLOAD_DLL_DEBUG_EVENT:
       EngineUnloadModule(target, (u64)(uintptr_t)ev->u.UnloadDll.lpBaseOfDll);
@@ -118,48 +138,58 @@ static u32 HandleEvent(Target *target, DEBUG_EVENT *ev) {
 
 // [SECTION] Commands while stopped
 
-static void DrainRequests(Target *target) {
+void EngineServeRequests(Target *target) {
   EngineRequest request;
-  while (EngineRingPopRequest(target, &request) == 0) {
-    // Processor-breakpoint requests are carried out here once the slots exist; until then a
-    // request is taken off the ring and counted.
+  while (EngineRingPopRequest(target, &request)) {
+    // Requests of a kind the engine does not know are taken off the ring and counted like the rest.
     target->requests_served++;
   }
 }
 
+// The wait objects in the order the command wait tries them, and what each one means.
+static const u32 kCommandObjects[7] = {kWaitRun,          kWaitStopDebugging,  kWaitRefresh,     kWaitThreadStates,
+                                       kWaitSelectFrame,  kWaitContextChanged, kWaitRebuildStack};
+static const u32 kCommandCodes[7] = {kCommandRun,         kCommandStopDebugging, kCommandRefresh,     kCommandThreadStates,
+                                     kCommandSelectFrame, kCommandThreadStates,  kCommandRebuildStack};
+
 u32 EngineWaitCommand(Target *target) {
   HANDLE *w = target->wait_objects;
-  HANDLE order[7] = {w[kWaitRun],          w[kWaitStopDebugging], w[kWaitRefresh],       w[kWaitThreadStates],
-                     w[kWaitSelectFrame],  w[kWaitContextChanged], w[kWaitRebuildStack]};
-  static const u32 codes[7] = {kCommandRun,         kCommandStopDebugging, kCommandRefresh,     kCommandThreadStates,
-                               kCommandSelectFrame, kCommandThreadStates,  kCommandRebuildStack};
-  SetEvent(w[kWaitEngineWaiting]);
-  if (target->stop_event_held) {
-    target->stop_event_held = 0;
-    EnginePostEvent(target, &target->held_stop_event);
-  }
-  DWORD r = WaitForMultipleObjects(7, order, FALSE, INFINITE);
-  u32 code = kCommandFailed;
-  if (r < WAIT_OBJECT_0 + 7) {
-    u32 i = r - WAIT_OBJECT_0;
-    code = codes[i];
-    if (i == 5) target->continue_status = DBG_CONTINUE;  // registers were written: the exception is handled
-  }
-  if (code == kCommandRun || code == kCommandStopDebugging) {
-    // Commands signalled together with the run (registers written just before it, say) are taken
-    // now, so that none carries over into the next stop: written registers still make the pending
-    // exception handled, the rest have nothing left to do. One call when none is waiting.
-    HANDLE rest[5] = {w[kWaitRefresh], w[kWaitThreadStates], w[kWaitSelectFrame], w[kWaitContextChanged],
-                      w[kWaitRebuildStack]};
-    for (;;) {
-      DWORD taken = WaitForMultipleObjects(5, rest, FALSE, 0);
-      if (taken >= WAIT_OBJECT_0 + 5) break;
-      if (rest[taken - WAIT_OBJECT_0] == w[kWaitContextChanged]) target->continue_status = DBG_CONTINUE;
+  HANDLE order[7];
+  for (u32 i = 0; i < 7; i++) order[i] = w[kCommandObjects[i]];
+  for (;;) {
+    SetEvent(w[kWaitEngineWaiting]);
+    DWORD r = WaitForMultipleObjects(7, order, FALSE, INFINITE);
+    AcquireSRWLockExclusive(&target->model_lock);
+    if (r >= WAIT_OBJECT_0 + 7) {
+      ResetEvent(w[kWaitEngineWaiting]);
+      return kCommandFailed;
     }
+    u32 i = r - WAIT_OBJECT_0;
+    u32 object = kCommandObjects[i];
+    u32 quoted = target->quoted_stop[object];
+    // A command signalled for an earlier stop (one that crossed a resume) is not this stop's.
+    if (quoted != kAnyStop && quoted != target->stop_generation) {
+      ReleaseSRWLockExclusive(&target->model_lock);
+      continue;
+    }
+    u32 code = kCommandCodes[i];
+    if (object == kWaitContextChanged) target->continue_status = DBG_CONTINUE;  // registers written: handled
+    if (code == kCommandRun || code == kCommandStopDebugging) {
+      ResetEvent(w[kWaitEngineWaiting]);
+      // Commands signalled together with the run (registers written just before it, say) are
+      // taken now, so that none carries over into the next stop: written registers still make the
+      // pending exception handled, the rest have nothing left to do. One call when none waits.
+      HANDLE rest[5] = {w[kWaitRefresh], w[kWaitThreadStates], w[kWaitSelectFrame], w[kWaitContextChanged],
+                        w[kWaitRebuildStack]};
+      for (;;) {
+        DWORD taken = WaitForMultipleObjects(5, rest, FALSE, 0);
+        if (taken >= WAIT_OBJECT_0 + 5) break;
+        if (rest[taken - WAIT_OBJECT_0] == w[kWaitContextChanged]) target->continue_status = DBG_CONTINUE;
+      }
+    }
+    EngineServeRequests(target);
+    return code;  // with the model lock held: EngineServeCommands lets it go
   }
-  if (code == kCommandRun || code == kCommandStopDebugging || code == kCommandFailed) ResetEvent(w[kWaitEngineWaiting]);
-  DrainRequests(target);
-  return code;
 }
 
 static u64 CurrentIp(TargetThread *thread) {
@@ -170,11 +200,9 @@ static u64 CurrentIp(TargetThread *thread) {
 
 static void RefreshThreadSnapshot(Target *target, TargetThread *thread);
 
-// Thread states changed (also after registers were written or another thread was selected): the
-// views and the requests are brought up to date before the threads are held or let go.
-static void ApplyThreadStates(Target *target) {
-  for (TargetThread *t = target->threads; t; t = t->next) RefreshThreadSnapshot(target, t);
-  EngineEvaluateRequests(target, true);
+// Holds the threads that must not run (frozen ones, or every one but the solo ones) and lets go
+// of those the engine held that may run now.
+static void ApplySuspensions(Target *target) {
   bool any_solo = false;
   for (TargetThread *t = target->threads; t; t = t->next) any_solo |= t->solo != 0;
   for (TargetThread *t = target->threads; t; t = t->next) {
@@ -185,17 +213,27 @@ static void ApplyThreadStates(Target *target) {
       if (ResumeThread(t->handle) != (DWORD)-1) t->suspended_by_engine = 0;
     }
   }
-  EnginePostStopped(target, target->current_thread, kStopThreadStates, CurrentIp(target->current_thread), 0);
 }
 
+// Thread states changed (also after registers were written or another thread was selected): the
+// views are brought up to date and the threads held or let go; the stop event comes before the
+// evaluation results.
+static void ApplyThreadStates(Target *target) {
+  for (TargetThread *t = target->threads; t; t = t->next) RefreshThreadSnapshot(target, t);
+  ApplySuspensions(target);
+  EnginePostStopped(target, target->current_thread, kStopThreadStates, CurrentIp(target->current_thread), 0);
+  EngineEvaluateRequests(target, true);
+}
 u32 EngineServeCommands(Target *target, bool held) {
   for (;;) {
+    // Each command comes with the model lock held. Run and stop debugging end the serving: object
+    // 0 is clear, so the model is the engine's alone again; the others are served under the lock.
     u32 command = EngineWaitCommand(target);
+    if (command == kCommandFailed || command == kCommandRun || command == kCommandStopDebugging) {
+      ReleaseSRWLockExclusive(&target->model_lock);
+      return command;
+    }
     switch (command) {
-      case kCommandFailed:
-      case kCommandRun:
-      case kCommandStopDebugging:
-        return command;
       case kCommandRefresh:
         if (!held) EngineEvaluateRequests(target, true);
         break;
@@ -223,6 +261,7 @@ u32 EngineServeCommands(Target *target, bool held) {
         break;
       }
     }
+    ReleaseSRWLockExclusive(&target->model_lock);
   }
 }
 
@@ -260,38 +299,90 @@ static void RefreshThreadSnapshot(Target *target, TargetThread *thread) {
   }
 }
 
+// A visible stop: the model is rebuilt (object 0 clear), then the stop is reported and the
+// evaluation requests after it.
 static void StopSequence(Target *target) {
+  target->stop_generation++;
   target->cache_index ^= 1;
-  MemoryCacheInvalidate(TargetCache(target));
+  MemoryCacheNewGeneration(TargetCache(target));
   for (TargetThread *t = target->threads; t; t = t->next) {
     t->selected_frame = 0;
     RefreshThreadSnapshot(target, t);
   }
+  if (target->stop_event_held) {
+    target->stop_event_held = 0;
+    target->held_stop_event.generation = target->stop_generation;
+    EnginePostEvent(target, &target->held_stop_event);
+  }
   EngineEvaluateRequests(target, true);
 }
 
-// Prepares the current thread before the target runs on: an int3 of the program's own under the
-// instruction pointer is stepped over instead of being executed again.
-static void StepPastProgramInt3(Target *target, TargetThread *t, CONTEXT *context) {
-  u8 byte = 0;
-  bool own_int3 = t->int3_at_stop && context->Rip == t->int3_at_stop;
+// Prepares the thread whose event is held before it runs on: an int3 of the program's own under
+// its instruction pointer is stepped over instead of being executed again. A thread whose
+// registers were not read goes on as the event left it.
+static void PrepareHeldThread(Target *target) {
+  TargetThread *t = target->event_thread;
+  if (!t) return;
+  ThreadContextSlot *slot = ThreadContextIfRead(t);
+  u64 own_int3 = t->int3_at_stop;
   t->int3_at_stop = 0;
-  if (own_int3 || (TargetReadMemory(target, context->Rip, &byte, 1) == 0 && byte == 0xCC)) {
+  if (!slot) return;
+  CONTEXT *context = slot->context;
+  u8 byte = 0;
+  if ((own_int3 && context->Rip == own_int3) || (TargetReadMemory(target, context->Rip, &byte, 1) && byte == 0xCC)) {
     context->Rip += 1;
-    if (t->context_dirty == 2 && context->Rip == t->rip_as_read) t->context_dirty = 0;  // as the thread has it
-    else t->context_dirty = 1;
+    ThreadContextMarkDirty(t, kContextIpOnly);
   }
 }
 
-static void ResumeCurrentThread(Target *target) {
-  for (TargetThread *t = target->threads; t; t = t->next) t->selected_frame = 0;
-  TargetThread *t = target->current_thread;
-  target->current_thread = nullptr;
-  if (!t) return;
-  CONTEXT *context = t->context_read[t->context_index] ? t->context[t->context_index] : nullptr;
-  if (!context) return;
-  StepPastProgramInt3(target, t, context);
-  ThreadContextFlush(t);
+// The one way the target runs on after an event: after a visible stop the held thread is prepared
+// and the threads held or let go as the user set them; every changed context is written back; the
+// event is continued, which ends the generation of everything read.
+static void Resume(Target *target, bool after_stop) {
+  if (after_stop) {
+    for (TargetThread *t = target->threads; t; t = t->next) t->selected_frame = 0;
+    PrepareHeldThread(target);
+    ApplySuspensions(target);
+  }
+  for (TargetThread *t = target->threads; t; t = t->next) (void)ThreadContextFlush(t);
+  if (target->event_thread) target->event_thread->int3_at_stop = 0;
+  target->event_thread = nullptr;
+  target->current_thread = nullptr;  // while the target runs there is no current thread
+  ContinueDebugEvent(target->event.dwProcessId, target->event.dwThreadId, target->continue_status);
+  TargetEndGeneration(target);
+  target->continue_status = DBG_CONTINUE;
+  if (after_stop) ThreadContextsFlip(target);
+  // Running from here on. A break, request or detach asked for while the target sat at the event,
+  // too late for the look before continuing, is carried by a break-in now.
+  __atomic_store_n(&target->target_running, 1, __ATOMIC_SEQ_CST);
+  bool waits = __atomic_load_n(&target->user_break_requested, __ATOMIC_SEQ_CST) ||
+               __atomic_load_n(&target->ending, __ATOMIC_SEQ_CST) == kEndingDetach || EngineRingHasRequests(target);
+  if (waits && __atomic_load_n(&target->break_ins_outstanding, __ATOMIC_SEQ_CST) == 0) {
+    __atomic_fetch_add(&target->break_ins_outstanding, 1, __ATOMIC_SEQ_CST);
+    if (!DebugBreakProcess(target->process)) __atomic_fetch_sub(&target->break_ins_outstanding, 1, __ATOMIC_SEQ_CST);
+  }
+}
+
+// An event that would be continued silently first takes what the user interface asked for while
+// the target ran: a detach, a break (shown at this event, reason 4), queued requests.
+static u32 TakeWhatWaits(Target *target) {
+  u8 ending = __atomic_load_n(&target->ending, __ATOMIC_SEQ_CST);
+  if (ending == kEndingDetach) {
+    target->current_thread = nullptr;
+    return kOutcomeSilentStop;
+  }
+  if (ending) return kOutcomeContinue;
+  if (__atomic_load_n(&target->user_break_requested, __ATOMIC_SEQ_CST)) {
+    target->user_break_requested = 0;
+    TargetThread *show = EngineThreadToShow(target);
+    target->current_thread = show;
+    EngineEvent event;
+    EngineMakeStopped(target, show, kStopBreak, CurrentIp(show), 0, &event);
+    EngineHoldStopEvent(target, &event);
+    return kOutcomeStop;
+  }
+  EngineServeRequests(target);
+  return kOutcomeContinue;
 }
 
 // Threads that the engine holds (frozen, or not the solo one) are let go first: a detached
@@ -300,18 +391,15 @@ static void ResumeCurrentThread(Target *target) {
 void EngineDetach(Target *target, bool event_pending) {
   for (TargetThread *h = target->threads; h; h = h->next)
     if (h->suspended_by_engine && ResumeThread(h->handle) != (DWORD)-1) h->suspended_by_engine = 0;
-  TargetThread *t = target->current_thread;
-  if (t) {
-    CONTEXT *context = ThreadContextGet(t);
-    if (context) {
-      StepPastProgramInt3(target, t, context);
-      if (context->EFlags & 0x100) {
-        context->EFlags &= ~0x100u;
-        t->context_dirty = 1;
-      }
-      ThreadContextFlush(t);
+  PrepareHeldThread(target);
+  if (TargetThread *t = target->event_thread) {
+    ThreadContextSlot *slot = ThreadContextIfRead(t);
+    if (slot && (slot->context->EFlags & 0x100)) {
+      slot->context->EFlags &= ~0x100u;
+      ThreadContextMarkDirty(t, kContextDirty);
     }
   }
+  for (TargetThread *t = target->threads; t; t = t->next) (void)ThreadContextFlush(t);
   // The held event is let go before the detach, as the program would have seen it.
   if (event_pending) ContinueDebugEvent(target->event.dwProcessId, target->event.dwThreadId, target->continue_status);
   if (DebugSetProcessKillOnExit(FALSE)) DebugActiveProcessStop(target->process_id);
@@ -329,25 +417,21 @@ void EngineRunLoop(Target *target) {
   DEBUG_EVENT *ev = &target->event;
   for (;;) {
     if (!target->wait_for_debug_event(ev, INFINITE)) return;
+    __atomic_store_n(&target->target_running, 0, __ATOMIC_SEQ_CST);
     target->debug_events++;
     u32 outcome = HandleEvent(target, ev);
     if (outcome == kOutcomeEnd) return;
-    if (outcome == kOutcomeStop) {
-      StopSequence(target);
+    if (outcome == kOutcomeContinue) outcome = TakeWhatWaits(target);
+    bool stopped = outcome == kOutcomeStop || outcome == kOutcomeSilentStop;
+    if (outcome == kOutcomeStop) StopSequence(target);
+    if (stopped) {
       u32 command = EngineServeCommands(target, false);
       if (command == kCommandStopDebugging) {
         EngineDetach(target, true);
         return;
       }
       if (command == kCommandFailed) return;
-      ResumeCurrentThread(target);
-      ContinueDebugEvent(ev->dwProcessId, ev->dwThreadId, target->continue_status);
-      target->continue_status = DBG_CONTINUE;
-      ThreadContextsFlip(target);
-      continue;
     }
-    target->current_thread = nullptr;  // while the target runs there is no current thread
-    ContinueDebugEvent(ev->dwProcessId, ev->dwThreadId, target->continue_status);
-    target->continue_status = DBG_CONTINUE;
+    Resume(target, outcome == kOutcomeStop);
   }
 }

@@ -30,10 +30,10 @@ void EnginePostEvent(Target *target, const EngineEvent *event) {
   if (target->wake && was_empty) target->wake(target->wake_user);
 }
 
-int EnginePopEvent(Target *target, EngineEvent *out) {
-  if (!target || !target->event_ring) {
+EngineResult EnginePopEvent(Target *target, EngineEvent *out) {
+  if (!target || !target->event_ring || !out) {
     if (out) out->kind = kEventNone;
-    return 1;
+    return kEngineNoTarget;
   }
   out->kind = kEventNone;
   TicketLockAcquire(&target->lock);
@@ -45,7 +45,7 @@ int EnginePopEvent(Target *target, EngineEvent *out) {
     target->event_read = next + kEventSlotBytes > target->event_size ? 0 : next;
   }
   TicketLockRelease(&target->lock);
-  return 0;
+  return kEngineOk;
 }
 
 // [SECTION] Texts
@@ -78,13 +78,13 @@ void EnginePostText(Target *target, const char *text, u32 length) {
 
 // [SECTION] Requests while running
 
-int EngineRingPushRequest(Target *target, const EngineRequest *request) {
-  int result = 0;
+EngineResult EngineRingPushRequest(Target *target, const EngineRequest *request) {
+  EngineResult result = kEngineOk;
   TicketLockAcquire(&target->lock);
   u64 next = target->command_write + kCommandSlotBytes;
   if (next >= target->command_size) next = 0;
   if (next == target->command_read) {
-    result = 37;  // full: the engine has not caught up with 8191 requests
+    result = kEngineSystemCallFailed;  // full: the engine has not caught up with 8191 requests
   } else {
     memcpy(target->command_ring + target->command_write, request, kCommandSlotBytes);
     target->command_write = next;
@@ -93,15 +93,22 @@ int EngineRingPushRequest(Target *target, const EngineRequest *request) {
   return result;
 }
 
-int EngineRingPopRequest(Target *target, EngineRequest *out) {
-  int result = 1;
+bool EngineRingHasRequests(Target *target) {
+  TicketLockAcquire(&target->lock);
+  bool any = target->command_read != target->command_write;
+  TicketLockRelease(&target->lock);
+  return any;
+}
+
+bool EngineRingPopRequest(Target *target, EngineRequest *out) {
+  bool popped = false;
   TicketLockAcquire(&target->lock);
   if (target->command_read != target->command_write) {
     memcpy(out, target->command_ring + target->command_read, kCommandSlotBytes);
     u64 next = target->command_read + kCommandSlotBytes;
     target->command_read = next >= target->command_size ? 0 : next;
-    result = 0;
+    popped = true;
   }
   TicketLockRelease(&target->lock);
-  return result;
+  return popped;
 }

@@ -5,6 +5,7 @@
 // [SECTION] C++ exceptions
 // [SECTION] Sanitizer shadow memory
 // [SECTION] Reported exceptions
+// [SECTION] Break-ins
 // [SECTION] The exception table
 #include <stdio.h>
 #include <string.h>
@@ -31,7 +32,7 @@ TargetThread *EngineThreadToShow(Target *target) {
   return nullptr;
 }
 
-static void MakeStopped(Target *target, TargetThread *thread, u32 reason, u64 address, s32 frame, EngineEvent *event) {
+void EngineMakeStopped(Target *target, TargetThread *thread, u32 reason, u64 address, s32 frame, EngineEvent *event) {
   memset(event, 0, sizeof *event);
   event->kind = kEventStopped;
   event->stopped.reason = reason;
@@ -43,21 +44,16 @@ static void MakeStopped(Target *target, TargetThread *thread, u32 reason, u64 ad
 
 void EnginePostStopped(Target *target, TargetThread *thread, u32 reason, u64 address, s32 frame) {
   EngineEvent event;
-  MakeStopped(target, thread, reason, address, frame, &event);
+  EngineMakeStopped(target, thread, reason, address, frame, &event);
+  event.generation = target->stop_generation;
   EnginePostEvent(target, &event);
 }
 
-// The event that says why the target stopped is posted once the engine serves commands (see
-// EngineWaitCommand), so that a UI that answers it at once finds the engine ready.
-static void HoldStopEvent(Target *target, const EngineEvent *event) {
+// The event that says why the target stopped is posted once the model of the stop is rebuilt
+// (see the stop sequence), before the stop's evaluation results.
+void EngineHoldStopEvent(Target *target, const EngineEvent *event) {
   target->held_stop_event = *event;
   target->stop_event_held = 1;
-}
-
-static void ClearStepState(Target *target) {
-  target->step_over_address = 0;
-  target->step_saved_byte = 0;
-  target->reinsert_after_step = 0;
 }
 
 static u64 InstructionPointer(TargetThread *thread) {
@@ -76,16 +72,16 @@ static void PostCxxExceptionLine(Target *target, const EXCEPTION_RECORD *record)
   u64 throw_info = record->ExceptionInformation[2];
   u64 base = record->ExceptionInformation[3];
   u32 array_rva = 0, type_rva = 0, descriptor_rva = 0;
-  if (TargetReadMemoryDirect(target, throw_info + 12, &array_rva, 4) != 0) return;
-  if (TargetReadMemoryDirect(target, base + array_rva + 4, &type_rva, 4) != 0) return;
-  if (TargetReadMemoryDirect(target, base + type_rva + 4, &descriptor_rva, 4) != 0) return;
+  if (!TargetReadMemoryDirect(target, throw_info + 12, &array_rva, 4)) return;
+  if (!TargetReadMemoryDirect(target, base + array_rva + 4, &type_rva, 4)) return;
+  if (!TargetReadMemoryDirect(target, base + type_rva + 4, &descriptor_rva, 4)) return;
   char decorated[1024];
   u64 name_address = base + descriptor_rva + 16;
   // The name may end closer than 1024 bytes before unreadable memory: read up to the page end first.
   u32 first = (u32)MinU64(sizeof decorated, 0x1000 - (name_address & 0xFFF));
-  if (TargetReadMemoryDirect(target, name_address, decorated, first) != 0) return;
+  if (!TargetReadMemoryDirect(target, name_address, decorated, first)) return;
   if (first < sizeof decorated && !memchr(decorated, 0, first) &&
-      TargetReadMemoryDirect(target, name_address + first, decorated + first, sizeof decorated - first) != 0)
+      !TargetReadMemoryDirect(target, name_address + first, decorated + first, sizeof decorated - first))
     return;
   decorated[sizeof decorated - 1] = 0;
   char type_name[512];
@@ -95,12 +91,14 @@ static void PostCxxExceptionLine(Target *target, const EXCEPTION_RECORD *record)
   if (!text) return;
   TargetModule *module = TargetFindModule(target, base);
   u64 at = (u64)(uintptr_t)record->ExceptionAddress;
+  // Pointers as %p prints them on Windows, whatever C runtime this was built with: 16 upper-case
+  // hexadecimal digits, no prefix.
   int n;
   if (module)
-    n = snprintf(text, 1280, "Exception thrown at 0x%016llX in %s: Microsoft C++ exception: %s at memory location 0x%016llX\n",
+    n = snprintf(text, 1280, "Exception thrown at %016llX in %s: Microsoft C++ exception: %s at memory location %016llX\n",
                  (unsigned long long)at, module->symbols.name, type_name, (unsigned long long)object);
   else
-    n = snprintf(text, 1280, "Exception thrown at 0x%016llX: Microsoft C++ exception: %s at memory location 0x%016llX\n",
+    n = snprintf(text, 1280, "Exception thrown at %016llX: Microsoft C++ exception: %s at memory location %016llX\n",
                  (unsigned long long)at, type_name, (unsigned long long)object);
   if (n < 0) return;
   EnginePostText(target, text, (u32)MinU64((u64)n, 1279));
@@ -119,7 +117,7 @@ static void LearnShadowBounds(Target *target, TargetModule *module) {
   if (section >= module->symbols.image.section_count) return;
   u64 address = module->symbols.load_base + module->symbols.image.sections[section].virtual_address + entry->offset;
   u64 s = 0;
-  if (TargetReadMemoryDirect(target, address, &s, 8) != 0) return;
+  if (!TargetReadMemoryDirect(target, address, &s, 8)) return;
   SYSTEM_INFO info;
   GetSystemInfo(&info);
   u64 g = info.dwAllocationGranularity;
@@ -176,7 +174,7 @@ static u32 ReportException(Target *target, TargetThread *thread, const EXCEPTION
     CONTEXT *context = ThreadContextGet(thread);
     u64 return_address = 0;
     // Read past the memory cache: it still holds the previous stop's lines until this stop begins.
-    if (context && context->Rip == 0 && TargetReadMemoryDirect(target, context->Rsp, &return_address, 8) == 0) {
+    if (context && context->Rip == 0 && TargetReadMemoryDirect(target, context->Rsp, &return_address, 8)) {
       shown = return_address;
       after_call = true;
     }
@@ -191,67 +189,93 @@ static u32 ReportException(Target *target, TargetThread *thread, const EXCEPTION
   event.exception.access_kind = access;
   event.exception.data_address = data;
   EngineLocate(target, shown, &event.exception.location, after_call);
-  HoldStopEvent(target, &event);
+  EngineHoldStopEvent(target, &event);
   return kOutcomeStop;
+}
+
+// [SECTION] Break-ins
+
+bool EngineIsBreakInThread(const Target *target, u32 thread_id) {
+  for (u32 i = 0; i < target->break_in_thread_count; i++)
+    if (target->break_in_threads[i] == thread_id) return true;
+  return false;
+}
+
+// The breakpoint of a thread that DebugBreakProcess (or an attach) made. It is "the break" only
+// for a break the user is still waiting for; an internal break, or one whose user break was
+// already answered by an earlier stop, serves the queued requests and continues silently.
+static u32 HandleBreakIn(Target *target) {
+  if (__atomic_load_n(&target->break_ins_outstanding, __ATOMIC_SEQ_CST) > 0)
+    __atomic_fetch_sub(&target->break_ins_outstanding, 1, __ATOMIC_SEQ_CST);
+  target->event_thread = nullptr;  // the break-in thread is not the program's: nothing to prepare
+  if (target->ending) {
+    // Stop debugging detaches at the first command wait; terminate has signalled run already.
+    target->current_thread = nullptr;
+    return kOutcomeSilentStop;
+  }
+  if (target->user_break_requested) {
+    target->user_break_requested = 0;
+    TargetThread *show = EngineThreadToShow(target);
+    target->current_thread = show;
+    EngineEvent event;
+    EngineMakeStopped(target, show, kStopBreak, InstructionPointer(show), 0, &event);
+    EngineHoldStopEvent(target, &event);
+    return kOutcomeStop;
+  }
+  EngineServeRequests(target);
+  return kOutcomeContinue;
 }
 
 // [SECTION] The exception table
 
+// A breakpoint exception, by where it comes from: the loader's, a break-in thread's, or one of the
+// program's threads (which also answers a break the user is waiting for).
 static u32 HandleBreakpoint(Target *target, TargetThread *thread, const EXCEPTION_RECORD *record) {
   target->continue_status = DBG_CONTINUE;
   if (target->loader_breakpoint_expected) {
     target->loader_breakpoint_expected = 0;
     return kOutcomeContinue;
   }
-  bool requested = target->user_break_requested || target->internal_break_requested;
-  if (!requested && thread) {
-    // While the run ends (stop debugging or terminate asked for) the program's own int3 is not
-    // reported and the target runs on to the break-in or the exit that ends the run.
-    if (target->ending || thread->suspended_by_engine) return kOutcomeContinue;
-    // No user or temporary breakpoints exist at this address: the int3 is the program's own. The
-    // stop shows the int3 itself; the resume steps past it.
-    u64 at = (u64)(uintptr_t)record->ExceptionAddress;
-    CONTEXT *context = ThreadContextGet(thread);
-    if (context && context->Rip == at + 1) {
-      context->Rip = at;
-      thread->context_dirty = 2;  // only the instruction pointer moved
-      thread->int3_at_stop = at;  // the resume knows the byte there without reading it
-    }
-    ClearStepState(target);
-    EngineEvent event;
-    MakeStopped(target, thread, kStopProgramBreakpoint, at, 0, &event);
-    HoldStopEvent(target, &event);
-    return kOutcomeStop;
-  }
-  TargetThread *show = EngineThreadToShow(target);
-  bool silent = target->ending || target->internal_break_requested;
-  if (!silent) {
-    EngineEvent event;
-    MakeStopped(target, show, kStopBreak, InstructionPointer(show), 0, &event);
-    HoldStopEvent(target, &event);
-  }
-  target->current_thread = show;
-  ClearStepState(target);
+  if (!thread || EngineIsBreakInThread(target, target->event.dwThreadId)) return HandleBreakIn(target);
+  // While the run ends (stop debugging or terminate asked for) the program's own int3 is not
+  // reported and the target runs on to the break-in or the exit that ends the run; a thread the
+  // engine holds meets its int3 again once it is let go.
+  if (target->ending || thread->suspended_by_engine) return kOutcomeContinue;
+  // The int3 is the program's own. The stop shows the int3 itself (the registers, when read, are
+  // moved back to it); the resume steps past it.
+  u64 at = (u64)(uintptr_t)record->ExceptionAddress;
+  thread->int3_at_stop = at;
   target->user_break_requested = 0;
-  target->internal_break_requested = 0;
+  target->current_thread = thread;
+  EngineEvent event;
+  EngineMakeStopped(target, thread, kStopProgramBreakpoint, at, 0, &event);
+  EngineHoldStopEvent(target, &event);
   return kOutcomeStop;
+}
+
+// A single-step exception goes through one chain; what no link claims is the program's own.
+static u32 HandleSingleStep(Target *target, TargetThread *thread, const EXCEPTION_DEBUG_INFO *info) {
+  (void)thread;
+  target->continue_status = info->dwFirstChance ? DBG_EXCEPTION_NOT_HANDLED : DBG_CONTINUE;
+  return kOutcomeContinue;
 }
 
 u32 EngineHandleException(Target *target, const EXCEPTION_DEBUG_INFO *info) {
   const EXCEPTION_RECORD *record = &info->ExceptionRecord;
   TargetThread *thread = TargetFindThread(target, target->event.dwThreadId);
-  target->current_thread = thread;
+  target->event_thread = thread;
   u32 code = record->ExceptionCode;
   if (code == kCodeBreakpoint) return HandleBreakpoint(target, thread, record);
+  if (code == kCodeSingleStep) return HandleSingleStep(target, thread, info);
   if (IsReportedCode(code)) {
     // A thread without a record (one the engine never saw start) is shown on the thread a break
     // would show.
-    if (!thread) target->current_thread = EngineThreadToShow(target);
+    target->current_thread = thread ? thread : EngineThreadToShow(target);
     return ReportException(target, thread, info);
   }
   if (code == kCodeCxx && info->dwFirstChance) PostCxxExceptionLine(target, record);
-  // C++ exceptions, unknown codes, and single steps that no step or processor breakpoint asked
-  // for belong to the program: first chance to its handlers, second chance ends it.
+  // C++ exceptions and unknown codes belong to the program: first chance to its handlers, second
+  // chance ends it.
   target->continue_status = info->dwFirstChance ? DBG_EXCEPTION_NOT_HANDLED : DBG_CONTINUE;
   return kOutcomeContinue;
 }

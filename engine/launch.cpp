@@ -111,17 +111,17 @@ bool LaunchCommandLine(const char *executable, const char *arguments, wchar_t *o
   return true;
 }
 
-int LaunchResultOfError(u32 error) {
+EngineResult LaunchResultOfError(u32 error) {
   switch (error) {
     case ERROR_FILE_NOT_FOUND:
     case ERROR_INVALID_NAME:
-      return 5;
+      return kEngineExecutableNotFound;
     case ERROR_ACCESS_DENIED:
-      return 7;
+      return kEngineAccessDenied;
     case ERROR_EXE_MACHINE_TYPE_MISMATCH:
-      return 12;
+      return kEngineMachineMismatch;
   }
-  return 4;
+  return kEngineUnknownReason;
 }
 
 // A 32-bit program is refused from its header on every machine: some systems start one (and it
@@ -136,7 +136,7 @@ int LaunchResultOfError(u32 error) {
   return word_size == kPe32Bit ? kEngine32Bit : kEngineOk;
 }
 
-int LaunchCreateProcess(SymbolArena *arena, const LaunchDescription *launch, u32 *out_process_id) {
+EngineResult LaunchCreateProcess(SymbolArena *arena, const LaunchDescription *launch, u32 *out_process_id) {
   u64 exe_length = WideLength(launch->executable) + 1;
   u64 dir_length = WideLength(launch->working_directory) + 1;
   u64 line_capacity = exe_length + 4 + WideLength(launch->arguments) + 1;
@@ -145,11 +145,11 @@ int LaunchCreateProcess(SymbolArena *arena, const LaunchDescription *launch, u32
   wchar_t *dir = (wchar_t *)SymbolArenaAllocate(arena, dir_length * 2);
   wchar_t *line = (wchar_t *)SymbolArenaAllocate(arena, line_capacity * 2);
   wchar_t *env = env_capacity ? (wchar_t *)SymbolArenaAllocate(arena, env_capacity * 2) : nullptr;
-  if (!exe || !dir || !line || (env_capacity && !env)) return 9;
+  if (!exe || !dir || !line || (env_capacity && !env)) return kEngineInitFailed;
   exe[Widen(launch->executable, exe, exe_length)] = 0;
   dir[Widen(launch->working_directory, dir, dir_length)] = 0;
-  if (!LaunchCommandLine(launch->executable, launch->arguments, line, line_capacity)) return 4;
-  if (env && !LaunchEnvironmentBlock(launch, env, env_capacity)) return 4;
+  if (!LaunchCommandLine(launch->executable, launch->arguments, line, line_capacity)) return kEngineUnknownReason;
+  if (env && !LaunchEnvironmentBlock(launch, env, env_capacity)) return kEngineUnknownReason;
   EngineResult image = LaunchCheckImage(launch->executable);
   if (image != kEngineOk) return image;
 
@@ -165,5 +165,5 @@ int LaunchCreateProcess(SymbolArena *arena, const LaunchDescription *launch, u32
   // The debug events bring handles of their own.
   CloseHandle(info.hThread);
   CloseHandle(info.hProcess);
-  return 0;
+  return kEngineOk;
 }

@@ -2,6 +2,7 @@
 // environment block built from it, and the mapping of the system's failures to start results.
 #pragma once
 #include "base/types.h"
+#include "engine/engine_result.h"
 
 typedef struct EnvironmentPair {
   const char *name;
@@ -35,9 +36,9 @@ u64 LaunchEnvironmentBlockSize(const LaunchDescription *launch);
 bool LaunchCommandLine(const char *executable, const char *arguments, wchar_t *out, u64 capacity);
 
 // The start result for a failed CreateProcess: 5, 7, 12, or 4 for anything else.
-int LaunchResultOfError(u32 error);
+EngineResult LaunchResultOfError(u32 error);
 
 // Creates the process with the debugging flags (on the debugger thread). 0 with the process id, or
 // a start result. The scratch memory comes from the caller's arena.
 struct SymbolArena;
-int LaunchCreateProcess(struct SymbolArena *arena, const LaunchDescription *launch, u32 *out_process_id);
+EngineResult LaunchCreateProcess(struct SymbolArena *arena, const LaunchDescription *launch, u32 *out_process_id);

@@ -9,7 +9,10 @@ void MemoryCacheInit(MemoryCache *cache, MemoryReadFn read, void *read_context) 
   cache->read_context = read_context;
   cache->read_directly = 0;
   cache->line_fills = 0;
+  cache->generation = 1;
 }
+
+void MemoryCacheNewGeneration(MemoryCache *cache) { cache->generation++; }
 
 void MemoryCacheInvalidate(MemoryCache *cache) {
   for (u32 s = 0; s < kMemoryCacheSets; s++)
@@ -23,7 +26,9 @@ static MemoryCacheLine *FindLine(MemoryCache *cache, u64 line_address) {
   u32 set = (u32)(line_address / kMemoryCacheLineBytes) % kMemoryCacheSets;
   for (u32 w = 0; w < kMemoryCacheWays; w++) {
     MemoryCacheLine *line = &cache->lines[set][w];
-    if ((line->flags & kCacheLineValid) && line->address == line_address) return line;
+    if ((line->flags & kCacheLineValid) && line->address == line_address &&
+        (line->generation == cache->generation || (line->flags & kCacheLineKeep)))
+      return line;
   }
   return nullptr;
 }
@@ -34,15 +39,16 @@ static MemoryCacheLine *FillLine(MemoryCache *cache, u64 line_address) {
   MemoryCacheLine *line = &cache->lines[set][way];
   line->flags = 0;
   cache->line_fills++;
-  if (cache->read(cache->read_context, line_address, line->data, kMemoryCacheLineBytes) != 0) return nullptr;
+  if (!cache->read(cache->read_context, line_address, line->data, kMemoryCacheLineBytes)) return nullptr;
   line->address = line_address;
   line->flags = kCacheLineValid;
+  line->generation = cache->generation;
   return line;
 }
 
-int MemoryCacheRead(MemoryCache *cache, u64 address, void *buffer, u32 size) {
-  if (!cache->read) return 1;
-  if (size == 0) return 0;
+bool MemoryCacheRead(MemoryCache *cache, u64 address, void *buffer, u32 size) {
+  if (!cache->read) return false;
+  if (size == 0) return true;
   if (cache->read_directly || address + size < address) return cache->read(cache->read_context, address, buffer, size);
   u8 *out = (u8 *)buffer;
   u64 at = address;
@@ -56,7 +62,7 @@ int MemoryCacheRead(MemoryCache *cache, u64 address, void *buffer, u32 size) {
     if (!line) line = FillLine(cache, line_address);
     if (!line) {
       // The line crosses into memory that cannot be read: read what was asked for directly.
-      if (cache->read(cache->read_context, at, out, take) != 0) return 1;
+      if (!cache->read(cache->read_context, at, out, take)) return false;
     } else {
       memcpy(out, line->data + within, take);
     }
@@ -64,7 +70,7 @@ int MemoryCacheRead(MemoryCache *cache, u64 address, void *buffer, u32 size) {
     at += take;
     left -= take;
   }
-  return 0;
+  return true;
 }
 
 void MemoryCacheNoteWrite(MemoryCache *cache, u64 address, const void *bytes, u32 size) {

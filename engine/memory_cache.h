@@ -1,7 +1,8 @@
-// A small set-associative cache of target memory, one per stop generation. The engine keeps two
-// and switches at every stop, so everything read while the target was stopped before is dropped
-// in one pass over the line flags, and reads repeated within one stop (the byte under the
-// instruction pointer, stack walks, watch values) cost one system call per 64-byte line.
+// A small set-associative cache of target memory. A line holds bytes of one generation (the engine
+// ends a generation at every ContinueDebugEvent, when the target may change its memory), so a
+// new generation drops every line at once; reads repeated within one (the byte under the
+// instruction pointer, stack walks, watch values) cost one system call per 64-byte line. The
+// engine keeps two caches and switches at every visible stop, so the previous stop's bytes stay.
 #pragma once
 #include "base/types.h"
 
@@ -17,12 +18,13 @@ enum : u16 {
   kCacheLineValid = 1 << 2,  // data holds the line's bytes
 };
 
-typedef int (*MemoryReadFn)(void *context, u64 address, void *buffer, u32 size);  // 0: all read
+typedef bool (*MemoryReadFn)(void *context, u64 address, void *buffer, u32 size);  // true: all read
 
 typedef struct MemoryCacheLine {
   u64 address;  // of the line's first byte
   u16 flags;
-  u8 padding[6];
+  u16 padding;
+  u32 generation;  // the cache's generation when the line was filled
   u8 data[kMemoryCacheLineBytes];
 } MemoryCacheLine;
 
@@ -32,14 +34,17 @@ typedef struct MemoryCache {
   MemoryReadFn read;
   void *read_context;
   u8 read_directly;  // bypass the lines (reads that must see the target as it is now)
+  u32 generation;    // lines of another generation are not valid (unless kept)
   u64 line_fills;    // system reads made to fill lines
 } MemoryCache;
 
 void MemoryCacheInit(MemoryCache *cache, MemoryReadFn read, void *read_context);
-// Drops every line that is not marked to be kept.
+// Drops every line that is not marked to be kept: one pass over the flags.
 void MemoryCacheInvalidate(MemoryCache *cache);
-// Reads size bytes; 0 when all of them were read. A line that cannot be read whole falls back to
+// Starts a new generation: every line not marked to be kept is dropped, at no cost.
+void MemoryCacheNewGeneration(MemoryCache *cache);
+// Reads size bytes; true when all of them were read. A line that cannot be read whole falls back to
 // a direct read of just the bytes asked for.
-int MemoryCacheRead(MemoryCache *cache, u64 address, void *buffer, u32 size);
+bool MemoryCacheRead(MemoryCache *cache, u64 address, void *buffer, u32 size);
 // Brings the cache in line with a write the engine made to target memory.
 void MemoryCacheNoteWrite(MemoryCache *cache, u64 address, const void *bytes, u32 size);

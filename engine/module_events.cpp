@@ -5,11 +5,15 @@
 
 #include "engine/engine_internal.h"
 
-// [SECTION] Image source over the event's file handle and the target's memory
+#include <psapi.h>
+
+// [SECTION] Image sources
 
 typedef struct ImageHandles {
   HANDLE file;
   HANDLE process;
+  u64 base;
+  const PeImage *layout;  // memory only: the section table that maps file offsets to rvas
 } ImageHandles;
 
 static int ReadImageFile(void *context, u64 offset, void *buffer, u32 size) {
@@ -29,16 +33,62 @@ static int ReadImageMapped(void *context, u64 load_base, u32 rva, void *buffer, 
   return got == size ? 0 : 1;
 }
 
+// The image as the loader mapped it, read as if it were the file: the headers lie at the same
+// offsets; past them a file offset is found in the section that holds it (once the section table
+// is known) and read at its rva.
+static int ReadImageFromMemory(void *context, u64 offset, void *buffer, u32 size) {
+  ImageHandles *h = (ImageHandles *)context;
+  u64 rva = offset;
+  if (h->layout) {
+    for (u32 i = 0; i < h->layout->section_count; i++) {
+      const PeSectionHeader *s = &h->layout->sections[i];
+      if (offset >= s->raw_offset && offset + size <= (u64)s->raw_offset + s->raw_size) {
+        rva = s->virtual_address + (offset - s->raw_offset);
+        break;
+      }
+    }
+  }
+  if (rva > 0xFFFFFFFFull) return 1;
+  return ReadImageMapped(context, h->base, (u32)rva, buffer, size);
+}
+
 // The image's path as the system names it, without the "\\?\" prefix, in UTF-8; "" when unknown.
+static void Utf8Path(const wchar_t *wide, char *out, u32 capacity) {
+  out[0] = 0;
+  const wchar_t *path = wide;
+  if (wide[0] == L'\\' && wide[1] == L'\\' && wide[2] == L'?' && wide[3] == L'\\') path += 4;
+  int bytes = WideCharToMultiByte(CP_UTF8, 0, path, -1, out, (int)capacity, nullptr, nullptr);
+  if (bytes <= 0) out[0] = 0;
+}
+
 static void ImagePathOfHandle(HANDLE file, char *out, u32 capacity) {
   out[0] = 0;
   wchar_t wide[kModulePathCapacity + 8];
   DWORD n = GetFinalPathNameByHandleW(file, wide, (DWORD)KTRN_ARRAY_COUNT(wide), 0);
   if (n == 0 || n >= KTRN_ARRAY_COUNT(wide)) return;
-  const wchar_t *path = wide;
-  if (n >= 4 && wide[0] == L'\\' && wide[1] == L'\\' && wide[2] == L'?' && wide[3] == L'\\') path += 4;
-  int bytes = WideCharToMultiByte(CP_UTF8, 0, path, -1, out, (int)capacity, nullptr, nullptr);
-  if (bytes <= 0) out[0] = 0;
+  Utf8Path(wide, out, capacity);
+}
+
+// The path of the image at base as the process knows it: the main image's through the process,
+// any other through the loaded-module list. "" when the system does not say.
+static void ImagePathInProcess(Target *target, u64 base, char *out, u32 capacity) {
+  out[0] = 0;
+  wchar_t wide[kModulePathCapacity + 8];
+  DWORD n = (DWORD)KTRN_ARRAY_COUNT(wide);
+  bool found = base == target->main_image_base
+                   ? QueryFullProcessImageNameW(target->process, 0, wide, &n) != 0
+                   : (n = K32GetModuleFileNameExW(target->process, (HMODULE)(uintptr_t)base, wide, n)) != 0;
+  if (!found || n == 0 || n >= KTRN_ARRAY_COUNT(wide)) return;
+  wide[n] = 0;
+  Utf8Path(wide, out, capacity);
+}
+
+static HANDLE OpenImage(const char *path) {
+  if (!path[0]) return nullptr;
+  wchar_t wide[kModulePathCapacity + 8];
+  if (MultiByteToWideChar(CP_UTF8, 0, path, -1, wide, (int)KTRN_ARRAY_COUNT(wide)) <= 0) return nullptr;
+  HANDLE file = CreateFileW(wide, GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+  return file == INVALID_HANDLE_VALUE ? nullptr : file;
 }
 
 // [SECTION] Load and unload
@@ -54,18 +104,11 @@ static void PostModuleEvent(Target *target, u32 kind, TargetModule *module, u64 
   EnginePostEvent(target, &event);
 }
 
-int EngineLoadModule(Target *target, HANDLE file, u64 base, TargetModule **out_module) {
-  if (out_module) *out_module = nullptr;
+static int LoadModuleFrom(Target *target, const ImageSource *source, const char *path, u64 base,
+                          TargetModule **out_module) {
   TargetModule *module = TargetModuleTake(target);
   if (!module) return 0;  // more images than the pool holds: the rest run unmodelled
-  ImageHandles handles = {file, target->process};
-  ImageSource source;
-  source.context = &handles;
-  source.read_file = ReadImageFile;
-  source.read_mapped = ReadImageMapped;
-  char path[kModulePathCapacity];
-  ImagePathOfHandle(file, path, sizeof path);
-  int result = LoadModuleSymbols(&module->symbols, &source, path, base, nullptr);
+  int result = LoadModuleSymbols(&module->symbols, source, path, base, nullptr);
   if (result != 0) {
     TargetModuleRelease(target, module);
     return result;
@@ -74,6 +117,41 @@ int EngineLoadModule(Target *target, HANDLE file, u64 base, TargetModule **out_m
   PostModuleEvent(target, kEventModuleLoaded, module, base);
   if (out_module) *out_module = module;
   return 0;
+}
+
+int EngineLoadModuleFromMemory(Target *target, u64 base, const char *path, TargetModule **out_module) {
+  if (out_module) *out_module = nullptr;
+  // Twice: the first read gives the section table, the second reads what lies past the headers
+  // (the CodeView record) where the loader put it.
+  static_assert(sizeof(PeImage) < 8192, "the layout is read on the stack");
+  PeImage layout;
+  ImageHandles handles = {nullptr, target->process, base, nullptr};
+  ImageSource source = {&handles, ReadImageFromMemory, ReadImageMapped};
+  int result = PeReadImage(&source, base, &layout);
+  if (result != 0) return result;
+  handles.layout = &layout;
+  return LoadModuleFrom(target, &source, path ? path : "", base, out_module);
+}
+
+int EngineLoadModule(Target *target, HANDLE file, u64 base, TargetModule **out_module) {
+  if (out_module) *out_module = nullptr;
+  char path[kModulePathCapacity];
+  bool opened = false;
+  if (file) {
+    ImagePathOfHandle(file, path, sizeof path);
+  } else {
+    // No file handle came with the event (an attach may bring none): the file by its path, else
+    // the image in the target's memory.
+    ImagePathInProcess(target, base, path, sizeof path);
+    file = OpenImage(path);
+    opened = file != nullptr;
+    if (!file) return EngineLoadModuleFromMemory(target, base, path, out_module);
+  }
+  ImageHandles handles = {file, target->process, base, nullptr};
+  ImageSource source = {&handles, ReadImageFile, ReadImageMapped};
+  int result = LoadModuleFrom(target, &source, path, base, out_module);
+  if (opened) CloseHandle(file);
+  return result;
 }
 
 void EngineUnloadModule(Target *target, u64 base) {

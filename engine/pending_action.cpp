@@ -4,15 +4,15 @@
 
 #include "engine/engine.h"
 
-int PendingActionSet(PendingAction *pending, u32 kind, u32 process_id, u8 continue_after, const char *path) {
+EngineResult PendingActionSet(PendingAction *pending, u32 kind, u32 process_id, u8 continue_after, const char *path) {
   u64 length = path ? strlen(path) : 0;
-  if (length >= sizeof pending->path) return 33;
+  if (length >= sizeof pending->path) return kEngineTextTooLong;
   memset(pending, 0, sizeof *pending);
   pending->kind = kind;
   pending->process_id = process_id;
   pending->continue_after = continue_after;
   if (path) memcpy(pending->path, path, length + 1);
-  return 0;
+  return kEngineOk;
 }
 
 bool PendingActionTake(PendingAction *pending, u32 event_kind, PendingAction *out) {
@@ -23,16 +23,16 @@ bool PendingActionTake(PendingAction *pending, u32 event_kind, PendingAction *ou
   return true;
 }
 
-int PendingActionEndRunThen(PendingAction *pending, Target *target, u32 kind, u32 process_id, u8 continue_after,
-                            const char *path) {
+EngineResult PendingActionEndRunThen(PendingAction *pending, Target *target, u32 kind, u32 process_id,
+                                     u8 continue_after, const char *path) {
   PendingAction next;
-  int result = PendingActionSet(&next, kind, process_id, continue_after, path);
-  if (result != 0) return result;
+  EngineResult result = PendingActionSet(&next, kind, process_id, continue_after, path);
+  if (result != kEngineOk) return result;
   result = EngineTerminate(target, 0);
   // The process may have exited already, its exit event not yet popped: that event still comes
   // and carries the action out.
-  if (result == 3 && target->exited) result = 0;
-  if (result != 0) return result;
+  if (result == kEngineNoProcess && target->exited) result = kEngineOk;
+  if (result != kEngineOk) return result;
   *pending = next;
-  return 0;
+  return kEngineOk;
 }

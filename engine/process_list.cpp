@@ -1,5 +1,7 @@
 #include "engine/process_list.h"
 
+#include "base/os.h"
+
 #include <windows.h>
 #include <psapi.h>
 
@@ -25,11 +27,11 @@ static bool NameOf64BitProcess(DWORD id, char *out, u32 capacity) {
   return ok;
 }
 
-int ProcessListRefresh(ProcessList *list) {
+EngineResult ProcessListRefresh(ProcessList *list) {
   list->count = 0;
-  static DWORD ids[kProcessListCapacity];
+  DWORD *ids = (DWORD *)list->ids;
   DWORD bytes = 0;
-  if (!K32EnumProcesses(ids, sizeof ids, &bytes)) return 37;
+  if (!K32EnumProcesses(ids, sizeof list->ids, &bytes)) return kEngineSystemCallFailed;
   u32 n = bytes / sizeof(DWORD);
   for (u32 i = 0; i < n && list->count < kProcessListCapacity; i++) {
     ProcessEntry *e = &list->entries[list->count];
@@ -37,7 +39,7 @@ int ProcessListRefresh(ProcessList *list) {
     e->id = ids[i];
     list->count++;
   }
-  return 0;
+  return kEngineOk;
 }
 
 static int CompareByName(const void *a, const void *b) {
@@ -72,9 +74,13 @@ bool ProcessListMatches(const ProcessEntry *entry, const char *filter) {
 }
 
 u32 ProcessFindByName(const char *name) {
-  static ProcessList list;
-  if (ProcessListRefresh(&list) != 0) return 0;
-  for (u32 i = 0; i < list.count; i++)
-    if (_stricmp(list.entries[i].name, name) == 0) return list.entries[i].id;
-  return 0;
+  // The list is large (a name per process): pages of its own for the look-up, not the stack.
+  ProcessList *list = (ProcessList *)OsMemoryAllocate(sizeof(ProcessList));
+  if (!list) return 0;
+  u32 id = 0;
+  if (ProcessListRefresh(list) == kEngineOk)
+    for (u32 i = 0; i < list->count && !id; i++)
+      if (_stricmp(list->entries[i].name, name) == 0) id = list->entries[i].id;
+  OsMemoryRelease(list, sizeof(ProcessList));
+  return id;
 }

@@ -2,6 +2,7 @@
 // since WOW64 processes cannot be debugged by this engine.
 #pragma once
 #include "base/types.h"
+#include "engine/engine_result.h"
 
 enum : u32 {
   kProcessListCapacity = 2048,
@@ -15,6 +16,7 @@ typedef struct ProcessEntry {
 
 typedef struct ProcessList {
   u32 count;
+  u32 ids[kProcessListCapacity];  // the system's answer, before the filtering
   ProcessEntry entries[kProcessListCapacity];
 } ProcessList;
 
@@ -22,7 +24,7 @@ enum ProcessSort : u32 { kSortByName = 0, kSortById = 1 };
 
 // Fills the list with every process that can be opened for query and read, is not WOW64, and has
 // a first module. 0, or 37 when the system does not enumerate.
-int ProcessListRefresh(ProcessList *list);
+EngineResult ProcessListRefresh(ProcessList *list);
 void ProcessListSort(ProcessList *list, u32 sort);
 // Whether the row "%5u %s" shows for the filter: every filter character in order, ignoring case
 // (an empty filter shows every row); "12" also matches by the process id's digits.

@@ -13,14 +13,14 @@ static void *TakeBlock(Target *target, u64 size) {
   return SymbolArenaAllocate(&target->arena, AlignUp(size, 64));
 }
 
-static int ReadTargetMemory(void *context, u64 address, void *buffer, u32 size) {
+static bool ReadTargetMemory(void *context, u64 address, void *buffer, u32 size) {
   Target *target = (Target *)context;
   SIZE_T got = 0;
-  if (!ReadProcessMemory(target->process, (const void *)(uintptr_t)address, buffer, size, &got)) return 1;
-  return got == size ? 0 : 1;
+  if (!ReadProcessMemory(target->process, (const void *)(uintptr_t)address, buffer, size, &got)) return false;
+  return got == size;
 }
 
-int TargetInit(Target *target) {
+EngineResult TargetInit(Target *target) {
   memset(target, 0, sizeof *target);
   // Everything the run needs comes from the target's arena now; the pages of the pools are
   // committed but stay untouched (and cost nothing) until a record is first used.
@@ -54,7 +54,8 @@ int TargetInit(Target *target) {
   if (!target->event_ring || !target->text_ring || !target->command_ring || !threads || !modules || !contexts ||
       !target->caches[0] || !target->caches[1] || !target->evaluation_requests) {
     SymbolArenaRelease(&target->arena);
-    return 9;
+    memset(target, 0, sizeof *target);
+    return kEngineInitFailed;
   }
   target->event_size = kEventRingBytes;
   target->text_size = kTextRingBytes;
@@ -76,10 +77,11 @@ int TargetInit(Target *target) {
         context = (CONTEXT *)buffer;
         context->ContextFlags = kPlainContextFlags;
       }
-      t->context[b] = context;
+      t->slots[b].context = context;
     }
   }
   target->free_threads = &threads[0];
+  target->thread_pool = threads;
   for (u32 i = 0; i < kModulePoolCount; i++) modules[i].next = i + 1 < kModulePoolCount ? &modules[i + 1] : nullptr;
   target->free_modules = &modules[0];
   target->module_pool = modules;
@@ -88,7 +90,8 @@ int TargetInit(Target *target) {
   MemoryCacheInit(target->caches[0], ReadTargetMemory, target);
   MemoryCacheInit(target->caches[1], ReadTargetMemory, target);
   target->continue_status = DBG_CONTINUE;
-  return 0;
+  target->generation = 1;
+  return kEngineOk;
 }
 
 void TargetRelease(Target *target) {
@@ -98,9 +101,8 @@ void TargetRelease(Target *target) {
   if (target->module_pool)
     for (u32 i = 0; i < kModulePoolCount; i++)
       if (target->module_pool[i].symbols.arena.newest) UnloadModuleSymbols(&target->module_pool[i].symbols);
-  target->modules = target->last_module = nullptr;
-  target->threads = target->last_thread = nullptr;
   SymbolArenaRelease(&target->arena);
+  memset(target, 0, sizeof *target);
 }
 
 // [SECTION] Threads
@@ -112,10 +114,12 @@ TargetThread *TargetThreadCreate(Target *target, HANDLE handle, u32 id, u64 star
     return nullptr;
   }
   target->free_threads = t->next;
-  CONTEXT *kept[2] = {t->context[0], t->context[1]};
-  memset(t, 0, offsetof(TargetThread, context));
-  t->context[0] = kept[0];
-  t->context[1] = kept[1];
+  memset(t, 0, offsetof(TargetThread, slots));
+  for (ThreadContextSlot &slot : t->slots) {
+    CONTEXT *kept = slot.context;
+    memset(&slot, 0, sizeof slot);
+    slot.context = kept;
+  }
   t->target = target;
   t->handle = handle;
   t->id = id;
@@ -169,6 +173,7 @@ TargetModule *TargetModuleTake(Target *target) {
   TicketLockRelease(&target->lock);
   if (!m) return nullptr;
   memset(m, 0, sizeof *m);
+  m->in_use = 1;  // until given back: a second release of the same record does nothing
   return m;
 }
 
@@ -196,7 +201,8 @@ void TargetModuleUnlink(Target *target, TargetModule *m) {
 }
 
 void TargetModuleRelease(Target *target, TargetModule *m) {
-  if (!target || !m) return;
+  if (!target || !m || !target->module_pool) return;
+  if (m < target->module_pool || m >= target->module_pool + kModulePoolCount || !m->in_use) return;
   UnloadModuleSymbols(&m->symbols);
   m->in_use = 0;
   TicketLockAcquire(&target->lock);
@@ -219,10 +225,25 @@ TargetModule *TargetFindModuleByBase(Target *target, u64 base) {
 
 // [SECTION] Memory
 
-int TargetReadMemory(Target *target, u64 address, void *buffer, u32 size) {
+bool TargetReadMemory(Target *target, u64 address, void *buffer, u32 size) {
   return MemoryCacheRead(TargetCache(target), address, buffer, size);
 }
 
-int TargetReadMemoryDirect(Target *target, u64 address, void *buffer, u32 size) {
+bool TargetReadMemoryDirect(Target *target, u64 address, void *buffer, u32 size) {
   return ReadTargetMemory(target, address, buffer, size);
+}
+
+bool TargetWriteMemory(Target *target, u64 address, const void *bytes, u32 size) {
+  SIZE_T written = 0;
+  bool ok = WriteProcessMemory(target->process, (void *)(uintptr_t)address, bytes, size, &written) && written == size;
+  FlushInstructionCache(target->process, (const void *)(uintptr_t)address, size);
+  // Both caches: the previous stop's copy must not show a byte the engine put there itself.
+  if (ok)
+    for (MemoryCache *cache : target->caches) MemoryCacheNoteWrite(cache, address, bytes, size);
+  return ok;
+}
+
+void TargetEndGeneration(Target *target) {
+  target->generation++;
+  MemoryCacheNewGeneration(TargetCache(target));
 }

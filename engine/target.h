@@ -1,7 +1,7 @@
 // The debuggee of the current debugging run and its model: threads from a fixed pool, modules
 // with their symbols, the event, text and command rings, and the wait objects shared with the
-// user-interface thread. One Target exists per run; it is made zero-filled at the start of the run
-// and released after the run ends.
+// user-interface thread. One Target exists for the whole program: it is cleared and rebuilt at the
+// start of every run and cleared again at its release, never freed.
 //
 // Records: TargetModule, TargetThread, EngineRequest, Target; then
 // [SECTION] Target model (target.cpp)
@@ -13,6 +13,7 @@
 
 #include "base/arena.h"
 #include "engine/engine_event.h"
+#include "engine/engine_result.h"
 #include "engine/memory_cache.h"
 #include "engine/ticket_lock.h"
 #include "symbols/module_symbols.h"
@@ -27,6 +28,7 @@ enum : u32 {
   kEventSlotBytes = 80,
   kCommandSlotBytes = 16,
   kWaitObjectCount = 8,
+  kBreakInThreadCapacity = 16,
   kFullContextFlags = 0x10005F,  // every register group plus the extended state
   kPlainContextFlags = 0x10001F, // every register group, no extended state
 };
@@ -73,6 +75,36 @@ typedef struct TargetModule {
 static inline u64 TargetModuleBase(const TargetModule *m) { return m->symbols.load_base; }
 static inline u64 TargetModuleEnd(const TargetModule *m) { return m->symbols.extent_end; }
 
+// Which parts of a thread's context buffer differ from the thread's own registers.
+enum ContextDirty : u8 {
+  kContextClean = 0,
+  kContextIpOnly = 1,  // only the instruction pointer: nothing to write when it is back as read
+  kContextDirty = 2,
+};
+
+// The extended-state features located in a context buffer (the system's feature numbers beside).
+enum ContextFeature : u32 {
+  kFeatureSse = 0,       // 1: XMM0-15 (legacy SSE)
+  kFeatureAvx = 1,       // 2: upper halves of YMM0-15
+  kFeatureOpmask = 2,    // 5: K0-K7
+  kFeatureZmmHigh = 3,   // 6: upper halves of ZMM0-15
+  kFeatureZmmUpper = 4,  // 7: ZMM16-31, whole
+  kFeatureCount = 5,
+};
+
+// One of a thread's two context buffers. It holds registers read in one target generation (every
+// ContinueDebugEvent ends one), so registers read while the target was stopped at an earlier event
+// are never taken for the current ones.
+typedef struct ThreadContextSlot {
+  CONTEXT *context;  // in the slot's buffer, placed by InitializeContext (or a plain CONTEXT)
+  u64 generation;    // the target generation of the registers held; 0 when never read
+  u64 ip_as_read;    // the instruction pointer as the system gave it
+  u8 dirty;          // ContextDirty
+  u8 padding[3];
+  u32 feature_bytes[kFeatureCount];
+  u8 *features[kFeatureCount];  // located in the buffer at the read; null when absent
+} ThreadContextSlot;
+
 typedef struct TargetThread {
   struct TargetThread *next;
   struct TargetThread *previous;
@@ -86,12 +118,9 @@ typedef struct TargetThread {
   u8 frozen;
   u8 solo;
   u8 stack_overflow_seen;
-  u32 context_index;   // 0 or 1: the buffer of the current stop
-  u8 context_read[2];  // the buffer holds registers read at this stop
-  u8 context_dirty;    // 1: the buffer differs from the thread's registers; 2: only in the instruction pointer
-  u8 padding;
-  u64 rip_as_read;     // instruction pointer when the buffer was read
-  u64 int3_at_stop;    // the program's own int3 this thread stopped at, 0 when none
+  u32 context_index;   // 0 or 1: the buffer of the current stop; the other holds the previous stop's
+  s32 priority;        // as the system gave it at the last stop
+  u64 int3_at_stop;    // the program's own int3 this thread stopped at (its Rip is one past), 0 when none
   // The function at the instruction pointer, reused while the pointer stays in [start, end).
   TargetModule *ip_module;
   const void *ip_function;
@@ -101,7 +130,7 @@ typedef struct TargetThread {
   s32 selected_frame;
   char name[kThreadNameCapacity];
   // Kept when the record is reused: its two context buffers, prepared once.
-  CONTEXT *context[2];
+  ThreadContextSlot slots[2];
 } TargetThread;
 
 typedef struct EngineRequest {  // one 16-byte entry of the command ring
@@ -122,6 +151,8 @@ typedef void *(WINAPI *LocateXStateFeatureFn)(CONTEXT *, DWORD, DWORD *);
 typedef struct Target {
   // [wait objects] shared with the UI thread
   HANDLE wait_objects[kWaitObjectCount];
+  // The stop each command was signalled for (kAnyStop: whichever comes); see EngineWaitCommand.
+  volatile u32 quoted_stop[kWaitObjectCount];
   HANDLE engine_thread;
   EngineWakeFn wake;
   void *wake_user;
@@ -156,31 +187,41 @@ typedef struct Target {
   TargetModule *free_modules;  // guarded by the ticket lock: the UI returns unloaded modules
 
   // [threads]
-  TargetThread *current_thread;
+  TargetThread *event_thread;    // the thread whose event is held at a stop (none while running)
+  TargetThread *current_thread;  // the thread the user looks at during a stop (none while running)
   TargetThread *free_threads;
   TargetThread *threads;
   TargetThread *last_thread;
   TargetThread *last_event_thread;
+  TargetThread *thread_pool;
   u32 thread_count;
   u32 threads_not_modelled;  // created while the pool was empty
+  // Threads that only raise a break-in (DebugBreakProcess, an attach): never modelled.
+  u32 break_in_threads[kBreakInThreadCapacity];
+  u32 break_in_thread_count;
 
   // [breakpoints, stepping, evaluation] filled by the later parts of the engine
-  void *breakpoint_locations;
-  u64 processor_slots[4];
   struct EvaluationRequests *evaluation_requests;
-  void *free_result_nodes;
-  u64 step_over_address;
-  u8 step_saved_byte;
-  u8 reinsert_after_step;
 
   // [flags] written by the UI thread, read by the engine
-  volatile u8 user_break_requested;
-  volatile u8 internal_break_requested;
-  volatile u8 ending;
+  volatile u8 user_break_requested;  // a break the user asked for and has not seen yet
+  volatile u8 ending;                // EndingKind: stop debugging or terminate asked for
   u8 collapse_stack_overflow;
+  // Set by the engine between ContinueDebugEvent and the next event: only then does a break-in
+  // go out (DebugBreakProcess while the target sits at an event can end it under Wine); at an
+  // event the engine takes a waiting break or request itself before it continues.
+  volatile u8 target_running;
+  volatile s32 break_ins_outstanding;  // DebugBreakProcess calls whose break-in has not arrived
   s32 requested_frame;
 
-  TicketLock lock;  // guards the three rings and the module free list
+  TicketLock lock;  // guards the three rings, the module free list and the evaluation requests
+  // Held by the engine while it serves a command at a stop, and by the user interface while it
+  // reads or changes the model at a stop (see event_loop.cpp).
+  SRWLOCK model_lock;
+
+  // [generations]
+  u64 generation;      // ended by every ContinueDebugEvent: registers and memory read in it are current
+  u32 stop_generation; // counts visible stops; every stop event carries it, every command quotes it
 
   // [memory caches]
   MemoryCache *caches[2];
@@ -203,17 +244,26 @@ typedef struct Target {
   u8 exited;
   u32 exit_code;
   DEBUG_EVENT event;  // the event being handled or held at a stop
-  EngineEvent held_stop_event;  // why the target stopped, posted when commands are served
+  EngineEvent held_stop_event;  // why the target stopped, posted once the model is rebuilt
   u8 stop_event_held;
   const LaunchDescription *launch;  // during start-up only
   HANDLE start_finished;
   u64 debug_events;  // counted, for tests and the benchmark
 } Target;
 
+enum : u32 { kAnyStop = 0xFFFFFFFF };
+
+enum EndingKind : u8 {
+  kEndingNone = 0,
+  kEndingDetach = 1,     // stop debugging: the engine detaches at its next command wait
+  kEndingTerminate = 2,  // terminate: the target runs on to its exit
+};
+
 // [SECTION] Target model (target.cpp)
-// Clears and rebuilds the target: rings, pools, memory caches, system entry points. 0 or 9.
-int TargetInit(Target *target);
-// Releases everything the target owns (modules' symbols included); the Target itself stays.
+// Clears and rebuilds the target: rings, pools, memory caches, system entry points.
+[[nodiscard]] EngineResult TargetInit(Target *target);
+// Releases everything the target owns (modules' symbols included) and clears it; the Target itself
+// stays, so a user interface that asks after the release finds no target.
 void TargetRelease(Target *target);
 
 TargetThread *TargetThreadCreate(Target *target, HANDLE handle, u32 id, u64 start_address, u64 tls_base);
@@ -223,7 +273,8 @@ TargetThread *TargetFindThread(Target *target, u32 thread_id);
 TargetModule *TargetModuleTake(Target *target);
 void TargetModuleLink(Target *target, TargetModule *module);
 void TargetModuleUnlink(Target *target, TargetModule *module);
-// Gives an unloaded module back (the UI calls this once it has shown the unload line).
+// Gives an unloaded module back (the UI calls this once it has shown the unload line). Nothing
+// happens for a module that is not one of this run's.
 void TargetModuleRelease(Target *target, TargetModule *module);
 TargetModule *TargetFindModule(Target *target, u64 address);
 TargetModule *TargetFindModuleByBase(Target *target, u64 base);
@@ -231,25 +282,37 @@ TargetModule *TargetFindModuleByBase(Target *target, u64 base);
 // [SECTION] Rings (event_ring.cpp)
 // Queues an event (never blocks: the oldest unread events are overwritten) and wakes the UI.
 void EnginePostEvent(Target *target, const EngineEvent *event);
-// Pops the oldest event into out (kind 0 when none). 1 when there is no target.
-int EnginePopEvent(Target *target, EngineEvent *out);
+// Pops the oldest event into out (kind 0 when none). kEngineNoTarget when there is no run.
+[[nodiscard]] EngineResult EnginePopEvent(Target *target, EngineEvent *out);
 // Text storage from the text ring; null when the text cannot be placed (it is then dropped).
 char *EngineTakeText(Target *target, u64 size);
 // Posts a text event for text taken from the ring.
 void EnginePostText(Target *target, const char *text, u32 length);
 // The command ring: queue from the UI side, drain on the debugger thread.
-int EngineRingPushRequest(Target *target, const EngineRequest *request);
-int EngineRingPopRequest(Target *target, EngineRequest *out);
+[[nodiscard]] EngineResult EngineRingPushRequest(Target *target, const EngineRequest *request);
+bool EngineRingPopRequest(Target *target, EngineRequest *out);
+bool EngineRingHasRequests(Target *target);
 
 // [SECTION] Target memory (target.cpp)
-int TargetReadMemory(Target *target, u64 address, void *buffer, u32 size);  // through the cache
-int TargetReadMemoryDirect(Target *target, u64 address, void *buffer, u32 size);
+// Reads through the memory cache of the current generation: the bytes as the target has them.
+[[nodiscard]] bool TargetReadMemory(Target *target, u64 address, void *buffer, u32 size);
+[[nodiscard]] bool TargetReadMemoryDirect(Target *target, u64 address, void *buffer, u32 size);
+// Writes target memory and the code cache, and brings both memory caches in line.
+[[nodiscard]] bool TargetWriteMemory(Target *target, u64 address, const void *bytes, u32 size);
 static inline MemoryCache *TargetCache(Target *target) { return target->caches[target->cache_index]; }
+// Ends the generation: called right after every ContinueDebugEvent.
+void TargetEndGeneration(Target *target);
 
 // [SECTION] Thread context (thread_context.cpp)
-// The thread's registers of this stop (read once per stop); null when they cannot be read.
+// The thread's registers of this generation, read from the system on first use; null when they
+// cannot be read.
 CONTEXT *ThreadContextGet(TargetThread *thread);
-// Writes the current buffer back when it was changed. 0 or 37.
-int ThreadContextFlush(TargetThread *thread);
-// Flips every thread to its other buffer, marked unread (at the top of a pass after a stop).
+// The slot of this generation when its registers have been read, else null (nothing is read).
+ThreadContextSlot *ThreadContextIfRead(TargetThread *thread);
+// Marks the current registers changed (kContextIpOnly or kContextDirty).
+void ThreadContextMarkDirty(TargetThread *thread, u8 how);
+// Writes the current buffer back when it was changed.
+[[nodiscard]] EngineResult ThreadContextFlush(TargetThread *thread);
+// Flips every thread to its other buffer (at the resume after a visible stop): the stop's
+// registers stay readable as the previous ones.
 void ThreadContextsFlip(Target *target);

@@ -1,40 +1,75 @@
-// Thread registers: two buffers per thread that alternate at every stop, each read from the system
-// at most once per stop and written back only when the engine changed it.
+// Thread registers: two buffers per thread, the current stop's and the previous stop's. The current
+// one is read from the system at most once per generation (every ContinueDebugEvent ends one) and
+// written back only when the engine or the user changed it.
+#include <string.h>
+
 #include "engine/target.h"
 
-static const DWORD64 kXStateAvxMask = 4;  // XSTATE_MASK_AVX
+// The extended features asked for: x87, SSE, AVX, the AVX-512 opmask registers, the upper halves
+// of ZMM0-15 and ZMM16-31 whole.
+static const DWORD64 kXStateFeatureMask = 0xE7;
+static const DWORD kFeatureIds[kFeatureCount] = {1, 2, 5, 6, 7};  // in ContextFeature order
+
+static void LocateFeatures(Target *target, ThreadContextSlot *slot) {
+  for (u32 f = 0; f < kFeatureCount; f++) {
+    slot->features[f] = nullptr;
+    slot->feature_bytes[f] = 0;
+    if (!target->locate_xstate_feature || slot->context->ContextFlags != kFullContextFlags) continue;
+    DWORD length = 0;
+    void *at = target->locate_xstate_feature(slot->context, kFeatureIds[f], &length);
+    if (at && length) {
+      slot->features[f] = (u8 *)at;
+      slot->feature_bytes[f] = length;
+    }
+  }
+}
 
 CONTEXT *ThreadContextGet(TargetThread *thread) {
-  u32 index = thread->context_index;
-  CONTEXT *context = thread->context[index];
-  if (thread->context_read[index]) return context;
   Target *target = thread->target;
+  ThreadContextSlot *slot = &thread->slots[thread->context_index];
+  if (slot->generation == target->generation) return slot->context;
+  CONTEXT *context = slot->context;
   context->ContextFlags = target->context_flags;
   if (target->context_flags == kFullContextFlags && target->set_xstate_features_mask)
-    target->set_xstate_features_mask(context, kXStateAvxMask);
+    target->set_xstate_features_mask(context, kXStateFeatureMask);
   if (!GetThreadContext(thread->handle, context)) {
     // Some systems refuse the extended state for some threads: the plain registers will do.
     context->ContextFlags = kPlainContextFlags;
     if (!GetThreadContext(thread->handle, context)) return nullptr;
   }
-  thread->context_read[index] = 1;
-  thread->context_dirty = 0;
-  thread->rip_as_read = context->Rip;
+  LocateFeatures(target, slot);
+  slot->generation = target->generation;
+  slot->dirty = kContextClean;
+  slot->ip_as_read = context->Rip;
+  // A thread stopped at the program's own int3 is shown at the int3; the system has it one past.
+  if (thread->int3_at_stop && context->Rip == thread->int3_at_stop + 1) {
+    context->Rip = thread->int3_at_stop;
+    slot->dirty = kContextIpOnly;
+  }
   return context;
 }
 
-int ThreadContextFlush(TargetThread *thread) {
-  if (!thread->context_dirty) return 0;
-  CONTEXT *context = thread->context[thread->context_index];
-  thread->context_dirty = 0;
-  thread->rip_as_read = context->Rip;
-  return SetThreadContext(thread->handle, context) ? 0 : 37;
+ThreadContextSlot *ThreadContextIfRead(TargetThread *thread) {
+  ThreadContextSlot *slot = &thread->slots[thread->context_index];
+  return slot->generation == thread->target->generation ? slot : nullptr;
+}
+
+void ThreadContextMarkDirty(TargetThread *thread, u8 how) {
+  ThreadContextSlot *slot = &thread->slots[thread->context_index];
+  if (how > slot->dirty) slot->dirty = how;
+}
+
+EngineResult ThreadContextFlush(TargetThread *thread) {
+  ThreadContextSlot *slot = ThreadContextIfRead(thread);
+  if (!slot || slot->dirty == kContextClean) return kEngineOk;
+  // Only the instruction pointer moved, and it is back where the system has it: nothing to write.
+  bool unchanged = slot->dirty == kContextIpOnly && slot->context->Rip == slot->ip_as_read;
+  slot->dirty = kContextClean;
+  if (unchanged) return kEngineOk;
+  slot->ip_as_read = slot->context->Rip;
+  return SetThreadContext(thread->handle, slot->context) ? kEngineOk : kEngineSystemCallFailed;
 }
 
 void ThreadContextsFlip(Target *target) {
-  for (TargetThread *t = target->threads; t; t = t->next) {
-    t->context_index ^= 1;
-    t->context_read[t->context_index] = 0;
-    t->context_dirty = 0;
-  }
+  for (TargetThread *t = target->threads; t; t = t->next) t->context_index ^= 1;
 }

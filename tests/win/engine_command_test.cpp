@@ -36,9 +36,11 @@ TEST(EngineCommands, ServedAtTheProgramsOwnInt3) {
   EXPECT_EQ((int)stop.event.stopped.location.line, MarkerLine("INT3_LINE"));
   u64 stop_address = stop.event.stopped.address;
 
-  // At the stop: the unparsed request's result is known; the parsed one waits for the evaluator.
+  // At the stop: the unparsed request's result is known, reported after the stop itself; the
+  // parsed one waits for the evaluator.
   PopInto(t, seen, kLeaveStopped);
   ASSERT_EQ(seen.Count(kEventEvaluation), 1);
+  EXPECT_LT(seen.First(kEventStopped), seen.First(kEventEvaluation));
   const EngineEvent &result = seen.First(kEventEvaluation)->event;
   EXPECT_EQ(result.evaluation.request, (void *)broken);
   EXPECT_EQ(result.evaluation.cookie, broken->cookie);

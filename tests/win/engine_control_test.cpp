@@ -92,8 +92,9 @@ TEST(EngineExceptions, ExceptionsThatNeverStop) {
     const char *strings;  // a pattern for the debug strings, one after another
   } cases[] = {
       {"cxx", 5,
-       "Exception thrown at 0x[0-9A-F]{16} in eng_target\\.exe: Microsoft C\\+\\+ exception: ktrn::parse_error at "
-       "memory location 0x(?!0{16})[0-9A-F]{16}\nafter cxx \\(1 handled\\)\n"},
+       // Pointers as %p prints them on Windows: 16 upper-case hexadecimal digits.
+       "Exception thrown at [0-9A-F]{16} in eng_target\\.exe: Microsoft C\\+\\+ exception: ktrn::parse_error at "
+       "memory location (?!0{16})[0-9A-F]{16}\nafter cxx \\(1 handled\\)\n"},
       {"cxxbad", 4, "after cxxbad \\(3 handled\\)\n"},
       {"unknown", 6, "after unknown \\(1 handled\\)\n"},
       {"shadow", 0xB0, ""},

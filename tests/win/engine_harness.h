@@ -25,6 +25,7 @@ struct Seen {
   std::vector<std::string> debug_strings;  // kind 5 texts
   bool ended = false;  // process exited or detached
   u32 exit_code = 0xFFFFFFFF;
+  u64 requests_served = 0;  // by the engine, as the run ended
   int Count(u32 kind, size_t from = 0) const {  // among the events from that index on
     int n = 0;
     for (size_t i = from; i < events.size(); i++) n += events[i].event.kind == kind;

@@ -168,6 +168,7 @@ TEST(EngineLaunch, FailuresToStartGiveTheirResults) {
   EXPECT_EQ(EngineStartLaunch(nullptr, nullptr, nullptr, &t, nullptr), 1);
   DeleteFileA(garbage.c_str());
   EXPECT_EQ(EngineStartAttach(0x7FFFFFF0u, nullptr, nullptr, &t), 37);
+  EXPECT_STREQ(EngineStartResultText(37), "attach refused by the system");
   EXPECT_EQ(t, nullptr);
   EXPECT_EQ(EngineStartAttach(0, nullptr, nullptr, &t), 1);
   EXPECT_EQ(EngineRun(nullptr), 1);

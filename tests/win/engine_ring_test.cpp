@@ -138,7 +138,7 @@ TEST(EngineHeap, NoHeapAllocationOnTheEventPath) {
     ASSERT_NE(t, nullptr);
     g_heap_calls = 0;
     g_counting = 1;  // this thread, which pops events and answers stops, is not counted
-    EngineRun(t);
+    EXPECT_EQ(EngineRun(t), 0);
     Seen seen;
     DriveToEnd(t, seen);
     g_counting = 0;
