@@ -63,3 +63,5 @@ void EngineUnlockModel(Target *target);
 // The thread's registers at this stop, read from the system on first use (under the model lock);
 // null when not stopped or unreadable. Valid until the target runs.
 const CONTEXT *EngineThreadContext(Target *target, TargetThread *thread);
+// Reads target memory at a stop (the program's own bytes). 26 when not stopped, 37 unreadable.
+EngineResult EngineReadMemory(Target *target, u64 address, void *buffer, u32 size);

@@ -338,6 +338,15 @@ const CONTEXT *EngineThreadContext(Target *target, TargetThread *thread) {
   return context;
 }
 
+EngineResult EngineReadMemory(Target *target, u64 address, void *buffer, u32 size) {
+  if (!buffer) return kEngineNoTarget;
+  EngineResult state = LockStopped(target);
+  if (state != kEngineOk) return NotStopped(state);
+  bool read = TargetReadMemory(target, address, buffer, size);
+  Unlock(target);
+  return read ? kEngineOk : kEngineSystemCallFailed;
+}
+
 bool EngineLockModel(Target *target) { return LockStopped(target) == kEngineOk; }
 
 bool EngineTryLockModel(Target *target) {

@@ -1,5 +1,5 @@
 // The engine's test program: one mode per scenario, chosen by the first argument.
-//   threads | strings | av | avraw | shadow | div0 | overflow | nullcall | int3 | int3loop N | int3tick N | strloop N | spin | many N | env | cwd | dll
+//   threads | strings | av | avraw | shadow | div0 | overflow | nullcall | int3 | int3loop N | int3tick N | count | strloop N | spin | many N | env | cwd | dll
 //   | cxx | cxxbad | unknown
 #include <windows.h>
 
@@ -79,6 +79,16 @@ static DWORD WINAPI ExitWithCode(void *code) { return (DWORD)(ULONG_PTR)code; }
 static DWORD WINAPI IdleThread(void *event) {
   WaitForSingleObject((HANDLE)event, INFINITE);
   return 0;
+}
+
+static volatile LONG g_counts[3];
+
+// Counts in its own slot for as long as it runs: the tests see which threads were let run.
+static DWORD WINAPI Counter(void *slot) {
+  for (;;) {
+    InterlockedIncrement(&g_counts[(ULONG_PTR)slot]);
+    Sleep(1);
+  }
 }
 
 static void RunThread(DWORD code) {
@@ -192,6 +202,19 @@ int main(int argc, char **argv) {
   if (!strcmp(mode, "many")) {
     for (int i = 0; i < count; i++) RunThread((DWORD)i);
     return 9;
+  }
+  if (!strcmp(mode, "count")) {
+    char line[64];
+    snprintf(line, sizeof line, "counts at %p\n", (void *)g_counts);
+    OutputDebugStringA(line);
+    CreateThread(nullptr, 0, Counter, (void *)0, 0, nullptr);
+    CreateThread(nullptr, 0, Counter, (void *)1, 0, nullptr);
+    for (int i = 0; i < 5; i++) {
+      Sleep(100);
+      __debugbreak();
+      if (i == 1) CreateThread(nullptr, 0, Counter, (void *)2, 0, nullptr);
+    }
+    return 0;
   }
   if (!strcmp(mode, "env")) return Env();
   if (!strcmp(mode, "cwd")) {
