@@ -53,6 +53,21 @@ EngineResult EngineRemoveEvaluationRequest(Target *target, EvaluationRequest *re
 // break-in (or at the stop the target is in); the operation does not wait for it.
 EngineResult EngineQueueRequest(Target *target, const EngineRequest *request);
 
+// [SECTION] Breakpoints (engine/breakpoints.h)
+// Each works at a stop (under the model lock) or, while the target runs, through the request
+// ring and a silent break-in: then the result says only that it was queued, and a breakpoint bound
+// later reports itself with kind 8.
+// Adds a function, line or address breakpoint: bound in the first loaded module that has the place,
+// else pending until one loads. 20 when a breakpoint sits at that address already (out names it),
+// 37 for an address no module section holds, 24 for a condition that does not parse (the
+// breakpoint is made, its condition kept as text with the parse error), 33 for a text too long.
+EngineResult EngineAddBreakpoint(Target *target, const BreakpointSpec *spec, BreakpointLocation **out);
+// 18 for a record that is not a live breakpoint.
+EngineResult EngineRemoveBreakpoint(Target *target, BreakpointLocation *bp);
+EngineResult EngineEnableBreakpoint(Target *target, BreakpointLocation *bp, u8 enabled);
+// At a stop only. An empty text removes the condition; 24 keeps a text that does not parse.
+EngineResult EngineSetBreakpointCondition(Target *target, BreakpointLocation *bp, const char *text);
+
 // [SECTION] Reading the stopped target
 // The model (threads, modules, registers, memory, breakpoints) is read or changed at a stop under
 // the model lock: the engine takes it for every command it serves, so what the user interface

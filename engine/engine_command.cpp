@@ -10,6 +10,7 @@
 
 #include "base/os.h"
 #include "engine/engine.h"
+#include "engine/engine_internal.h"
 #include "engine/engine_start.h"
 
 enum : u32 { kPathCapacity = 4096 };
@@ -141,7 +142,7 @@ static EngineResult NotStopped(EngineResult state) {
 }
 
 // Takes the model lock for an operation at a stop: kEngineOk with the lock held, else why not.
-static EngineResult LockStopped(Target *target) {
+EngineResult EngineLockStopped(Target *target) {
   if (!target) return kEngineNoTarget;
   EngineResult state = EngineStoppedState(target);
   if (state != kEngineOk) return state;
@@ -219,7 +220,7 @@ EngineResult EngineTerminate(Target *target, u32 exit_code) {
 }
 
 EngineResult EngineSelectThread(Target *target, u32 thread_id) {
-  EngineResult state = LockStopped(target);
+  EngineResult state = EngineLockStopped(target);
   if (state == kEngineNotSuspended) return kEngineOk;
   if (state != kEngineOk) return NotStopped(state);
   for (TargetThread *t = target->threads; t; t = t->next)
@@ -230,7 +231,7 @@ EngineResult EngineSelectThread(Target *target, u32 thread_id) {
 }
 
 static EngineResult ToggleFlag(Target *target, TargetThread *thread, bool solo) {
-  EngineResult state = LockStopped(target);
+  EngineResult state = EngineLockStopped(target);
   if (state != kEngineOk) return NotStopped(state);
   if (thread) {
     if (solo)
@@ -280,7 +281,7 @@ static EngineResult SetInstructionPointerLocked(Target *target, u64 address) {
 }
 
 EngineResult EngineSetInstructionPointer(Target *target, u64 address) {
-  EngineResult state = LockStopped(target);
+  EngineResult state = EngineLockStopped(target);
   if (state == kEngineNoTarget) return state;
   if (state != kEngineOk) return kEngineNotSuspended;
   EngineResult result = SetInstructionPointerLocked(target, address);
@@ -292,7 +293,7 @@ static EngineResult NextStatementLocked(Target *target, const char *path, u32 li
 
 EngineResult EngineSetNextStatement(Target *target, const char *path, u32 line) {
   if (!target || !path) return kEngineNoTarget;
-  EngineResult state = LockStopped(target);
+  EngineResult state = EngineLockStopped(target);
   if (state == kEngineNoTarget) return state;
   if (state != kEngineOk) return kEngineNotSuspended;
   EngineResult result = NextStatementLocked(target, path, line);
@@ -332,7 +333,7 @@ EngineResult EngineQueueRequest(Target *target, const EngineRequest *request) {
 // [SECTION] Reading the stopped target
 
 const CONTEXT *EngineThreadContext(Target *target, TargetThread *thread) {
-  if (!thread || LockStopped(target) != kEngineOk) return nullptr;
+  if (!thread || EngineLockStopped(target) != kEngineOk) return nullptr;
   const CONTEXT *context = ThreadContextGet(thread);
   Unlock(target);
   return context;
@@ -340,14 +341,14 @@ const CONTEXT *EngineThreadContext(Target *target, TargetThread *thread) {
 
 EngineResult EngineReadMemory(Target *target, u64 address, void *buffer, u32 size) {
   if (!buffer) return kEngineNoTarget;
-  EngineResult state = LockStopped(target);
+  EngineResult state = EngineLockStopped(target);
   if (state != kEngineOk) return NotStopped(state);
-  bool read = TargetReadMemory(target, address, buffer, size);
+  bool read = TargetReadProgramMemory(target, address, buffer, size);
   Unlock(target);
   return read ? kEngineOk : kEngineSystemCallFailed;
 }
 
-bool EngineLockModel(Target *target) { return LockStopped(target) == kEngineOk; }
+bool EngineLockModel(Target *target) { return EngineLockStopped(target) == kEngineOk; }
 
 bool EngineTryLockModel(Target *target) {
   if (!target || EngineStoppedState(target) != kEngineOk) return false;

@@ -90,9 +90,10 @@ typedef struct EngineEvent {
       u32 length;
     } text;
     struct {
-      void *location_record;
+      void *location_record;  // the BreakpointLocation
       u64 address;
       EngineSourceLocation location;
+      u32 thread_id;          // kind 6: the thread that hit it
     } breakpoint;
     struct {
       u32 slot;

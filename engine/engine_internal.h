@@ -3,6 +3,8 @@
 #pragma once
 #include "engine/target.h"
 
+enum : u32 { kTrapFlag = 0x100, kResumeFlag = 0x10000 };
+
 // What the handling of one debug event decided.
 enum EventOutcome : u32 {
   kOutcomeContinue = 0,    // continue the event with the target's continue status
@@ -40,6 +42,27 @@ void EngineMakeStopped(Target *target, TargetThread *thread, u32 reason, u64 add
 void EnginePostStopped(Target *target, TargetThread *thread, u32 reason, u64 address, s32 frame);
 // Keeps the event that says why the target stops, posted once the stop's model is rebuilt.
 void EngineHoldStopEvent(Target *target, const EngineEvent *event);
+
+// [SECTION] Breakpoints (breakpoints.cpp)
+// The bound software breakpoint at an address (armed, lifted or disabled), or null.
+BreakpointLocation *BreakpointAt(Target *target, u64 address);
+void BreakpointArm(Target *target, BreakpointLocation *bp);
+void BreakpointDisarm(Target *target, BreakpointLocation *bp);
+// Every int3 out of target memory (detach): the records stay, unarmed.
+void BreakpointsDisarmAll(Target *target);
+// Puts the program's own bytes over the int3s in bytes read at address.
+void BreakpointShowProgramBytes(Target *target, u64 address, u8 *bytes, u32 size);
+// Reads target memory as the program has it (no int3 of the engine's in it).
+bool TargetReadProgramMemory(Target *target, u64 address, void *buffer, u32 size);
+void BreakpointsOnModuleLoad(Target *target, TargetModule *module);
+void BreakpointsOnModuleUnload(Target *target, TargetModule *module);
+void EngineServeBreakpointRequest(Target *target, const EngineRequest *request);
+// Puts back the int3 a thread stepped over (its single step came, or will not come).
+void EngineRearmAfterStep(Target *target, TargetThread *thread);
+
+// [SECTION] Operations' helpers (engine_command.cpp, user-interface thread)
+// Takes the model lock for an operation at a stop: kEngineOk with the lock held, else why not.
+EngineResult EngineLockStopped(Target *target);
 
 // [SECTION] Evaluation requests (evaluation_request.cpp)
 // Reports the requests due (all of them when mark_all, as at a stop) with kind 3.

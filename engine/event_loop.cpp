@@ -86,6 +86,7 @@ static void HandleExitThread(Target *target, u32 thread_id, u32 exit_code) {
     }
   TargetThread *thread = TargetFindThread(target, thread_id);
   if (!thread) return;
+  EngineRearmAfterStep(target, thread);  // its single step over a breakpoint will not come
   EngineEvent event;
   memset(&event, 0, sizeof event);
   event.kind = kEventThreadExited;
@@ -118,10 +119,13 @@ static u32 HandleEvent(Target *target, DEBUG_EVENT *ev) {
       EnginePostEvent(target, &event);
       return kOutcomeEnd;
     }
-    case LOAD_DLL_DEBUG_EVENT:
-      EngineLoadModule(target, ev->u.LoadDll.hFile, (u64)(uintptr_t)ev->u.LoadDll.lpBaseOfDll, nullptr);
+    case LOAD_DLL_DEBUG_EVENT: {
+      TargetModule *module = nullptr;
+      EngineLoadModule(target, ev->u.LoadDll.hFile, (u64)(uintptr_t)ev->u.LoadDll.lpBaseOfDll, &module);
       if (ev->u.LoadDll.hFile) CloseHandle(ev->u.LoadDll.hFile);
+      if (module) BreakpointsOnModuleLoad(target, module);
       return kOutcomeContinue;
+    }
     case UNLOAD_DLL_DEBUG_EVENT:
       EngineUnloadModule(target, (u64)(uintptr_t)ev->u.UnloadDll.lpBaseOfDll);
       return kOutcomeContinue;
@@ -141,6 +145,13 @@ static u32 HandleEvent(Target *target, DEBUG_EVENT *ev) {
 void EngineServeRequests(Target *target) {
   EngineRequest request;
   while (EngineRingPopRequest(target, &request)) {
+    switch (request.kind) {
+      case kRequestAddBreakpoint:
+      case kRequestRemoveBreakpoint:
+      case kRequestEnableBreakpoint:
+        EngineServeBreakpointRequest(target, &request);
+        break;
+    }
     // Requests of a kind the engine does not know are taken off the ring and counted like the rest.
     target->requests_served++;
   }
@@ -303,6 +314,7 @@ static void RefreshThreadSnapshot(Target *target, TargetThread *thread) {
 // evaluation requests after it.
 static void StopSequence(Target *target) {
   target->stop_generation++;
+  EngineServeRequests(target);  // queued while the target ran on to this stop
   target->cache_index ^= 1;
   MemoryCacheNewGeneration(TargetCache(target));
   for (TargetThread *t = target->threads; t; t = t->next) {
@@ -328,8 +340,21 @@ static void PrepareHeldThread(Target *target) {
   t->int3_at_stop = 0;
   if (!slot) return;
   CONTEXT *context = slot->context;
+  u64 p = context->Rip;
+  // A breakpoint of the engine's under the instruction pointer: its int3 is lifted and the thread
+  // steps over the program's own instruction; the single step puts the int3 back.
+  BreakpointLocation *bp = BreakpointAt(target, p);
+  if (bp && bp->armed) {
+    BreakpointDisarm(target, bp);
+    if (!bp->armed) {
+      t->rearm_address = p;
+      context->EFlags |= kTrapFlag;
+      ThreadContextMarkDirty(t, kContextDirty);
+    }
+    return;
+  }
   u8 byte = 0;
-  if ((own_int3 && context->Rip == own_int3) || (TargetReadMemory(target, context->Rip, &byte, 1) && byte == 0xCC)) {
+  if ((own_int3 && p == own_int3) || (!bp && TargetReadMemory(target, p, &byte, 1) && byte == 0xCC)) {
     context->Rip += 1;
     ThreadContextMarkDirty(t, kContextIpOnly);
   }
@@ -385,23 +410,100 @@ static u32 TakeWhatWaits(Target *target) {
   return kOutcomeContinue;
 }
 
+static void ClearTrapFlag(TargetThread *t) {
+  CONTEXT *context = ThreadContextGet(t);
+  if (!context || !(context->EFlags & kTrapFlag)) return;
+  context->EFlags &= ~kTrapFlag;
+  ThreadContextMarkDirty(t, kContextDirty);
+}
+
+// Events that were already on their way when the int3s were taken out: a thread that met one
+// is put back on the program's byte, a single step the engine asked for is swallowed, the rest
+// goes on as the program would see it without a debugger. Under Wine a thread that has executed an
+// int3 reaches the debugger only after some microseconds, and a detach continues what has not
+// reached it as if handled (the thread then runs from the middle of an instruction): so the drain
+// lasts until the events pause for 50 ms (at most a second). True when the process exited.
+static bool DrainQueuedEvents(Target *target, u32 stepping_threads[], u32 stepping_count) {
+  DEBUG_EVENT ev;
+  ULONGLONG deadline = GetTickCount64() + 1000;
+  while (GetTickCount64() < deadline && target->wait_for_debug_event(&ev, 50)) {
+    DWORD status = DBG_CONTINUE;
+    switch (ev.dwDebugEventCode) {
+      case EXIT_PROCESS_DEBUG_EVENT:
+        target->exit_code = ev.u.ExitProcess.dwExitCode;
+        return true;
+      case CREATE_PROCESS_DEBUG_EVENT:
+        if (ev.u.CreateProcessInfo.hFile) CloseHandle(ev.u.CreateProcessInfo.hFile);
+        break;
+      case LOAD_DLL_DEBUG_EVENT:
+        if (ev.u.LoadDll.hFile) CloseHandle(ev.u.LoadDll.hFile);
+        break;
+      case EXCEPTION_DEBUG_EVENT: {
+        const EXCEPTION_RECORD *record = &ev.u.Exception.ExceptionRecord;
+        u64 at = (u64)(uintptr_t)record->ExceptionAddress;
+        TargetThread *t = TargetFindThread(target, ev.dwThreadId);
+        bool stepping = false;
+        for (u32 i = 0; i < stepping_count; i++) stepping |= stepping_threads[i] == ev.dwThreadId;
+        u8 byte = 0;
+        if (record->ExceptionCode == 0x80000003 && t && TargetReadMemoryDirect(target, at, &byte, 1) && byte != 0xCC) {
+          CONTEXT *context = ThreadContextGet(t);
+          if (context && context->Rip == at + 1) {
+            context->Rip = at;
+            ThreadContextMarkDirty(t, kContextDirty);
+            (void)ThreadContextFlush(t);
+          }
+        } else if (record->ExceptionCode == 0x80000004 && stepping) {
+          // the step the engine asked for: nothing of the program's
+        } else if (record->ExceptionCode != 0x80000003 && ev.u.Exception.dwFirstChance) {
+          status = DBG_EXCEPTION_NOT_HANDLED;
+        }
+        break;
+      }
+    }
+    ContinueDebugEvent(ev.dwProcessId, ev.dwThreadId, status);
+    TargetEndGeneration(target);
+  }
+  return false;
+}
+
 // Threads that the engine holds (frozen, or not the solo one) are let go first: a detached
-// program must not be left with threads nobody will resume. At the program's own int3 the
-// stopped thread goes on past it, as a resume would, instead of meeting it again undebugged.
+// program must not be left with threads nobody will resume. Every int3 of the engine's is taken
+// out and every trap flag it set cleared; the held thread goes on past the program's own int3, as
+// a resume would, or runs the program's byte under a breakpoint; events already queued are drained
+// the same way, so the detached program runs on correctly.
 void EngineDetach(Target *target, bool event_pending) {
   for (TargetThread *h = target->threads; h; h = h->next)
     if (h->suspended_by_engine && ResumeThread(h->handle) != (DWORD)-1) h->suspended_by_engine = 0;
-  PrepareHeldThread(target);
-  if (TargetThread *t = target->event_thread) {
-    ThreadContextSlot *slot = ThreadContextIfRead(t);
-    if (slot && (slot->context->EFlags & 0x100)) {
-      slot->context->EFlags &= ~0x100u;
-      ThreadContextMarkDirty(t, kContextDirty);
+  u32 stepping[64];
+  u32 stepping_count = 0;
+  for (TargetThread *t = target->threads; t; t = t->next)
+    if (t->rearm_address) {
+      ClearTrapFlag(t);
+      if (stepping_count < KTRN_ARRAY_COUNT(stepping)) stepping[stepping_count++] = t->id;
     }
-  }
+  // Only int3s and steps of the engine's leave events to drain: without any, nothing more of the
+  // program is seen after the held event.
+  bool drain = stepping_count > 0;
+  for (BreakpointLocation *b = target->breakpoints; b; b = b->next) drain |= b->armed != 0;
+  BreakpointsDisarmAll(target);
+  PrepareHeldThread(target);
+  if (TargetThread *t = target->event_thread) ClearTrapFlag(t);
   for (TargetThread *t = target->threads; t; t = t->next) (void)ThreadContextFlush(t);
   // The held event is let go before the detach, as the program would have seen it.
-  if (event_pending) ContinueDebugEvent(target->event.dwProcessId, target->event.dwThreadId, target->continue_status);
+  if (event_pending) {
+    ContinueDebugEvent(target->event.dwProcessId, target->event.dwThreadId, target->continue_status);
+    TargetEndGeneration(target);
+  }
+  if (drain && DrainQueuedEvents(target, stepping, stepping_count)) {
+    target->exited = 1;
+    EngineEvent event;
+    memset(&event, 0, sizeof event);
+    event.kind = kEventProcessExited;
+    event.process.exit_code = target->exit_code;
+    event.process.process_id = target->process_id;
+    EnginePostEvent(target, &event);
+    return;
+  }
   if (DebugSetProcessKillOnExit(FALSE)) DebugActiveProcessStop(target->process_id);
   target->detached = 1;
   EngineEvent event;

@@ -6,12 +6,15 @@
 // [SECTION] Sanitizer shadow memory
 // [SECTION] Reported exceptions
 // [SECTION] Break-ins
+// [SECTION] Breakpoint hits
 // [SECTION] The exception table
 #include <stdio.h>
 #include <string.h>
 
 #include "engine/cxx_type_name.h"
 #include "engine/engine_internal.h"
+
+static const u8 kInt3Byte = 0xCC;
 
 enum : u32 {
   kCodeBreakpoint = 0x80000003,
@@ -226,6 +229,34 @@ static u32 HandleBreakIn(Target *target) {
   return kOutcomeContinue;
 }
 
+// [SECTION] Breakpoint hits
+
+// The thread's instruction pointer back on the int3 it executed (the system has it one past).
+static void RewindToInt3(TargetThread *thread, u64 at) {
+  CONTEXT *context = ThreadContextGet(thread);
+  if (!context || context->Rip != at + 1) return;
+  context->Rip = at;
+  ThreadContextMarkDirty(thread, kContextIpOnly);
+}
+
+// A breakpoint of the user's was hit (the thread is back on its address). With a condition the hit
+// is counted; conditions are not evaluated yet, so every hit stops, as one whose condition could
+// not be evaluated does.
+static u32 BreakpointHit(Target *target, TargetThread *thread, BreakpointLocation *bp, u64 at) {
+  if (bp->condition[0]) bp->hit_count++;
+  target->user_break_requested = 0;  // this stop answers a break the user waits for
+  target->current_thread = thread;
+  EngineEvent event;
+  memset(&event, 0, sizeof event);
+  event.kind = kEventBreakpointHit;
+  event.breakpoint.location_record = bp;
+  event.breakpoint.address = at;
+  event.breakpoint.thread_id = thread->id;
+  event.breakpoint.location = bp->location;
+  EngineHoldStopEvent(target, &event);
+  return kOutcomeStop;
+}
+
 // [SECTION] The exception table
 
 // A breakpoint exception, by where it comes from: the loader's, a break-in thread's, or one of the
@@ -237,13 +268,25 @@ static u32 HandleBreakpoint(Target *target, TargetThread *thread, const EXCEPTIO
     return kOutcomeContinue;
   }
   if (!thread || EngineIsBreakInThread(target, target->event.dwThreadId)) return HandleBreakIn(target);
-  // While the run ends (stop debugging or terminate asked for) the program's own int3 is not
-  // reported and the target runs on to the break-in or the exit that ends the run; a thread the
-  // engine holds meets its int3 again once it is let go.
+  u64 at = (u64)(uintptr_t)record->ExceptionAddress;
+  BreakpointLocation *bp = BreakpointAt(target, at);
+  u8 byte = 0;
+  // An int3 of the engine's that the thread met before it was taken out (removed, disabled, or
+  // lifted for another thread's step): the program's own byte is back, so the thread runs it.
+  bool stale = !bp && TargetReadMemory(target, at, &byte, 1) && byte != kInt3Byte;
+  if (bp || stale) {
+    RewindToInt3(thread, at);
+    // While the run ends (stop debugging or terminate asked for) nothing is reported: a detach
+    // takes every int3 out, so the thread runs the program's byte. A thread the engine holds
+    // meets the breakpoint again once it is let go.
+    if (stale || target->ending || thread->suspended_by_engine || !bp->enabled) return kOutcomeContinue;
+    return BreakpointHit(target, thread, bp, at);
+  }
+  // While the run ends the program's own int3 is not reported and the target runs on to the
+  // break-in or the exit that ends the run; a thread the engine holds meets it again once let go.
   if (target->ending || thread->suspended_by_engine) return kOutcomeContinue;
   // The int3 is the program's own. The stop shows the int3 itself (the registers, when read, are
   // moved back to it); the resume steps past it.
-  u64 at = (u64)(uintptr_t)record->ExceptionAddress;
   thread->int3_at_stop = at;
   target->user_break_requested = 0;
   target->current_thread = thread;
@@ -253,9 +296,18 @@ static u32 HandleBreakpoint(Target *target, TargetThread *thread, const EXCEPTIO
   return kOutcomeStop;
 }
 
-// A single-step exception goes through one chain; what no link claims is the program's own.
+// A single-step exception goes through one chain: the int3 this thread stepped over is put back,
+// then a processor breakpoint may claim it; what no link claims is the program's own.
 static u32 HandleSingleStep(Target *target, TargetThread *thread, const EXCEPTION_DEBUG_INFO *info) {
-  (void)thread;
+  bool ours = false;
+  if (thread && thread->rearm_address) {
+    EngineRearmAfterStep(target, thread);
+    ours = true;
+  }
+  if (ours) {
+    target->continue_status = DBG_CONTINUE;
+    return kOutcomeContinue;
+  }
   target->continue_status = info->dwFirstChance ? DBG_EXCEPTION_NOT_HANDLED : DBG_CONTINUE;
   return kOutcomeContinue;
 }
@@ -265,8 +317,10 @@ u32 EngineHandleException(Target *target, const EXCEPTION_DEBUG_INFO *info) {
   TargetThread *thread = TargetFindThread(target, target->event.dwThreadId);
   target->event_thread = thread;
   u32 code = record->ExceptionCode;
-  if (code == kCodeBreakpoint) return HandleBreakpoint(target, thread, record);
   if (code == kCodeSingleStep) return HandleSingleStep(target, thread, info);
+  // Any other exception of a thread that was stepping over a breakpoint ends that step.
+  if (thread && thread->rearm_address) EngineRearmAfterStep(target, thread);
+  if (code == kCodeBreakpoint) return HandleBreakpoint(target, thread, record);
   if (IsReportedCode(code)) {
     // A thread without a record (one the engine never saw start) is shown on the thread a break
     // would show.

@@ -157,7 +157,7 @@ int EngineLoadModule(Target *target, HANDLE file, u64 base, TargetModule **out_m
 void EngineUnloadModule(Target *target, u64 base) {
   TargetModule *module = TargetFindModuleByBase(target, base);
   if (!module) return;
-  // Breakpoint locations bound to the module become pending here once breakpoints exist.
+  BreakpointsOnModuleUnload(target, module);
   for (TargetThread *t = target->threads; t; t = t->next)
     if (t->ip_module == module) {
       t->ip_module = nullptr;

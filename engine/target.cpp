@@ -51,8 +51,9 @@ EngineResult TargetInit(Target *target) {
   target->caches[0] = (MemoryCache *)TakeBlock(target, sizeof(MemoryCache));
   target->caches[1] = (MemoryCache *)TakeBlock(target, sizeof(MemoryCache));
   target->evaluation_requests = (EvaluationRequests *)TakeBlock(target, sizeof(EvaluationRequests));
+  BreakpointLocation *breakpoints = (BreakpointLocation *)TakeBlock(target, sizeof(BreakpointLocation) * kBreakpointPoolCount);
   if (!target->event_ring || !target->text_ring || !target->command_ring || !threads || !modules || !contexts ||
-      !target->caches[0] || !target->caches[1] || !target->evaluation_requests) {
+      !target->caches[0] || !target->caches[1] || !target->evaluation_requests || !breakpoints) {
     SymbolArenaRelease(&target->arena);
     memset(target, 0, sizeof *target);
     return kEngineInitFailed;
@@ -85,6 +86,10 @@ EngineResult TargetInit(Target *target) {
   for (u32 i = 0; i < kModulePoolCount; i++) modules[i].next = i + 1 < kModulePoolCount ? &modules[i + 1] : nullptr;
   target->free_modules = &modules[0];
   target->module_pool = modules;
+  for (u32 i = 0; i < kBreakpointPoolCount; i++)
+    breakpoints[i].next = i + 1 < kBreakpointPoolCount ? &breakpoints[i + 1] : nullptr;
+  target->free_breakpoints = &breakpoints[0];
+  target->breakpoint_pool = breakpoints;
 
   EvaluationRequestsInit(target->evaluation_requests);
   MemoryCacheInit(target->caches[0], ReadTargetMemory, target);

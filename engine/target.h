@@ -12,6 +12,7 @@
 #include <windows.h>
 
 #include "base/arena.h"
+#include "engine/breakpoints.h"
 #include "engine/engine_event.h"
 #include "engine/engine_result.h"
 #include "engine/memory_cache.h"
@@ -121,6 +122,7 @@ typedef struct TargetThread {
   u32 context_index;   // 0 or 1: the buffer of the current stop; the other holds the previous stop's
   s32 priority;        // as the system gave it at the last stop
   u64 int3_at_stop;    // the program's own int3 this thread stopped at (its Rip is one past), 0 when none
+  u64 rearm_address;   // a breakpoint whose int3 was lifted for this thread's single step over it
   // The function at the instruction pointer, reused while the pointer stays in [start, end).
   TargetModule *ip_module;
   const void *ip_function;
@@ -132,6 +134,15 @@ typedef struct TargetThread {
   // Kept when the record is reused: its two context buffers, prepared once.
   ThreadContextSlot slots[2];
 } TargetThread;
+
+// What a request on the command ring asks for.
+enum EngineRequestKind : u32 {
+  kRequestArmSlot = 1,     // slot: the processor breakpoint to arm in every thread
+  kRequestDisarmSlot = 2,  // slot: the processor breakpoint to disarm in every thread
+  kRequestAddBreakpoint = 3,     // argument: a BreakpointLocation taken and filled, to link and bind
+  kRequestRemoveBreakpoint = 4,  // argument: the record to take out
+  kRequestEnableBreakpoint = 5,  // argument: the record; slot: 1 enable, 0 disable
+};
 
 typedef struct EngineRequest {  // one 16-byte entry of the command ring
   u32 kind;
@@ -200,7 +211,10 @@ typedef struct Target {
   u32 break_in_threads[kBreakInThreadCapacity];
   u32 break_in_thread_count;
 
-  // [breakpoints, stepping, evaluation] filled by the later parts of the engine
+  // [breakpoints, evaluation]
+  BreakpointLocation *breakpoints;       // live records, newest first
+  BreakpointLocation *free_breakpoints;  // guarded by the ticket lock
+  BreakpointLocation *breakpoint_pool;
   struct EvaluationRequests *evaluation_requests;
 
   // [flags] written by the UI thread, read by the engine

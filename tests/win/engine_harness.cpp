@@ -3,6 +3,7 @@
 #include <fstream>
 
 const char *const kTargetSource = KTRN_SOURCE_DIR "/tests/targets/engine/eng_target.cpp";
+const char *const kPluginSource = KTRN_SOURCE_DIR "/tests/targets/engine/eng_plugin.c";
 
 std::string TargetPath(const char *name) { return std::string(KTRN_TARGETS_DIR) + "/" + name; }
 
@@ -12,8 +13,8 @@ std::string Backslashed(std::string path) {
   return path;
 }
 
-int MarkerLine(const char *marker) {
-  std::ifstream in(std::string("Z:") + kTargetSource);
+int MarkerLine(const char *marker, const char *source) {
+  std::ifstream in(std::string("Z:") + (source ? source : kTargetSource));
   std::string line;
   for (int n = 1; std::getline(in, line); n++)
     if (line.find(marker) != std::string::npos) return n;
@@ -101,14 +102,16 @@ void PopInto(Target *target, Seen &seen, const OnStop &on_stop) {
     const TargetModule *module = kind == kEventModuleLoaded || kind == kEventModuleUnloaded ? event.module.module
                                  : kind == kEventStopped   ? event.stopped.location.module
                                  : kind == kEventException ? event.exception.location.module
-                                                           : nullptr;
+                                 : kind == kEventBreakpointHit || kind == kEventBreakpointBound
+                                     ? event.breakpoint.location.module
+                                     : nullptr;
     if (module && module->symbols.name) e.module_name = module->symbols.name;
     if (kind == kEventText) seen.debug_strings.push_back(e.text);
     if (kind == kEventProcessExited) seen.exit_code = event.process.exit_code;
     seen.ended |= kind == kEventProcessExited || kind == kEventDetached;
     seen.events.push_back(e);
     if (kind == kEventModuleUnloaded) TargetModuleRelease(target, event.module.module);
-    if (kind != kEventStopped && kind != kEventException) continue;
+    if (!IsStop(kind)) continue;
     if (on_stop) {
       on_stop(target, e);
     } else {

@@ -39,9 +39,15 @@ struct Seen {
 };
 
 extern const char *const kTargetSource;   // eng_target.cpp, as its PDB names it
+extern const char *const kPluginSource;   // eng_plugin.c
+// The events that stop the target: stopped, exception, breakpoint and processor-breakpoint hits.
+inline bool IsStop(u32 kind) {
+  return kind == kEventStopped || kind == kEventException || kind == kEventBreakpointHit ||
+         kind == kEventProcessorBreakpointHit;
+}
 std::string TargetPath(const char *name);  // "Z:/.../tests/targets/NAME"
 std::string Backslashed(std::string path);
-int MarkerLine(const char *marker);        // the line of a marker comment in eng_target.cpp
+int MarkerLine(const char *marker, const char *source = nullptr);  // of a marker comment (eng_target.cpp)
 
 // [SECTION] Launch and attach
 // Launches eng_target.exe (or program) and, with run, lets it past its held start; null, and a

@@ -131,11 +131,22 @@ TEST(EngineHeap, NoHeapAllocationOnTheEventPath) {
   g_counting = 0;
   ASSERT_GE(g_heap_calls, 1);
 
-  // Runs of events: thread creation and exit, debug strings, stops and resumes, module loads.
-  const char *runs[] = {"many 200", "strloop 300", "int3loop 100", "dll"};
-  for (const char *args : runs) {
+  // Runs of events: thread creation and exit, debug strings, stops and resumes, module loads,
+  // breakpoint hits with the steps over them, a breakpoint bound at a DLL's load.
+  struct Run {
+    const char *args;
+    const char *breakpoint;  // a function breakpoint set while the launch is held
+  } runs[] = {{"many 200", nullptr}, {"strloop 300", nullptr}, {"int3loop 100", nullptr}, {"dll", "PluginTwice"},
+              {"bp 20", "BreakWork"}};
+  for (const Run &run : runs) {
+    const char *args = run.args;
     Target *t = Launch(args, false);
     ASSERT_NE(t, nullptr);
+    if (run.breakpoint) {
+      BreakpointSpec spec = {kBreakpointFunction, run.breakpoint};
+      BreakpointLocation *bp = nullptr;
+      EXPECT_EQ(EngineAddBreakpoint(t, &spec, &bp), 0);
+    }
     g_heap_calls = 0;
     g_counting = 1;  // this thread, which pops events and answers stops, is not counted
     EXPECT_EQ(EngineRun(t), 0);
@@ -145,6 +156,8 @@ TEST(EngineHeap, NoHeapAllocationOnTheEventPath) {
     EXPECT_EQ(g_heap_calls, 0) << args << ", first from " << g_callers[0];
     EXPECT_TRUE(seen.ended) << args;
     if (!strcmp(args, "int3loop 100")) EXPECT_EQ(seen.Count(kEventStopped), 100);
+    if (!strcmp(args, "bp 20")) EXPECT_EQ(seen.Count(kEventBreakpointHit), 20);
+    if (!strcmp(args, "dll")) EXPECT_EQ(seen.Count(kEventBreakpointBound), 1);
   }
 }
 

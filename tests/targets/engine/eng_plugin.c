@@ -5,3 +5,8 @@ __declspec(dllexport) int PluginAnswer(void) {
   OutputDebugStringA("plugin says hello\n");
   return 21;
 }
+
+__declspec(dllexport) int PluginTwice(int n) {
+  int twice = n * 2;  // PLUGIN_TWICE_LINE
+  return twice;
+}

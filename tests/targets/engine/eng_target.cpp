@@ -1,5 +1,5 @@
 // The engine's test program: one mode per scenario, chosen by the first argument.
-//   threads | strings | av | avraw | shadow | div0 | overflow | nullcall | int3 | int3loop N | int3tick N | count | strloop N | spin | many N | env | cwd | dll
+//   threads | strings | av | avraw | shadow | div0 | overflow | nullcall | int3 | int3loop N | int3tick N | count | bp N | bpthreads N | bpspin | dll2 | strloop N | spin | many N | env | cwd | dll
 //   | cxx | cxxbad | unknown
 #include <windows.h>
 
@@ -97,6 +97,58 @@ static void RunThread(DWORD code) {
   CloseHandle(t);
 }
 
+// [SECTION] Breakpoint targets
+
+static volatile LONG g_work_total;
+
+// Called in loops for the breakpoint tests: a function, a line and an address each stop it.
+int BreakWork(int n) {  // WORK_FUNCTION_LINE
+  int doubled = n * 2;  // WORK_LINE
+  InterlockedExchangeAdd(&g_work_total, doubled);  // WORK_TOTAL_LINE
+  return doubled;
+}
+
+static DWORD WINAPI WorkThread(void *count) {
+  for (int i = 0; i < (int)(ULONG_PTR)count; i++) {
+    BreakWork(i);
+    Sleep(0);
+  }
+  return 0;
+}
+
+// FNV-1a over the bytes of the image's code section as this process sees them: an int3 the
+// debugger left in it changes the sum.
+static unsigned CodeChecksum(void) {
+  const unsigned char *base = (const unsigned char *)GetModuleHandleW(nullptr);
+  const IMAGE_NT_HEADERS64 *nt = (const IMAGE_NT_HEADERS64 *)(base + ((const IMAGE_DOS_HEADER *)base)->e_lfanew);
+  const IMAGE_SECTION_HEADER *section = IMAGE_FIRST_SECTION(nt);
+  unsigned sum = 2166136261u;
+  for (int i = 0; i < nt->FileHeader.NumberOfSections; i++, section++) {
+    if (memcmp(section->Name, ".text", 6) != 0) continue;
+    for (DWORD k = 0; k < section->Misc.VirtualSize; k++) sum = (sum ^ base[section->VirtualAddress + k]) * 16777619u;
+  }
+  return sum;
+}
+
+// The work of the breakpoint tests between two int3s of the program's own, at which the tests set
+// and take out their breakpoints. The exit code says whether the code bytes came out as they went
+// in (0x100 when not) and what the work added up to.
+static int Breakpoints(int count, int threads) {
+  unsigned before = CodeChecksum();
+  __debugbreak();  // BP_START_LINE
+  HANDLE workers[8];
+  for (int i = 0; i < threads && i < 8; i++)
+    workers[i] = CreateThread(nullptr, 0, WorkThread, (void *)(ULONG_PTR)count, 0, nullptr);
+  for (int i = 0; i < count; i++) BreakWork(i);
+  for (int i = 0; i < threads && i < 8; i++) WaitForSingleObject(workers[i], INFINITE);
+  __debugbreak();  // BP_END_LINE
+  unsigned after = CodeChecksum();
+  char line[64];
+  snprintf(line, sizeof line, "checksum %s\n", after == before ? "kept" : "changed");
+  OutputDebugStringA(line);
+  return (after == before ? 0 : 0x100) + (g_work_total & 0xFF);
+}
+
 // [SECTION] Modes
 
 static int Recurse(int depth) {
@@ -113,7 +165,8 @@ static int Dll(void) {
   HMODULE plugin = LoadLibraryW(path);
   if (!plugin) return 100;
   int (*answer)(void) = (int (*)(void))(void *)GetProcAddress(plugin, "PluginAnswer");
-  int result = answer ? answer() : 101;
+  int (*twice)(int) = (int (*)(int))(void *)GetProcAddress(plugin, "PluginTwice");
+  int result = answer && twice ? answer() + twice(1) - 2 : 101;
   FreeLibrary(plugin);
   OutputDebugStringA("plugin freed\n");
   return result;
@@ -215,6 +268,19 @@ int main(int argc, char **argv) {
       if (i == 1) CreateThread(nullptr, 0, Counter, (void *)2, 0, nullptr);
     }
     return 0;
+  }
+  if (!strcmp(mode, "bp")) return Breakpoints(count, 0);
+  if (!strcmp(mode, "bpthreads")) return Breakpoints(count, 2);
+  if (!strcmp(mode, "bpspin")) {
+    OutputDebugStringA("spinning\n");
+    for (int i = 0;; i++) {
+      BreakWork(i);
+      Sleep(1);
+    }
+  }
+  if (!strcmp(mode, "dll2")) {
+    int first = Dll(), second = Dll();
+    return first + second;
   }
   if (!strcmp(mode, "env")) return Env();
   if (!strcmp(mode, "cwd")) {

@@ -1,0 +1,406 @@
+// Software breakpoints: the pool of location records, binding a place to an address through the
+// symbols of the loaded modules, the int3 written and taken out, module loads and unloads, the
+// program's own bytes shown in place of the int3s, and the operations of the user interface.
+//
+// [SECTION] Pool and list
+// [SECTION] Binding
+// [SECTION] Int3 in target memory
+// [SECTION] Module loads and unloads
+// [SECTION] Requests carried while the target runs
+// [SECTION] Operations of the user interface
+#include <string.h>
+
+#include "engine/engine.h"
+#include "engine/engine_internal.h"
+#include "expr/expr_parser.h"
+#include "symbols/pdb_raw.h"
+#include "symbols/pdb_type_records.h"
+#include "symbols/scope_lookup.h"
+
+static const u8 kInt3 = 0xCC;
+
+// [SECTION] Pool and list
+
+// Taken by the user interface (adds) and given back by either side (removals at a stop or in a
+// request): the free list is guarded by the ticket lock.
+static BreakpointLocation *Take(Target *target) {
+  TicketLockAcquire(&target->lock);
+  BreakpointLocation *bp = target->free_breakpoints;
+  if (bp) target->free_breakpoints = bp->next;
+  TicketLockRelease(&target->lock);
+  if (!bp) return nullptr;
+  memset(bp, 0, sizeof *bp);
+  bp->in_use = 1;
+  bp->pending = 1;
+  bp->enabled = 1;
+  bp->slot = kNoProcessorSlot;
+  return bp;
+}
+
+static void GiveBack(Target *target, BreakpointLocation *bp) {
+  bp->in_use = 0;
+  TicketLockAcquire(&target->lock);
+  bp->next = target->free_breakpoints;
+  bp->previous = nullptr;
+  target->free_breakpoints = bp;
+  TicketLockRelease(&target->lock);
+}
+
+static void Link(Target *target, BreakpointLocation *bp) {
+  bp->previous = nullptr;
+  bp->next = target->breakpoints;
+  if (bp->next) bp->next->previous = bp;
+  target->breakpoints = bp;
+}
+
+static bool IsLinked(Target *target, const BreakpointLocation *bp) {
+  for (BreakpointLocation *b = target->breakpoints; b; b = b->next)
+    if (b == bp) return true;
+  return false;
+}
+
+static void Unlink(Target *target, BreakpointLocation *bp) {
+  if (bp->previous)
+    bp->previous->next = bp->next;
+  else
+    target->breakpoints = bp->next;
+  if (bp->next) bp->next->previous = bp->previous;
+  bp->next = bp->previous = nullptr;
+}
+
+BreakpointLocation *BreakpointAt(Target *target, u64 address) {
+  for (BreakpointLocation *b = target->breakpoints; b; b = b->next)
+    if (!b->pending && b->address == address && b->kind != kBreakpointProcessor) return b;
+  return nullptr;
+}
+
+static bool IsPoolRecord(const Target *target, const BreakpointLocation *bp) {
+  return target->breakpoint_pool && bp >= target->breakpoint_pool && bp < target->breakpoint_pool + kBreakpointPoolCount &&
+         bp->in_use;
+}
+
+// [SECTION] Binding
+
+static u64 AddressOfSectionOffset(const ModuleSymbols *symbols, u32 section, u32 offset) {
+  if (section == 0 || section > symbols->image.section_count) return 0;
+  return symbols->load_base + symbols->image.sections[section - 1].virtual_address + offset;
+}
+
+// The function's own address (no prologue skipped). With an argument list, the overload whose
+// procedure type has it; without one, the first of that name, whose argument list is remembered.
+static u64 ResolveFunction(const ModuleSymbols *symbols, const char *name, u32 *argument_list) {
+  const PdbScopes *scopes = &symbols->pdb.scopes;
+  for (const PdbProcScope *p = PdbFindProcedure(scopes, name, nullptr); p; p = PdbFindProcedure(scopes, name, p)) {
+    const u8 *record = p->record;
+    u32 type = 0, offset = 0;
+    u16 section = 0;
+    memcpy(&type, record + kProcSymType, 4);
+    memcpy(&offset, record + kProcSymOffset, 4);
+    memcpy(&section, record + kProcSymSection, 2);
+    TypeRecord procedure;
+    u32 list = PdbDecodeType(&symbols->pdb.types, type, &procedure) && procedure.leaf == kLF_PROCEDURE
+                   ? procedure.index_type
+                   : 0;
+    if (*argument_list && list != *argument_list) continue;
+    u64 address = AddressOfSectionOffset(symbols, section, offset);
+    if (!address) continue;
+    *argument_list = list;
+    return address;
+  }
+  return 0;
+}
+
+// The first of lines line..line+9 of the file that has code in this module.
+static u64 ResolveLine(const ModuleSymbols *symbols, const char *path, u32 line) {
+  u32 file = PdbFindSourceFile(&symbols->pdb.source_files, path);
+  if (!file) return 0;
+  const PdbLineEntry *entry = PdbAddressOfLine(&symbols->pdb.lines, file, line);
+  return entry ? AddressOfSectionOffset(symbols, entry->section, entry->offset) : 0;
+}
+
+// Where the record's place lies in the module; 0 when the module does not have it.
+static u64 Resolve(TargetModule *module, BreakpointLocation *bp) {
+  const ModuleSymbols *symbols = &module->symbols;
+  if (bp->kind == kBreakpointAddress) {
+    u64 a = bp->requested_address;
+    if (a < TargetModuleBase(module) || a >= TargetModuleEnd(module) || a - symbols->load_base > 0xFFFFFFFFull) return 0;
+    u32 section = 0, offset = 0;
+    return PeSectionOffsetOfRva(&symbols->image, (u32)(a - symbols->load_base), &section, &offset) ? a : 0;
+  }
+  if (symbols->status != kSymbolsLoaded) return 0;
+  if (bp->kind == kBreakpointFunction) return ResolveFunction(symbols, bp->place, &bp->argument_list);
+  if (bp->kind == kBreakpointLine) return ResolveLine(symbols, bp->place, bp->line);
+  return 0;
+}
+
+// Binds a pending record in the module (every loaded module when null). kEngineOk whether it was
+// bound or stays pending; kEngineBreakpointExists when a live record has that address already
+// (out_existing names it); kEngineSystemCallFailed for an address no module section holds.
+static EngineResult Bind(Target *target, BreakpointLocation *bp, TargetModule *only, BreakpointLocation **out_existing) {
+  u64 address = 0;
+  TargetModule *module = nullptr;
+  for (TargetModule *m = only ? only : target->modules; m && !address; m = only ? nullptr : m->next) {
+    address = Resolve(m, bp);
+    module = m;
+  }
+  if (!address) return bp->kind == kBreakpointAddress && !only ? kEngineSystemCallFailed : kEngineOk;
+  if (BreakpointLocation *existing = BreakpointAt(target, address)) {
+    if (out_existing) *out_existing = existing;
+    return kEngineBreakpointExists;
+  }
+  u8 byte = 0;
+  if (!TargetReadMemory(target, address, &byte, 1)) return kEngineOk;  // the bind fails silently
+  bp->saved_byte = byte;
+  bp->module = module;
+  bp->address = address;
+  bp->pending = 0;
+  EngineLocate(target, address, &bp->location);
+  if (bp->enabled) BreakpointArm(target, bp);
+  return kEngineOk;
+}
+
+static void PostBreakpointEvent(Target *target, u32 kind, BreakpointLocation *bp) {
+  EngineEvent event;
+  memset(&event, 0, sizeof event);
+  event.kind = kind;
+  event.breakpoint.location_record = bp;
+  event.breakpoint.address = bp->address;
+  event.breakpoint.location = bp->location;
+  EnginePostEvent(target, &event);
+}
+
+// [SECTION] Int3 in target memory
+
+void BreakpointArm(Target *target, BreakpointLocation *bp) {
+  if (bp->armed || bp->pending || bp->kind == kBreakpointProcessor) return;
+  if (TargetWriteMemory(target, bp->address, &kInt3, 1)) bp->armed = 1;
+}
+
+void BreakpointDisarm(Target *target, BreakpointLocation *bp) {
+  if (!bp->armed) return;
+  if (TargetWriteMemory(target, bp->address, &bp->saved_byte, 1)) bp->armed = 0;
+}
+
+void BreakpointShowProgramBytes(Target *target, u64 address, u8 *bytes, u32 size) {
+  for (BreakpointLocation *b = target->breakpoints; b; b = b->next)
+    if (b->armed && b->address >= address && b->address - address < size) bytes[b->address - address] = b->saved_byte;
+}
+
+bool TargetReadProgramMemory(Target *target, u64 address, void *buffer, u32 size) {
+  if (!TargetReadMemory(target, address, buffer, size)) return false;
+  BreakpointShowProgramBytes(target, address, (u8 *)buffer, size);
+  return true;
+}
+
+// Takes a record out: its int3 (never re-armed after a step), its place in the list, its pool slot.
+static void Remove(Target *target, BreakpointLocation *bp) {
+  BreakpointDisarm(target, bp);
+  for (TargetThread *t = target->threads; t; t = t->next)
+    if (t->rearm_address == bp->address && !bp->pending) t->rearm_address = 0;
+  Unlink(target, bp);
+  GiveBack(target, bp);
+}
+
+void EngineRearmAfterStep(Target *target, TargetThread *thread) {
+  u64 address = thread->rearm_address;
+  if (!address) return;
+  thread->rearm_address = 0;
+  for (TargetThread *t = target->threads; t; t = t->next)
+    if (t->rearm_address == address) return;  // another thread still steps over it
+  BreakpointLocation *bp = BreakpointAt(target, address);
+  if (bp && bp->enabled) BreakpointArm(target, bp);
+}
+
+void BreakpointsDisarmAll(Target *target) {
+  for (BreakpointLocation *b = target->breakpoints; b; b = b->next) BreakpointDisarm(target, b);
+  for (TargetThread *t = target->threads; t; t = t->next) t->rearm_address = 0;
+}
+
+// [SECTION] Module loads and unloads
+
+void BreakpointsOnModuleLoad(Target *target, TargetModule *module) {
+  for (BreakpointLocation *b = target->breakpoints; b; b = b->next) {
+    if (!b->pending || (b->kind != kBreakpointFunction && b->kind != kBreakpointLine)) continue;
+    if (Bind(target, b, module, nullptr) == kEngineOk && !b->pending) PostBreakpointEvent(target, kEventBreakpointBound, b);
+  }
+}
+
+void BreakpointsOnModuleUnload(Target *target, TargetModule *module) {
+  for (BreakpointLocation *b = target->breakpoints; b; b = b->next) {
+    if (b->pending || b->module != module || b->kind == kBreakpointProcessor) continue;
+    for (TargetThread *t = target->threads; t; t = t->next)
+      if (t->rearm_address == b->address) t->rearm_address = 0;
+    PostBreakpointEvent(target, kEventBreakpointLost, b);
+    b->pending = 1;
+    b->armed = 0;  // the image and the int3 in it are gone
+    b->saved_byte = 0;
+    b->module = nullptr;
+    b->address = 0;
+    memset(&b->location, 0, sizeof b->location);
+  }
+}
+
+// [SECTION] Requests carried while the target runs
+
+void EngineServeBreakpointRequest(Target *target, const EngineRequest *request) {
+  BreakpointLocation *bp = (BreakpointLocation *)(uintptr_t)request->argument;
+  if (!bp || !IsPoolRecord(target, bp)) return;
+  switch (request->kind) {
+    case kRequestAddBreakpoint:
+      if (IsLinked(target, bp)) return;
+      Link(target, bp);
+      // Bound now, it is reported like a pending record bound by a module load; a place no module
+      // has (or an address a record has already) leaves it pending.
+      if (Bind(target, bp, nullptr, nullptr) == kEngineOk && !bp->pending) PostBreakpointEvent(target, kEventBreakpointBound, bp);
+      return;
+    case kRequestRemoveBreakpoint:
+      if (IsLinked(target, bp)) Remove(target, bp);
+      return;
+    case kRequestEnableBreakpoint:
+      if (!IsLinked(target, bp)) return;
+      bp->enabled = request->slot;
+      if (bp->enabled)
+        BreakpointArm(target, bp);
+      else
+        BreakpointDisarm(target, bp);
+      return;
+  }
+}
+
+// [SECTION] Operations of the user interface
+
+static EngineResult SetCondition(Target *target, BreakpointLocation *bp, const char *text) {
+  u64 length = text ? strnlen(text, kConditionCapacity) : 0;
+  if (length >= kConditionCapacity) return kEngineTextTooLong;
+  ExprPool *nodes = &target->evaluation_requests->nodes;  // the user-interface thread's own pool
+  FreeTree(nodes, bp->condition_tree);
+  bp->condition_tree = nullptr;
+  bp->condition_parse_failed = 0;
+  bp->hit_count = 0;
+  memcpy(bp->condition, text ? text : "", length + 1);
+  if (!length) return kEngineOk;
+  // The nodes point into the record's own copy of the text.
+  ExprParseResult parsed;
+  if (!Parse(nodes, bp->condition, &parsed)) {
+    bp->condition_parse_failed = 1;  // kept: shown as a parse error
+    return kEngineParseError;
+  }
+  bp->condition_tree = parsed.tree;
+  FreeTree(nodes, parsed.format);
+  return kEngineOk;
+}
+
+static void ReleaseRecord(Target *target, BreakpointLocation *bp) {
+  FreeTree(&target->evaluation_requests->nodes, bp->condition_tree);
+  bp->condition_tree = nullptr;
+}
+
+EngineResult EngineAddBreakpoint(Target *target, const BreakpointSpec *spec, BreakpointLocation **out) {
+  if (out) *out = nullptr;
+  if (!target || !spec || !out || !target->breakpoint_pool || !target->wait_objects[kWaitEngineWaiting])
+    return kEngineNoTarget;
+  if (target->exited || target->detached) return kEngineNoProcess;
+  bool named = spec->kind == kBreakpointFunction || spec->kind == kBreakpointLine;
+  if (!named && spec->kind != kBreakpointAddress) return kEngineNoTarget;
+  if (named && (!spec->place || !spec->place[0])) return kEngineNoTarget;
+  u64 place_length = named ? strnlen(spec->place, kBreakpointPlaceCapacity) : 0;
+  if (place_length >= kBreakpointPlaceCapacity) return kEngineTextTooLong;
+  if (spec->condition && strnlen(spec->condition, kConditionCapacity) >= kConditionCapacity) return kEngineTextTooLong;
+  BreakpointLocation *bp = Take(target);
+  if (!bp) return kEngineSystemCallFailed;
+  bp->kind = spec->kind;
+  if (named) memcpy(bp->place, spec->place, place_length + 1);
+  bp->line = spec->line;
+  bp->argument_list = spec->argument_list;
+  bp->requested_address = spec->address;
+  bp->temporary = spec->temporary;
+  EngineResult condition = SetCondition(target, bp, spec->condition);
+
+  EngineResult state = EngineLockStopped(target);
+  if (state == kEngineOk) {
+    BreakpointLocation *existing = nullptr;
+    EngineResult bound = Bind(target, bp, nullptr, &existing);
+    if (bound != kEngineOk) {
+      EngineUnlockModel(target);
+      ReleaseRecord(target, bp);
+      GiveBack(target, bp);
+      if (bound == kEngineBreakpointExists) *out = existing;
+      return bound;
+    }
+    Link(target, bp);
+    EngineUnlockModel(target);
+    *out = bp;
+    return condition;
+  }
+  if (state != kEngineNotSuspended) {
+    ReleaseRecord(target, bp);
+    GiveBack(target, bp);
+    return state;
+  }
+  EngineRequest request = {};
+  request.kind = kRequestAddBreakpoint;
+  request.argument = (u64)(uintptr_t)bp;
+  EngineResult queued = EngineQueueRequest(target, &request);
+  if (queued != kEngineOk) {
+    ReleaseRecord(target, bp);
+    GiveBack(target, bp);
+    return queued;
+  }
+  *out = bp;
+  return condition;
+}
+
+EngineResult EngineRemoveBreakpoint(Target *target, BreakpointLocation *bp) {
+  if (!target || !bp) return kEngineNoTarget;
+  if (!IsPoolRecord(target, bp)) return kEngineUnknownBreakpoint;
+  EngineResult state = EngineLockStopped(target);
+  if (state == kEngineOk) {
+    bool linked = IsLinked(target, bp);
+    if (linked) {
+      ReleaseRecord(target, bp);
+      Remove(target, bp);
+    }
+    EngineUnlockModel(target);
+    return linked ? kEngineOk : kEngineUnknownBreakpoint;
+  }
+  if (state != kEngineNotSuspended) return state;
+  ReleaseRecord(target, bp);  // the tree is the user interface's; the record goes at the break-in
+  EngineRequest request = {};
+  request.kind = kRequestRemoveBreakpoint;
+  request.argument = (u64)(uintptr_t)bp;
+  return EngineQueueRequest(target, &request);
+}
+
+EngineResult EngineEnableBreakpoint(Target *target, BreakpointLocation *bp, u8 enabled) {
+  if (!target || !bp) return kEngineNoTarget;
+  if (!IsPoolRecord(target, bp)) return kEngineUnknownBreakpoint;
+  EngineResult state = EngineLockStopped(target);
+  if (state == kEngineOk) {
+    bool linked = IsLinked(target, bp);
+    if (linked) {
+      bp->enabled = enabled ? 1 : 0;
+      if (bp->enabled)
+        BreakpointArm(target, bp);
+      else
+        BreakpointDisarm(target, bp);
+    }
+    EngineUnlockModel(target);
+    return linked ? kEngineOk : kEngineUnknownBreakpoint;
+  }
+  if (state != kEngineNotSuspended) return state;
+  EngineRequest request = {};
+  request.kind = kRequestEnableBreakpoint;
+  request.slot = enabled ? 1 : 0;
+  request.argument = (u64)(uintptr_t)bp;
+  return EngineQueueRequest(target, &request);
+}
+
+EngineResult EngineSetBreakpointCondition(Target *target, BreakpointLocation *bp, const char *text) {
+  if (!target || !bp) return kEngineNoTarget;
+  if (!IsPoolRecord(target, bp)) return kEngineUnknownBreakpoint;
+  EngineResult state = EngineLockStopped(target);
+  if (state != kEngineOk) return state;
+  EngineResult result = IsLinked(target, bp) ? SetCondition(target, bp, text) : kEngineUnknownBreakpoint;
+  EngineUnlockModel(target);
+  return result;
+}
