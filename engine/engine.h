@@ -78,5 +78,18 @@ void EngineUnlockModel(Target *target);
 // The thread's registers at this stop, read from the system on first use (under the model lock);
 // null when not stopped or unreadable. Valid until the target runs.
 const CONTEXT *EngineThreadContext(Target *target, TargetThread *thread);
+// The same registers with the extended state located in them (SSE, AVX upper halves, opmask,
+// ZMM parts; null where the system has none). The user interface may change them while the target
+// is stopped and then write them to the thread with EngineWriteRegisters.
+ThreadContextSlot *EngineThreadRegisters(Target *target, TargetThread *thread);
+// The previous stop's registers of the thread (the registers window marks what changed); null
+// when they were not read at that stop.
+const ThreadContextSlot *EngineThreadPreviousRegisters(Target *target, TargetThread *thread);
+// Writes the thread's registers of this stop, as changed, to the thread (SetThreadContext); the
+// held exception then counts as handled. 26 when not stopped, 37 when the system refuses.
+EngineResult EngineWriteRegisters(Target *target, TargetThread *thread);
+// The threads window's name of a thread priority ("Normal", "Highest", ...); "" for a value
+// without one.
+const char *EngineThreadPriorityName(s32 priority);
 // Reads target memory at a stop (the program's own bytes). 26 when not stopped, 37 unreadable.
 EngineResult EngineReadMemory(Target *target, u64 address, void *buffer, u32 size);

@@ -348,6 +348,36 @@ EngineResult EngineReadMemory(Target *target, u64 address, void *buffer, u32 siz
   return read ? kEngineOk : kEngineSystemCallFailed;
 }
 
+ThreadContextSlot *EngineThreadRegisters(Target *target, TargetThread *thread) {
+  if (!thread || EngineLockStopped(target) != kEngineOk) return nullptr;
+  ThreadContextSlot *slot = ThreadContextGet(thread) ? ThreadContextIfRead(thread) : nullptr;
+  Unlock(target);
+  return slot;
+}
+
+const ThreadContextSlot *EngineThreadPreviousRegisters(Target *target, TargetThread *thread) {
+  if (!thread || EngineLockStopped(target) != kEngineOk) return nullptr;
+  const ThreadContextSlot *slot = &thread->slots[thread->context_index ^ 1];
+  bool read = slot->generation != 0 && target->previous_stop_generation != 0 &&
+              slot->generation == target->previous_stop_generation;
+  Unlock(target);
+  return read ? slot : nullptr;
+}
+
+EngineResult EngineWriteRegisters(Target *target, TargetThread *thread) {
+  if (!thread) return kEngineNoTarget;
+  EngineResult state = EngineLockStopped(target);
+  if (state != kEngineOk) return NotStopped(state);
+  EngineResult result = kEngineSystemCallFailed;
+  if (ThreadContextIfRead(thread)) {
+    ThreadContextMarkDirty(thread, kContextDirty);
+    result = ThreadContextFlush(thread);
+    if (result == kEngineOk) Signal(target, kWaitContextChanged);
+  }
+  Unlock(target);
+  return result;
+}
+
 bool EngineLockModel(Target *target) { return EngineLockStopped(target) == kEngineOk; }
 
 bool EngineTryLockModel(Target *target) {

@@ -287,6 +287,7 @@ static void RefreshThreadSnapshot(Target *target, TargetThread *thread) {
     return;
   }
   thread->frame_count = 1;
+  thread->priority = GetThreadPriority(thread->handle);
   u64 ip = context->Rip;
   if (thread->ip_module && thread->ip_function_start <= ip && ip < thread->ip_function_end) return;
   thread->ip_module = TargetFindModule(target, ip);
@@ -314,6 +315,8 @@ static void RefreshThreadSnapshot(Target *target, TargetThread *thread) {
 // evaluation requests after it.
 static void StopSequence(Target *target) {
   target->stop_generation++;
+  target->previous_stop_generation = target->stop_target_generation;
+  target->stop_target_generation = target->generation;
   EngineServeRequests(target);  // queued while the target ran on to this stop
   target->cache_index ^= 1;
   MemoryCacheNewGeneration(TargetCache(target));

@@ -15,6 +15,7 @@
 #include "engine/breakpoints.h"
 #include "engine/engine_event.h"
 #include "engine/engine_result.h"
+#include "engine/ticket_lock.h"
 #include "engine/memory_cache.h"
 #include "engine/ticket_lock.h"
 #include "symbols/module_symbols.h"
@@ -236,6 +237,8 @@ typedef struct Target {
   // [generations]
   u64 generation;      // ended by every ContinueDebugEvent: registers and memory read in it are current
   u32 stop_generation; // counts visible stops; every stop event carries it, every command quotes it
+  u64 stop_target_generation;      // the generation of the current (or last) visible stop
+  u64 previous_stop_generation;    // the generation of the visible stop before it
 
   // [memory caches]
   MemoryCache *caches[2];

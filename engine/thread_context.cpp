@@ -70,6 +70,19 @@ EngineResult ThreadContextFlush(TargetThread *thread) {
   return SetThreadContext(thread->handle, slot->context) ? kEngineOk : kEngineSystemCallFailed;
 }
 
+const char *EngineThreadPriorityName(s32 priority) {
+  switch (priority) {
+    case -15: return "Idle";
+    case -2: return "Lowest";
+    case -1: return "Below Normal";
+    case 0: return "Normal";
+    case 1: return "Above Normal";
+    case 2: return "Highest";
+    case 15: return "Time Critical";
+  }
+  return "";
+}
+
 void ThreadContextsFlip(Target *target) {
   for (TargetThread *t = target->threads; t; t = t->next) t->context_index ^= 1;
 }

@@ -1,5 +1,5 @@
 // The engine's test program: one mode per scenario, chosen by the first argument.
-//   threads | strings | av | avraw | shadow | div0 | overflow | nullcall | int3 | int3loop N | int3tick N | count | bp N | bpthreads N | bpspin | dll2 | strloop N | spin | many N | env | cwd | dll
+//   threads | strings | av | avraw | shadow | div0 | overflow | nullcall | int3 | int3loop N | int3tick N | count | bp N | bpthreads N | bpspin | dll2 | ymm | priorities | strloop N | spin | many N | env | cwd | dll
 //   | cxx | cxxbad | unknown
 #include <windows.h>
 
@@ -149,6 +149,52 @@ static int Breakpoints(int count, int threads) {
   return (after == before ? 0 : 0x100) + (g_work_total & 0xFF);
 }
 
+// [SECTION] Registers
+
+// Known values in YMM0-3 across an int3 of the program's own; what the registers hold after it
+// (the debugger may have written one) is printed, lane by lane.
+static int YmmRoundTrip(void) {
+  alignas(32) static unsigned long long in[4][4], out[4][4];
+  for (int r = 0; r < 4; r++)
+    for (int lane = 0; lane < 4; lane++) in[r][lane] = 0x1000000000000000ull * (r + 1) + lane;
+  void *from = in, *to = out;
+  __asm__ volatile(
+      "vmovdqu 0(%0), %%ymm0\n\t"
+      "vmovdqu 32(%0), %%ymm1\n\t"
+      "vmovdqu 64(%0), %%ymm2\n\t"
+      "vmovdqu 96(%0), %%ymm3\n\t"
+      "int3\n\t"
+      "vmovdqu %%ymm0, 0(%1)\n\t"
+      "vmovdqu %%ymm1, 32(%1)\n\t"
+      "vmovdqu %%ymm2, 64(%1)\n\t"
+      "vmovdqu %%ymm3, 96(%1)\n\t"
+      "vzeroupper\n\t"
+      :
+      : "r"(from), "r"(to)
+      : "xmm0", "xmm1", "xmm2", "xmm3", "memory");
+  for (int r = 0; r < 4; r++) {
+    char line[128];
+    snprintf(line, sizeof line, "ymm%d %016llx %016llx %016llx %016llx\n", r, out[r][0], out[r][1], out[r][2], out[r][3]);
+    OutputDebugStringA(line);
+  }
+  return 0;
+}
+
+// Threads at each priority that has a name, waiting, and an int3 that shows them all.
+static int Priorities(void) {
+  static const int priorities[] = {THREAD_PRIORITY_IDLE,         THREAD_PRIORITY_LOWEST,  THREAD_PRIORITY_BELOW_NORMAL,
+                                   THREAD_PRIORITY_ABOVE_NORMAL, THREAD_PRIORITY_HIGHEST, THREAD_PRIORITY_TIME_CRITICAL};
+  HANDLE never = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  for (int priority : priorities) {
+    HANDLE t = CreateThread(nullptr, 0, IdleThread, never, CREATE_SUSPENDED, nullptr);
+    SetThreadPriority(t, priority);
+    ResumeThread(t);
+  }
+  Sleep(50);
+  __debugbreak();
+  return 0;
+}
+
 // [SECTION] Modes
 
 static int Recurse(int depth) {
@@ -282,6 +328,8 @@ int main(int argc, char **argv) {
     int first = Dll(), second = Dll();
     return first + second;
   }
+  if (!strcmp(mode, "ymm")) return YmmRoundTrip();
+  if (!strcmp(mode, "priorities")) return Priorities();
   if (!strcmp(mode, "env")) return Env();
   if (!strcmp(mode, "cwd")) {
     char dir[MAX_PATH], line[MAX_PATH + 8];
