@@ -23,7 +23,7 @@ static const u8 kInt3 = 0xCC;
 
 // Taken by the user interface (adds) and given back by either side (removals at a stop or in a
 // request): the free list is guarded by the ticket lock.
-static BreakpointLocation *Take(Target *target) {
+BreakpointLocation *EngineTakeBreakpoint(Target *target) {
   TicketLockAcquire(&target->lock);
   BreakpointLocation *bp = target->free_breakpoints;
   if (bp) target->free_breakpoints = bp->next;
@@ -46,7 +46,7 @@ static void GiveBack(Target *target, BreakpointLocation *bp) {
   TicketLockRelease(&target->lock);
 }
 
-static void Link(Target *target, BreakpointLocation *bp) {
+void EngineLinkBreakpoint(Target *target, BreakpointLocation *bp) {
   bp->previous = nullptr;
   bp->next = target->breakpoints;
   if (bp->next) bp->next->previous = bp;
@@ -195,6 +195,7 @@ bool TargetReadProgramMemory(Target *target, u64 address, void *buffer, u32 size
 // Takes a record out: its int3 (never re-armed after a step), its place in the list, its pool slot.
 static void Remove(Target *target, BreakpointLocation *bp) {
   BreakpointDisarm(target, bp);
+  if (bp->kind == kBreakpointProcessor) EngineReleaseProcessorSlot(target, bp->slot);
   for (TargetThread *t = target->threads; t; t = t->next)
     if (t->rearm_address == bp->address && !bp->pending) t->rearm_address = 0;
   Unlink(target, bp);
@@ -248,7 +249,15 @@ void EngineServeBreakpointRequest(Target *target, const EngineRequest *request) 
   switch (request->kind) {
     case kRequestAddBreakpoint:
       if (IsLinked(target, bp)) return;
-      Link(target, bp);
+      EngineLinkBreakpoint(target, bp);
+      if (bp->kind == kBreakpointProcessor) {
+        EngineLocate(target, bp->address, &bp->location);
+        EngineRequest arm = {};
+        arm.kind = kRequestArmSlot;
+        arm.slot = bp->slot;
+        EngineServeProcessorRequest(target, &arm);
+        return;
+      }
       // Bound now, it is reported like a pending record bound by a module load; a place no module
       // has (or an address a record has already) leaves it pending.
       if (Bind(target, bp, nullptr, nullptr) == kEngineOk && !bp->pending) PostBreakpointEvent(target, kEventBreakpointBound, bp);
@@ -306,7 +315,7 @@ EngineResult EngineAddBreakpoint(Target *target, const BreakpointSpec *spec, Bre
   u64 place_length = named ? strnlen(spec->place, kBreakpointPlaceCapacity) : 0;
   if (place_length >= kBreakpointPlaceCapacity) return kEngineTextTooLong;
   if (spec->condition && strnlen(spec->condition, kConditionCapacity) >= kConditionCapacity) return kEngineTextTooLong;
-  BreakpointLocation *bp = Take(target);
+  BreakpointLocation *bp = EngineTakeBreakpoint(target);
   if (!bp) return kEngineSystemCallFailed;
   bp->kind = spec->kind;
   if (named) memcpy(bp->place, spec->place, place_length + 1);
@@ -327,7 +336,7 @@ EngineResult EngineAddBreakpoint(Target *target, const BreakpointSpec *spec, Bre
       if (bound == kEngineBreakpointExists) *out = existing;
       return bound;
     }
-    Link(target, bp);
+    EngineLinkBreakpoint(target, bp);
     EngineUnlockModel(target);
     *out = bp;
     return condition;
@@ -374,6 +383,7 @@ EngineResult EngineRemoveBreakpoint(Target *target, BreakpointLocation *bp) {
 EngineResult EngineEnableBreakpoint(Target *target, BreakpointLocation *bp, u8 enabled) {
   if (!target || !bp) return kEngineNoTarget;
   if (!IsPoolRecord(target, bp)) return kEngineUnknownBreakpoint;
+  if (bp->kind == kBreakpointProcessor) return kEngineSystemCallFailed;  // removed and added again instead
   EngineResult state = EngineLockStopped(target);
   if (state == kEngineOk) {
     bool linked = IsLinked(target, bp);

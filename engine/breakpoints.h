@@ -18,6 +18,13 @@ enum BreakpointKind : u32 {
   kBreakpointProcessor = 3,
 };
 
+// What a processor breakpoint watches for.
+enum BreakpointAccess : u32 {
+  kAccessWrite = 0,
+  kAccessReadWrite = 1,
+  kAccessExecute = 2,
+};
+
 enum : u32 {
   kBreakpointPoolCount = 1024,
   kBreakpointPlaceCapacity = 512,  // a file path or a function name, terminator included

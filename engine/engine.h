@@ -65,6 +65,12 @@ EngineResult EngineAddBreakpoint(Target *target, const BreakpointSpec *spec, Bre
 // 18 for a record that is not a live breakpoint.
 EngineResult EngineRemoveBreakpoint(Target *target, BreakpointLocation *bp);
 EngineResult EngineEnableBreakpoint(Target *target, BreakpointLocation *bp, u8 enabled);
+// A processor breakpoint on [address, address + size) (size 1, 2, 4 or 8; access a
+// BreakpointAccess) in every thread, threads made later included: one of the four debug registers,
+// armed at the engine's next command wait (at a stop) or at a silent break-in. 37 when all four are
+// taken. Hits come as kind 6 with the record, at the instruction after the access (an execute
+// breakpoint: at the instruction). Enabling does not apply to it: remove it and add it again.
+EngineResult EngineAddDataBreakpoint(Target *target, u64 address, u32 size, u32 access, BreakpointLocation **out);
 // At a stop only. An empty text removes the condition; 24 keeps a text that does not parse.
 EngineResult EngineSetBreakpointCondition(Target *target, BreakpointLocation *bp, const char *text);
 

@@ -57,6 +57,23 @@ bool TargetReadProgramMemory(Target *target, u64 address, void *buffer, u32 size
 void BreakpointsOnModuleLoad(Target *target, TargetModule *module);
 void BreakpointsOnModuleUnload(Target *target, TargetModule *module);
 void EngineServeBreakpointRequest(Target *target, const EngineRequest *request);
+// A record from the pool (zero-filled, pending, enabled), or null when every one is taken; linked
+// at the head of the live list.
+BreakpointLocation *EngineTakeBreakpoint(Target *target);
+void EngineLinkBreakpoint(Target *target, BreakpointLocation *bp);
+
+// [SECTION] Processor breakpoints (processor_breakpoints.cpp)
+// Arms (kind 1) or disarms and frees (kind 2) a slot in every thread.
+void EngineServeProcessorRequest(Target *target, const EngineRequest *request);
+void EngineArmSlotsInNewThread(Target *target, TargetThread *thread);
+// Every armed slot out of every thread (detach).
+void EngineDisarmAllSlots(Target *target);
+// The hit test of a single step: claimed when DR6 names a slot; a visible stop when that slot is
+// in use and the run is not ending.
+u32 EngineProcessorHit(Target *target, TargetThread *thread, bool *claimed);
+// Lets a slot go: its owner forgotten now, its registers cleared at the engine's next request pass.
+void EngineReleaseProcessorSlot(Target *target, u32 slot);
+
 // Puts back the int3 a thread stepped over (its single step came, or will not come).
 void EngineRearmAfterStep(Target *target, TargetThread *thread);
 

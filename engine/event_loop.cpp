@@ -59,6 +59,7 @@ static void HandleCreateThread(Target *target, const CREATE_THREAD_DEBUG_INFO *i
       TargetThreadCreate(target, info->hThread, thread_id, start, (u64)(uintptr_t)info->lpThreadLocalBase);
   if (!thread) return;
   EngineNameThread(target, thread, false);
+  EngineArmSlotsInNewThread(target, thread);
   // While a thread is solo, only solo threads run: a new one is held from its start.
   for (TargetThread *t = target->threads; t; t = t->next)
     if (t->solo) {
@@ -146,6 +147,10 @@ void EngineServeRequests(Target *target) {
   EngineRequest request;
   while (EngineRingPopRequest(target, &request)) {
     switch (request.kind) {
+      case kRequestArmSlot:
+      case kRequestDisarmSlot:
+        EngineServeProcessorRequest(target, &request);
+        break;
       case kRequestAddBreakpoint:
       case kRequestRemoveBreakpoint:
       case kRequestEnableBreakpoint:
@@ -489,6 +494,7 @@ void EngineDetach(Target *target, bool event_pending) {
   bool drain = stepping_count > 0;
   for (BreakpointLocation *b = target->breakpoints; b; b = b->next) drain |= b->armed != 0;
   BreakpointsDisarmAll(target);
+  EngineDisarmAllSlots(target);
   PrepareHeldThread(target);
   if (TargetThread *t = target->event_thread) ClearTrapFlag(t);
   for (TargetThread *t = target->threads; t; t = t->next) (void)ThreadContextFlush(t);

@@ -22,7 +22,7 @@ enum : u32 {
   kCodeCxx = 0xE06D7363,
   kCodeAccessViolation = 0xC0000005,
   kCodeStackOverflow = 0xC00000FD,
-  kAccessExecute = 8,
+  kAccessViolationExecute = 8,
 };
 
 // [SECTION] Stop helpers
@@ -172,7 +172,7 @@ static u32 ReportException(Target *target, TargetThread *thread, const EXCEPTION
   bool after_call = false;
   u64 access = record->NumberParameters >= 1 ? record->ExceptionInformation[0] : 0;
   u64 data = record->NumberParameters >= 2 ? record->ExceptionInformation[1] : 0;
-  if (record->ExceptionCode == kCodeAccessViolation && access == kAccessExecute && shown == 0 && thread) {
+  if (record->ExceptionCode == kCodeAccessViolation && access == kAccessViolationExecute && shown == 0 && thread) {
     // A call through a null pointer: show the caller, whose return address is on top of the stack.
     CONTEXT *context = ThreadContextGet(thread);
     u64 return_address = 0;
@@ -303,6 +303,12 @@ static u32 HandleSingleStep(Target *target, TargetThread *thread, const EXCEPTIO
   if (thread && thread->rearm_address) {
     EngineRearmAfterStep(target, thread);
     ours = true;
+  }
+  bool processor = false;
+  u32 outcome = EngineProcessorHit(target, thread, &processor);
+  if (processor) {
+    target->continue_status = DBG_CONTINUE;
+    return outcome;
   }
   if (ours) {
     target->continue_status = DBG_CONTINUE;

@@ -153,6 +153,18 @@ typedef struct EngineRequest {  // one 16-byte entry of the command ring
 } EngineRequest;
 static_assert(sizeof(EngineRequest) == kCommandSlotBytes, "command ring entry");
 
+// One of the four processor-breakpoint slots; slot i always uses DRi.
+typedef struct ProcessorSlot {
+  u64 address;  // as asked for; 0 while the slot is free
+  u32 size;     // 1, 2, 4 or 8 bytes
+  u32 access;   // 0 write, 1 read/write, 2 execute
+  u8 armed;     // set by the engine when it armed the slot in every thread (new threads get it too)
+  u8 padding[7];
+  BreakpointLocation *owner;  // the user's breakpoint the slot was made for
+} ProcessorSlot;
+
+enum : u32 { kProcessorSlotCount = 4 };
+
 typedef struct LaunchDescription LaunchDescription;
 
 typedef BOOL(WINAPI *WaitForDebugEventFn)(DEBUG_EVENT *, DWORD);
@@ -216,6 +228,7 @@ typedef struct Target {
   BreakpointLocation *breakpoints;       // live records, newest first
   BreakpointLocation *free_breakpoints;  // guarded by the ticket lock
   BreakpointLocation *breakpoint_pool;
+  ProcessorSlot processor_slots[kProcessorSlotCount];
   struct EvaluationRequests *evaluation_requests;
 
   // [flags] written by the UI thread, read by the engine

@@ -1,5 +1,5 @@
 // The engine's test program: one mode per scenario, chosen by the first argument.
-//   threads | strings | av | avraw | shadow | div0 | overflow | nullcall | int3 | int3loop N | int3tick N | count | bp N | bpthreads N | bpspin | dll2 | ymm | priorities | strloop N | spin | many N | env | cwd | dll
+//   threads | strings | av | avraw | shadow | div0 | overflow | nullcall | int3 | int3loop N | int3tick N | count | bp N | bpthreads N | bpspin | dll2 | ymm | priorities | data | drprobe | step | strloop N | spin | many N | env | cwd | dll
 //   | cxx | cxxbad | unknown
 #include <windows.h>
 
@@ -147,6 +147,79 @@ static int Breakpoints(int count, int threads) {
   snprintf(line, sizeof line, "checksum %s\n", after == before ? "kept" : "changed");
   OutputDebugStringA(line);
   return (after == before ? 0 : 0x100) + (g_work_total & 0xFF);
+}
+
+// [SECTION] Data breakpoints
+
+static volatile LONG g_watched;
+static HANDLE g_accessed;  // set by a thread once it has made its access; it then idles
+
+static DWORD WINAPI DataWriter(void *) {
+  g_watched = 2;  // WATCH_THREAD_LINE
+  SetEvent(g_accessed);
+  for (;;) Sleep(1000);
+}
+
+static DWORD WINAPI DataReader(void *) {
+  LONG read = g_watched;  // WATCH_READER_LINE
+  (void)read;
+  SetEvent(g_accessed);
+  for (;;) Sleep(1000);
+}
+
+static void RunUntilAccessed(LPTHREAD_START_ROUTINE routine) {
+  CloseHandle(CreateThread(nullptr, 0, routine, nullptr, 0, nullptr));
+  WaitForSingleObject(g_accessed, INFINITE);
+}
+
+// A variable written by the main thread and by a thread made after the tests set their data
+// breakpoint, read, then read by the main thread and by a thread made later, and written again,
+// with an int3 between the parts: the tests stop at each access they watch for and read the debug
+// registers of every thread at the int3s.
+static int Data(void) {
+  g_accessed = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+  char line[64];
+  snprintf(line, sizeof line, "watched at %p\n", (void *)&g_watched);
+  OutputDebugStringA(line);
+  __debugbreak();
+  g_watched = 1;  // WATCH_MAIN_LINE
+  RunUntilAccessed(DataWriter);
+  LONG seen = g_watched;  // a read, which a write breakpoint does not see
+  __debugbreak();
+  seen += g_watched;  // WATCH_READ_LINE
+  RunUntilAccessed(DataReader);
+  __debugbreak();
+  g_watched = 3;
+  return seen + g_watched;
+}
+
+// Whether this machine delivers debug-register traps at all: a thread of the program's own is
+// given a write breakpoint on a variable and writes it, without any debugger. 1 when the trap came.
+static volatile LONG g_probed, g_probe_trapped;
+static LONG WINAPI ProbeHandler(EXCEPTION_POINTERS *info) {
+  if (info->ExceptionRecord->ExceptionCode != EXCEPTION_SINGLE_STEP) return EXCEPTION_CONTINUE_SEARCH;
+  g_probe_trapped = 1;
+  info->ContextRecord->Dr7 = 0;
+  info->ContextRecord->Dr6 = 0;
+  return EXCEPTION_CONTINUE_EXECUTION;
+}
+
+static DWORD WINAPI ProbeWriter(void *) {
+  g_probed = 1;
+  return 0;
+}
+
+static int DebugRegisterProbe(void) {
+  AddVectoredExceptionHandler(1, ProbeHandler);
+  HANDLE writer = CreateThread(nullptr, 0, ProbeWriter, nullptr, CREATE_SUSPENDED, nullptr);
+  CONTEXT context = {};
+  context.ContextFlags = CONTEXT_DEBUG_REGISTERS;
+  context.Dr0 = (DWORD64)&g_probed;
+  context.Dr7 = 1 | (1 << 16) | (3 << 18);  // slot 0, write, 4 bytes
+  SetThreadContext(writer, &context);
+  ResumeThread(writer);
+  WaitForSingleObject(writer, INFINITE);
+  return g_probe_trapped;
 }
 
 // [SECTION] Registers
@@ -329,6 +402,16 @@ int main(int argc, char **argv) {
     return first + second;
   }
   if (!strcmp(mode, "ymm")) return YmmRoundTrip();
+  if (!strcmp(mode, "data")) return Data();
+  if (!strcmp(mode, "drprobe")) return DebugRegisterProbe();
+  if (!strcmp(mode, "step")) {
+    // A single step raised by the program between two int3s: whoever's DR6 names a slot then
+    // sees it as that slot's hit.
+    __debugbreak();
+    __debugbreak();
+    RaiseException(EXCEPTION_SINGLE_STEP, 0, 0, nullptr);
+    return 5;
+  }
   if (!strcmp(mode, "priorities")) return Priorities();
   if (!strcmp(mode, "env")) return Env();
   if (!strcmp(mode, "cwd")) {
