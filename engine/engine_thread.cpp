@@ -107,7 +107,7 @@ static DWORD WINAPI EngineThreadMain(void *parameter) {
   target->start_result = (u32)result;
   start->result = result;
   start->process_id = target->process_id;
-  if (result != 0) {
+  if (result != kEngineOk) {
     // 7. Nothing of the run stays.
     if (process_made) {
       if (target->attached) {
@@ -159,7 +159,7 @@ EngineResult EngineStartThread(EngineStart *start) {
   }
   WaitForSingleObject(start->finished, INFINITE);
   CloseHandle(start->finished);
-  if (start->result != 0) {
+  if (start->result != kEngineOk) {
     WaitForSingleObject(thread, INFINITE);
     CloseHandle(thread);
     return start->result;
