@@ -8,8 +8,8 @@
 # Builds the benchmarks in build/pdb-release (release, no sanitizers), makes the PDBs with
 # bench/pdb/synthetic/make_pdb.sh into build/bench-pdb/{small,ref} when they are missing (small is
 # 20 units of 50 functions, the reference 400 of 400 and a long build; KTRN_BENCH_PDB_DIR puts
-# them elsewhere), and prints one table row per PDB. KTRN_BENCH_REF names another folder holding the reference synth.exe and
-# synth.pdb (one made for another tree).
+# them elsewhere), and prints one table row per PDB. KTRN_BENCH_REF names another folder holding
+# the reference synth.exe and synth.pdb (one made for another tree).
 set -euo pipefail
 root=$(cd "$(dirname "$0")/../.." && pwd)
 runs=${1:-7}
