@@ -4,8 +4,9 @@
 # objects (/Z7, optimised for size) and linked by lld-link 14 with a PDB. Freestanding: no SDK, no
 # C runtime, its own entry point.
 #   bench/pdb/synthetic/make_pdb.sh UNITS FUNCTIONS OUT_DIR [JOBS]
-# The reference of the PDB benchmarks is 400 400 (a PDB of about 250 MB: a long build, run it at low
-# priority); 20 50 makes a small one in seconds. JOBS compilers run at once (2 unless given).
+# The reference of the PDB benchmarks is 400 400 (a 254 MiB PDB; about half an hour with two
+# compilers: run it at low priority); 20 50 makes a 1.7 MiB one in seconds. JOBS compilers run at
+# once (2 unless given).
 # The sources stay in OUT_DIR/src, so the paths in the PDB name files that exist; the objects are
 # deleted once linked.
 set -euo pipefail
