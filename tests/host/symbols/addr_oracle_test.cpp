@@ -14,7 +14,7 @@
 #include <algorithm>
 #include <map>
 
-#include "files_in.h"
+#include "test_files.h"
 #include "oracle.h"
 
 namespace {

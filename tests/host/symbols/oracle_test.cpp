@@ -9,7 +9,7 @@
 #include <map>
 #include <set>
 
-#include "files_in.h"
+#include "test_files.h"
 #include "oracle.h"
 #include "symbols/pdb_error.h"
 #include "symbols/pdb_file.h"

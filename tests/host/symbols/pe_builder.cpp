@@ -52,32 +52,21 @@ BuiltPe BuildPe(const PeSpec &spec) {
   Set32(b, dirs + 6 * 8, entries ? debug_rva : 0), Set32(b, dirs + 6 * 8 + 4, entries * 28);
   out.debug_directory_rva = debug_rva;
 
+  // Entries: characteristics, time stamp, version, type, size, rva, file offset.
   uint32_t record_rva = debug_rva + entries * 28;
   uint32_t record_file = debug_file + entries * 28;
-  Bytes directory;
-  for (uint32_t i = 0; i < spec.other_debug_entries; i++) {
-    Put32(directory, 0), Put32(directory, 0), Put32(directory, 0);
-    Put32(directory, 16);  // a repro entry
-    Put32(directory, 0), Put32(directory, 0), Put32(directory, 0);
-  }
+  LeBytes directory;
+  for (uint32_t i = 0; i < spec.other_debug_entries; i++) directory.zero32(3).u32(16).zero32(3);  // repro entries
   if (spec.codeview) {
-    Bytes record;
-    record.insert(record.end(), {'R', 'S', 'D', 'S'});
-    record.insert(record.end(), spec.guid, spec.guid + 16);
-    Put32(record, spec.age);
-    PutName(record, spec.pdb_path);
+    Bytes record = LeBytes().raw("RSDS").raw(Bytes(spec.guid, spec.guid + 16)).u32(spec.age).name(spec.pdb_path);
     uint32_t size = spec.codeview_size_override >= 0 ? (uint32_t)spec.codeview_size_override : (uint32_t)record.size();
-    Put32(directory, 0), Put32(directory, 0), Put32(directory, 0);
-    Put32(directory, 2), Put32(directory, size), Put32(directory, record_rva), Put32(directory, record_file);
-    if (spec.second_codeview_size >= 0) {
-      Put32(directory, 0), Put32(directory, 0), Put32(directory, 0);
-      Put32(directory, 2), Put32(directory, (uint32_t)spec.second_codeview_size);
-      Put32(directory, record_rva), Put32(directory, record_file);
-    }
+    directory.zero32(3).u32(2).u32(size).u32(record_rva).u32(record_file);
+    if (spec.second_codeview_size >= 0)
+      directory.zero32(3).u32(2).u32((uint32_t)spec.second_codeview_size).u32(record_rva).u32(record_file);
     if (record_file + record.size() > b.size()) b.resize(record_file + record.size(), 0);
     memcpy(&b[record_file], record.data(), record.size());
   }
-  if (spec.debug_directory_in_file) memcpy(&b[debug_file], directory.data(), directory.size());
+  if (spec.debug_directory_in_file) memcpy(&b[debug_file], directory.b.data(), directory.b.size());
   out.debug_directory = directory;
   return out;
 }

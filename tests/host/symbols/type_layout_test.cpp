@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "files_in.h"
+#include "test_files.h"
 #include "oracle.h"
 #include "symbols/pdb_file.h"
 #include "symbols/pdb_type_fields.h"
