@@ -41,17 +41,17 @@ void BuildRichSession(Session *s) {
 
 TEST(SessionFile, EmptySessionHasTheDocumentedBytes) {
   ScopedSession s;
-  Image expected;
-  expected.raw("KTRN").zeros(3);     // 1, 2
-  expected.u32v(0).u32v(0);          // 3, 4
-  expected.u32v(0);                  // 5
-  expected.u32v(0).u32v(0);          // 6, 7
-  expected.u32v(0).u8v(0);           // 8: empty environment and a 0 byte
-  expected.u32v(0).u32v(0);          // 9, 10
-  expected.u32v(7).zeros(7);         // 11
-  expected.u32v(0).u32v(0);          // 12, 13
-  expected.zeros(8);                 // 14
-  expected.u32v(0);                  // 15
+  LeBytes expected;
+  expected.raw("KTRN").zero32(3);     // 1, 2
+  expected.u32(0).u32(0);          // 3, 4
+  expected.u32(0);                  // 5
+  expected.u32(0).u32(0);          // 6, 7
+  expected.u32(0).u8(0);           // 8: empty environment and a 0 byte
+  expected.u32(0).u32(0);          // 9, 10
+  expected.u32(7).zero32(7);         // 11
+  expected.u32(0).u32(0);          // 12, 13
+  expected.zero32(8);                 // 14
+  expected.u32(0);                  // 15
   EXPECT_EQ(WriteImage(s.get()), expected.b);
   ScopedSession back;
   u32 sections = 0;
@@ -83,15 +83,15 @@ TEST(SessionFile, ProcessorBreakpointKeepsItsPlaceAndOnlyItHasASection12Record) 
   SessionAddBreakpoint(s.get(), kBreakpointFunction, "b", 0, 0, nullptr);
   Bytes image = WriteImage(s.get());
   // Sections 12 to 15 close the file: one processor record, three enabled bytes, empty watches.
-  Image tail;
-  tail.u32v(3).str("p+4").u32v(8).u32v(kAccessExecute);
-  tail.u32v(3).u8v(1).u8v(1).u8v(1);
-  tail.zeros(8).u32v(0);
+  LeBytes tail;
+  tail.u32(3).str("p+4").u32(8).u32(kAccessExecute);
+  tail.u32(3).u8(1).u8(1).u8(1);
+  tail.zero32(8).u32(0);
   ASSERT_GE(image.size(), tail.b.size());
   EXPECT_EQ(Bytes(image.end() - tail.b.size(), image.end()), tail.b);
   // Section 4 holds the three in order, the processor one with its kind and nothing else.
-  Image section4;
-  section4.u32v(3).u32v(0).u32v(0).str("a").u32v(0).u32v(3).u32v(0).u32v(0).str("b");
+  LeBytes section4;
+  section4.u32(3).u32(0).u32(0).str("a").u32(0).u32(3).u32(0).u32(0).str("b");
   EXPECT_NE(std::search(image.begin(), image.end(), section4.b.begin(), section4.b.end()), image.end());
   ScopedSession back;
   ASSERT_EQ(ReadImage(back.get(), image), kSessionFileOk);
@@ -174,7 +174,7 @@ TEST(SessionFile, OldFileWithoutSections12To15GetsTheDefaults) {
 
 // A hand-made file with only the first target command's strings (an old file cut after 2).
 TEST(SessionFile, FirstTargetCommandComesFromSection2Alone) {
-  Image img;
+  LeBytes img;
   img.raw("KTRN").str("C:\\a.exe").str("").str("C:\\");
   ScopedSession s;
   u32 sections;
@@ -217,29 +217,21 @@ TEST(SessionFile, WrongMagicLeavesAnEmptySession) {
 
 // [SECTION] Watch rows
 
-TEST(SessionFile, RowTextOf511BytesEndsThatListAndTheRestIsReadOutOfStep) {
-  std::string long_text(511, 'x');
-  Image img;
-  img.raw("KTRN").zeros(3).u32v(0).u32v(0);
-  img.u32v(3).str("first").str(long_text).str("third");  // section 5
+// A row text of 511 bytes ends that list, and the rest is read out of step: section 6 then reads
+// its count from the text bytes ("xxxx" = 0x78787878 sizes), and the image ends inside it. One of
+// 510 bytes is kept.
+TEST(SessionFile, RowTextsOf511BytesEndTheList) {
   ScopedSession s;
   u32 sections = 0;
-  ASSERT_EQ(ReadImage(s.get(), img.b, &sections), kSessionFileOk);
+  Bytes image = LeBytes().raw("KTRN").zero32(5).u32(3).str("first").str(std::string(511, 'x')).str("third");
+  ASSERT_EQ(ReadImage(s.get(), image, &sections), kSessionFileOk);
   ASSERT_EQ(s->watches[0].count, 1u);
   EXPECT_STREQ(s->watches[0].rows[0].expression, "first");
-  // Section 6 then reads its count from the 511 text bytes ("xxxx" = 0x78787878 sizes), and the
-  // image ends inside it.
   EXPECT_EQ(sections, 5u);
-}
-
-TEST(SessionFile, RowTextOf510BytesIsKept) {
-  std::string text(510, 'y');
-  Image img;
-  img.raw("KTRN").zeros(3).u32v(0).u32v(0).u32v(1).str(text);
-  ScopedSession s;
-  ASSERT_EQ(ReadImage(s.get(), img.b), kSessionFileOk);
-  ASSERT_EQ(s->watches[0].count, 1u);
-  EXPECT_EQ(std::string(s->watches[0].rows[0].expression), text);
+  ScopedSession kept;
+  ASSERT_EQ(ReadImage(kept.get(), LeBytes().raw("KTRN").zero32(5).u32(1).str(std::string(510, 'y'))), kSessionFileOk);
+  ASSERT_EQ(kept->watches[0].count, 1u);
+  EXPECT_EQ(std::string(kept->watches[0].rows[0].expression), std::string(510, 'y'));
 }
 
 TEST(SessionFile, WriterNeverProducesARowTextOf511Bytes) {
@@ -261,15 +253,15 @@ TEST(SessionFile, WriterNeverProducesARowTextOf511Bytes) {
 }
 
 TEST(SessionFile, CommentsAreStoredOnlyForRowsThatExist) {
-  Image img;
-  img.raw("KTRN").zeros(3).u32v(0).u32v(0);
-  img.u32v(1).str("a");                          // 5
-  img.u32v(0).u32v(0).u32v(0).u8v(0).u32v(0).u32v(0);  // 6 to 10
-  img.u32v(7).zeros(7);                          // 11
-  img.u32v(0).u32v(0);                           // 12, 13
-  img.u32v(3).str("c1").str("c2").str("c3");     // 14: window 1 has one row only
-  img.u32v(1).str("lonely");                     // window 2 has none
-  img.zeros(6).u32v(0);
+  LeBytes img;
+  img.raw("KTRN").zero32(3).u32(0).u32(0);
+  img.u32(1).str("a");                          // 5
+  img.u32(0).u32(0).u32(0).u8(0).u32(0).u32(0);  // 6 to 10
+  img.u32(7).zero32(7);                          // 11
+  img.u32(0).u32(0);                           // 12, 13
+  img.u32(3).str("c1").str("c2").str("c3");     // 14: window 1 has one row only
+  img.u32(1).str("lonely");                     // window 2 has none
+  img.zero32(6).u32(0);
   ScopedSession s;
   u32 sections;
   ASSERT_EQ(ReadImage(s.get(), img.b, &sections), kSessionFileOk);
@@ -281,74 +273,45 @@ TEST(SessionFile, CommentsAreStoredOnlyForRowsThatExist) {
 
 // [SECTION] Hostile counts
 
-struct HostileCase {
-  const char *name;
-  Image image;
-  u32 sections;
-};
-
+// Whatever is read is a session that writes and reads back whole.
 TEST(SessionFile, HugeCountsStopAtTheEndOfTheImage) {
-  std::vector<HostileCase> cases;
-  {
-    HostileCase c{"4 billion source files", {}, 2};
-    c.image.raw("KTRN").zeros(3).u32v(0xFFFFFFFF).str("a");
-    cases.push_back(c);
-  }
-  {
-    HostileCase c{"4 billion watch rows", {}, 4};
-    c.image.raw("KTRN").zeros(3).u32v(0).u32v(0).u32v(0xFFFFFFFF).str("a").str("b");
-    cases.push_back(c);
-  }
-  {
-    HostileCase c{"string longer than the file", {}, 1};
-    c.image.raw("KTRN").u32v(0xFFFFFFF0).raw("abc");
-    cases.push_back(c);
-  }
-  {
-    HostileCase c{"4 billion further watch windows", {}, 10};
-    c.image.raw("KTRN").zeros(3).u32v(0).u32v(0).u32v(0).u32v(0).u32v(0).u32v(0).u8v(0).u32v(0).u32v(0);
-    c.image.u32v(0xFFFFFFFF).zeros(20);
-    cases.push_back(c);
-  }
-  {
-    // Section 12's count is bounded by the real breakpoints: 4 billion with none reads nothing.
-    HostileCase c{"section 12 count without breakpoints", {}, 15};
-    c.image.raw("KTRN").zeros(3).u32v(0).u32v(0).u32v(0).u32v(0).u32v(0).u32v(0).u8v(0).u32v(0).u32v(0);
-    c.image.u32v(7).zeros(7).u32v(0xFFFFFFFF).u32v(0).zeros(8).u32v(0);
-    cases.push_back(c);
-  }
-  {
-    HostileCase c{"unknown breakpoint kind", {}, 3};
-    c.image.raw("KTRN").zeros(3).u32v(0).u32v(2).u32v(0).u32v(0).str("f").u32v(0).u32v(9).zeros(40);
-    cases.push_back(c);
-  }
-  {
-    HostileCase c{"target count 4 billion", {}, 8};
-    c.image.raw("KTRN").zeros(3).u32v(0).u32v(0).u32v(0).u32v(0).u32v(0).u32v(0).u8v(0).u32v(0xFFFFFFFF).zeros(9);
-    cases.push_back(c);
-  }
-  for (HostileCase &c : cases) {
-    ScopedSession s;
+  auto through_8 = [] { return LeBytes().raw("KTRN").zero32(3).u32(0).u32(0).u32(0).u32(0).u32(0).u32(0).u8(0); };
+  const struct {
+    const char *name;
+    Bytes image;
+    u32 sections;
+  } cases[] = {
+      {"4 billion source files", LeBytes().raw("KTRN").zero32(3).u32(0xFFFFFFFF).str("a"), 2},
+      {"4 billion watch rows", LeBytes().raw("KTRN").zero32(3).u32(0).u32(0).u32(0xFFFFFFFF).str("a").str("b"), 4},
+      {"string longer than the file", LeBytes().raw("KTRN").u32(0xFFFFFFF0).raw("abc"), 1},
+      {"4 billion further watch windows", through_8().u32(0).u32(0).u32(0xFFFFFFFF).zero32(20), 10},
+      // Section 12's count is bounded by the real breakpoints: 4 billion with none reads nothing.
+      {"section 12 count without breakpoints",
+       through_8().u32(0).u32(0).u32(7).zero32(7).u32(0xFFFFFFFF).u32(0).zero32(8).u32(0), 15},
+      {"unknown breakpoint kind", LeBytes().raw("KTRN").zero32(3).u32(0).u32(2).u32(0).u32(0).str("f").u32(0).u32(9).zero32(40), 3},
+      {"target count 4 billion", through_8().u32(0xFFFFFFFF).zero32(9), 8},
+  };
+  for (auto &c : cases) {
+    ScopedSession s, back;
     u32 sections = 0;
-    EXPECT_EQ(ReadImage(s.get(), c.image.b, &sections), kSessionFileOk) << c.name;
+    EXPECT_EQ(ReadImage(s.get(), c.image, &sections), kSessionFileOk) << c.name;
     EXPECT_EQ(sections, c.sections) << c.name;
-    ScopedSession back;  // whatever was read is a session that writes and reads back whole
     EXPECT_EQ(ReadImage(back.get(), WriteImage(s.get())), kSessionFileOk) << c.name;
     EXPECT_EQ(SessionDifference(s.get(), back.get()), nullptr) << c.name;
   }
 }
 
 TEST(SessionFile, ExtraPerBreakpointValuesAreReadAndDropped) {
-  Image img;
-  img.raw("KTRN").zeros(3).u32v(0);
-  img.u32v(1).u32v(0).u32v(kBreakpointAddress).u64v(0x1000);  // 4
-  img.u32v(0);                                                // 5
-  img.u32v(3).u32v(16).u32v(99).u32v(98);                     // 6: two values too many
-  img.u32v(2).str("x == 1").str("dropped");                   // 7
-  img.u32v(0).u8v(0).u32v(0).u32v(0).u32v(7).zeros(7);        // 8 to 11
-  img.u32v(1);                                                // 12: not a processor breakpoint
-  img.u32v(2).u8v(1).u8v(0);                                  // 13
-  img.zeros(8).u32v(0);                                       // 14, 15
+  LeBytes img;
+  img.raw("KTRN").zero32(3).u32(0);
+  img.u32(1).u32(0).u32(kBreakpointAddress).u64(0x1000);  // 4
+  img.u32(0);                                                // 5
+  img.u32(3).u32(16).u32(99).u32(98);                     // 6: two values too many
+  img.u32(2).str("x == 1").str("dropped");                   // 7
+  img.u32(0).u8(0).u32(0).u32(0).u32(7).zero32(7);        // 8 to 11
+  img.u32(1);                                                // 12: not a processor breakpoint
+  img.u32(2).u8(1).u8(0);                                  // 13
+  img.zero32(8).u32(0);                                       // 14, 15
   ScopedSession s;
   u32 sections;
   ASSERT_EQ(ReadImage(s.get(), img.b, &sections), kSessionFileOk);
@@ -382,9 +345,9 @@ void LogBreakpoint(void *user, const Session *s, u32 index) {
 
 TEST(SessionFile, SourceFilesGoThroughTheHookAndFailuresAreReported) {
   std::string too_long = "C:\\" + std::string(256, 'd');  // 259 bytes: skipped without a word
-  Image img;
-  img.raw("KTRN").zeros(3);
-  img.u32v(4).str("C:\\a.cpp").str("C:\\missing.cpp").str(too_long).str("C:\\b.cpp");
+  LeBytes img;
+  img.raw("KTRN").zero32(3);
+  img.u32(4).str("C:\\a.cpp").str("C:\\missing.cpp").str(too_long).str("C:\\b.cpp");
   HookLog log;
   SessionReadHooks hooks = {&log, OpenUnlessMissing, LogBreakpoint, LogOutput};
   ScopedSession s;
@@ -408,7 +371,7 @@ TEST(SessionFile, BreakpointsReachTheHookCompleteAfterTheWholeFile) {
 // [SECTION] Files and the recent list
 
 TEST(SessionFile, SaveAndOpenThroughFilesKeepTheRecentList) {
-  TempFolder dir;
+  TempDir dir;
   ASSERT_FALSE(dir.path.empty());
   ScopedSession s;
   BuildRichSession(s.get());
@@ -427,7 +390,7 @@ TEST(SessionFile, SaveAndOpenThroughFilesKeepTheRecentList) {
   EXPECT_EQ(recent.count, 1u);
 
   ScopedSession back;
-  std::string other = dir.File("other.ktrn", "NOPE");
+  std::string other = dir.Write("other.ktrn", "NOPE");
   u32 sections = 0;
   ASSERT_EQ(SessionReadFile(back.get(), path.c_str(), nullptr, &recent, &sections), kSessionFileOk);
   EXPECT_EQ(sections, 15u);
@@ -445,7 +408,7 @@ TEST(SessionFile, SaveAndOpenThroughFilesKeepTheRecentList) {
 }
 
 TEST(SessionFile, FailedSaveKeepsThePreviousFile) {
-  TempFolder dir;
+  TempDir dir;
   ScopedSession s;
   BuildRichSession(s.get());
   s->modified = 1;

@@ -4,6 +4,8 @@
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 
@@ -51,6 +53,8 @@ std::vector<std::string> FilesIn(const std::string &folder, const std::string &s
   if (!dir) return files;
   while (dirent *e = readdir(dir)) {
     std::string name = e->d_name;
+    struct stat st;
+    if (stat((folder + "/" + name).c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
     if (name.size() > suffix.size() && name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0)
       files.push_back(folder + "/" + name);
   }
@@ -58,6 +62,8 @@ std::vector<std::string> FilesIn(const std::string &folder, const std::string &s
   std::sort(files.begin(), files.end());
   return files;
 }
+
+bool FileExists(const std::string &path) { return access(path.c_str(), F_OK) == 0; }
 
 std::string Format(const char *format, ...) {
   char buffer[1024];

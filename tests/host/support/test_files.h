@@ -22,7 +22,8 @@ struct TempDir {
 // A file in this process's own temporary folder (removed at exit), replaced if it exists.
 std::string WriteTempFile(const Bytes &contents, const std::string &name);
 std::string ReadFile(const std::string &path, bool *ok = nullptr);
-// The files of a folder whose names end with suffix, as full paths, sorted.
+bool FileExists(const std::string &path);
+// The regular files of a folder whose names end with suffix, as full paths, sorted.
 std::vector<std::string> FilesIn(const std::string &folder, const std::string &suffix);
 
 std::string Format(const char *format, ...) __attribute__((format(printf, 1, 2)));

@@ -4,22 +4,15 @@
 // be the line entries of `ktrn-pdb lines`. Breakpad speaks in rvas; the PDB's own copy of the
 // section headers (as llvm-pdbutil prints them) turns our section:offset pairs into rvas.
 #include <gtest/gtest.h>
-#include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
 
 #include <algorithm>
 #include <fstream>
 #include <map>
-#include <set>
 #include <tuple>
 
 #include "oracle.h"
 
 namespace {
-
-const std::string kTool = KTRN_PDB_TOOL;
-const std::string kCorpus = std::string(KTRN_DATA_DIR) + "/pdb-corpus/";
 
 struct Function {
   uint32_t rva, length;
@@ -110,16 +103,8 @@ bool ParseOurs(const std::string &line, const std::vector<uint32_t> &rvas, uint3
   return true;
 }
 
-std::string Describe(const Function &f) {
-  char text[64];
-  snprintf(text, sizeof(text), "%x %x ", f.rva, f.length);
-  return text + f.name;
-}
-std::string Describe(const Line &l) {
-  char text[64];
-  snprintf(text, sizeof(text), "%x %x %u ", l.rva, l.length, l.number);
-  return text + l.path;
-}
+std::string Describe(const Function &f) { return Format("%x %x ", f.rva, f.length) + f.name; }
+std::string Describe(const Line &l) { return Format("%x %x %u ", l.rva, l.length, l.number) + l.path; }
 
 template <typename T>
 std::string Differences(std::vector<T> ours, std::vector<T> theirs) {
@@ -138,15 +123,15 @@ std::string Differences(std::vector<T> ours, std::vector<T> theirs) {
 
 void ExpectAgreesWithBreakpad(const std::string &name, size_t least_functions, size_t least_lines) {
   SCOPED_TRACE(name);
-  std::string pdb = kCorpus + name + ".pdb";
+  std::string pdb = CorpusFile(name + ".pdb");
   BreakpadFile breakpad;
-  ASSERT_TRUE(ReadBreakpad(kCorpus + name + ".sym", &breakpad));
+  ASSERT_TRUE(ReadBreakpad(CorpusFile(name + ".sym"), &breakpad));
   ASSERT_GE(breakpad.functions.size(), least_functions);
   ASSERT_GE(breakpad.lines.size(), least_lines);
   std::vector<uint32_t> rvas = SectionRvas(pdb);
   ASSERT_FALSE(rvas.empty()) << "llvm-pdbutil printed no section headers";
 
-  CommandResult procs = RunCommand(Quote(kTool) + " procs " + Quote(pdb));
+  CommandResult procs = PdbTool({"procs", pdb});
   ASSERT_EQ(procs.exit_status, 0);
   std::vector<Function> functions;
   for (const std::string &line : SplitLines(procs.output)) {
@@ -176,7 +161,7 @@ void ExpectAgreesWithBreakpad(const std::string &name, size_t least_functions, s
   // have no Breakpad counterpart.
   std::vector<Function> by_rva = breakpad.functions;
   std::sort(by_rva.begin(), by_rva.end());
-  CommandResult lines = RunCommand(Quote(kTool) + " lines " + Quote(pdb));
+  CommandResult lines = PdbTool({"lines", pdb});
   ASSERT_EQ(lines.exit_status, 0);
   std::vector<Line> entries;
   for (const std::string &text : SplitLines(lines.output)) {
@@ -199,8 +184,9 @@ void ExpectAgreesWithBreakpad(const std::string &name, size_t least_functions, s
 
 }  // namespace
 
-// A 64-bit MSVC program with its C runtime: functions and lines.
-TEST(BreakpadOracle, FunctionsAndLinesOfA64BitProgram) { ExpectAgreesWithBreakpad("ds_dump_syms_regtest64", 200, 3000); }
-
-// A 32-bit DLL whose PDB has no line records: its functions, read through the PDB alone.
-TEST(BreakpadOracle, FunctionsOfA32BitLibrary) { ExpectAgreesWithBreakpad("ds_basic32-min", 700, 0); }
+// A 64-bit MSVC program with its C runtime: functions and lines; a 32-bit DLL whose PDB has no line
+// records: its functions, read through the PDB alone.
+TEST(BreakpadOracle, FunctionsAndLinesAgree) {
+  ExpectAgreesWithBreakpad("ds_dump_syms_regtest64", 200, 3000);
+  ExpectAgreesWithBreakpad("ds_basic32-min", 700, 0);
+}

@@ -3,46 +3,13 @@
 // `ktrn-pdb type`, member and enumerator type names, `ktrn-pdb types`, the record hash against the
 // writers' buckets, and members found by name.
 #include <gtest/gtest.h>
-#include <stdio.h>
 #include <string.h>
 
-#include <algorithm>
-#include <map>
-#include <set>
-#include <string>
-#include <vector>
-
-#include "test_files.h"
 #include "oracle.h"
-#include "symbols/pdb_file.h"
 #include "symbols/pdb_type_fields.h"
 #include "symbols/pdb_type_lookup.h"
 
 namespace {
-
-const std::string kCorpusDir = std::string(KTRN_DATA_DIR) + "/pdb-corpus";
-const std::string kTargets = KTRN_TARGETS_DIR;
-const std::string kPdbTool = KTRN_PDB_TOOL;
-
-}  // namespace
-
-namespace {
-
-// [SECTION] The programs' own view
-
-std::vector<std::string> ReadLines(const std::string &path) {
-  std::vector<std::string> lines;
-  FILE *f = fopen(path.c_str(), "rb");
-  if (!f) return lines;
-  char buffer[1024];
-  while (fgets(buffer, sizeof(buffer), f)) {
-    std::string line = buffer;
-    while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.pop_back();
-    lines.push_back(line);
-  }
-  fclose(f);
-  return lines;
-}
 
 std::vector<std::string> Columns(const std::string &line) {
   std::vector<std::string> out;
@@ -59,8 +26,10 @@ std::vector<std::string> Columns(const std::string &line) {
 // size, and its member and bit-field lines, in order, are the ones the program printed
 // ("member NAME OFFSET SIZE", "bits NAME FIRST-BIT WIDTH").
 void CompareProgramLayouts(const std::string &program, int *types_checked) {
-  std::vector<std::string> layout = ReadLines(kTargets + "/" + program + ".layout");
-  ASSERT_FALSE(layout.empty()) << "no " << program << ".layout in " << kTargets;
+  std::vector<std::string> layout = SplitLines(ReadFile(TargetFile(program + ".layout")));
+  for (std::string &line : layout)
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+  ASSERT_FALSE(layout.empty()) << "no " << program << ".layout in " << TargetsDir();
   for (size_t i = 0; i < layout.size();) {
     std::vector<std::string> head = Columns(layout[i++]);
     ASSERT_EQ(head.size(), 3u) << layout[i - 1];
@@ -69,8 +38,7 @@ void CompareProgramLayouts(const std::string &program, int *types_checked) {
       std::vector<std::string> c = Columns(layout[i]);
       expected.push_back(c[0] + " " + c[1] + " " + c[2] + " " + c[3]);
     }
-    CommandResult r = RunCommand(Quote(kPdbTool) + " type " + Quote(kTargets + "/" + program + ".pdb") + " " +
-                                 Quote(head[1]));
+    CommandResult r = PdbTool({"type", TargetFile(program + ".pdb"), head[1]});
     ASSERT_EQ(r.exit_status, 0) << program << " " << head[1];
     std::vector<std::string> lines = SplitLines(r.output);
     ASSERT_FALSE(lines.empty());
@@ -92,9 +60,7 @@ void CompareProgramLayouts(const std::string &program, int *types_checked) {
 
 TEST(TypeLayout, ProgramsPrintTheSizesAndOffsetsKtrnPdbReads) {
   int checked = 0;
-  CompareProgramLayouts("types_c", &checked);
-  CompareProgramLayouts("types_cpp", &checked);
-  CompareProgramLayouts("types_msvc", &checked);
+  for (const char *program : {"types_c", "types_cpp", "types_msvc"}) CompareProgramLayouts(program, &checked);
   EXPECT_GE(checked, 35);
 }
 
@@ -138,22 +104,19 @@ TEST(TypeLayout, NamesOfMemberTypesAndEnumerators) {
       {"types_msvc", "ms::Wide", {"enumerator\t-9223372036854775807\tkLow"}},
   };
   for (const Case &c : cases) {
-    CommandResult r = RunCommand(Quote(kPdbTool) + " type " + Quote(kTargets + "/" + c.program + ".pdb") + " " +
-                                 Quote(c.type));
+    CommandResult r = PdbTool({"type", TargetFile(std::string(c.program) + ".pdb"), c.type});
     EXPECT_EQ(r.exit_status, 0) << c.type;
-    for (const std::string &line : c.lines) EXPECT_NE(r.output.find(line), std::string::npos) << c.type << ": " << line << "\n" << r.output;
+    for (const std::string &line : c.lines)
+      EXPECT_NE(r.output.find(line), std::string::npos) << c.type << ": " << line << "\n" << r.output;
   }
-  CommandResult missing = RunCommand(Quote(kPdbTool) + " type " + Quote(kTargets + "/types_c.pdb") + " NoSuchType 2>&1");
-  EXPECT_EQ(missing.exit_status, 1);
-  CommandResult bad_index = RunCommand(Quote(kPdbTool) + " type " + Quote(kTargets + "/types_c.pdb") + " 0x7FFFFF 2>&1");
-  EXPECT_EQ(bad_index.exit_status, 1);
+  for (const char *missing : {"NoSuchType", "0x7FFFFF"})
+    EXPECT_EQ(PdbTool({"type", TargetFile("types_c.pdb"), missing}, "2>&1").exit_status, 1) << missing;
 }
 
 // `ktrn-pdb types` lists every index with the kind and size `type` gives it.
 TEST(TypeLayout, TypesListsEveryIndex) {
-  std::string pdb = kTargets + "/types_cpp.pdb";
-  CommandResult all = RunCommand(Quote(kPdbTool) + " types " + Quote(pdb));
-  CommandResult records = RunCommand(Quote(kPdbTool) + " type-records " + Quote(pdb));
+  std::string pdb = TargetFile("types_cpp.pdb");
+  CommandResult all = PdbTool({"types", pdb}), records = PdbTool({"type-records", pdb});
   ASSERT_EQ(all.exit_status, 0);
   std::vector<std::string> lines = SplitLines(all.output);
   EXPECT_EQ(lines.size(), SplitLines(records.output).size());
@@ -161,16 +124,11 @@ TEST(TypeLayout, TypesListsEveryIndex) {
   for (size_t i = 0; i < lines.size(); i += 7) {
     std::vector<std::string> c = Columns(lines[i]);
     ASSERT_EQ(c.size(), 4u) << lines[i];
-    CommandResult one = RunCommand(Quote(kPdbTool) + " type " + Quote(pdb) + " " + c[0]);
-    EXPECT_EQ(SplitLines(one.output)[0], "type\t" + lines[i]);
+    EXPECT_EQ(SplitLines(PdbTool({"type", pdb, c[0]}).output).at(0), "type\t" + lines[i]);
     compared++;
   }
   EXPECT_GE(compared, 10);
 }
-
-}  // namespace
-
-namespace {
 
 // The record hash against the writers' own: every class, structure, union and enumeration of the
 // corpus and of the test programs sits in the bucket of PdbTypeRecordHash (MSVC and lld alike),
@@ -178,16 +136,12 @@ namespace {
 // left out: we hash them as what they modify, to find a definition, where writers use CRC-32.
 TEST(TypeLayout, RecordHashPutsEveryRecordInItsWritersBucket) {
   int checked = 0;
-  std::vector<std::string> pdbs = FilesIn(kTargets, ".pdb");
-  for (const std::string &folder : {kCorpusDir, kCorpusDir + "/llvm"})
-    for (const std::string &pdb : FilesIn(folder, ".pdb")) pdbs.push_back(pdb);
+  std::vector<std::string> pdbs = FilesIn(TargetsDir(), ".pdb"), corpus = CorpusFiles(".pdb");
+  pdbs.insert(pdbs.end(), corpus.begin(), corpus.end());
   for (const std::string &pdb : pdbs) {
-    SymbolArena arena = {};
-    PdbFile file;
-    PdbSummary summary;
-    CodeViewIdentity none = {};
-    if (PdbOpen(&arena, &none, pdb.c_str(), true, &file, &summary) == 0 && file.types.bucket_count) {
-      const PdbTypes &t = file.types;
+    OpenedPdb file(pdb);
+    if (file.status == kPdbOk && file.pdb.types.bucket_count) {
+      const PdbTypes &t = file.pdb.types;
       std::vector<uint32_t> bucket_of(t.count, ~0u);
       for (uint32_t b = 0; b < t.bucket_count; b++)
         for (uint32_t k = 0; k < (uint32_t)(t.buckets[b] >> 32); k++)
@@ -202,14 +156,9 @@ TEST(TypeLayout, RecordHashPutsEveryRecordInItsWritersBucket) {
         checked++;
       }
     }
-    SymbolArenaRelease(&arena);
   }
   EXPECT_GE(checked, 50000);
 }
-
-}  // namespace
-
-namespace {
 
 // Members by name in real PDBs: through base classes (at their offsets in the derived object),
 // in anonymous unions and structures, and arrays by element and count.
@@ -225,36 +174,26 @@ TEST(TypeLayout, MembersByNameInTheTestPrograms) {
       {"types_c", "struct WithAnonymous", "hi", 10, 0}, {"types_msvc", "ms::Multiple", "root_value", 8, 1},
   };
   for (const Case &c : cases) {
-    SymbolArena arena = {};
-    PdbFile file;
-    PdbSummary summary;
-    CodeViewIdentity none = {};
-    std::string pdb = kTargets + "/" + c.program + ".pdb";
-    ASSERT_EQ(PdbOpen(&arena, &none, pdb.c_str(), true, &file, &summary), 0) << pdb;
-    uint32_t type = PdbLookupType(&file.types, &file.globals, c.type, (uint32_t)strlen(c.type));
+    OpenedPdb file(TargetFile(std::string(c.program) + ".pdb"));
+    ASSERT_EQ(file.status, kPdbOk) << c.program;
+    uint32_t type = PdbLookupType(&file.pdb.types, &file.pdb.globals, c.type, (uint32_t)strlen(c.type));
     FoundMember m;
-    ASSERT_TRUE(PdbFindMember(&file.types, type, c.member, (uint32_t)strlen(c.member), &m)) << c.type << "." << c.member;
+    ASSERT_TRUE(PdbFindMember(&file.pdb.types, type, c.member, (uint32_t)strlen(c.member), &m)) << c.type << "." << c.member;
     EXPECT_EQ(m.offset, c.offset) << c.type << "." << c.member;
     EXPECT_EQ(m.depth, c.depth) << c.type << "." << c.member;
-    SymbolArenaRelease(&arena);
   }
-  SymbolArena arena = {};
-  PdbFile file;
-  PdbSummary summary;
-  CodeViewIdentity none = {};
-  std::string pdb = kTargets + "/types_c.pdb";
-  ASSERT_EQ(PdbOpen(&arena, &none, pdb.c_str(), true, &file, &summary), 0);
+  OpenedPdb file(TargetFile("types_c.pdb"));
+  ASSERT_EQ(file.status, kPdbOk);
+  const PdbTypes *types = &file.pdb.types;
   FoundMember m;
-  uint32_t everything = PdbLookupType(&file.types, nullptr, "struct Everything", 17);
-  ASSERT_TRUE(PdbFindMember(&file.types, everything, "matrix", 6, &m));
+  ASSERT_TRUE(PdbFindMember(types, PdbLookupType(types, nullptr, "struct Everything", 17), "matrix", 6, &m));
   uint32_t element = 0;
   uint64_t count = 0;
-  ASSERT_TRUE(PdbTypeIsArray(&file.types, m.type, &element, &count));
+  ASSERT_TRUE(PdbTypeIsArray(types, m.type, &element, &count));
   EXPECT_EQ(count, 3u);
-  ASSERT_TRUE(PdbTypeIsArray(&file.types, element, &element, &count));
+  ASSERT_TRUE(PdbTypeIsArray(types, element, &element, &count));
   EXPECT_EQ(count, 4u);
   EXPECT_EQ(element, 0x74u);
-  SymbolArenaRelease(&arena);
 }
 
 }  // namespace
