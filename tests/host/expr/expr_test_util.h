@@ -1,5 +1,5 @@
-// Shared helper of the expression tests: parse a text and print its tree (or "parse error"),
-// checking that every node is back in the pool afterwards.
+// Shared helpers of the expression tests: the golden cases, and parsing a text to print its tree
+// (or "parse error"), checking that every node is back in the pool afterwards.
 #pragma once
 #include "expr/expr_parser.h"
 #include "expr/expr_print.h"
@@ -8,6 +8,28 @@
 
 #include <memory>
 #include <string>
+#include <vector>
+
+#include "run_command.h"
+#include "test_files.h"
+
+// The cases of tests/host/expr/golden/NAME: (text, expected) for each "text<TAB>expected" line,
+// with its line number; lines that start with "# " and empty lines are left out.
+struct GoldenCase {
+  int line;
+  std::string text, expected;
+};
+inline std::vector<GoldenCase> ReadGolden(const std::string &name) {
+  std::vector<GoldenCase> cases;
+  std::vector<std::string> lines = SplitLines(ReadFile(std::string(KTRN_SOURCE_DIR) + "/tests/host/expr/golden/" + name));
+  for (size_t i = 0; i < lines.size(); i++) {
+    size_t tab = lines[i].find('\t');
+    if (lines[i].rfind("# ", 0) == 0 || tab == std::string::npos) continue;
+    cases.push_back({(int)i + 1, lines[i].substr(0, tab), lines[i].substr(tab + 1)});
+  }
+  EXPECT_GE(cases.size(), 50u) << name;
+  return cases;
+}
 
 struct ParsedText {
   std::string printed;  // the S-expression line, or "parse error"
@@ -34,14 +56,4 @@ inline ParsedText ParseAndPrint(const std::string &text) {
   out.failure = result.failure;
   EXPECT_EQ(pool->free_count, (u32)kExprPoolCapacity) << "nodes left out of the pool by: " << text;
   return out;
-}
-
-struct TextCase {
-  const char *text;
-  const char *expected;  // printed tree, or "parse error"
-};
-
-template <size_t N>
-void ExpectTrees(const TextCase (&cases)[N]) {
-  for (const TextCase &c : cases) EXPECT_EQ(ParseAndPrint(c.text).printed, c.expected) << "text: " << c.text;
 }
