@@ -89,15 +89,16 @@ OracleDump RunOracle(const std::string &pdb_path) {
   return dump;
 }
 
-std::string DescribeDifference(const std::vector<std::string> &ours, const std::vector<std::string> &oracle) {
+std::string DescribeDifference(const std::vector<std::string> &ours, const std::vector<std::string> &oracle,
+                               const std::string &oracle_name) {
   if (ours == oracle) return "";
-  std::string text = "ours " + std::to_string(ours.size()) + " lines, llvm-pdbutil " + std::to_string(oracle.size());
+  std::string text = "ours " + std::to_string(ours.size()) + " lines, " + oracle_name + " " + std::to_string(oracle.size());
   std::multiset<std::string> a(ours.begin(), ours.end()), b(oracle.begin(), oracle.end());
   int shown = 0;
   for (auto &line : a)
     if (b.count(line) < a.count(line) && shown++ < 5) text += "\n  only ours: " + line;
   for (auto &line : b)
-    if (a.count(line) < b.count(line) && shown++ < 10) text += "\n  only llvm-pdbutil: " + line;
+    if (a.count(line) < b.count(line) && shown++ < 10) text += "\n  only " + oracle_name + ": " + line;
   if (!shown) {
     for (size_t i = 0; i < std::min(ours.size(), oracle.size()); i++)
       if (ours[i] != oracle[i]) {

@@ -55,7 +55,8 @@ struct LineDump {
 LineDump RunLineOracle(const std::string &pdb_path);
 
 // Compares two lists and describes the first differences (empty when equal).
-std::string DescribeDifference(const std::vector<std::string> &ours, const std::vector<std::string> &oracle);
+std::string DescribeDifference(const std::vector<std::string> &ours, const std::vector<std::string> &oracle,
+                               const std::string &oracle_name = "llvm-pdbutil");
 // ktrn-pdb procs, globals and lines of the PDB against llvm-pdbutil: procedures and line entries
 // come by address (those at one address in any order), globals exactly in hash-record order. False,
 // with nothing compared, when llvm-pdbutil cannot dump the PDB's symbols.
