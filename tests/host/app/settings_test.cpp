@@ -7,6 +7,7 @@
 #include <string>
 
 #include "app/settings.h"
+#include "test_files.h"
 
 namespace {
 
@@ -26,46 +27,10 @@ Settings Loaded(const std::string &ini) {
   return s;
 }
 
-const char *const kDefaultText =
-    "[Kestrune][WindowPos]\nx=-2147483648\ny=-2147483648\nw=-2147483648\nh=-2147483648\nM=0\n"
-    "[Kestrune][Style]\nUiFontName=\nUiFontSizePx=14\nUiStyle=1\nScrollbarSizePx=14\nShowWindowFocus=1\n"
-    "ShowToolbar=0\nTextFontName=\nTextFontSizePx=15\nTextForegroundClr=#DCDCDC\nTextBackgroundClr=#3F3F3F\n"
-    "TextTabSpacing=4\nEvaluateOnHover=1\nTooltipDelayMs=400\n"
-    "[Kestrune][RecentFiles]\n"
-    "[Kestrune][Other]\nAutoSaveEnabled=0\nOpenLastSessionOnStartup=0\nAutoClearOutputWindow=0\nShowModuleLoad=1\n"
-    "ShowModuleUnload=1\nShowThreadExit=1\nShowProcessExit=1\n"
-    "[Kestrune][Layout]\nO=1\n"
-    "[Kestrune][ThreadsWindow]\nShowWnd=1\nShowName=1\nShowModule=1\nShowFunctionName=1\n"
-    "ShowCallingFunctionName=1\nShowAddress=1\nShowPriority=1\n"
-    "[Kestrune][ModulesWindow]\nShowWnd=1\nShowPath=1\nShowAddress=1\nShowSymbolFile=1\nShowStatus=1\n"
-    "[Kestrune][Watch-0]\nShowWnd=1\nShowType=1\nShowComment=0\nHexadecimal=0\nColumnMaj=0\n"
-    "[Kestrune][BreakpointsWindow]\nShowWnd=1\n"
-    "[Kestrune][CallstackWindow]\nShowWnd=1\nShowModuleName=1\nShowAddress=1\nVerbosity=1\n"
-    "[Kestrune][Memory-0]\nShowWnd=0\nShowDataPreview=0\nShowHexII=0\nShowAscii=1\nGreyOutZeros=1\n"
-    "UpperCaseHex=1\nReadOnly=0\nNumColumns=16\n"
-    "[Kestrune][RegistersWindow]\nShowWnd=0\nShowRIP=1\nShowGeneralPurposeRegs=1\nShowEFLAGS=1\n"
-    "ShowSegmentRegs=0\nShowSSE=0\nShowAVX=0\nShowAVX512=0\n"
-    "[Kestrune][DisassemblyWindow]\nShowWnd=0\nShowCodeBytes=1\nShowAddress=1\n"
-    "[Kestrune][OutputWindow]\nShowWnd=1\n"
-    "[Kestrune][LayoutOther]\nStatusTextPosTop=1\nStatusTextShowPID=1\n";
-
-std::string WatchSection(int i) {
-  return "[Kestrune][Watch-" + std::to_string(i) + "]\nShowWnd=0\nShowType=1\nShowComment=0\nHexadecimal=0\nColumnMaj=0\n";
-}
-
-std::string MemorySection(int i) {
-  return "[Kestrune][Memory-" + std::to_string(i) +
-         "]\nShowWnd=0\nShowDataPreview=0\nShowHexII=0\nShowAscii=1\nGreyOutZeros=1\nUpperCaseHex=1\nReadOnly=0\n"
-         "NumColumns=16\n";
-}
-
 TEST(Settings, DefaultsAreWrittenInTheFileOrder) {
   Settings s;
   SettingsInitDefaults(&s);
-  std::string expected = kDefaultText;
-  for (int i = 1; i <= 7; i++) expected += WatchSection(i);
-  for (int i = 1; i <= 3; i++) expected += MemorySection(i);
-  EXPECT_EQ(Written(&s), expected);
+  EXPECT_EQ(Written(&s), ReadFile(std::string(KTRN_SOURCE_DIR) + "/tests/host/app/golden/settings_defaults.ini"));
   EXPECT_EQ(s.callstack_verbosity, 2);  // the stored default, written as 1 above
 }
 
