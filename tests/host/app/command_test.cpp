@@ -64,58 +64,45 @@ struct Parsed {
   ~Parsed() { StartupArgumentsFree(&a); }
 };
 
-TEST(StartupArguments, FileIsTriedAsGivenThenWithExe) {
+// The file is tried as given, then with ".exe"; a file that begins with "KTRN" is a session, any
+// other (fewer than four bytes too) a program. The switches are exactly two characters and come
+// before the file; after it everything belongs to the program.
+TEST(StartupArguments, SwitchesAndTheFile) {
   TempDir dir;
-  std::string exe = dir.Write("prog.exe", std::string("MZ\x90\0", 4));
-  std::string session = dir.Write("work.ktrn", std::string("KTRN\0\0\0\0", 8));
-  std::string tiny = dir.Write("tiny", "KT");
-  std::string both = dir.Write("both", "MZ");
+  dir.Write("prog.exe", std::string("MZ\x90\0", 4));
+  dir.Write("work.ktrn", std::string("KTRN\0\0\0\0", 8));
+  dir.Write("tiny", "KT");
+  dir.Write("both", "MZ");
   dir.Write("both.exe", "KTRN");
-  std::string prog = dir.path + "/prog";
-
-  Parsed program({"kestrune.exe", "-g", "-q", prog.c_str(), "two words", "x"});
-  EXPECT_EQ(program.a.go, 1);
-  EXPECT_EQ(program.a.quit_on_exit, 1);
-  EXPECT_EQ(program.a.kind, (u32)kStartupProgram);
-  EXPECT_EQ(std::string(program.a.path), exe);
-  EXPECT_STREQ(program.a.arguments, "\"two words\" x");
-
-  Parsed as_session({"kestrune.exe", session.c_str()});
-  EXPECT_EQ(as_session.a.kind, (u32)kStartupSession);
-  EXPECT_EQ(std::string(as_session.a.path), session);
-  EXPECT_EQ(as_session.a.go, 0);
-
-  Parsed short_file({"kestrune.exe", tiny.c_str()});  // fewer than four bytes: a program
-  EXPECT_EQ(short_file.a.kind, (u32)kStartupProgram);
-  EXPECT_STREQ(short_file.a.arguments, "");
-
-  Parsed as_given_first({"kestrune.exe", both.c_str()});  // "both" opens, so "both.exe" is never looked at
-  EXPECT_EQ(as_given_first.a.kind, (u32)kStartupProgram);
-  EXPECT_EQ(std::string(as_given_first.a.path), both);
-
-  std::string missing = dir.path + "/nothing";
-  Parsed none({"kestrune.exe", "-q", missing.c_str(), "arg"});
-  EXPECT_EQ(none.a.kind, (u32)kStartupNothing);
-  EXPECT_EQ(none.a.quit_on_exit, 1);
-  EXPECT_EQ(none.a.arguments, nullptr);
-}
-
-TEST(StartupArguments, SwitchesAreExactlyTwoCharacters) {
-  TempDir dir;
-  std::string exe = dir.Write("p.exe", "MZ");
-  Parsed a({"kestrune.exe", "-g", "-gq", exe.c_str()});  // "-gq" ends the switches and is the file
-  EXPECT_EQ(a.a.go, 1);
-  EXPECT_EQ(a.a.kind, (u32)kStartupNothing);
-  Parsed b({"kestrune.exe", "-x", exe.c_str()});
-  EXPECT_EQ(b.a.kind, (u32)kStartupNothing);
-  Parsed c({"kestrune.exe", exe.c_str(), "-g"});  // after the file everything belongs to the program
-  EXPECT_EQ(c.a.go, 0);
-  EXPECT_STREQ(c.a.arguments, "-g");
-  Parsed d({"kestrune.exe"});
-  EXPECT_EQ(d.a.kind, (u32)kStartupNothing);
-  Parsed e({"kestrune.exe", "-g", "-q"});
-  EXPECT_EQ(e.a.kind, (u32)kStartupNothing);
-  EXPECT_EQ(e.a.go + e.a.quit_on_exit, 2);
+  struct {
+    std::vector<std::string> args;  // after the program name; "@" stands for the folder
+    const char *read;               // -g, -q, kind, path in the folder, arguments
+  } cases[] = {
+      {{"-g", "-q", "@/prog", "two words", "x"}, "go quit program prog.exe \"two words\" x"},
+      {{"@/work.ktrn"}, "- - session work.ktrn (none)"},
+      {{"@/tiny"}, "- - program tiny "},
+      {{"@/both"}, "- - program both "},  // "both" opens, so "both.exe" is never looked at
+      {{"-q", "@/nothing", "arg"}, "- quit nothing  (none)"},
+      {{"-g", "-gq", "@/prog.exe"}, "go - nothing  (none)"},  // "-gq" ends the switches and is the file
+      {{"-x", "@/prog.exe"}, "- - nothing  (none)"},
+      {{"@/prog.exe", "-g"}, "- - program prog.exe -g"},
+      {{}, "- - nothing  (none)"},
+      {{"-g", "-q"}, "go quit nothing  (none)"},
+  };
+  for (auto &c : cases) {
+    std::vector<std::string> args = {"kestrune.exe"};
+    for (std::string a : c.args) args.push_back(a[0] == '@' ? dir.path + a.substr(1) : a);
+    std::vector<const char *> argv;
+    for (const std::string &a : args) argv.push_back(a.c_str());
+    Parsed p(argv);
+    std::string path = p.a.path;
+    if (path.rfind(dir.path + "/", 0) == 0) path = path.substr(dir.path.size() + 1);
+    const char *kinds[] = {"nothing", "session", "program"};
+    EXPECT_EQ(Format("%s %s %s %s %s", p.a.go ? "go" : "-", p.a.quit_on_exit ? "quit" : "-", kinds[p.a.kind], path.c_str(),
+                     p.a.arguments ? p.a.arguments : "(none)"),
+              c.read)
+        << args.back();
+  }
 }
 
 TEST(StartupArguments, RelativeProgramBecomesTheCurrentTargetCommand) {
