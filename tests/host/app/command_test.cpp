@@ -250,61 +250,23 @@ CommandActions RecordingActions(std::vector<std::string> *calls) {
   return a;
 }
 
-struct WordCase {
-  std::vector<const char *> args;  // after the program name
-  bool taken;
-  const char *call;                // "" when nothing may be called; "@" stands for the cwd
-};
-
 TEST(CommandWords, EachWordWithItsArguments) {
-  const WordCase cases[] = {
-      {{"open-file", "/src/a.cpp", "42"}, true, "open /src/a.cpp 42"},
-      {{"open-file", "/src/a.cpp"}, true, "open /src/a.cpp 0"},
-      {{"open-file", "rel.cpp", "x"}, true, "open @/rel.cpp 0"},
-      {{"open-file", "/a.cpp", "12abc", "extra"}, true, "open /a.cpp 12"},
-      {{"open-file"}, false, ""},
-      {{"close-file", "/src/../b.cpp"}, true, "close /b.cpp"},
-      {{"open-session", "/s/w.ktrn"}, false, "session /s/w.ktrn"},
-      {{"start-debugging"}, true, "start"},
-      {{"start-debugging", "1"}, true, "start break"},
-      {{"start-debugging", "0"}, true, "start"},
-      {{"start-debugging", "yes"}, true, "start"},
-      {{"stop-debugging"}, true, "stop"},
-      {{"attach-to-process-by-id", "1234", "--continue"}, true, "attach 1234 run"},
-      {{"attach-to-process-by-id", "1234", "--Continue"}, true, "attach 1234 suspended"},
-      {{"attach-to-process-by-id", "1234", "--continue "}, true, "attach 1234 suspended"},
-      {{"attach-to-process-by-id", "1234"}, true, "attach 1234 suspended"},
-      {{"attach-to-process-by-id", "1234", "--continue", "x"}, false, ""},
-      {{"attach-to-process-by-id"}, false, ""},
-      {{"attach-to-process-by-id", "pid"}, true, "attach 0 suspended"},
-      {{"add-breakpoint-at-file", "/a.cpp", "10"}, true, "add /a.cpp:10"},
-      {{"add-breakpoint-at-file", "/a.cpp"}, false, ""},
-      {{"remove-breakpoint-at-file", "/a.cpp", "-3"}, true, "remove /a.cpp:0"},
-      {{"add-breakpoint-at-function", "Game::Update"}, true, "add fn Game::Update"},
-      {{"add-breakpoint-at-function", "f", "x > 1"}, true, "add fn f if x > 1"},
-      {{"remove-breakpoint-at-function", "f"}, true, "remove fn f"},
-      {{"remove-all-breakpoints"}, true, "remove all"},
-      {{"continue-execution"}, false, "continue"},
-      {{"run-to-cursor", "/a.cpp", "99"}, true, "run to /a.cpp:99"},
-      {{"run-to-cursor", "/a.cpp"}, false, ""},
-      {{"Open-File", "/a.cpp"}, false, ""},
-      {{"unknown"}, false, ""},
-      {{"/path/to/prog.exe", "arg"}, false, ""},
-  };
   std::string cwd = Cwd();
-  for (const WordCase &c : cases) {
+  std::vector<GoldenLine> cases = ReadGolden("tests/host/app/golden/command_words.txt");
+  EXPECT_GE(cases.size(), 30u);
+  for (const GoldenLine &c : cases) {
+    ASSERT_GE(c.fields.size(), 2u) << "command_words.txt:" << c.number;
+    std::vector<const char *> argv = {"kestrune.exe"};
+    for (size_t i = 0; i + 2 < c.fields.size(); i++) argv.push_back(c.fields[i].c_str());
+    std::string label = "command_words.txt:" + std::to_string(c.number);
+    std::string call = c.fields.back() == "nothing" ? "" : c.fields.back();
     std::vector<std::string> calls;
     CommandActions a = RecordingActions(&calls);
-    std::vector<const char *> argv = {"kestrune.exe"};
-    argv.insert(argv.end(), c.args.begin(), c.args.end());
-    std::string label = c.args.empty() ? "" : c.args[0];
-    for (size_t i = 1; i < c.args.size(); i++) label += std::string(" ") + c.args[i];
-    EXPECT_EQ(CommandDispatch(&a, (int)argv.size(), argv.data()), c.taken) << label;
-    std::string call = c.call;
+    EXPECT_EQ(CommandDispatch(&a, (int)argv.size(), argv.data()), c.fields[c.fields.size() - 2] == "taken") << label;
     if (call.find('@') != std::string::npos) call.replace(call.find('@'), 1, cwd);
     EXPECT_EQ(calls, call.empty() ? std::vector<std::string>{} : std::vector<std::string>{call}) << label;
     // A word that acts is one the running instance also takes from a second process.
-    if (!call.empty()) EXPECT_TRUE(CommandIsChannelWord(c.args[0])) << label;
+    if (!call.empty()) EXPECT_TRUE(CommandIsChannelWord(argv[1])) << label;
   }
 }
 

@@ -10,23 +10,17 @@
 #include <string>
 #include <vector>
 
-#include "run_command.h"
 #include "test_files.h"
 
-// The cases of tests/host/expr/golden/NAME: (text, expected) for each "text<TAB>expected" line,
-// with its line number; lines that start with "# " and empty lines are left out.
+// The cases of tests/host/expr/golden/NAME: each line a text, a tab, and what is expected.
 struct GoldenCase {
   int line;
   std::string text, expected;
 };
-inline std::vector<GoldenCase> ReadGolden(const std::string &name) {
+inline std::vector<GoldenCase> ExprGoldenCases(const std::string &name) {
   std::vector<GoldenCase> cases;
-  std::vector<std::string> lines = SplitLines(ReadFile(std::string(KTRN_SOURCE_DIR) + "/tests/host/expr/golden/" + name));
-  for (size_t i = 0; i < lines.size(); i++) {
-    size_t tab = lines[i].find('\t');
-    if (lines[i].rfind("# ", 0) == 0 || tab == std::string::npos) continue;
-    cases.push_back({(int)i + 1, lines[i].substr(0, tab), lines[i].substr(tab + 1)});
-  }
+  for (const GoldenLine &g : ReadGolden("tests/host/expr/golden/" + name))
+    cases.push_back({g.number, g.fields[0], g.fields.size() > 1 ? g.fields[1] : "(no tab)"});
   EXPECT_GE(cases.size(), 50u) << name;
   return cases;
 }

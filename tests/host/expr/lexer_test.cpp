@@ -34,7 +34,7 @@ std::string Tokens(const std::string &text) {
 }  // namespace
 
 TEST(ExprLexer, GoldenCases) {
-  for (const GoldenCase &c : ReadGolden("lexer.txt")) EXPECT_EQ(Tokens(c.text), c.expected) << "lexer.txt:" << c.line;
+  for (const GoldenCase &c : ExprGoldenCases("lexer.txt")) EXPECT_EQ(Tokens(c.text), c.expected) << "lexer.txt:" << c.line;
 }
 
 // Other bytes are one-character invalid tokens; characters 9 to 13 and space are blanks; a

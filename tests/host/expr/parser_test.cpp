@@ -7,7 +7,7 @@
 #include "expr_test_util.h"
 
 TEST(ExprParser, GoldenCases) {
-  for (const GoldenCase &c : ReadGolden("parser.txt"))
+  for (const GoldenCase &c : ExprGoldenCases("parser.txt"))
     EXPECT_EQ(ParseAndPrint(c.text).printed, c.expected) << "parser.txt:" << c.line << ": " << c.text;
   EXPECT_EQ(ParseAndPrint("a\xC3\xA9").printed, "parse error");
   EXPECT_EQ(ParseAndPrint("'\xFF\xFF\xFF\xFF'").printed, "(int 0x77 4294967295)");

@@ -63,6 +63,24 @@ std::vector<std::string> FilesIn(const std::string &folder, const std::string &s
   return files;
 }
 
+std::vector<GoldenLine> ReadGolden(const std::string &path_in_source_tree) {
+  std::vector<GoldenLine> lines;
+  std::string text = ReadFile(std::string(KTRN_SOURCE_DIR) + "/" + path_in_source_tree) + "\n";
+  int number = 1;
+  for (size_t at = 0, end; (end = text.find('\n', at)) != std::string::npos; at = end + 1, number++) {
+    std::string line = text.substr(at, end - at);
+    if (line.empty() || line.rfind("# ", 0) == 0) continue;
+    GoldenLine golden = {number, {}};
+    for (size_t from = 0, tab;; from = tab + 1) {
+      tab = line.find('\t', from);
+      golden.fields.push_back(line.substr(from, tab - from));
+      if (tab == std::string::npos) break;
+    }
+    lines.push_back(golden);
+  }
+  return lines;
+}
+
 bool FileExists(const std::string &path) { return access(path.c_str(), F_OK) == 0; }
 
 std::string Format(const char *format, ...) {

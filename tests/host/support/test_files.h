@@ -26,6 +26,14 @@ bool FileExists(const std::string &path);
 // The regular files of a folder whose names end with suffix, as full paths, sorted.
 std::vector<std::string> FilesIn(const std::string &folder, const std::string &suffix);
 
+// The lines of a golden file (a path under the source tree) as their fields between tabs, with
+// their line numbers; lines that start with "# " and empty lines are comments.
+struct GoldenLine {
+  int number;
+  std::vector<std::string> fields;
+};
+std::vector<GoldenLine> ReadGolden(const std::string &path_in_source_tree);
+
 std::string Format(const char *format, ...) __attribute__((format(printf, 1, 2)));
 std::string Hex(const uint8_t *bytes, size_t count);  // lower-case, two digits a byte
 std::string Trim(const std::string &text);            // without blanks at either end

@@ -68,18 +68,18 @@ TEST(TypeLayout, ProgramsPrintTheSizesAndOffsetsKtrnPdbReads) {
 
 // The lines of golden/type_lines.txt; and a type that is not there is an error.
 TEST(TypeLayout, NamesOfMemberTypesAndEnumerators) {
-  std::map<std::string, std::string> printed;  // "program\ttype" -> ktrn-pdb type's output
+  std::map<std::string, std::string> printed;  // "program type" -> ktrn-pdb type's output
   int checked = 0;
-  for (const std::string &line : SplitLines(ReadFile(std::string(KTRN_SOURCE_DIR) + "/tests/host/symbols/golden/type_lines.txt"))) {
-    size_t first = line.find('\t'), second = line.find('\t', first + 1);
-    if (line.rfind("# ", 0) == 0 || second == std::string::npos) continue;
-    std::string key = line.substr(0, second), &output = printed[key];
+  for (const GoldenLine &g : ReadGolden("tests/host/symbols/golden/type_lines.txt")) {
+    ASSERT_GE(g.fields.size(), 3u) << "type_lines.txt:" << g.number;
+    std::string &output = printed[g.fields[0] + " " + g.fields[1]], line = g.fields[2];
+    for (size_t i = 3; i < g.fields.size(); i++) line += "\t" + g.fields[i];
     if (output.empty()) {
-      CommandResult r = PdbTool({"type", TargetFile(line.substr(0, first) + ".pdb"), line.substr(first + 1, second - first - 1)});
-      EXPECT_EQ(r.exit_status, 0) << key;
+      CommandResult r = PdbTool({"type", TargetFile(g.fields[0] + ".pdb"), g.fields[1]});
+      EXPECT_EQ(r.exit_status, 0) << g.fields[1];
       output = r.output;
     }
-    EXPECT_NE(output.find(line.substr(second + 1)), std::string::npos) << line << "\n" << output;
+    EXPECT_NE(output.find(line), std::string::npos) << "type_lines.txt:" << g.number << ": " << line << "\n" << output;
     checked++;
   }
   EXPECT_GE(checked, 40);
