@@ -249,60 +249,62 @@ struct ScopeFixture : ::testing::Test {
   }
   void TearDown() override { UnloadModuleSymbols(&module); }
 
-  ScopeAtAddress At(u32 offset, s32 mode, ScopeQueryContext *context) {
+  // The scope at the offset from the first section, as "procedure block START line N at SECTION:OFFSET".
+  std::string At(u32 offset, s32 mode, ScopeQueryContext *context) {
     ScopeAtAddress scope;
     FindScopeAtAddress(&module, context, kBase + 0x1000 + offset, mode, &scope);
-    return scope;
+    return Format("%s block %X line %u at %u:%X", scope.procedure ? PdbProcName(scope.procedure) : "-",
+                  scope.block ? ReadU32(scope.block->record + 16) : 0, scope.line, scope.section, scope.offset);
   }
-  static u32 BlockStart(const PdbBlockScope *block) { return block ? ReadU32(block->record + 16) : 0; }
 };
 
-TEST_F(ScopeFixture, InnermostBlockDependsOnTheMode) {
-  ScopeQueryContext context = {};
-  ScopeAtAddress exact = At(0x28, kScopeExact, &context);
-  ASSERT_NE(exact.procedure, nullptr);
-  EXPECT_STREQ(PdbProcName(exact.procedure), "outer");
-  EXPECT_EQ(BlockStart(exact.block), 0x20u);  // the nested block ends at 0x28: outside it
-  EXPECT_EQ(exact.line, 101u);
-  EXPECT_EQ(exact.section, 1u);
-  EXPECT_EQ(exact.offset, 0x28u);
-  EXPECT_STREQ(context.procedure_name, "");  // exact mode leaves the name alone
-
-  ScopeAtAddress after_call = At(0x28, kScopeReturnAddress, &context);
-  EXPECT_EQ(BlockStart(after_call.block), 0x24u);  // a return address at a block's end is inside it
-  EXPECT_STREQ(context.procedure_name, "outer");
-  EXPECT_EQ(BlockStart(At(0x24, kScopeExact, &context).block), 0x24u);
-  EXPECT_EQ(BlockStart(At(0x20, kScopeReturnAddress, &context).block), 0u);  // start excluded
-  EXPECT_EQ(BlockStart(At(0x28, 7, &context).block), 0x24u);  // any positive mode is the return-address mode
-
-  ScopeAtAddress only = At(0x25, kScopeProcedureOnly, &context);
-  EXPECT_NE(only.procedure, nullptr);
-  EXPECT_EQ(only.block, nullptr);
-  EXPECT_EQ(only.line, 101u);
+// Exact mode: a block ends before its end address. A return address at a block's end is inside it,
+// at its start outside (any positive mode is the return-address mode). Procedure-only mode finds
+// no block. Between procedures there is no procedure, but the line table covers the gap; a
+// procedure's end is outside it.
+TEST_F(ScopeFixture, ScopeDependsOnTheMode) {
+  const struct {
+    u32 offset;
+    s32 mode;
+    const char *scope;
+  } cases[] = {
+      {0x28, kScopeExact, "outer block 20 line 101 at 1:28"},
+      {0x24, kScopeExact, "outer block 24 line 101 at 1:24"},
+      {0x28, kScopeReturnAddress, "outer block 24 line 101 at 1:28"},
+      {0x20, kScopeReturnAddress, "outer block 0 line 101 at 1:20"},
+      {0x28, 7, "outer block 24 line 101 at 1:28"},
+      {0x25, kScopeProcedureOnly, "outer block 0 line 101 at 1:25"},
+      {0x60, kScopeProcedureOnly, "- block 0 line 105 at 1:60"},
+      {0xA0, kScopeExact, "- block 0 line 0 at 1:A0"},  // the end of the lines too
+  };
+  for (auto &c : cases) {
+    ScopeQueryContext context = {};
+    EXPECT_EQ(At(c.offset, c.mode, &context), c.scope) << std::hex << c.offset << " mode " << c.mode;
+  }
 }
 
+// Only modes other than exact fill the name, and only when it is empty; a name longer than the
+// buffer is cut to fit, terminator included.
 TEST_F(ScopeFixture, NameBufferIsFilledOnlyWhenEmpty) {
-  ScopeQueryContext context;
+  ScopeQueryContext context = {};
+  At(0x28, kScopeExact, &context);
+  EXPECT_STREQ(context.procedure_name, "");
+  At(0x28, kScopeReturnAddress, &context);
+  EXPECT_STREQ(context.procedure_name, "outer");
   strcpy(context.procedure_name, "caller");
   At(0x90, kScopeProcedureOnly, &context);
   EXPECT_STREQ(context.procedure_name, "caller");
   context.procedure_name[0] = 0;
   At(0x90, -5, &context);
   EXPECT_STREQ(context.procedure_name, "second");
-  // A name longer than the buffer is cut to fit, terminator included.
   context.procedure_name[0] = 0;
   At(0xC4, kScopeReturnAddress, &context);
   EXPECT_EQ(std::string(context.procedure_name), std::string(kScopeNameCapacity - 1, 'n'));
 }
 
-TEST_F(ScopeFixture, GapsSectionEndsAndForeignAddresses) {
-  ScopeQueryContext context = {};
-  ScopeAtAddress gap = At(0x60, kScopeProcedureOnly, &context);
-  EXPECT_EQ(gap.procedure, nullptr);  // between the procedures
-  EXPECT_EQ(gap.line, 105u);          // but the line table covers it
-  EXPECT_EQ(At(0xA0, kScopeExact, &context).procedure, nullptr);  // a procedure's end is outside it
-
-  // The first section is 0x400 bytes at rva 0x1000; the next starts at 0x2000.
+// The first section is 0x400 bytes at rva 0x1000; the next starts at 0x2000. Addresses outside the
+// module, or no module, give no scope.
+TEST_F(ScopeFixture, SectionEndsAndForeignAddresses) {
   struct {
     u32 rva;
     bool found;
@@ -313,6 +315,7 @@ TEST_F(ScopeFixture, GapsSectionEndsAndForeignAddresses) {
     EXPECT_EQ(PeSectionOffsetOfRva(&module.image, r.rva, &section, &offset), r.found) << std::hex << r.rva;
     if (r.found) EXPECT_EQ(Format("%u:%X", section, offset), Format("%u:%X", r.section, r.offset));
   }
+  ScopeQueryContext context = {};
   ScopeAtAddress outside;
   FindScopeAtAddress(&module, &context, kBase - 1, kScopeExact, &outside);
   EXPECT_EQ(outside.section, 0u);
