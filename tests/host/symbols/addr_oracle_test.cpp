@@ -21,8 +21,21 @@ struct Layout {
   std::vector<uint32_t> instructions;  // rvas of instruction starts, ascending
 };
 
+// Instruction starts of llvm-objdump's linear sweep (of the whole image, or of the range that
+// range_options give), appended to out in ascending order.
 bool Disassemble(const std::string &exe, const std::string &range_options, uint64_t image_base,
-                 std::vector<uint32_t> *out);
+                 std::vector<uint32_t> *out) {
+  CommandResult code = RunCommand("llvm-objdump-14 -d --no-show-raw-insn " + range_options + " " + Quote(exe) + " 2>&1");
+  if (code.exit_status != 0) return false;
+  size_t before = out->size();
+  for (const std::string &line : SplitLines(code.output)) {
+    unsigned long long va;
+    char colon;
+    if (sscanf(line.c_str(), " %llx%c", &va, &colon) == 2 && colon == ':' && va >= image_base)
+      out->push_back((uint32_t)(va - image_base));
+  }
+  return out->size() > before;
+}
 
 bool ReadLayout(const std::string &exe, Layout *out, std::string *failure) {
   CommandResult headers = RunCommand("llvm-objdump-14 -h -p " + Quote(exe) + " 2>&1");
@@ -46,30 +59,13 @@ bool ReadLayout(const std::string &exe, Layout *out, std::string *failure) {
   return true;
 }
 
-// Instruction starts of llvm-objdump's linear sweep (of the whole image, or of the range that
-// range_options give), appended to out in ascending order.
-bool Disassemble(const std::string &exe, const std::string &range_options, uint64_t image_base,
-                 std::vector<uint32_t> *out) {
-  CommandResult code = RunCommand("llvm-objdump-14 -d --no-show-raw-insn " + range_options + " " + Quote(exe) + " 2>&1");
-  if (code.exit_status != 0) return false;
-  size_t before = out->size();
-  for (const std::string &line : SplitLines(code.output)) {
-    unsigned long long va;
-    char colon;
-    if (sscanf(line.c_str(), " %llx%c", &va, &colon) == 2 && colon == ':' && va >= image_base)
-      out->push_back((uint32_t)(va - image_base));
-  }
-  return out->size() > before;
-}
-
 // The linear sweep runs out of step after data in the code section (jump tables, which this
 // toolchain puts there); a procedure whose start the sweep missed is disassembled again from its
 // own start.
 void Resynchronise(const std::string &exe, const Layout &layout, uint32_t start, uint32_t length,
                    std::vector<uint32_t> *instructions) {
-  char range[96];
-  snprintf(range, sizeof(range), "--start-address=0x%llx --stop-address=0x%llx",
-           (unsigned long long)(layout.image_base + start), (unsigned long long)(layout.image_base + start + length));
+  std::string range = Format("--start-address=0x%llx --stop-address=0x%llx", (unsigned long long)(layout.image_base + start),
+                             (unsigned long long)(layout.image_base + start + length));
   std::vector<uint32_t> own;
   if (!Disassemble(exe, range, layout.image_base, &own)) return;
   auto from = std::lower_bound(instructions->begin(), instructions->end(), start);

@@ -63,32 +63,27 @@ TEST(OracleTargets, TheTestProgramsHoldWhatTheyWereWrittenFor) {
   OpenedPdb c(TargetFile("sym_c.pdb"));
   ASSERT_EQ(c.status, kPdbOk);
   const PdbGlobals &g = c.pdb.globals;
-  int counters = 0;
+  const PdbScopes &scopes = c.pdb.scopes;
+  int counters = 0, helpers = 0;
   for (const PdbDataEntry *e = PdbFindData(&g, "counter", nullptr); e; e = PdbFindData(&g, "counter", e)) counters++;
   EXPECT_EQ(counters, 3) << "file statics of the same name in three modules";
-  EXPECT_TRUE(PdbFindData(&g, "gr\xC3\xB6\xC3\x9F" "e", nullptr)) << "UTF-8 identifier";
-  EXPECT_TRUE(PdbFindThreadData(&g, "t_depth"));
-  EXPECT_TRUE(PdbFindThreadData(&g, "t_util_calls"));
-  EXPECT_TRUE(PdbFindUdt(&g, "PointAlias"));
-  int helpers = 0;
-  for (const PdbProcScope *p = PdbFindProcedure(&c.pdb.scopes, "Helper", nullptr); p;
-       p = PdbFindProcedure(&c.pdb.scopes, "Helper", p))
+  for (const PdbProcScope *p = PdbFindProcedure(&scopes, "Helper", nullptr); p; p = PdbFindProcedure(&scopes, "Helper", p))
     helpers++;
   EXPECT_EQ(helpers, 2) << "static functions of the same name in two modules";
-  const PdbProcScope *nested = PdbFindProcedure(&c.pdb.scopes, "Nested", nullptr);
-  ASSERT_TRUE(nested);
+  EXPECT_TRUE(PdbFindData(&g, "gr\xC3\xB6\xC3\x9F" "e", nullptr)) << "UTF-8 identifier";
+  EXPECT_TRUE(PdbFindThreadData(&g, "t_depth") && PdbFindThreadData(&g, "t_util_calls") && PdbFindUdt(&g, "PointAlias"));
+  const PdbProcScope *nested = PdbFindProcedure(&scopes, "Nested", nullptr), *more = PdbFindProcedure(&scopes, "MoreCompute", nullptr);
+  ASSERT_TRUE(nested && more);
   EXPECT_GE(nested->block_count, 2u);
-  const PdbProcScope *more = PdbFindProcedure(&c.pdb.scopes, "MoreCompute", nullptr);
-  ASSERT_TRUE(more);
   ASSERT_EQ(more->block_count, 2u);
-  EXPECT_EQ(c.pdb.scopes.blocks[more->first_block + 1].parent_block, more->first_block) << "nested block";
+  EXPECT_EQ(scopes.blocks[more->first_block + 1].parent_block, more->first_block) << "nested block";
 
   OpenedPdb cpp(TargetFile("sym_cpp.pdb"));
   ASSERT_EQ(cpp.status, kPdbOk);
-  EXPECT_TRUE(PdbFindConstant(&cpp.pdb.globals, "app::kMaxFrames"));
-  EXPECT_TRUE(PdbFindData(&cpp.pdb.globals, "shapes::Shape::s_created", nullptr));
-  EXPECT_TRUE(PdbFindThreadData(&cpp.pdb.globals, "app::t_frame_local"));
-  EXPECT_TRUE(PdbFindProcedure(&cpp.pdb.scopes, "shapes::Circle::Area", nullptr));
+  EXPECT_TRUE(PdbFindConstant(&cpp.pdb.globals, "app::kMaxFrames") &&
+              PdbFindData(&cpp.pdb.globals, "shapes::Shape::s_created", nullptr) &&
+              PdbFindThreadData(&cpp.pdb.globals, "app::t_frame_local") &&
+              PdbFindProcedure(&cpp.pdb.scopes, "shapes::Circle::Area", nullptr));
 
   CommandResult found = PdbTool({"find", TargetFile("sym_c.pdb"), "counter"});
   EXPECT_EQ(found.exit_status, 0);

@@ -276,12 +276,10 @@ TEST(PdbScopes, ProceduresBlocksLocalsAndTheAddressList) {
   const PdbProcScope *main_proc = PdbFindProcedure(&s, "main", nullptr);
   ASSERT_TRUE(main_proc);
   EXPECT_EQ(PdbFindProcedure(&s, "main", main_proc), nullptr);
-  EXPECT_TRUE(main_proc->frameproc);
-  EXPECT_EQ(main_proc->locals.frame_regrel_count, 2u);
-  EXPECT_STREQ((const char *)main_proc->locals.first_regrel + 14, "argc");
-  EXPECT_EQ(main_proc->locals.defrange_count, 1u);
-  EXPECT_EQ(main_proc->block_count, 2u);
-  EXPECT_EQ(main_proc->module_index, 0u);
+  EXPECT_EQ(Format("frame %d, %u frame locals from %s, %u ranges, %u blocks, module %u", main_proc->frameproc != 0,
+                   main_proc->locals.frame_regrel_count, (const char *)main_proc->locals.first_regrel + 14,
+                   main_proc->locals.defrange_count, main_proc->block_count, main_proc->module_index),
+            "frame 1, 2 frame locals from argc, 1 ranges, 2 blocks, module 0");
   const PdbBlockScope *outer = &s.blocks[main_proc->first_block], *nested = outer + 1;
   EXPECT_EQ(outer->parent_block, kPdbNoBlock);
   EXPECT_EQ(nested->parent_block, main_proc->first_block);
@@ -297,9 +295,8 @@ TEST(PdbScopes, ProceduresBlocksLocalsAndTheAddressList) {
   EXPECT_EQ(PdbFindProcedure(&s, "nothing", nullptr), nullptr);
 
   // Section contributions: the raw 28-byte entries.
-  EXPECT_EQ(loaded.pdb.modules.contribution_count, 2u);
-  EXPECT_EQ(loaded.pdb.modules.contributions[1].offset, 0x1000);
-  EXPECT_EQ(loaded.pdb.modules.contributions[1].module_index, 1u);
+  const PdbModuleList &m = loaded.pdb.modules;
+  EXPECT_EQ(Format("%u %X %u", m.contribution_count, m.contributions[1].offset, m.contributions[1].module_index), "2 1000 1");
   EXPECT_STREQ(DbiModuleName(loaded.pdb.modules.modules[2]), "two.obj");
 }
 

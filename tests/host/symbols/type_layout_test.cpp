@@ -49,16 +49,18 @@ const std::map<std::string, unsigned> kLeafKinds = {
     {"LF_UNION", 0x1506},      {"LF_ENUM", 0x1507},    {"LF_INTERFACE", 0x1519},
 };
 
-uint32_t HexAfter(const std::string &line, const char *key) {
+// The number after key in the line, into *out when the line has the key.
+template <typename T>
+bool NumberAfter(const std::string &line, const char *key, int base, T *out) {
   size_t at = line.find(key);
-  if (at == std::string::npos) return 0;
-  return (uint32_t)strtoul(line.c_str() + at + strlen(key), nullptr, 16);
+  if (at == std::string::npos) return false;
+  *out = (T)strtoull(line.c_str() + at + strlen(key), nullptr, base);
+  return true;
 }
-
-uint64_t NumberAfter(const std::string &line, const char *key) {
-  size_t at = line.find(key);
-  if (at == std::string::npos) return 0;
-  return strtoull(line.c_str() + at + strlen(key), nullptr, 10);
+uint32_t HexAfter(const std::string &line, const char *key) {
+  uint32_t value = 0;
+  NumberAfter(line, key, 16, &value);
+  return value;
 }
 
 // False when llvm-pdbutil failed; *clean when it reported no error either.
@@ -90,7 +92,7 @@ bool ParseOracle(const std::string &pdb, OracleTypes *out, bool *clean) {
         size_t a = line.find("name = `"), b = line.find("`, Type = ");
         f.name = line.substr(a + 8, b - a - 8);
         f.type = HexAfter(line, "Type = 0x");
-        f.value = NumberAfter(line, ", offset = ");
+        NumberAfter(line, ", offset = ", 10, &f.value);
       } else if (f.leaf == "LF_ENUMERATE") {
         size_t a = line.find('['), eq = line.rfind(" = ");
         f.name = line.substr(a + 1, eq - a - 1);
@@ -104,7 +106,7 @@ bool ParseOracle(const std::string &pdb, OracleTypes *out, bool *clean) {
     }
     if (field && field->leaf == "LF_BCLASS" && line.find("type = 0x") != std::string::npos) {
       field->type = HexAfter(line, "type = 0x");
-      field->value = NumberAfter(line, ", offset = ");
+      NumberAfter(line, ", offset = ", 10, &field->value);
       continue;
     }
     // "forward ref (-> 0xDEF)" or, for a definition that came first, "forward ref (<- 0xDEF)".
@@ -113,14 +115,12 @@ bool ParseOracle(const std::string &pdb, OracleTypes *out, bool *clean) {
       current->forward_to = HexAfter(line, "forward ref (-> 0x");
       if (!current->forward_to) current->forward_to = HexAfter(line, "forward ref (<- 0x");
     }
-    if (line.find("field list: 0x") != std::string::npos) current->field_list = HexAfter(line, "field list: 0x");
-    if (line.find("sizeof ") != std::string::npos) current->size = NumberAfter(line, "sizeof "), current->has_size = true;
-    if (current->leaf == "LF_ARRAY" && line.find("size: ") != std::string::npos)
-      current->size = NumberAfter(line, "size: "), current->has_size = true;
-    if (current->leaf == "LF_BITFIELD" && line.find("bit offset = ") != std::string::npos) {
+    NumberAfter(line, "field list: 0x", 16, &current->field_list);
+    if (NumberAfter(line, "sizeof ", 10, &current->size)) current->has_size = true;
+    if (current->leaf == "LF_ARRAY" && NumberAfter(line, "size: ", 10, &current->size)) current->has_size = true;
+    if (current->leaf == "LF_BITFIELD" && NumberAfter(line, "bit offset = ", 10, &current->bit_offset)) {
       current->type = HexAfter(line, "type = 0x");
-      current->bit_offset = (uint32_t)NumberAfter(line, "bit offset = ");
-      current->bits = (uint32_t)NumberAfter(line, "# bits = ");
+      NumberAfter(line, "# bits = ", 10, &current->bits);
     }
     // A data pointer's or reference's size follows from its kind (pointers to members vary).
     if (current->leaf == "LF_POINTER" && line.find(", kind = ptr") != std::string::npos &&
@@ -129,10 +129,8 @@ bool ParseOracle(const std::string &pdb, OracleTypes *out, bool *clean) {
       current->size = line.find("kind = ptr64") != std::string::npos ? 8 : line.find("kind = ptr32") != std::string::npos ? 4 : 0;
       current->has_size = current->size != 0;
     }
-    if (current->leaf == "LF_MODIFIER" && line.find("referent = 0x") != std::string::npos)
-      current->type = HexAfter(line, "referent = 0x");
-    if (current->leaf == "LF_ENUM" && line.find("underlying type: 0x") != std::string::npos)
-      current->type = HexAfter(line, "underlying type: 0x");
+    if (current->leaf == "LF_MODIFIER") NumberAfter(line, "referent = 0x", 16, &current->type);
+    if (current->leaf == "LF_ENUM") NumberAfter(line, "underlying type: 0x", 16, &current->type);
   }
   return true;
 }

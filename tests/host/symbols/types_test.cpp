@@ -67,10 +67,8 @@ TEST(TypeStream, RecordOffsetsAndBuckets) {
   EXPECT_EQ(PdbTypeRecord(&l.types, 0x0FFF), nullptr);
   EXPECT_EQ(PdbTypeRecord(&l.types, 0x1004), nullptr);
   ASSERT_EQ(l.types.bucket_count, 4u);
-  EXPECT_EQ(l.Bucket(0), std::vector<uint32_t>{0x1001});
-  EXPECT_EQ(l.Bucket(1), std::vector<uint32_t>{});
-  EXPECT_EQ(l.Bucket(2), (std::vector<uint32_t>{0x1000, 0x1002}));
-  EXPECT_EQ(l.Bucket(3), std::vector<uint32_t>{});
+  EXPECT_EQ((std::vector<std::vector<uint32_t>>{l.Bucket(0), l.Bucket(1), l.Bucket(2), l.Bucket(3)}),
+            (std::vector<std::vector<uint32_t>>{{0x1001}, {}, {0x1000, 0x1002}, {}}));
 }
 
 TEST(TypeStream, WithoutAUsableHashIndexTypesStayReachableByIndex) {
