@@ -10,22 +10,19 @@
 
 namespace {
 
-// A type stream of records of the given payload sizes (leaf 0x1505 each), and its hash stream:
-// hash values, then an adjuster table of (name offset, type index) pairs.
+// A PDB whose type stream holds records of the given payload sizes (leaf 0x1505 each), in 4
+// buckets by the hash values of its hash stream, which then holds an adjuster table of (name
+// offset, type index) pairs; "/names" holds "Foo" at offset 1.
 struct TypeStreamCase {
   std::vector<uint16_t> payloads;
   std::vector<uint32_t> hash_values;  // one per type for a usable index
-  uint32_t bucket_count = 4;
-  uint32_t hash_stream = 3;
+  bool hash_stream = true;
   std::vector<std::pair<uint32_t, uint32_t>> adjusters;
 };
 
-// The type stream loaded by PdbLoadTypes alone, with "names" as the string table.
-struct Loaded {
-  SymbolArena arena = {};
-  PdbTypes types = {};
-  int result = -1;
-  Loaded(const TypeStreamCase &t, const std::string &names) {
+struct Loaded : OpenedPdb {
+  explicit Loaded(const TypeStreamCase &t) : OpenedPdb(Write(t)) {}
+  static std::string Write(const TypeStreamCase &t) {
     LeBytes records, hash;
     for (uint16_t n : t.payloads) {
       records.u16(n + 2).u16(0x1505);
@@ -37,21 +34,17 @@ struct Loaded {
       for (auto &a : t.adjusters) hash.u32(a.first).u32(a.second);
     }
     uint32_t values = (uint32_t)t.hash_values.size() * 4;
-    MsfSpec msf;
-    msf.streams = {Bytes(), Bytes(),
-                   TypeStream({records, (uint32_t)t.payloads.size(), t.hash_stream, t.bucket_count, values,
-                               (uint32_t)hash.b.size() - values}),
-                   hash};
-    MsfFile file;
-    if (MsfOpen(&arena, WriteTempFile(BuildMsf(msf), "types.msf").c_str(), &file) != kPdbOk) return;
-    PdbStringTable strings = {names.c_str(), (uint32_t)names.size()};
-    result = PdbLoadTypes(&arena, &file, &strings, &types);
-    MsfClose(&file);
+    PdbSpec spec;
+    spec.names_stream = NamesStream({"Foo"});
+    spec.type_stream = TypeStream({records, (uint32_t)t.payloads.size(), t.hash_stream ? 5u : 0xFFFFu, 4, values,
+                                   (uint32_t)hash.b.size() - values});
+    spec.type_hash_stream = hash;
+    return WriteTempFile(BuildPdb(spec), "types.pdb");
   }
-  ~Loaded() { SymbolArenaRelease(&arena); }
   std::vector<uint32_t> Bucket(uint32_t b) const {
-    uint32_t start = (uint32_t)types.buckets[b], n = (uint32_t)(types.buckets[b] >> 32);
-    return std::vector<uint32_t>(types.bucket_list + start, types.bucket_list + start + n);
+    const PdbTypes &t = pdb.types;
+    uint32_t start = (uint32_t)t.buckets[b], n = (uint32_t)(t.buckets[b] >> 32);
+    return std::vector<uint32_t>(t.bucket_list + start, t.bucket_list + start + n);
   }
 };
 
@@ -59,14 +52,15 @@ struct Loaded {
 
 TEST(TypeStream, RecordOffsetsAndBuckets) {
   // Type 0x1003's hash value lies beyond the bucket count: it is in no bucket.
-  Loaded l({{0, 3, 8, 1}, {2, 0, 2, 9}}, "");
-  ASSERT_EQ(l.result, kPdbOk);
-  ASSERT_EQ(l.types.count, 4u);
-  EXPECT_EQ(std::vector<uint32_t>(l.types.offsets, l.types.offsets + 4), (std::vector<uint32_t>{0, 4, 11, 23}));
-  EXPECT_EQ(PdbTypeRecord(&l.types, 0x1002), l.types.records + 11);
-  EXPECT_EQ(PdbTypeRecord(&l.types, 0x0FFF), nullptr);
-  EXPECT_EQ(PdbTypeRecord(&l.types, 0x1004), nullptr);
-  ASSERT_EQ(l.types.bucket_count, 4u);
+  Loaded l({{0, 3, 8, 1}, {2, 0, 2, 9}});
+  const PdbTypes &t = l.pdb.types;
+  ASSERT_EQ(l.status, kPdbOk);
+  ASSERT_EQ(t.count, 4u);
+  EXPECT_EQ(std::vector<uint32_t>(t.offsets, t.offsets + 4), (std::vector<uint32_t>{0, 4, 11, 23}));
+  EXPECT_EQ(PdbTypeRecord(&t, 0x1002), t.records + 11);
+  EXPECT_EQ(PdbTypeRecord(&t, 0x0FFF), nullptr);
+  EXPECT_EQ(PdbTypeRecord(&t, 0x1004), nullptr);
+  ASSERT_EQ(t.bucket_count, 4u);
   EXPECT_EQ((std::vector<std::vector<uint32_t>>{l.Bucket(0), l.Bucket(1), l.Bucket(2), l.Bucket(3)}),
             (std::vector<std::vector<uint32_t>>{{0x1001}, {}, {0x1000, 0x1002}, {}}));
 }
@@ -76,37 +70,25 @@ TEST(TypeStream, WithoutAUsableHashIndexTypesStayReachableByIndex) {
     const char *what;
     TypeStreamCase spec;
   } cases[] = {
-      {"no hash stream", {{4, 4}, {1, 1}, 4, 0xFFFF, {}}},
-      {"hash values for fewer types", {{4, 4}, {1}, 4, 3, {}}},
+      {"no hash stream", {{4, 4}, {1, 1}, false, {}}},
+      {"hash values for fewer types", {{4, 4}, {1}, true, {}}},
   };
   for (const Case &c : cases) {
-    Loaded l(c.spec, "");
-    EXPECT_EQ(l.result, kPdbOk) << c.what;
-    EXPECT_EQ(l.types.bucket_count, 0u) << c.what;
-    EXPECT_NE(PdbTypeRecord(&l.types, 0x1001), nullptr) << c.what;
+    Loaded l(c.spec);
+    EXPECT_EQ(l.status, kPdbOk) << c.what;
+    EXPECT_EQ(l.pdb.types.bucket_count, 0u) << c.what;
+    EXPECT_NE(PdbTypeRecord(&l.pdb.types, 0x1001), nullptr) << c.what;
   }
-  MsfSpec msf;
-  msf.streams = {Bytes(), Bytes(), Bytes(55, 0)};  // shorter than the header
-  Bytes file = BuildMsf(msf);
-  SymbolArena arena = {};
-  MsfFile opened = {};
-  ASSERT_EQ(MsfOpen(&arena, WriteTempFile(file, "short-types.msf").c_str(), &opened), kPdbOk);
-  PdbStringTable strings = {"", 0};
-  PdbTypes types;
-  EXPECT_EQ(PdbLoadTypes(&arena, &opened, &strings, &types), kPdbBadFormat);
-  MsfClose(&opened);
-  SymbolArenaRelease(&arena);
 }
 
 // The adjusted type changes places with the last one of its bucket: the ones between keep theirs.
 TEST(TypeStream, AdjusterMovesItsTypeToTheEndOfItsBucket) {
-  const std::string names("\0Foo\0", 5);
   uint32_t bucket = PdbNameHashV1("Foo", 3) % 4;
-  Loaded middle({{4, 4, 4}, {bucket, bucket, bucket}, 4, 3, {{1, 0x1001}}}, names);
-  ASSERT_EQ(middle.result, kPdbOk);
+  Loaded middle({{4, 4, 4}, {bucket, bucket, bucket}, true, {{1, 0x1001}}});
+  ASSERT_EQ(middle.status, kPdbOk);
   EXPECT_EQ(middle.Bucket(bucket), (std::vector<uint32_t>{0x1000, 0x1002, 0x1001}));
-  Loaded first({{4, 4, 4}, {bucket, bucket, bucket}, 4, 3, {{1, 0x1000}}}, names);
-  ASSERT_EQ(first.result, kPdbOk);
+  Loaded first({{4, 4, 4}, {bucket, bucket, bucket}, true, {{1, 0x1000}}});
+  ASSERT_EQ(first.status, kPdbOk);
   EXPECT_EQ(first.Bucket(bucket), (std::vector<uint32_t>{0x1002, 0x1001, 0x1000}));
 }
 
@@ -177,7 +159,7 @@ TEST(PdbOpen, LargeTypeStreamLoadsBesideTheModules) {
 
   // A type stream shorter than its header fails the whole open; a large one cut short of the
   // records it claims still loads.
-  spec.type_stream.resize(40);
+  spec.type_stream.resize(55);
   EXPECT_EQ(OpenedPdb(WriteTempFile(BuildPdb(spec), "short.pdb")).status, kPdbBadFormat);
   spec.type_stream = TypeStream({records, count, 5, buckets, count * 4});
   spec.type_stream.resize(spec.type_stream.size() - 1000);
