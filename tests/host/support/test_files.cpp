@@ -65,19 +65,9 @@ std::vector<std::string> FilesIn(const std::string &folder, const std::string &s
 
 std::vector<GoldenLine> ReadGolden(const std::string &path_in_source_tree) {
   std::vector<GoldenLine> lines;
-  std::string text = ReadFile(std::string(KTRN_SOURCE_DIR) + "/" + path_in_source_tree) + "\n";
-  int number = 1;
-  for (size_t at = 0, end; (end = text.find('\n', at)) != std::string::npos; at = end + 1, number++) {
-    std::string line = text.substr(at, end - at);
-    if (line.empty() || line.rfind("# ", 0) == 0) continue;
-    GoldenLine golden = {number, {}};
-    for (size_t from = 0, tab;; from = tab + 1) {
-      tab = line.find('\t', from);
-      golden.fields.push_back(line.substr(from, tab - from));
-      if (tab == std::string::npos) break;
-    }
-    lines.push_back(golden);
-  }
+  std::vector<std::string> text = Split(ReadFile(std::string(KTRN_SOURCE_DIR) + "/" + path_in_source_tree), '\n');
+  for (size_t i = 0; i < text.size(); i++)
+    if (!text[i].empty() && text[i].rfind("# ", 0) != 0) lines.push_back({(int)i + 1, Split(text[i], '\t')});
   return lines;
 }
 
@@ -101,4 +91,13 @@ std::string Hex(const uint8_t *bytes, size_t count) {
 std::string Trim(const std::string &text) {
   size_t a = text.find_first_not_of(" \t\r\n"), b = text.find_last_not_of(" \t\r\n");
   return a == std::string::npos ? "" : text.substr(a, b - a + 1);
+}
+
+std::vector<std::string> Split(const std::string &text, char separator) {
+  std::vector<std::string> parts;
+  for (size_t from = 0, at;; from = at + 1) {
+    at = text.find(separator, from);
+    parts.push_back(text.substr(from, at - from));
+    if (at == std::string::npos) return parts;
+  }
 }

@@ -37,3 +37,4 @@ std::vector<GoldenLine> ReadGolden(const std::string &path_in_source_tree);
 std::string Format(const char *format, ...) __attribute__((format(printf, 1, 2)));
 std::string Hex(const uint8_t *bytes, size_t count);  // lower-case, two digits a byte
 std::string Trim(const std::string &text);            // without blanks at either end
+std::vector<std::string> Split(const std::string &text, char separator);  // "" gives one empty part

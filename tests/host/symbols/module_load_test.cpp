@@ -4,7 +4,6 @@
 #include <string.h>
 
 #include "pdb_builder.h"
-#include "pe_builder.h"
 #include "symbols/module_symbols.h"
 #include "symbols/scope_lookup.h"
 

@@ -1,6 +1,8 @@
-// Builds small MSF containers and PDBs in memory for the reader's tests: the streams of a PDB
-// (information, types, debug information, "/names", global symbols, module symbols) are assembled
-// from records, then laid out on pages with a directory. Every field can be broken on purpose.
+// Builds small MSF containers, PDBs and PE images in memory for the reader's tests: the streams
+// of a PDB (information, types, debug information, "/names", global symbols, module symbols) are
+// assembled from records, then laid out on pages with a directory; an image has headers, a section
+// table, an exception directory and a debug directory with a CodeView record. Every field can be
+// broken on purpose.
 #pragma once
 #include <map>
 #include <string>
@@ -91,3 +93,29 @@ struct PdbSpec {
 // Streams: 0 old directory, 1 info, 2 types, 3 DBI, 4 IPI, 5 "/LinkInfo" or the type hash,
 // 6 "/names", 7 globals, 8 publics, 9 symbol records, 10.. module streams.
 Bytes BuildPdb(const PdbSpec &spec);
+
+// [SECTION] PE images
+struct PeSpec {
+  uint16_t magic = 0x20B;
+  bool bad_signature = false;
+  uint32_t section_count = 3;       // each section: 0x1000 apart from rva 0x1000, 0x400 raw bytes
+  uint32_t last_virtual_size = 0x234;
+  uint32_t directory_count = 16;
+  uint32_t exception_bytes = 36;    // three entries
+  bool codeview = true;
+  bool debug_directory_in_file = true;  // false: zeros where the loader's copy would be
+  uint32_t other_debug_entries = 1; // entries of another type before the CodeView one
+  uint8_t guid[16] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
+  uint32_t age = 1;
+  std::string pdb_path = "c:\\build\\app.pdb";
+  int64_t codeview_size_override = -1;  // the debug entry's data size
+  int64_t second_codeview_size = -1;    // another CodeView entry after the first, of this size
+  uint32_t optional_bytes = 240;        // the optional header's size; directories that do not fit are left out
+};
+
+struct BuiltPe {
+  Bytes bytes;
+  uint32_t debug_directory_rva = 0;
+  Bytes debug_directory;  // the entries as the loader maps them
+};
+BuiltPe BuildPe(const PeSpec &spec);

@@ -13,16 +13,7 @@
 
 namespace {
 
-std::vector<std::string> Columns(const std::string &line) {
-  std::vector<std::string> out;
-  size_t start = 0;
-  for (;;) {
-    size_t tab = line.find('\t', start);
-    out.push_back(line.substr(start, tab - start));
-    if (tab == std::string::npos) return out;
-    start = tab + 1;
-  }
-}
+std::vector<std::string> Columns(const std::string &line) { return Split(line, '\t'); }
 
 // For each "type NAME SIZE" block that the program printed: `ktrn-pdb type PDB NAME` has that
 // size, and its member and bit-field lines, in order, are the ones the program printed
