@@ -131,23 +131,3 @@ TEST(ExprParser, FailsCleanlyBeyondItsLimits) {
   EXPECT_EQ(ParseAndPrint(fits).failure, (u32)ExprParse_Ok);
   EXPECT_EQ(ParseAndPrint(fits + "+a").failure, (u32)ExprParse_OutOfNodes);
 }
-
-// A pool shared by many parses stays whole, whatever the parses did.
-TEST(ExprParser, PoolIsWholeAfterEveryParse) {
-  ExprPool *pool = new ExprPool;
-  InitExprPool(pool);
-  const char *texts[] = {"a+b*c", "(char*)p", "(a+b", "p, db /c4 q", "{4}p, 16", "p, db /n4 q", "x ? 1 : 2",
-                         "sizeof(x+1)", "(int)", "v, epi8 3"};
-  for (int round = 0; round < 3; round++) {
-    for (const char *text : texts) {
-      ExprParseResult result;
-      if (Parse(pool, text, &result)) {
-        EXPECT_LT(pool->free_count, (u32)kExprPoolCapacity) << text;
-        FreeTree(pool, result.tree);
-        FreeTree(pool, result.format);
-      }
-      EXPECT_EQ(pool->free_count, (u32)kExprPoolCapacity) << text;
-    }
-  }
-  delete pool;
-}
