@@ -196,25 +196,6 @@ TEST(SessionFile, WriterNeverProducesARowTextOf511Bytes) {
   EXPECT_EQ(back->target_count, 0u);  // nothing after the rows was read out of step
 }
 
-TEST(SessionFile, CommentsAreStoredOnlyForRowsThatExist) {
-  LeBytes img;
-  img.raw("KTRN").zero32(3).u32(0).u32(0);
-  img.u32(1).str("a");                          // 5
-  img.u32(0).u32(0).u32(0).u8(0).u32(0).u32(0);  // 6 to 10
-  img.u32(7).zero32(7);                          // 11
-  img.u32(0).u32(0);                           // 12, 13
-  img.u32(3).str("c1").str("c2").str("c3");     // 14: window 1 has one row only
-  img.u32(1).str("lonely");                     // window 2 has none
-  img.zero32(6).u32(0);
-  ScopedSession s;
-  u32 sections;
-  ASSERT_EQ(ReadImage(s.get(), img.b, &sections), kSessionFileOk);
-  EXPECT_EQ(sections, 15u);
-  ASSERT_EQ(s->watches[0].count, 1u);
-  EXPECT_STREQ(s->watches[0].rows[0].comment, "c1");
-  EXPECT_EQ(s->watches[1].count, 0u);
-}
-
 // [SECTION] Hostile counts
 
 // Whatever is read is a session that writes and reads back whole.
@@ -245,26 +226,38 @@ TEST(SessionFile, HugeCountsStopAtTheEndOfTheImage) {
   }
 }
 
-TEST(SessionFile, ExtraPerBreakpointValuesAreReadAndDropped) {
-  LeBytes img;
-  img.raw("KTRN").zero32(3).u32(0);
-  img.u32(1).u32(0).u32(kBreakpointAddress).u64(0x1000);  // 4
-  img.u32(0);                                                // 5
-  img.u32(3).u32(16).u32(99).u32(98);                     // 6: two values too many
-  img.u32(2).str("x == 1").str("dropped");                   // 7
-  img.u32(0).u8(0).u32(0).u32(0).u32(7).zero32(7);        // 8 to 11
-  img.u32(1);                                                // 12: not a processor breakpoint
-  img.u32(2).u8(1).u8(0);                                  // 13
-  img.zero32(8).u32(0);                                       // 14, 15
-  ScopedSession s;
-  u32 sections;
-  ASSERT_EQ(ReadImage(s.get(), img.b, &sections), kSessionFileOk);
+// Values for rows and breakpoints that do not exist are read and dropped: comments of section 14
+// beyond a window's rows; values of sections 6, 7 and 13 beyond the breakpoints.
+TEST(SessionFile, ValuesBeyondTheRowsAndBreakpointsAreDropped) {
+  ScopedSession rows, breakpoints;
+  u32 sections = 0;
+  Bytes comments = LeBytes()
+                       .raw("KTRN").zero32(3).u32(0).u32(0)
+                       .u32(1).str("a")                             // 5
+                       .zero32(3).u8(0).zero32(2).u32(7).zero32(7)  // 6 to 11
+                       .zero32(2)                                   // 12, 13
+                       .u32(3).str("c1").str("c2").str("c3")        // 14: window 1 has one row only
+                       .u32(1).str("lonely").zero32(6).u32(0);      // window 2 has none; 15
+  ASSERT_EQ(ReadImage(rows.get(), comments, &sections), kSessionFileOk);
   EXPECT_EQ(sections, 15u);
-  ASSERT_EQ(s->breakpoint_count, 1u);
-  EXPECT_EQ(s->breakpoints[0].address, 0x1000u);
-  EXPECT_EQ(s->breakpoints[0].size, 16u);
-  EXPECT_STREQ(s->breakpoints[0].condition, "x == 1");
-  EXPECT_EQ(s->breakpoints[0].enabled, 1);
+  ASSERT_EQ(rows->watches[0].count, 1u);
+  EXPECT_STREQ(rows->watches[0].rows[0].comment, "c1");
+  EXPECT_EQ(rows->watches[1].count, 0u);
+  Bytes extra = LeBytes()
+                    .raw("KTRN").zero32(3).u32(0)
+                    .u32(1).u32(0).u32(kBreakpointAddress).u64(0x1000)  // 4
+                    .u32(0)                                             // 5
+                    .u32(3).u32(16).u32(99).u32(98)                     // 6: two values too many
+                    .u32(2).str("x == 1").str("dropped")                // 7
+                    .u32(0).u8(0).zero32(2).u32(7).zero32(7)            // 8 to 11
+                    .u32(1)                                             // 12: not a processor breakpoint
+                    .u32(2).u8(1).u8(0)                                 // 13
+                    .zero32(8).u32(0);                                  // 14, 15
+  ASSERT_EQ(ReadImage(breakpoints.get(), extra, &sections), kSessionFileOk);
+  EXPECT_EQ(sections, 15u);
+  ASSERT_EQ(breakpoints->breakpoint_count, 1u);
+  const Breakpoint &b = breakpoints->breakpoints[0];
+  EXPECT_EQ(Format("%llX %u %s %d", (unsigned long long)b.address, b.size, b.condition, b.enabled), "1000 16 x == 1 1");
 }
 
 // [SECTION] Hooks
