@@ -77,10 +77,15 @@ TEST(Settings, LinesAreReadByTheirRules) {
     Settings s = Loaded(c.ini);
     EXPECT_EQ(Written(&s), DefaultsWith(c.changes)) << c.ini;
   }
-  // What the text does not show: the colour's exact values, the font name's file part.
-  Settings s = Loaded("[Kestrune][Style]\nTextForegroundClr=#FF8000\nUiFontName=C:\\Fonts\\sub/consola.ttf\n");
+  // What the text does not show: the colour's exact values, the font names' file parts; and font
+  // names stop at 259 characters.
+  std::string long_name = "C:\\" + std::string(400, 'f');
+  Settings s = Loaded("[Kestrune][Style]\nTextForegroundClr=#FF8000\nUiFontName=C:\\Fonts\\sub/consola.ttf\nTextFontName=" +
+                      long_name + "\n");
   EXPECT_TRUE(s.text_foreground.r == 1.0f && s.text_foreground.g == 128 / 255.0f && s.text_foreground.b == 0.0f);
   EXPECT_STREQ(s.ui_font_name + s.ui_font_file_part, "consola.ttf");
+  EXPECT_EQ(std::string(s.text_font_name), long_name.substr(0, 259));
+  EXPECT_EQ(s.text_font_file_part, 3u);
 }
 
 TEST(Settings, VerbosityTwoIsReadAsTwoAndWrittenAsOne) {
@@ -91,13 +96,6 @@ TEST(Settings, VerbosityTwoIsReadAsTwoAndWrittenAsOne) {
             std::string::npos);
   EXPECT_EQ(Loaded(text).callstack_verbosity, 1);
   EXPECT_EQ(Loaded("[Kestrune][CallstackWindow]\nVerbosity=1\nVerbosity=x\n").callstack_verbosity, 2);  // other values
-}
-
-TEST(Settings, FontNamesStopAt259Characters) {
-  std::string name = "C:\\" + std::string(400, 'f');
-  Settings s = Loaded("[Kestrune][Style]\nTextFontName=" + name + "\n");
-  EXPECT_EQ(std::string(s.text_font_name), name.substr(0, 259));
-  EXPECT_EQ(s.text_font_file_part, 3u);
 }
 
 TEST(Settings, RecentFilesSkipOnlyARepeatOfTheLineBefore) {
