@@ -63,16 +63,12 @@ TEST(SessionFile, ProcessorBreakpointKeepsItsPlaceAndOnlyItHasASection12Record) 
   SessionAddBreakpoint(s.get(), kBreakpointFunction, "b", 0, 0, nullptr);
   Bytes image = WriteImage(s.get());
   // Sections 12 to 15 close the file: one processor record, three enabled bytes, empty watches.
-  LeBytes tail;
-  tail.u32(3).str("p+4").u32(8).u32(kAccessExecute);
-  tail.u32(3).u8(1).u8(1).u8(1);
-  tail.zero32(8).u32(0);
-  ASSERT_GE(image.size(), tail.b.size());
-  EXPECT_EQ(Bytes(image.end() - tail.b.size(), image.end()), tail.b);
   // Section 4 holds the three in order, the processor one with its kind and nothing else.
-  LeBytes section4;
-  section4.u32(3).u32(0).u32(0).str("a").u32(0).u32(3).u32(0).u32(0).str("b");
-  EXPECT_NE(std::search(image.begin(), image.end(), section4.b.begin(), section4.b.end()), image.end());
+  Bytes tail = LeBytes().u32(3).str("p+4").u32(8).u32(kAccessExecute).u32(3).u8(1).u8(1).u8(1).zero32(8).u32(0);
+  Bytes section4 = LeBytes().u32(3).u32(0).u32(0).str("a").u32(0).u32(3).u32(0).u32(0).str("b");
+  ASSERT_GE(image.size(), tail.size());
+  EXPECT_EQ(Bytes(image.end() - tail.size(), image.end()), tail);
+  EXPECT_NE(std::search(image.begin(), image.end(), section4.begin(), section4.end()), image.end());
   ScopedSession back;
   ASSERT_EQ(ReadImage(back.get(), image), kSessionFileOk);
   EXPECT_EQ(SessionDifference(s.get(), back.get()), nullptr);

@@ -45,9 +45,8 @@ TEST(SourceChecksum, RecordsOfEveryKindAndSize) {
   for (auto &c : cases) {
     SCOPED_TRACE(int(c.kind) * 100 + c.size);
     u8 record[6 + 64] = {1, 0, 0, 0, c.size, c.kind};
-    if (c.kind == 1) DigestMd5(bytes, text.size(), record + 6);
-    if (c.kind == 2) DigestSha1(bytes, text.size(), record + 6);
-    if (c.kind == 3) DigestSha256(bytes, text.size(), record + 6);
+    void (*digests[])(const u8 *, u64, u8 *) = {nullptr, DigestMd5, DigestSha1, DigestSha256};
+    if (c.kind >= 1 && c.kind <= 3) digests[c.kind](bytes, text.size(), record + 6);
     bool bom = true;
     EXPECT_EQ(CheckSourceChecksum(record, bytes, text.size(), &bom), c.result);
     EXPECT_FALSE(bom);

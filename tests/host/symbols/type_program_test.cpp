@@ -129,36 +129,27 @@ TEST(TypeLayout, RecordHashPutsEveryRecordInItsWritersBucket) {
 // in anonymous unions and structures, and arrays by element and count.
 TEST(TypeLayout, MembersByNameInTheTestPrograms) {
   struct Case {
-    const char *program, *type, *member;
-    uint64_t offset;
-    uint32_t depth;
+    const char *program, *type, *member, *found;  // offset, depth, and an array's counts and element
   } cases[] = {
-      {"types_cpp", "geo::Circle", "label", 24, 1},   {"types_cpp", "geo::Circle", "id", 8, 1},
-      {"types_cpp", "geo::Circle", "radius", 56, 0},  {"types_cpp", "geo::Derived", "a", 0, 1},
-      {"types_cpp", "geo::Diamond", "right_value", 24, 1}, {"types_c", "struct WithAnonymous", "as_float", 4, 0},
-      {"types_c", "struct WithAnonymous", "hi", 10, 0}, {"types_msvc", "ms::Multiple", "root_value", 8, 1},
+      {"types_cpp", "geo::Circle", "label", "24 depth 1"},        {"types_cpp", "geo::Circle", "id", "8 depth 1"},
+      {"types_cpp", "geo::Circle", "radius", "56 depth 0"},       {"types_cpp", "geo::Derived", "a", "0 depth 1"},
+      {"types_cpp", "geo::Diamond", "right_value", "24 depth 1"}, {"types_c", "struct WithAnonymous", "as_float", "4 depth 0"},
+      {"types_c", "struct WithAnonymous", "hi", "10 depth 0"},    {"types_msvc", "ms::Multiple", "root_value", "8 depth 1"},
+      {"types_c", "struct Everything", "matrix", "124 depth 0 [3][4] of 0x74"},
   };
   for (const Case &c : cases) {
     OpenedPdb file(TargetFile(std::string(c.program) + ".pdb"));
     ASSERT_EQ(file.status, kPdbOk) << c.program;
-    uint32_t type = PdbLookupType(&file.pdb.types, &file.pdb.globals, c.type, (uint32_t)strlen(c.type));
+    const PdbTypes *types = &file.pdb.types;
+    uint32_t type = PdbLookupType(types, &file.pdb.globals, c.type, (uint32_t)strlen(c.type));
     FoundMember m;
-    ASSERT_TRUE(PdbFindMember(&file.pdb.types, type, c.member, (uint32_t)strlen(c.member), &m)) << c.type << "." << c.member;
-    EXPECT_EQ(m.offset, c.offset) << c.type << "." << c.member;
-    EXPECT_EQ(m.depth, c.depth) << c.type << "." << c.member;
+    ASSERT_TRUE(PdbFindMember(types, type, c.member, (uint32_t)strlen(c.member), &m)) << c.type << "." << c.member;
+    std::string found = Format("%llu depth %u", (unsigned long long)m.offset, m.depth), counts;
+    uint32_t element = m.type, innermost = 0;
+    for (uint64_t count = 0; PdbTypeIsArray(types, element, &element, &count); innermost = element)
+      counts += Format("[%llu]", (unsigned long long)count);
+    EXPECT_EQ(found + (counts.empty() ? "" : " " + counts + Format(" of 0x%X", innermost)), c.found) << c.type << "." << c.member;
   }
-  OpenedPdb file(TargetFile("types_c.pdb"));
-  ASSERT_EQ(file.status, kPdbOk);
-  const PdbTypes *types = &file.pdb.types;
-  FoundMember m;
-  ASSERT_TRUE(PdbFindMember(types, PdbLookupType(types, nullptr, "struct Everything", 17), "matrix", 6, &m));
-  uint32_t element = 0;
-  uint64_t count = 0;
-  ASSERT_TRUE(PdbTypeIsArray(types, m.type, &element, &count));
-  EXPECT_EQ(count, 3u);
-  ASSERT_TRUE(PdbTypeIsArray(types, element, &element, &count));
-  EXPECT_EQ(count, 4u);
-  EXPECT_EQ(element, 0x74u);
 }
 
 }  // namespace
