@@ -69,6 +69,12 @@ void CliPlaceOfAddress(Cli *cli, u64 address, CliPlace *out);
 // The thread the registers and the thread commands act on: the thread of the last stop.
 TargetThread *CliStopThread(Cli *cli);
 
+// The stopped target's registers and memory: the only places that read them from the engine.
+// The thread's registers at this stop, null when they cannot be read.
+const CONTEXT *CliThreadContext(Cli *cli, TargetThread *thread);
+// True when all size bytes were read (the program's own bytes, as the engine shows memory).
+bool CliReadMemory(Cli *cli, u64 address, void *buffer, u32 size);
+
 // [SECTION] Registers (registers.cpp)
 enum RegisterGroup : u8 { kRegsGeneral = 0, kRegsAvx = 1, kRegsAvx512 = 2 };
 // Prints the group's registers of the thread, one "name = 0x..." line each. False (and an error
@@ -76,7 +82,7 @@ enum RegisterGroup : u8 { kRegsGeneral = 0, kRegsAvx = 1, kRegsAvx512 = 2 };
 bool CliPrintRegisters(Cli *cli, TargetThread *thread, u32 group);
 // The value of a general register of the thread by name (rax, eax is not one). False when there is
 // no such register.
-bool CliRegisterValue(TargetThread *thread, const char *name, u64 *out);
+bool CliRegisterValue(Cli *cli, TargetThread *thread, const char *name, u64 *out);
 bool CliIsGeneralRegister(const char *name);
 
 // [SECTION] Script (script.cpp)

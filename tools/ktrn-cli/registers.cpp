@@ -48,20 +48,20 @@ static u64 ReadField(const CONTEXT *context, const RegisterRow *row) {
   return value;
 }
 
-bool CliRegisterValue(TargetThread *thread, const char *name, u64 *out) {
+bool CliRegisterValue(Cli *cli, TargetThread *thread, const char *name, u64 *out) {
   const RegisterRow *row = FindGeneral(name);
-  CONTEXT *context = thread ? ThreadContextGet(thread) : nullptr;
+  const CONTEXT *context = CliThreadContext(cli, thread);
   if (!row || !context) return false;
   *out = ReadField(context, row);
   return true;
 }
 
 // The feature's bytes in the context, or null when the context does not hold it.
-static const u8 *Feature(Cli *cli, CONTEXT *context, u32 feature, u32 bytes_needed) {
+static const u8 *Feature(Cli *cli, const CONTEXT *context, u32 feature, u32 bytes_needed) {
   LocateXStateFeatureFn locate = cli->target->locate_xstate_feature;
   if (!locate) return nullptr;
   DWORD length = 0;
-  const u8 *bytes = (const u8 *)locate(context, feature, &length);
+  const u8 *bytes = (const u8 *)locate((CONTEXT *)context, feature, &length);  // the lookup only reads
   return bytes && length >= bytes_needed ? bytes : nullptr;
 }
 
@@ -79,7 +79,7 @@ static void PrintWide(const char *name, u32 index, const RegisterPiece *pieces, 
   printf("\n");
 }
 
-static bool PrintAvx(Cli *cli, CONTEXT *context) {
+static bool PrintAvx(Cli *cli, const CONTEXT *context) {
   const u8 *upper = Feature(cli, context, kFeatureAvx, 16 * 16);
   if (!upper) {
     CliError(cli, "the thread's context holds no AVX state");
@@ -93,7 +93,7 @@ static bool PrintAvx(Cli *cli, CONTEXT *context) {
   return true;
 }
 
-static bool PrintAvx512(Cli *cli, CONTEXT *context) {
+static bool PrintAvx512(Cli *cli, const CONTEXT *context) {
   const u8 *upper = Feature(cli, context, kFeatureAvx, 16 * 16);
   const u8 *opmask = Feature(cli, context, kFeatureOpmask, 8 * 8);
   const u8 *zmm_high = Feature(cli, context, kFeatureZmmHigh, 16 * 32);
@@ -120,7 +120,7 @@ static bool PrintAvx512(Cli *cli, CONTEXT *context) {
 }
 
 bool CliPrintRegisters(Cli *cli, TargetThread *thread, u32 group) {
-  CONTEXT *context = thread ? ThreadContextGet(thread) : nullptr;
+  const CONTEXT *context = CliThreadContext(cli, thread);
   if (!context) {
     CliError(cli, "the thread's registers cannot be read");
     return false;

@@ -105,7 +105,7 @@ static bool AddressArgument(Cli *cli, const char *text, u64 *out) {
       CliError(cli, "registers are not read before the program starts");
       return false;
     }
-    if (CliRegisterValue(CliStopThread(cli), text, out)) return true;
+    if (CliRegisterValue(cli, CliStopThread(cli), text, out)) return true;
     CliError(cli, "the registers of the stopped thread cannot be read");
     return false;
   }
@@ -135,7 +135,7 @@ static void PrintThread(Cli *cli, TargetThread *t) {
   }
   CliPlace place = {"?", "?"};
   // Before the first run the registers are not read: the program has not started.
-  CONTEXT *context = cli->held ? nullptr : ThreadContextGet(t);
+  const CONTEXT *context = cli->held ? nullptr : CliThreadContext(cli, t);
   if (context) CliPlaceOfAddress(cli, context->Rip, &place);
   printf("thread %u | %s | %s | %s | %s\n", t->id, t->name[0] ? t->name : "?", state[0] ? state : "-", place.function,
          place.file_line);
@@ -211,7 +211,7 @@ static bool CommandSetReg(Cli *cli, const ScriptArguments *args) {
   }
   if (!AwaitRefresh(cli)) return false;
   u64 now = 0;
-  if (!CliRegisterValue(CliStopThread(cli), "rip", &now)) {
+  if (!CliRegisterValue(cli, CliStopThread(cli), "rip", &now)) {
     CliError(cli, "the registers cannot be read back");
     return false;
   }
@@ -229,11 +229,11 @@ static bool CommandRead(Cli *cli, const ScriptArguments *args) {
   for (u64 line = 0; line < count; line += 16) {
     u32 n = (u32)MinU64(16, count - line);
     u8 bytes[16];
-    bool whole = TargetReadMemory(cli->target, address + line, bytes, n) == 0;
+    bool whole = CliReadMemory(cli, address + line, bytes, n);
     printf("0x%016llx:", (unsigned long long)(address + line));
     for (u32 i = 0; i < n; i++) {
       // A line that cannot be read whole is read a byte at a time: "??" marks the bytes that fail.
-      if (whole || TargetReadMemory(cli->target, address + line + i, bytes + i, 1) == 0)
+      if (whole || CliReadMemory(cli, address + line + i, bytes + i, 1))
         printf(" %02x", bytes[i]);
       else
         printf(" ??");

@@ -1,7 +1,7 @@
 // The debugging run as ktrn-cli sees it: the engine's events popped and printed (the output
 // window's lines, and one line per stop), the run limits, and where an address lies.
 //
-// [SECTION] Places
+// [SECTION] Places and the stopped target
 // [SECTION] Errors
 // [SECTION] Events and stops
 // [SECTION] Running
@@ -13,7 +13,7 @@
 #include "symbols/scope_lookup.h"
 #include "ui/stop_reason.h"
 
-// [SECTION] Places
+// [SECTION] Places and the stopped target
 
 static void FileLineText(const TargetModule *module, const u8 *file, u32 line, CliPlace *out) {
   if (!file || line == 0) return;
@@ -65,6 +65,12 @@ TargetThread *CliStopThread(Cli *cli) {
   return cli->target->current_thread;
 }
 
+const CONTEXT *CliThreadContext(Cli *cli, TargetThread *thread) { return thread ? ThreadContextGet(thread) : nullptr; }
+
+bool CliReadMemory(Cli *cli, u64 address, void *buffer, u32 size) {
+  return TargetReadMemory(cli->target, address, buffer, size) == 0;
+}
+
 // [SECTION] Errors
 
 void CliError(Cli *cli, const char *format, ...) {
@@ -96,10 +102,23 @@ const char *CliResultText(int result) {
 // [SECTION] Events and stops
 
 // One line per stop; FILE:LINE stays last so that a path with " | " in it cannot shift a column.
-static void PrintStopLine(Cli *cli, const char *reason, const CliPlace *place) {
+static PumpResult ReportStop(Cli *cli, const char *reason, u32 thread_id, const EngineSourceLocation *location,
+                             u64 address) {
+  cli->stopped = 1;
+  cli->stop_thread_id = thread_id;
+  CliPlace place;
+  PlaceOfLocation(cli, location, address, &place);
   char thread[16] = "?";
-  if (cli->stop_thread_id) snprintf(thread, sizeof thread, "%u", cli->stop_thread_id);
-  printf("stopped | %s | thread %s | %s | %s\n", reason, thread, place->function, place->file_line);
+  if (thread_id) snprintf(thread, sizeof thread, "%u", thread_id);
+  printf("stopped | %s | thread %s | %s | %s\n", reason, thread, place.function, place.file_line);
+  return kPumpStopped;
+}
+
+// The thread of a stop whose event names none (exceptions, breakpoint hits): the engine's current
+// thread, the one whose event it holds.
+static u32 HeldThreadId(Cli *cli) {
+  TargetThread *current = cli->target->current_thread;
+  return current ? current->id : 0;
 }
 
 static const char *EngineStopText(Cli *cli, u32 engine_reason) {
@@ -120,27 +139,21 @@ static int HandleEvent(Cli *cli, const EngineEvent *e) {
   u32 length = EngineEventText(e, &cli->options, cli->process_id, text, sizeof text);
   if (length) fputs(text, stdout);
   switch (e->kind) {
-    case kEventStopped: {
+    case kEventStopped:
       if (IsRefresh(e)) return kPumpRefreshed;
-      cli->stopped = 1;
-      cli->stop_thread_id = e->stopped.thread_id;
-      CliPlace place;
-      PlaceOfLocation(cli, &e->stopped.location, e->stopped.address, &place);
-      PrintStopLine(cli, EngineStopText(cli, e->stopped.reason), &place);
-      return kPumpStopped;
-    }
-    case kEventException: {
-      // The exception line (just printed) is the stop's reason; the event names no thread, the
-      // engine's current thread is the one that raised it.
-      cli->stopped = 1;
-      TargetThread *current = cli->target->current_thread;
-      cli->stop_thread_id = current ? current->id : 0;
+      return ReportStop(cli, EngineStopText(cli, e->stopped.reason), e->stopped.thread_id, &e->stopped.location,
+                        e->stopped.address);
+    case kEventException:
+      // The exception line (just printed) is the stop's reason.
       while (length && (text[length - 1] == '\n' || text[length - 1] == '\r')) text[--length] = 0;
-      CliPlace place;
-      PlaceOfLocation(cli, &e->exception.location, e->exception.address, &place);
-      PrintStopLine(cli, length ? text : "exception", &place);
-      return kPumpStopped;
-    }
+      return ReportStop(cli, length ? text : "exception", HeldThreadId(cli), &e->exception.location,
+                        e->exception.address);
+    case kEventBreakpointHit:
+      return ReportStop(cli, StopReasonStoppedText(kStopReasonUserBreakpoint, cli->started_by), HeldThreadId(cli),
+                        &e->breakpoint.location, e->breakpoint.address);
+    case kEventProcessorBreakpointHit:
+      return ReportStop(cli, StopReasonStoppedText(kStopReasonProcessorBreakpoint, cli->started_by),
+                        HeldThreadId(cli), &e->processor_breakpoint.location, e->processor_breakpoint.address);
     case kEventModuleUnloaded:
       TargetModuleRelease(cli->target, e->module.module);
       break;
