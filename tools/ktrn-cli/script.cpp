@@ -7,6 +7,8 @@
 // [SECTION] Commands
 // [SECTION] The command table
 // [SECTION] Running a script
+#include <ctype.h>
+#include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -48,12 +50,17 @@ typedef struct ScriptCommand {
 
 // [SECTION] Arguments
 
+// A decimal or 0x-prefixed hexadecimal number that fits 64 bits, and nothing else (no sign, no
+// spaces).
 static bool ParseNumber(const char *text, u64 *out) {
-  if (!text || !*text) return false;
-  char *end = nullptr;
+  if (!text) return false;
   bool hex = text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
-  unsigned long long value = strtoull(hex ? text + 2 : text, &end, hex ? 16 : 10);
-  if (*end || end == (hex ? text + 2 : text)) return false;
+  const char *digits = hex ? text + 2 : text;
+  if (!(hex ? isxdigit((unsigned char)*digits) : isdigit((unsigned char)*digits))) return false;
+  char *end = nullptr;
+  errno = 0;
+  unsigned long long value = strtoull(digits, &end, hex ? 16 : 10);
+  if (*end || errno == ERANGE) return false;
   *out = value;
   return true;
 }
