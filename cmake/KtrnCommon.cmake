@@ -47,10 +47,14 @@ function(ktrn_tool name)
   set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
 endfunction()
 
-# ktrn_test(NAME SOURCES... [DEPS libs...] [LABELS labels...] [TIMEOUT s]): a GoogleTest program,
-# registered with CTest. On the Windows build it runs under Wine through the emulator script.
+# ktrn_test(NAME SOURCES... [DEPS libs...] LABELS labels... [TIMEOUT s]): a GoogleTest program,
+# registered with CTest. On the Windows build it runs under Wine through the emulator script. The
+# label is required: scripts/test.sh runs tests by label, so a test without one would never run.
 function(ktrn_test name)
   cmake_parse_arguments(A "" "TIMEOUT" "SOURCES;DEPS;LABELS" ${ARGN})
+  if(NOT A_LABELS)
+    message(FATAL_ERROR "ktrn_test(${name}) has no LABELS: scripts/test.sh would never run it")
+  endif()
   add_executable(${name} ${A_SOURCES})
   target_compile_options(${name} PRIVATE ${KTRN_WARNINGS})
   if(KTRN_WINDOWS)

@@ -1,26 +1,44 @@
-// bench_engine [ROUNDS] [INT3_COUNT] [STRING_COUNT] [THREAD_COUNT]
+// bench_engine [ROUNDS] [INT3_COUNT] [STRING_COUNT] [THREAD_COUNT] [HIT_COUNT]
 //
-// Two workloads of eng_target, each run alternately under a minimal raw loop
-// (WaitForDebugEvent / ContinueDebugEvent on one thread, nothing else) and under the engine
-// (debugger thread, rings, stop sequence, the UI side popping events and answering stops from
-// another thread, as kestrune.exe does):
-//   int3loop: N breakpoint instructions, each a stop that is continued: the round trip of one
-//             stop and resume;
-//   strloop:  N debug strings, events that never stop (the engine reads each string; the raw loop
-//             is run both without and with that read);
-//   many:     N threads started and ended one after the other: events that need no system call
-//             from the engine, so the difference is the engine's own per-event cost.
-// Times run from the workload's first event to its last, so process start and exit are left out.
-// Prints the median of the rounds, in microseconds per event, and the engine's ratio to raw.
+// In one run, each workload alternately under minimal raw debug loops and under the engine; every
+// figure is the median of the rounds. Times run from the workload's first event to its last, so
+// process start and exit are left out.
+//
+// 1. Stop and resume (eng_target int3loop N: N breakpoint instructions of the program's own, each a
+//    stop that is continued), microseconds per stop:
+//    - raw loop: WaitForDebugEvent / ContinueDebugEvent on one thread, nothing else;
+//    - raw loop that also reads the stopped thread's registers (GetThreadContext, the engine's flags);
+//    - raw loop that hands every stop to a second thread and waits for its answer through two
+//      kernel events (what a debugger thread and a UI thread pay with kernel objects alone);
+//    - the same hand-off through one state word (WaitOnAddress / WakeByAddressSingle);
+//    - the engine as built, driven as kestrune.exe drives it (the debugger thread, rings, the stop
+//      sequence; the UI side pops the events after each wake-up and answers stops with run).
+// 2. Events that do not stop: strloop N (debug strings; the raw loop also with the string read)
+//    and many N (threads started and ended), microseconds per event, raw loop and engine.
+// 3. Breakpoint hits (bench_hits N: one function called N times with a breakpoint on it), hits per
+//    second, for a minimal raw loop that does the system work of a hit that goes on: move the
+//    instruction pointer back, put the byte back, single-step, write 0xCC again. The engine's side
+//    of this row comes with its breakpoints.
+// 4. The price of the system calls a stop makes, on a debuggee held at its first event.
+// The load average is printed before and after: under Wine every figure depends on it.
+//
+// [SECTION] Helpers
+// [SECTION] Raw loops
+// [SECTION] The engine
+// [SECTION] System calls
+// [SECTION] Main
 #include <windows.h>
 
 #include <algorithm>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <string>
 #include <vector>
 
 #include "engine/engine.h"
+
+// [SECTION] Helpers
 
 static double Now() {
   static LARGE_INTEGER frequency;
@@ -30,53 +48,211 @@ static double Now() {
   return (double)t.QuadPart / (double)frequency.QuadPart;
 }
 
-struct Sample {
-  double wall = -1;  // seconds per counted event, first to last
+static double Median(std::vector<double> v) {
+  std::sort(v.begin(), v.end());
+  return v.empty() ? 0 : v[v.size() / 2];
+}
+
+// Seconds per counted event, first to last; negative when fewer than two were counted.
+struct Span {
+  int seen = 0;
+  double first = 0, last = 0;
+  void Count() {
+    double t = Now();
+    if (seen++ == 0) first = t;
+    last = t;
+  }
+  double PerEvent() const { return seen > 1 ? (last - first) / (seen - 1) : -1; }
 };
 
-static std::string TargetProgram() {
-  std::string path = std::string(KTRN_TARGETS_DIR) + "/eng_target.exe";
+// A test program (eng_target.exe) or the benchmark's own (bench_hits.exe), with backslashes.
+static std::string TargetProgram(const char *name) {
+  std::string folder = strcmp(name, "bench_hits.exe") == 0 ? KTRN_BENCH_DIR : KTRN_TARGETS_DIR;
+  std::string path = folder + "/" + name;
   for (char &c : path)
     if (c == '/') c = '\\';
   return path;
 }
 
-// The raw loop: the least a debugger can do for these events.
-enum Counted { kCountStops, kCountStrings, kCountThreadExits };
-
-static Sample RawRun(const char *mode, int count, Counted counted, bool read_strings) {
-  Sample sample;
-  std::string line = "\"" + TargetProgram() + "\" " + mode + " " + std::to_string(count);
+// The debuggee made by a raw loop: created for debugging only this process, in a console of its own.
+static bool CreateDebuggee(const char *program, const std::string &arguments, PROCESS_INFORMATION *pi) {
+  std::string line = "\"" + TargetProgram(program) + "\" " + arguments;
   std::wstring wide(line.begin(), line.end());
   STARTUPINFOW si = {sizeof si};
-  PROCESS_INFORMATION pi = {};
-  if (!CreateProcessW(nullptr, &wide[0], nullptr, nullptr, FALSE, DEBUG_ONLY_THIS_PROCESS | CREATE_NEW_CONSOLE, nullptr,
-                      nullptr, &si, &pi))
-    return sample;
+  *pi = {};
+  return CreateProcessW(nullptr, &wide[0], nullptr, nullptr, FALSE, DEBUG_ONLY_THIS_PROCESS | CREATE_NEW_CONSOLE,
+                        nullptr, nullptr, &si, pi) != 0;
+}
+
+static void CloseEventFiles(const DEBUG_EVENT &ev) {
+  if (ev.dwDebugEventCode == CREATE_PROCESS_DEBUG_EVENT && ev.u.CreateProcessInfo.hFile)
+    CloseHandle(ev.u.CreateProcessInfo.hFile);
+  if (ev.dwDebugEventCode == LOAD_DLL_DEBUG_EVENT && ev.u.LoadDll.hFile) CloseHandle(ev.u.LoadDll.hFile);
+}
+
+static void PrintLoadAverage(const char *when) {
+  // Wine's drive Z: is the host's root, so the host's load average can be read as a file.
+  char text[128] = "";
+  FILE *f = fopen("Z:\\proc\\loadavg", "rb");
+  if (f) {
+    size_t n = fread(text, 1, sizeof text - 1, f);
+    text[n] = 0;
+    fclose(f);
+    for (char *p = text; *p; p++)
+      if (*p == '\n') *p = 0;
+  }
+  printf("load average %s: %s\n", when, text[0] ? text : "(not known: not under Wine)");
+}
+
+// A context buffer with the flags the engine reads: all register groups and the extended state
+// (AVX) when the system has InitializeContext, else a plain context.
+struct ContextBuffer {
+  alignas(64) unsigned char bytes[8192];
+  CONTEXT *context = nullptr;
+  DWORD flags = 0;
+  bool Prepare(DWORD wanted) {
+    typedef BOOL(WINAPI * InitFn)(void *, DWORD, CONTEXT **, DWORD *);
+    InitFn init = (InitFn)(void *)GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "InitializeContext");
+    DWORD size = sizeof bytes;
+    flags = wanted;
+    if (init && init(bytes, wanted, &context, &size)) return true;
+    flags = wanted & ~0x40u;  // no extended state
+    context = (CONTEXT *)bytes;
+    memset(bytes, 0, sizeof(CONTEXT));
+    return true;
+  }
+  BOOL Read(HANDLE thread) {
+    context->ContextFlags = flags;
+    return GetThreadContext(thread, context);
+  }
+};
+
+// [SECTION] Raw loops
+
+enum Counted { kCountStops, kCountStrings, kCountThreadExits };
+
+// What the raw loop does at each stop beyond continuing it.
+enum StopWork { kStopNothing, kStopReadContext, kStopHandOffEvents, kStopHandOffWord };
+
+typedef BOOL(WINAPI *WaitOnAddressFn)(volatile void *, void *, SIZE_T, DWORD);
+typedef void(WINAPI *WakeByAddressFn)(void *);
+
+// A second thread that answers every stop, as a UI thread would: through two kernel events, or
+// through one state word it waits on.
+struct HandOff {
+  enum : LONG { kRunning = 0, kStopped = 1, kQuit = 2 };
+  StopWork kind = kStopNothing;
+  HANDLE stopped = nullptr, run = nullptr, thread = nullptr;
+  volatile LONG state = kRunning;
+  WaitOnAddressFn wait_on_address = nullptr;
+  WakeByAddressFn wake_by_address = nullptr;
+
+  static DWORD WINAPI Answer(void *parameter) {
+    HandOff *h = (HandOff *)parameter;
+    for (;;) {
+      if (h->kind == kStopHandOffEvents) {
+        WaitForSingleObject(h->stopped, INFINITE);
+        if (h->state == kQuit) return 0;
+        SetEvent(h->run);
+      } else {
+        LONG seen = h->state;
+        while (seen == kRunning) {
+          h->wait_on_address(&h->state, &seen, sizeof seen, INFINITE);
+          seen = h->state;
+        }
+        if (seen == kQuit) return 0;
+        InterlockedExchange(&h->state, kRunning);
+        h->wake_by_address((void *)&h->state);
+      }
+    }
+  }
+  bool Start(StopWork work) {
+    kind = work;
+    if (kind == kStopHandOffWord) {
+      HMODULE base = GetModuleHandleW(L"kernelbase.dll");
+      wait_on_address = base ? (WaitOnAddressFn)(void *)GetProcAddress(base, "WaitOnAddress") : nullptr;
+      wake_by_address = base ? (WakeByAddressFn)(void *)GetProcAddress(base, "WakeByAddressSingle") : nullptr;
+      if (!wait_on_address || !wake_by_address) return false;
+    } else {
+      stopped = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+      run = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    }
+    thread = CreateThread(nullptr, 0, Answer, this, 0, nullptr);
+    return thread != nullptr;
+  }
+  // The debugger thread's side of one stop: tell, then wait for the answer.
+  void Stop() {
+    if (kind == kStopHandOffEvents) {
+      SetEvent(stopped);
+      WaitForSingleObject(run, INFINITE);
+      return;
+    }
+    InterlockedExchange(&state, kStopped);
+    wake_by_address((void *)&state);
+    LONG seen = kStopped;
+    while (state == kStopped) wait_on_address(&state, &seen, sizeof seen, INFINITE);
+  }
+  void End() {
+    if (!thread) return;
+    InterlockedExchange(&state, kQuit);
+    if (kind == kStopHandOffEvents) SetEvent(stopped);
+    else wake_by_address((void *)&state);
+    WaitForSingleObject(thread, INFINITE);
+    CloseHandle(thread);
+    if (stopped) CloseHandle(stopped);
+    if (run) CloseHandle(run);
+  }
+};
+
+// The threads a raw loop has seen, for the ones that need a thread's registers.
+struct ThreadHandles {
+  struct Entry {
+    DWORD id;
+    HANDLE handle;
+  } entries[64];
+  int count = 0;
+  void Note(const DEBUG_EVENT &ev) {
+    HANDLE h = ev.dwDebugEventCode == CREATE_PROCESS_DEBUG_EVENT ? ev.u.CreateProcessInfo.hThread
+               : ev.dwDebugEventCode == CREATE_THREAD_DEBUG_EVENT ? ev.u.CreateThread.hThread
+                                                                  : nullptr;
+    if (h && count < 64) entries[count++] = {ev.dwThreadId, h};
+  }
+  HANDLE Find(DWORD id) const {
+    for (int i = 0; i < count; i++)
+      if (entries[i].id == id) return entries[i].handle;
+    return nullptr;
+  }
+};
+
+static double RawRun(const char *mode, int count, Counted counted, bool read_strings, StopWork work) {
+  HandOff hand_off;
+  if ((work == kStopHandOffEvents || work == kStopHandOffWord) && !hand_off.Start(work)) return -1;
+  PROCESS_INFORMATION pi;
+  if (!CreateDebuggee("eng_target.exe", std::string(mode) + " " + std::to_string(count), &pi)) {
+    hand_off.End();
+    return -1;
+  }
+  ContextBuffer registers;
+  if (work == kStopReadContext) registers.Prepare(0x10005F);
+  ThreadHandles threads;
   bool loader_breakpoint = true;
-  int seen = 0;
-  double first = 0, last = 0;
+  Span span;
   for (;;) {
     DEBUG_EVENT ev;
     if (!WaitForDebugEvent(&ev, INFINITE)) break;
     DWORD status = DBG_CONTINUE;
+    threads.Note(ev);
+    CloseEventFiles(ev);
     switch (ev.dwDebugEventCode) {
-      case CREATE_PROCESS_DEBUG_EVENT:
-        if (ev.u.CreateProcessInfo.hFile) CloseHandle(ev.u.CreateProcessInfo.hFile);
-        break;
-      case LOAD_DLL_DEBUG_EVENT:
-        if (ev.u.LoadDll.hFile) CloseHandle(ev.u.LoadDll.hFile);
-        break;
       case EXCEPTION_DEBUG_EVENT:
-        if (ev.u.Exception.ExceptionRecord.ExceptionCode == EXCEPTION_BREAKPOINT) {
-          if (loader_breakpoint) {
-            loader_breakpoint = false;
-          } else if (counted == kCountStops) {
-            if (seen++ == 0) first = Now();
-            last = Now();
-          }
-        } else {
+        if (ev.u.Exception.ExceptionRecord.ExceptionCode != EXCEPTION_BREAKPOINT) {
           status = DBG_EXCEPTION_NOT_HANDLED;
+        } else if (loader_breakpoint) {
+          loader_breakpoint = false;
+        } else if (counted == kCountStops) {
+          span.Count();
+          if (work == kStopReadContext) registers.Read(threads.Find(ev.dwThreadId));
+          if (work == kStopHandOffEvents || work == kStopHandOffWord) hand_off.Stop();
         }
         break;
       case OUTPUT_DEBUG_STRING_EVENT:
@@ -86,45 +262,113 @@ static Sample RawRun(const char *mode, int count, Counted counted, bool read_str
           ReadProcessMemory(pi.hProcess, ev.u.DebugString.lpDebugStringData, text,
                             std::min<SIZE_T>(sizeof text, ev.u.DebugString.nDebugStringLength), &got);
         }
-        if (counted == kCountStrings) {
-          if (seen++ == 0) first = Now();
-          last = Now();
-        }
+        if (counted == kCountStrings) span.Count();
         break;
       case EXIT_THREAD_DEBUG_EVENT:
-        if (counted == kCountThreadExits) {
-          if (seen++ == 0) first = Now();
-          last = Now();
-        }
+        if (counted == kCountThreadExits) span.Count();
         break;
+    }
+    ContinueDebugEvent(ev.dwProcessId, ev.dwThreadId, status);
+    if (ev.dwDebugEventCode == EXIT_PROCESS_DEBUG_EVENT) break;
+  }
+  hand_off.End();
+  CloseHandle(pi.hThread);
+  CloseHandle(pi.hProcess);
+  return span.PerEvent();
+}
+
+// The least system work of a breakpoint hit that goes on: at the int3, read the registers, move
+// the instruction pointer back and set the trap flag, put the original byte back; at the single
+// step that follows, write 0xCC again. Seconds per hit; the exit code must say every call counted.
+static double RawHitsRun(int count) {
+  PROCESS_INFORMATION pi;
+  if (!CreateDebuggee("bench_hits.exe", std::to_string(count), &pi)) return -1;
+  ContextBuffer registers;
+  registers.Prepare(0x100001);  // CONTEXT_CONTROL: the instruction pointer and the flags
+  ThreadHandles threads;
+  bool loader_breakpoint = true;
+  unsigned long long address = 0;
+  unsigned char original = 0;
+  const unsigned char int3 = 0xCC;
+  bool rearm = false;
+  DWORD exit_code = 1;
+  Span span;
+  for (;;) {
+    DEBUG_EVENT ev;
+    if (!WaitForDebugEvent(&ev, INFINITE)) break;
+    DWORD status = DBG_CONTINUE;
+    threads.Note(ev);
+    CloseEventFiles(ev);
+    if (ev.dwDebugEventCode == OUTPUT_DEBUG_STRING_EVENT && !address) {
+      // "BenchHit 0x...": set the breakpoint.
+      char text[64] = "";
+      SIZE_T got = 0;
+      ReadProcessMemory(pi.hProcess, ev.u.DebugString.lpDebugStringData, text,
+                        std::min<SIZE_T>(sizeof text - 1, ev.u.DebugString.nDebugStringLength), &got);
+      if (!strncmp(text, "BenchHit 0x", 11)) address = strtoull(text + 11, nullptr, 16);
+      if (address && (!ReadProcessMemory(pi.hProcess, (void *)address, &original, 1, &got) ||
+                      !WriteProcessMemory(pi.hProcess, (void *)address, &int3, 1, &got)))
+        address = 0;
+      FlushInstructionCache(pi.hProcess, (void *)address, 1);
+    } else if (ev.dwDebugEventCode == EXCEPTION_DEBUG_EVENT) {
+      const EXCEPTION_RECORD &record = ev.u.Exception.ExceptionRecord;
+      HANDLE thread = threads.Find(ev.dwThreadId);
+      SIZE_T got = 0;
+      if (record.ExceptionCode == EXCEPTION_BREAKPOINT && loader_breakpoint) {
+        loader_breakpoint = false;
+      } else if (record.ExceptionCode == EXCEPTION_BREAKPOINT && address &&
+                 (unsigned long long)record.ExceptionAddress == address && thread && registers.Read(thread)) {
+        span.Count();
+        registers.context->Rip = address;
+        registers.context->EFlags |= 0x100;
+        SetThreadContext(thread, registers.context);
+        WriteProcessMemory(pi.hProcess, (void *)address, &original, 1, &got);
+        FlushInstructionCache(pi.hProcess, (void *)address, 1);
+        rearm = true;
+      } else if (record.ExceptionCode == EXCEPTION_SINGLE_STEP && rearm) {
+        WriteProcessMemory(pi.hProcess, (void *)address, &int3, 1, &got);
+        FlushInstructionCache(pi.hProcess, (void *)address, 1);
+        rearm = false;
+      } else {
+        status = DBG_EXCEPTION_NOT_HANDLED;
+      }
+    } else if (ev.dwDebugEventCode == EXIT_PROCESS_DEBUG_EVENT) {
+      exit_code = ev.u.ExitProcess.dwExitCode;
     }
     ContinueDebugEvent(ev.dwProcessId, ev.dwThreadId, status);
     if (ev.dwDebugEventCode == EXIT_PROCESS_DEBUG_EVENT) break;
   }
   CloseHandle(pi.hThread);
   CloseHandle(pi.hProcess);
-  if (seen > 1) sample.wall = (last - first) / (seen - 1);
-  return sample;
+  if (exit_code != 0 || span.seen != count) {
+    fprintf(stderr, "raw breakpoint loop: %d hits of %d, exit code %lu\n", span.seen, count, exit_code);
+    return -1;
+  }
+  return span.PerEvent();
 }
+
+// [SECTION] The engine
 
 static void Wake(void *user) { SetEvent((HANDLE)user); }
 
 // The engine, driven as the user interface drives it: events popped on this thread after each
 // wake-up, every stop answered with the run command.
-static Sample EngineRunOnce(const char *mode, int count, Counted counted) {
-  Sample sample;
+static double EngineRunOnce(const char *mode, int count, Counted counted) {
   static HANDLE wake = CreateEventW(nullptr, FALSE, FALSE, nullptr);
-  std::string path = TargetProgram();
+  std::string path = TargetProgram("eng_target.exe");
   std::string arguments = std::string(mode) + " " + std::to_string(count);
   LaunchDescription launch = {};
   launch.executable = path.c_str();
   launch.arguments = arguments.c_str();
   Target *target = nullptr;
   u32 pid = 0;
-  if (EngineStartLaunch(&launch, Wake, wake, &target, &pid) != 0) return sample;
-  EngineRun(target);
-  int seen = 0;
-  double first = 0, last = 0;
+  if (EngineStartLaunch(&launch, Wake, wake, &target, &pid) != 0) return -1;
+  if (EngineRun(target) != 0) {
+    (void)EngineTerminate(target, 1);
+    EngineRelease(target);
+    return -1;
+  }
+  Span span;
   for (bool done = false; !done;) {
     WaitForSingleObject(wake, INFINITE);
     EngineEvent e;
@@ -133,16 +377,14 @@ static Sample EngineRunOnce(const char *mode, int count, Counted counted) {
       EnginePopEvent(target, &e);
       if (e.kind == kEventNone) break;
       if ((counted == kCountStops && e.kind == kEventStopped) || (counted == kCountStrings && e.kind == kEventText) ||
-          (counted == kCountThreadExits && e.kind == kEventThreadExited)) {
-        if (seen++ == 0) first = Now();
-        last = Now();
-      }
+          (counted == kCountThreadExits && e.kind == kEventThreadExited))
+        span.Count();
       // The stop event is posted once the engine serves commands: it can be answered at once.
       if (e.kind == kEventStopped) {
         answered_stop = true;
         if (EngineRun(target) != 0) {
-          EngineWaitStopped(target, INFINITE);
-          EngineRun(target);
+          (void)EngineWaitStopped(target, INFINITE);
+          (void)EngineRun(target);
         }
       }
       if (e.kind == kEventModuleUnloaded) TargetModuleRelease(target, e.module.module);
@@ -153,31 +395,23 @@ static Sample EngineRunOnce(const char *mode, int count, Counted counted) {
     if (!answered_stop && !done) Sleep(16);
   }
   EngineRelease(target);
-  if (seen > 1) sample.wall = (last - first) / (seen - 1);
-  return sample;
+  return span.PerEvent();
 }
+
+// [SECTION] System calls
 
 // The price of the system calls a stop makes, under the same conditions: a debuggee held at its
 // first event, a thread handle from it.
 static void SystemCallCosts() {
-  std::string line = "\"" + TargetProgram() + "\" strloop 1";
-  std::wstring wide(line.begin(), line.end());
-  STARTUPINFOW si = {sizeof si};
-  PROCESS_INFORMATION pi = {};
-  if (!CreateProcessW(nullptr, &wide[0], nullptr, nullptr, FALSE, DEBUG_ONLY_THIS_PROCESS | CREATE_NEW_CONSOLE, nullptr,
-                      nullptr, &si, &pi))
-    return;
+  PROCESS_INFORMATION pi;
+  if (!CreateDebuggee("eng_target.exe", "strloop 1", &pi)) return;
   DEBUG_EVENT ev;
   WaitForDebugEvent(&ev, INFINITE);  // CREATE_PROCESS: the process is held
   HANDLE thread = ev.u.CreateProcessInfo.hThread;
   const int n = 2000;
   HANDLE event = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-  alignas(64) static unsigned char buffer[8192];
-  CONTEXT *full = nullptr;
-  DWORD size = sizeof buffer;
-  typedef BOOL(WINAPI * InitFn)(void *, DWORD, CONTEXT **, DWORD *);
-  InitFn init = (InitFn)(void *)GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "InitializeContext");
-  if (init && !init(buffer, 0x10005F, &full, &size)) full = nullptr;
+  ContextBuffer full;
+  full.Prepare(0x10005F);
   static CONTEXT plain;
   struct Case {
     const char *what;
@@ -186,14 +420,14 @@ static void SystemCallCosts() {
                {"GetThreadContext, with the extended state", 3}, {"ReadProcessMemory, 8 bytes", 4}};
   printf("\n| system call (debuggee held) | us a call |\n|---|---|\n");
   for (const Case &c : cases) {
-    if (c.kind == 3 && !full) continue;
+    if (c.kind == 3 && !(full.flags & 0x40)) continue;
     double start = Now();
     for (int i = 0; i < n; i++) {
       switch (c.kind) {
         case 0: SetEvent(event); break;
         case 1: WaitForSingleObject(event, 0); break;
         case 2: plain.ContextFlags = 0x10001F; GetThreadContext(thread, &plain); break;
-        case 3: full->ContextFlags = 0x10005F; GetThreadContext(thread, full); break;
+        case 3: full.Read(thread); break;
         case 4: {
           unsigned long long v;
           SIZE_T got;
@@ -205,11 +439,12 @@ static void SystemCallCosts() {
     printf("| %s | %.1f |\n", c.what, (Now() - start) / n * 1e6);
   }
   CloseHandle(event);
+  CloseEventFiles(ev);
   TerminateProcess(pi.hProcess, 0);
   ContinueDebugEvent(ev.dwProcessId, ev.dwThreadId, DBG_CONTINUE);
   for (;;) {
     if (!WaitForDebugEvent(&ev, 5000)) break;
-    if (ev.dwDebugEventCode == LOAD_DLL_DEBUG_EVENT && ev.u.LoadDll.hFile) CloseHandle(ev.u.LoadDll.hFile);
+    CloseEventFiles(ev);
     ContinueDebugEvent(ev.dwProcessId, ev.dwThreadId, DBG_CONTINUE);
     if (ev.dwDebugEventCode == EXIT_PROCESS_DEBUG_EVENT) break;
   }
@@ -217,9 +452,13 @@ static void SystemCallCosts() {
   CloseHandle(pi.hProcess);
 }
 
-static double Median(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  return v.empty() ? 0 : v[v.size() / 2];
+// [SECTION] Main
+
+static void PrintMicroseconds(double seconds) {
+  if (seconds < 0)
+    printf("failed");
+  else
+    printf("%.1f", seconds * 1e6);
 }
 
 int main(int argc, char **argv) {
@@ -227,35 +466,84 @@ int main(int argc, char **argv) {
   int int3_count = argc > 2 ? atoi(argv[2]) : 5000;
   int string_count = argc > 3 ? atoi(argv[3]) : 20000;
   int thread_count = argc > 4 ? atoi(argv[4]) : 2000;
+  int hit_count = argc > 5 ? atoi(argv[5]) : 5000;
+  setvbuf(stdout, nullptr, _IONBF, 0);
+  PrintLoadAverage("before");
+  printf("%d rounds; in each round the paths of a table run one after the other; medians\n\n", rounds);
+
+  // 1. Stop and resume.
+  struct StopPath {
+    const char *label;
+    StopWork work;
+    bool engine;
+  } paths[] = {{"raw loop (WaitForDebugEvent / ContinueDebugEvent)", kStopNothing, false},
+               {"raw loop + GetThreadContext of the stopped thread", kStopReadContext, false},
+               {"raw loop + hand-off to a second thread and back through two kernel events", kStopHandOffEvents, false},
+               {"raw loop + hand-off through one state word (WaitOnAddress / WakeByAddressSingle)", kStopHandOffWord,
+                false},
+               {"the engine as built (debugger thread, rings, stop sequence, UI thread answering)", kStopNothing, true}};
+  const size_t path_count = sizeof paths / sizeof paths[0];
+  std::vector<std::vector<double>> stop_times(path_count);
+  // Each round starts with another path, so that no path always runs first (after a pause, or
+  // right after the engine's run).
+  for (int r = 0; r < rounds; r++)
+    for (size_t k = 0, p = r % path_count; k < path_count; k++, p = (p + 1) % path_count)
+      stop_times[p].push_back(paths[p].engine ? EngineRunOnce("int3loop", int3_count, kCountStops)
+                                              : RawRun("int3loop", int3_count, kCountStops, false, paths[p].work));
+  double raw_stop = Median(stop_times[0]);
+  printf("| stop and resume (%d int3s of the program, each continued) | us per stop | / raw loop |\n|---|---|---|\n",
+         int3_count);
+  for (size_t p = 0; p < path_count; p++) {
+    double m = Median(stop_times[p]);
+    printf("| %s | ", paths[p].label);
+    PrintMicroseconds(m);
+    printf(" | %.2f |\n", raw_stop > 0 && m > 0 ? m / raw_stop : 0);
+  }
+
+  // 2. Events that do not stop.
   struct Workload {
     const char *mode;
     int count;
     Counted counted;
     const char *label;
-  } workloads[] = {{"int3loop", int3_count, kCountStops, "stop and resume (int3 continued)"},
-                   {"strloop", string_count, kCountStrings, "debug-string event (no stop)"},
+  } workloads[] = {{"strloop", string_count, kCountStrings, "debug-string event (no stop)"},
                    {"many", thread_count, kCountThreadExits, "thread start and exit (two events, no stop)"}};
-  printf("| workload | events per run | raw loop (us/event) | raw loop reading the string (us/event) | engine (us/event) | "
-         "engine / raw |\n");
-  printf("|---|---|---|---|---|---|\n");
+  printf("\n| workload | events per run | raw loop (us/event) | raw loop reading the string (us/event) | "
+         "engine (us/event) | engine / raw |\n|---|---|---|---|---|---|\n");
   for (const Workload &w : workloads) {
     std::vector<double> raw, raw_read, engine;
     for (int r = 0; r < rounds; r++) {
-      Sample a = RawRun(w.mode, w.count, w.counted, false);
-      Sample b = EngineRunOnce(w.mode, w.count, w.counted);
-      raw.push_back(a.wall * 1e6);
-      engine.push_back(b.wall * 1e6);
-      if (w.counted == kCountStrings) {
-        Sample c = RawRun(w.mode, w.count, w.counted, true);
-        raw_read.push_back(c.wall * 1e6);
-      }
+      raw.push_back(RawRun(w.mode, w.count, w.counted, false, kStopNothing));
+      engine.push_back(EngineRunOnce(w.mode, w.count, w.counted));
+      if (w.counted == kCountStrings) raw_read.push_back(RawRun(w.mode, w.count, w.counted, true, kStopNothing));
     }
     double mr = Median(raw), me = Median(engine);
-    char read_column[64] = "-";
-    if (w.counted == kCountStrings) snprintf(read_column, sizeof read_column, "%.1f", Median(raw_read));
-    printf("| %s | %d | %.1f | %s | %.1f | %.2f |\n", w.label, w.count, mr, read_column, me, mr > 0 ? me / mr : 0);
-    fflush(stdout);
+    printf("| %s | %d | ", w.label, w.count);
+    PrintMicroseconds(mr);
+    printf(" | ");
+    if (w.counted == kCountStrings)
+      PrintMicroseconds(Median(raw_read));
+    else
+      printf("-");
+    printf(" | ");
+    PrintMicroseconds(me);
+    printf(" | %.2f |\n", mr > 0 && me > 0 ? me / mr : 0);
   }
+
+  // 3. Breakpoint hits.
+  std::vector<double> hits;
+  for (int r = 0; r < rounds; r++) hits.push_back(RawHitsRun(hit_count));
+  double hit = Median(hits);
+  printf("\n| breakpoint hits (%d calls of one function) | hits per second | us per hit |\n|---|---|---|\n",
+         hit_count);
+  printf("| minimal raw loop: rewind rip, restore the byte, single-step, write 0xCC again | %.0f | ",
+         hit > 0 ? 1 / hit : 0);
+  PrintMicroseconds(hit);
+  printf(" |\n| the engine, stopping at each hit and answered with run | - | - (needs the engine's breakpoints) |\n");
+
+  // 4. System calls.
   SystemCallCosts();
+  printf("\n");
+  PrintLoadAverage("after");
   return 0;
 }

@@ -6,16 +6,16 @@
 # addresses, and a million line-to-address queries from source paths.
 #   bench/pdb/run.sh [RUNS]
 # Builds the benchmarks in build/pdb-release (release, no sanitizers), makes the PDBs with
-# /work/shared/bench/synth-pdb.sh into build/bench-pdb/{small,ref} when they are missing (the
-# reference 400x400 PDB takes a long while; KTRN_BENCH_PDB_DIR puts them elsewhere), and prints
-# one table row per PDB. KTRN_BENCH_REF names another folder holding the reference synth.exe and
-# synth.pdb (one made for another tree).
+# bench/pdb/synthetic/make_pdb.sh into build/bench-pdb/{small,ref} when they are missing (small is
+# 20 units of 50 functions, the reference 400 of 400 and a long build; KTRN_BENCH_PDB_DIR puts
+# them elsewhere), and prints one table row per PDB. KTRN_BENCH_REF names another folder holding
+# the reference synth.exe and synth.pdb (one made for another tree).
 set -euo pipefail
 root=$(cd "$(dirname "$0")/../.." && pwd)
 runs=${1:-7}
 build=$root/build/pdb-release
 out=${KTRN_BENCH_PDB_DIR:-$root/build/bench-pdb}
-synth=${KTRN_SYNTH_PDB:-$root/../shared/bench/synth-pdb.sh}
+make_pdb=$root/bench/pdb/synthetic/make_pdb.sh
 ref=${KTRN_BENCH_REF:-$out/ref}
 symbolizer_addresses=${KTRN_SYMBOLIZER_ADDRESSES:-20000}
 
@@ -23,14 +23,14 @@ cmake -S "$root" -B "$build" -G Ninja -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-hos
   -DCMAKE_BUILD_TYPE=Release -DKTRN_SANITIZE=OFF -DKTRN_FUZZ=OFF >/dev/null
 ninja -C "$build" -j2 bench_pdb_open bench_pdb_addr >/dev/null
 
-make_pdb() {  # make_pdb DIR NTU NFN
+make_missing() {  # make_missing DIR UNITS FUNCTIONS
   if [ ! -f "$1/synth.pdb" ]; then
     echo "making $1 ($2 x $3) ..." >&2
-    nice -n 19 "$synth" "$2" "$3" "$1" >&2
+    nice -n 19 "$make_pdb" "$2" "$3" "$1" 2 >&2
   fi
 }
-make_pdb "$out/small" 20 50
-make_pdb "$ref" 400 400
+make_missing "$out/small" 20 50
+make_missing "$ref" 400 400
 dir_of() { if [ "$1" = ref ]; then echo "$ref"; else echo "$out/$1"; fi; }
 
 value() { grep "^$1 " <<<"$2" | cut -d' ' -f2; }

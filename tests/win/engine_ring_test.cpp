@@ -251,11 +251,13 @@ TEST(KtrnCli, CommandsPrintTheirLinesAndExitWithTheirCodes) {
   } cases[] = {
       {"launch \"" + TargetPath("eng_target.exe") + "\" int3", 3,
        {"Debugging new process...[OK] Process ID: ", "\\eng_target.exe (symbols loaded)\n",
-        "Stopped: breakpoint instruction in the program at 0x", "after int3\n", "Process exited: with exit code 3 (0x3)\n"}},
+        "stopped | Program stopped because of a non-user breakpoint instruction | thread ", "after int3\n",
+        "Process exited: with exit code 3 (0x3)\n"}},
       {"launch \"" + TargetPath("x86/eng_hello32.exe") + "\"", 0x100 + 10, {"[FAIL] 32-bit processes are not supported"}},
       {"launch no_such_program.exe", 0x100 + 5, {"[FAIL] executable not found"}},
       {"--seconds 2 attach " + id, 0,
-       {"Attaching to process ID " + id + "...[OK]\n", "Stopped: break at 0x", "Detached from process (" + id + ")\n"}},
+       {"Attaching to process ID " + id + "...[OK]\n",
+        "stopped | Program stopped because the debugger broke in | thread ", "Detached from process (" + id + ")\n"}},
       {"--seconds 1 reattach " + name, 0,
        {"Attaching to process ID " + named_id + "...[OK]\n", "Detached from process (" + named_id + ")\n"}},
       // 0x103 is also STILL_ACTIVE, which the command interpreter does not pass on: not checked.

@@ -1,12 +1,17 @@
 // ktrn-cli: runs a program under the engine (or attaches to one) and prints every engine event as
-// the output window shows it; stops are reported and continued. Exits with the target's exit code.
+// the output window shows it, and one line per stop. Without a script every stop is continued; with
+// one the script's commands drive the run (see script.cpp) and the program then runs on to its end.
+// Exits with the target's exit code (0 after a detach; 0x100 + the start result when it fails).
 //
 //   ktrn-cli [OPTIONS] launch PROGRAM [ARGS...]
 //   ktrn-cli [OPTIONS] attach PID
 //   ktrn-cli [OPTIONS] reattach NAME   (the first 64-bit process of that name, ignoring case)
-// OPTIONS: --seconds N (stop debugging after N seconds: detach), --cwd DIR, --env NAME=VALUE
-// (repeatable), --inherit-env, --quiet-modules (no module lines), --terminate-after N (terminate
-// the target after N seconds with exit code 0x7E57).
+// OPTIONS: --script FILE|- (commands from the file or standard input; a launched program is held
+// before its first instruction until the first continue, an attached one starts at the break-in),
+// --stop-timeout N (seconds a command waits for a stop or the run's end; 30), --seconds N (stop
+// debugging after N seconds: detach), --terminate-after N (terminate the target after N seconds with
+// exit code 0x7E57), --cwd DIR, --env NAME=VALUE (repeatable), --inherit-env, --quiet-modules (no
+// module lines).
 #include <windows.h>
 
 #include <fcntl.h>
@@ -15,28 +20,19 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include "engine/engine.h"
+#include "cli.h"
 #include "engine/process_list.h"
-#include "ui/engine_event_text.h"
+#include "ui/stop_reason.h"
 
 static void Wake(void *user) { SetEvent((HANDLE)user); }
 
 static void Usage(void) {
   fprintf(stderr,
-          "usage: ktrn-cli [--seconds N] [--terminate-after N] [--cwd DIR] [--env NAME=VALUE]... [--inherit-env]\n"
-          "                [--quiet-modules] launch PROGRAM [ARGS...]\n"
-          "       ktrn-cli [--seconds N] [--terminate-after N] attach PID\n"
-          "       ktrn-cli [--seconds N] [--terminate-after N] reattach NAME\n");
-}
-
-static const char *StopReasonText(u32 reason) {
-  switch (reason) {
-    case kStopProgramBreakpoint: return "breakpoint instruction in the program";
-    case kStopBreak: return "break";
-    case kStopThreadStates: return "thread states changed";
-    case kStopFrameSelected: return "frame selected";
-  }
-  return "step or temporary breakpoint";
+          "usage: ktrn-cli [OPTIONS] launch PROGRAM [ARGS...]\n"
+          "       ktrn-cli [OPTIONS] attach PID\n"
+          "       ktrn-cli [OPTIONS] reattach NAME\n"
+          "OPTIONS: [--script FILE|-] [--stop-timeout N] [--seconds N] [--terminate-after N] [--cwd DIR]\n"
+          "         [--env NAME=VALUE]... [--inherit-env] [--quiet-modules]\n");
 }
 
 // Appends one argument to the command line, quoted when it has spaces or quotes.
@@ -57,21 +53,27 @@ int main(int argc, char **argv) {
   // The lines go out exactly as the output window shows them: no "\r" added, none held back.
   _setmode(_fileno(stdout), _O_BINARY);
   setvbuf(stdout, nullptr, _IONBF, 0);
-  double seconds = 0, terminate_after = 0;
+  Cli cli;
+  memset(&cli, 0, sizeof cli);
+  cli.options = OutputOptionsDefault();
+  cli.stop_timeout_ms = 30000;
   const char *cwd = nullptr;
+  const char *script = nullptr;
   EnvironmentPair env[64];
   u32 env_count = 0;
   u8 inherit = 0;
-  OutputOptions options = OutputOptionsDefault();
   int i = 1;
   for (; i < argc && argv[i][0] == '-'; i++) {
     const char *a = argv[i];
-    if (!strcmp(a, "--seconds") && i + 1 < argc) seconds = atof(argv[++i]);
-    else if (!strcmp(a, "--terminate-after") && i + 1 < argc) terminate_after = atof(argv[++i]);
-    else if (!strcmp(a, "--cwd") && i + 1 < argc) cwd = argv[++i];
+    bool value = i + 1 < argc;
+    if (!strcmp(a, "--seconds") && value) cli.detach_after_seconds = atof(argv[++i]);
+    else if (!strcmp(a, "--terminate-after") && value) cli.terminate_after_seconds = atof(argv[++i]);
+    else if (!strcmp(a, "--stop-timeout") && value) cli.stop_timeout_ms = (u32)(atof(argv[++i]) * 1000);
+    else if (!strcmp(a, "--script") && value) script = argv[++i];
+    else if (!strcmp(a, "--cwd") && value) cwd = argv[++i];
     else if (!strcmp(a, "--inherit-env")) inherit = 1;
-    else if (!strcmp(a, "--quiet-modules")) options.module_load = options.module_unload = 0;
-    else if (!strcmp(a, "--env") && i + 1 < argc && env_count < 64) {
+    else if (!strcmp(a, "--quiet-modules")) cli.options.module_load = cli.options.module_unload = 0;
+    else if (!strcmp(a, "--env") && value && env_count < 64) {
       char *pair = argv[++i];
       char *eq = strchr(pair, '=');
       if (!eq) { Usage(); return 2; }
@@ -81,11 +83,17 @@ int main(int argc, char **argv) {
       env_count++;
     } else { Usage(); return 2; }
   }
-  if (i + 1 >= argc) { Usage(); return 2; }
+  if (i + 1 >= argc || cli.stop_timeout_ms == 0) { Usage(); return 2; }
   const char *verb = argv[i];
-  HANDLE wake = CreateEventW(nullptr, FALSE, FALSE, nullptr);
-  Target *target = nullptr;
-  u32 pid = 0;
+  FILE *script_file = nullptr;
+  if (script) {
+    script_file = strcmp(script, "-") == 0 ? stdin : fopen(script, "rb");
+    if (!script_file) {
+      fprintf(stderr, "ktrn-cli: cannot read the script %s\n", script);
+      return 2;
+    }
+  }
+  cli.wake = CreateEventW(nullptr, FALSE, FALSE, nullptr);
   int result;
   if (!strcmp(verb, "launch")) {
     static char arguments[32768];
@@ -100,77 +108,49 @@ int main(int argc, char **argv) {
     launch.environment_count = env_count;
     launch.inherit_from_parent = inherit;
     printf("Debugging new process...");
-    result = EngineStartLaunch(&launch, Wake, wake, &target, &pid);
+    result = EngineStartLaunch(&launch, Wake, cli.wake, &cli.target, &cli.process_id);
     if (result == 0) {
-      printf("[OK] Process ID: %u\n", pid);
-      EngineRun(target);
+      printf("[OK] Process ID: %u\n", cli.process_id);
+      cli.held = 1;  // until the first run: at once without a script, at the first continue with one
     }
   } else if (!strcmp(verb, "attach") || !strcmp(verb, "reattach")) {
     if (!strcmp(verb, "reattach")) {
-      pid = ProcessFindByName(argv[i + 1]);
-      if (!pid) {
+      cli.process_id = ProcessFindByName(argv[i + 1]);
+      if (!cli.process_id) {
         printf("Unable to reattach to process named \"%s\". Process not found.\n", argv[i + 1]);
-        return 0x100 + 3;
+        return 0x100 + kEngineNoProcess;
       }
     } else {
-      pid = (u32)strtoul(argv[i + 1], nullptr, 0);
+      cli.process_id = (u32)strtoul(argv[i + 1], nullptr, 0);
     }
-    printf("Attaching to process ID %u...", pid);
-    result = EngineStartAttach(pid, Wake, wake, &target);
-    if (result == 0) printf("[OK]\n");
+    printf("Attaching to process ID %u...", cli.process_id);
+    result = EngineStartAttach(cli.process_id, Wake, cli.wake, &cli.target);
+    if (result == 0) {
+      printf("[OK]\n");
+      cli.started_by = kStopReasonAttached;
+    }
   } else {
     Usage();
     return 2;
   }
   if (result != 0) {
-    const char *text = result == 37 ? "attach refused by the system" : EngineStartResultText(result);
+    const char *text =
+        result == kEngineSystemCallFailed ? "attach refused by the system" : EngineStartResultText(result);
     printf("[FAIL] %s\n", text);
     fprintf(stderr, "Unable to debug process: %s\n", text);
     return 0x100 + result;
   }
 
-  ULONGLONG started = GetTickCount64();
-  bool limit_taken = false;
-  int exit_code = 0;
-  for (bool done = false; !done;) {
-    WaitForSingleObject(wake, 50);
-    ULONGLONG elapsed = GetTickCount64() - started;
-    if (!limit_taken && terminate_after > 0 && elapsed >= terminate_after * 1000) {
-      limit_taken = true;
-      printf("Terminating (result %d)\n", EngineTerminate(target, 0x7E57));
-    }
-    if (!limit_taken && seconds > 0 && elapsed >= seconds * 1000) {
-      limit_taken = true;
-      printf("Stopping debugging (result %d)\n", EngineStopDebugging(target));
-    }
-    EngineEvent event;
-    for (;;) {
-      EnginePopEvent(target, &event);
-      if (event.kind == kEventNone) break;
-      char text[4096];
-      if (EngineEventText(&event, &options, pid, text, sizeof text)) fputs(text, stdout);
-      switch (event.kind) {
-        case kEventStopped:
-          printf("Stopped: %s at 0x%016llX (thread %u)\n", StopReasonText(event.stopped.reason),
-                 (unsigned long long)event.stopped.address, event.stopped.thread_id);
-          if (EngineWaitStopped(target, 10000) == 0) EngineRun(target);
-          break;
-        case kEventException:
-          if (EngineWaitStopped(target, 10000) == 0) EngineRun(target);
-          break;
-        case kEventModuleUnloaded:
-          TargetModuleRelease(target, event.module.module);
-          break;
-        case kEventProcessExited:
-          exit_code = (int)event.process.exit_code;
-          done = true;
-          break;
-        case kEventDetached:
-          done = true;
-          break;
-      }
-    }
+  cli.started_ms = GetTickCount64();
+  if (script_file) {
+    // An attached program starts the script at its break-in.
+    if (!cli.held && CliPump(&cli, false, cli.stop_timeout_ms) == kPumpTimedOut)
+      CliError(&cli, "no stop within %g s of the attach", cli.stop_timeout_ms / 1000.0);
+    CliRunScript(&cli, script_file);
+    if (script_file != stdin) fclose(script_file);
+    CliDrain(&cli);
   }
-  EngineRelease(target);
-  return exit_code;
+  CliRunToEnd(&cli);
+  EngineRelease(cli.target);
+  return (int)cli.exit_code;
 }

@@ -1,5 +1,5 @@
-// Shared helper of the expression tests: parse a text and print its tree (or "parse error"),
-// checking that every node is back in the pool afterwards.
+// Shared helpers of the expression tests: the golden cases, and parsing a text to print its tree
+// (or "parse error"), checking that every node is back in the pool afterwards.
 #pragma once
 #include "expr/expr_parser.h"
 #include "expr/expr_print.h"
@@ -8,6 +8,22 @@
 
 #include <memory>
 #include <string>
+#include <vector>
+
+#include "test_files.h"
+
+// The cases of tests/host/expr/golden/NAME: each line a text, a tab, and what is expected.
+struct GoldenCase {
+  int line;
+  std::string text, expected;
+};
+inline std::vector<GoldenCase> ExprGoldenCases(const std::string &name) {
+  std::vector<GoldenCase> cases;
+  for (const GoldenLine &g : ReadGolden("tests/host/expr/golden/" + name))
+    cases.push_back({g.number, g.fields[0], g.fields.size() > 1 ? g.fields[1] : "(no tab)"});
+  EXPECT_GE(cases.size(), 50u) << name;
+  return cases;
+}
 
 struct ParsedText {
   std::string printed;  // the S-expression line, or "parse error"
@@ -34,14 +50,4 @@ inline ParsedText ParseAndPrint(const std::string &text) {
   out.failure = result.failure;
   EXPECT_EQ(pool->free_count, (u32)kExprPoolCapacity) << "nodes left out of the pool by: " << text;
   return out;
-}
-
-struct TextCase {
-  const char *text;
-  const char *expected;  // printed tree, or "parse error"
-};
-
-template <size_t N>
-void ExpectTrees(const TextCase (&cases)[N]) {
-  for (const TextCase &c : cases) EXPECT_EQ(ParseAndPrint(c.text).printed, c.expected) << "text: " << c.text;
 }

@@ -1,5 +1,7 @@
 #include "run_command.h"
 
+#include "test_files.h"
+
 #include <stdio.h>
 #include <sys/wait.h>
 
@@ -22,13 +24,7 @@ std::string Quote(const std::string &text) {
 }
 
 std::vector<std::string> SplitLines(const std::string &text) {
-  std::vector<std::string> lines;
-  size_t at = 0;
-  while (at < text.size()) {
-    size_t end = text.find('\n', at);
-    if (end == std::string::npos) end = text.size();
-    lines.push_back(text.substr(at, end - at));
-    at = end + 1;
-  }
+  std::vector<std::string> lines = Split(text, '\n');
+  if (lines.back().empty()) lines.pop_back();  // a last line's line feed starts no line
   return lines;
 }

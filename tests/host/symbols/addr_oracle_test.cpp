@@ -3,30 +3,15 @@
 // the procedure name and the line must agree. llvm-objdump gives the instruction starts and the
 // section layout, llvm-pdbutil the procedures and the raw line records, so that the only side
 // that is ours is the answer being checked.
-#include <dirent.h>
 #include <gtest/gtest.h>
-#include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <map>
 
-#include "files_in.h"
 #include "oracle.h"
 
 namespace {
-
-const std::string kTargetsDir = KTRN_TARGETS_DIR;
-const std::string kTool = KTRN_PDB_TOOL;
-const std::string kCorpus = std::string(KTRN_DATA_DIR) + "/pdb-corpus/llvm/";
-
-bool Exists(const std::string &path) {
-  struct stat st;
-  return stat(path.c_str(), &st) == 0;
-}
 
 // [SECTION] The image as llvm-objdump sees it
 
@@ -36,8 +21,21 @@ struct Layout {
   std::vector<uint32_t> instructions;  // rvas of instruction starts, ascending
 };
 
+// Instruction starts of llvm-objdump's linear sweep (of the whole image, or of the range that
+// range_options give), appended to out in ascending order.
 bool Disassemble(const std::string &exe, const std::string &range_options, uint64_t image_base,
-                 std::vector<uint32_t> *out);
+                 std::vector<uint32_t> *out) {
+  CommandResult code = RunCommand("llvm-objdump-14 -d --no-show-raw-insn " + range_options + " " + Quote(exe) + " 2>&1");
+  if (code.exit_status != 0) return false;
+  size_t before = out->size();
+  for (const std::string &line : SplitLines(code.output)) {
+    unsigned long long va;
+    char colon;
+    if (sscanf(line.c_str(), " %llx%c", &va, &colon) == 2 && colon == ':' && va >= image_base)
+      out->push_back((uint32_t)(va - image_base));
+  }
+  return out->size() > before;
+}
 
 bool ReadLayout(const std::string &exe, Layout *out, std::string *failure) {
   CommandResult headers = RunCommand("llvm-objdump-14 -h -p " + Quote(exe) + " 2>&1");
@@ -61,30 +59,13 @@ bool ReadLayout(const std::string &exe, Layout *out, std::string *failure) {
   return true;
 }
 
-// Instruction starts of llvm-objdump's linear sweep (of the whole image, or of the range that
-// range_options give), appended to out in ascending order.
-bool Disassemble(const std::string &exe, const std::string &range_options, uint64_t image_base,
-                 std::vector<uint32_t> *out) {
-  CommandResult code = RunCommand("llvm-objdump-14 -d --no-show-raw-insn " + range_options + " " + Quote(exe) + " 2>&1");
-  if (code.exit_status != 0) return false;
-  size_t before = out->size();
-  for (const std::string &line : SplitLines(code.output)) {
-    unsigned long long va;
-    char colon;
-    if (sscanf(line.c_str(), " %llx%c", &va, &colon) == 2 && colon == ':' && va >= image_base)
-      out->push_back((uint32_t)(va - image_base));
-  }
-  return out->size() > before;
-}
-
 // The linear sweep runs out of step after data in the code section (jump tables, which this
 // toolchain puts there); a procedure whose start the sweep missed is disassembled again from its
 // own start.
 void Resynchronise(const std::string &exe, const Layout &layout, uint32_t start, uint32_t length,
                    std::vector<uint32_t> *instructions) {
-  char range[96];
-  snprintf(range, sizeof(range), "--start-address=0x%llx --stop-address=0x%llx",
-           (unsigned long long)(layout.image_base + start), (unsigned long long)(layout.image_base + start + length));
+  std::string range = Format("--start-address=0x%llx --stop-address=0x%llx", (unsigned long long)(layout.image_base + start),
+                             (unsigned long long)(layout.image_base + start + length));
   std::vector<uint32_t> own;
   if (!Disassemble(exe, range, layout.image_base, &own)) return;
   auto from = std::lower_bound(instructions->begin(), instructions->end(), start);
@@ -177,15 +158,9 @@ struct Procedure {
   std::string name;
 };
 
-std::string Hex(uint32_t value) {
-  char text[16];
-  snprintf(text, sizeof(text), "0x%08X", value);
-  return text;
-}
-
 void ExpectAddressesAgree(const Image &image) {
   SCOPED_TRACE(image.exe);
-  ASSERT_TRUE(Exists(image.exe) && Exists(image.pdb)) << image.exe << " or its PDB is missing";
+  ASSERT_TRUE(FileExists(image.exe) && FileExists(image.pdb)) << image.exe << " or its PDB is missing";
   Layout layout;
   std::string failure;
   ASSERT_TRUE(ReadLayout(image.exe, &layout, &failure)) << failure;
@@ -215,21 +190,17 @@ void ExpectAddressesAgree(const Image &image) {
       at = std::lower_bound(layout.instructions.begin(), layout.instructions.end(), start);
     }
     EXPECT_TRUE(at != layout.instructions.end() && *at == start)
-        << p.name << " at " << Hex(start) << " does not start an instruction in llvm-objdump's disassembly";
+        << p.name << " at " << Format("0x%08X", start) << " does not start an instruction in llvm-objdump's disassembly";
     for (unsigned k = 0; at != layout.instructions.end() && *at < start + p.length; ++at, ++k)
       if (k % image.every == 0) queries.push_back({*at, &p});
   }
   ASSERT_GE(queries.size(), procedures.size());
 
   // Both tools read the same addresses from stdin.
-  char directory[] = "/tmp/ktrn-addr-oracle-XXXXXX";
-  ASSERT_TRUE(mkdtemp(directory));
-  std::string ours_input = std::string(directory) + "/ours.txt", theirs_input = std::string(directory) + "/theirs.txt";
-  FILE *a = fopen(ours_input.c_str(), "w"), *b = fopen(theirs_input.c_str(), "w");
-  ASSERT_TRUE(a && b);
-  for (const Query &q : queries) fprintf(a, "%X\n", q.rva), fprintf(b, "0x%X\n", q.rva);
-  fclose(a);
-  fclose(b);
+  TempDir directory;
+  std::string ours_text, theirs_text;
+  for (const Query &q : queries) ours_text += Format("%X\n", q.rva), theirs_text += Format("0x%X\n", q.rva);
+  std::string ours_input = directory.Write("ours.txt", ours_text), theirs_input = directory.Write("theirs.txt", theirs_text);
   // llvm-symbolizer opens the PDB at the CodeView path only. The corpus images name Windows paths,
   // which on this host are plain file names relative to the current directory: a link of that name
   // in the run's directory leads it to the PDB beside the image.
@@ -238,13 +209,12 @@ void ExpectAddressesAgree(const Image &image) {
   ASSERT_NE(name_at, std::string::npos) << "no CodeView record";
   std::string codeview_path = debug.output.substr(name_at + 13, debug.output.find('\n', name_at) - name_at - 13);
   if (codeview_path.find('\\') != std::string::npos)
-    ASSERT_EQ(symlink(image.pdb.c_str(), (std::string(directory) + "/" + codeview_path).c_str()), 0);
+    ASSERT_EQ(symlink(image.pdb.c_str(), (directory.path + "/" + codeview_path).c_str()), 0);
 
-  CommandResult ours = RunCommand(Quote(kTool) + " addr " + Quote(image.exe) + " < " + Quote(ours_input));
-  CommandResult theirs = RunCommand("cd " + Quote(directory) + " && llvm-symbolizer-14 --obj=" + Quote(image.exe) +
+  CommandResult ours = PdbTool({"addr", image.exe}, "< " + Quote(ours_input));
+  CommandResult theirs = RunCommand("cd " + Quote(directory.path) + " && llvm-symbolizer-14 --obj=" + Quote(image.exe) +
                                     " --relative-address --no-inlines --functions=short --output-style=JSON < " +
                                     Quote(theirs_input) + " 2>&1");
-  RunCommand("rm -rf " + Quote(directory));
   ASSERT_EQ(ours.exit_status, 0);
   ASSERT_EQ(theirs.exit_status, 0);
   std::vector<std::string> our_lines = SplitLines(ours.output), their_lines = SplitLines(theirs.output);
@@ -268,8 +238,7 @@ void ExpectAddressesAgree(const Image &image) {
     ASSERT_TRUE(ParseAnswer(their_lines[i], &answer)) << their_lines[i];
     EXPECT_EQ(answer.function, p.name) << "llvm-symbolizer and llvm-pdbutil name the procedure differently";
     const std::string &line = our_lines[i + 1];
-    char offset_text[16];
-    snprintf(offset_text, sizeof(offset_text), "+0x%X", offset - p.offset);
+    std::string offset_text = Format("+0x%X", offset - p.offset);
 
     // Where the two tools follow different conventions, the raw line records decide.
     std::string file = answer.file;
@@ -299,7 +268,7 @@ void ExpectAddressesAgree(const Image &image) {
     // record: the address has a line, numbered 0.
     bool has_line = number || (count && last == 0);
     std::string tail = has_line ? " " + file + ":" + std::to_string(number) : std::string(" ?");
-    std::string expected = Hex(q.rva) + " " + answer.function + offset_text + tail;
+    std::string expected = Format("0x%08X", q.rva) + " " + answer.function + offset_text + tail;
     if (line != expected && differences++ < 20)
       ADD_FAILURE() << "ours: " << line << "\n  expected: " << expected << "\n  llvm-symbolizer: " << answer.function
                     << " " << answer.file << ":" << answer.line;
@@ -313,24 +282,17 @@ void ExpectAddressesAgree(const Image &image) {
 
 // Every test program of every area, every instruction of every procedure.
 TEST(AddrOracle, TestProgramsAgreeWithLlvmSymbolizer) {
-  ASSERT_FALSE(kTargetsDir.empty()) << "configure the host build with -DKTRN_TARGETS_DIR=<windows build>/tests/targets";
-  std::vector<std::string> images = FilesIn(kTargetsDir, ".exe");
+  std::vector<std::string> images = FilesIn(TargetsDir(), ".exe");
   for (const std::string &image : images) ExpectAddressesAgree({image, image.substr(0, image.size() - 4) + ".pdb"});
-  EXPECT_GE(images.size(), 2u) << kTargetsDir;
+  EXPECT_GE(images.size(), 2u) << TargetsDir();
 }
 
 // Our own optimised programs: kestrune.exe, the largest, each procedure's first instruction and
-// every 16th after it; ktrn-pdb.exe every 4th.
-TEST(AddrOracle, OwnProgramsAgreeWithLlvmSymbolizer) {
-  ASSERT_FALSE(kTargetsDir.empty());
-  std::string bin = kTargetsDir + "/../../bin/";
-  ExpectAddressesAgree({bin + "kestrune.exe", bin + "kestrune.pdb", 16});
-  ExpectAddressesAgree({bin + "ktrn-pdb.exe", bin + "ktrn-pdb.pdb", 4});
-}
-
-// Images made by MSVC-compatible tools elsewhere, whose CodeView paths do not exist here: the PDB
-// is found beside the image.
-TEST(AddrOracle, CorpusImagesAgreeWithLlvmSymbolizer) {
+// every 16th after it; ktrn-pdb.exe every 4th. And images made by MSVC-compatible tools elsewhere,
+// whose CodeView paths do not exist here: the PDB is found beside the image.
+TEST(AddrOracle, OwnProgramsAndCorpusImagesAgreeWithLlvmSymbolizer) {
+  ExpectAddressesAgree({OwnProgramFile("kestrune.exe"), OwnProgramFile("kestrune.pdb"), 16});
+  ExpectAddressesAgree({OwnProgramFile("ktrn-pdb.exe"), OwnProgramFile("ktrn-pdb.pdb"), 4});
   for (const char *name : {"llvm_test_tools_llvm-symbolizer_pdb_test-columns", "llvm_unittests_DebugInfo_PDB_SimpleTest"})
-    ExpectAddressesAgree({kCorpus + name + ".exe", kCorpus + name + ".pdb"});
+    ExpectAddressesAgree({CorpusFile("llvm/") + name + ".exe", CorpusFile("llvm/") + name + ".pdb"});
 }

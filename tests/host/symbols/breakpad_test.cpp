@@ -4,40 +4,30 @@
 // be the line entries of `ktrn-pdb lines`. Breakpad speaks in rvas; the PDB's own copy of the
 // section headers (as llvm-pdbutil prints them) turns our section:offset pairs into rvas.
 #include <gtest/gtest.h>
-#include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
 
 #include <algorithm>
 #include <fstream>
 #include <map>
-#include <set>
-#include <tuple>
 
 #include "oracle.h"
 
 namespace {
 
-const std::string kTool = KTRN_PDB_TOOL;
-const std::string kCorpus = std::string(KTRN_DATA_DIR) + "/pdb-corpus/";
-
 struct Function {
   uint32_t rva, length;
   std::string name;
-  bool operator<(const Function &o) const { return std::tie(rva, length, name) < std::tie(o.rva, o.length, o.name); }
-  bool operator==(const Function &o) const { return rva == o.rva && length == o.length && name == o.name; }
 };
+std::string Extent(const Function &f) { return Format("%08x %x", f.rva, f.length); }
+std::string LineText(uint32_t rva, uint32_t length, uint32_t number, const std::string &path) {
+  return Format("%08x %x %u ", rva, length, number) + path;
+}
 
-struct Line {
-  uint32_t rva, length, number;
-  std::string path;
-  bool operator<(const Line &o) const {
-    return std::tie(rva, length, number, path) < std::tie(o.rva, o.length, o.number, o.path);
-  }
-  bool operator==(const Line &o) const {
-    return rva == o.rva && length == o.length && number == o.number && path == o.path;
-  }
-};
+// Sorted, as Breakpad lists them by its own order.
+std::string Differences(std::vector<std::string> ours, std::vector<std::string> breakpad) {
+  std::sort(ours.begin(), ours.end());
+  std::sort(breakpad.begin(), breakpad.end());
+  return DescribeDifference(ours, breakpad, "Breakpad");
+}
 
 // Breakpad writes "(anonymous namespace)" where the PDB's procedure records, which we print, hold
 // "`anonymous namespace'"; and, when its PDB has the function's type, the parameter list after
@@ -57,7 +47,7 @@ bool SameName(std::string breakpad, const std::string &ours) {
 
 struct BreakpadFile {
   std::vector<Function> functions;
-  std::vector<Line> lines;
+  std::vector<std::string> lines;
 };
 
 bool ReadBreakpad(const std::string &path, BreakpadFile *out) {
@@ -79,7 +69,7 @@ bool ReadBreakpad(const std::string &path, BreakpadFile *out) {
         out->functions.push_back({rva, length, p + used});
     } else if (sscanf(text.c_str(), "%x %x %u %u%n", &rva, &length, &line, &file, &used) == 4 &&
                used == (int)text.size()) {
-      out->lines.push_back({rva, length, line, files.count(file) ? files[file] : "?"});
+      out->lines.push_back(LineText(rva, length, line, files.count(file) ? files[file] : "?"));
     }
   }
   return true;
@@ -110,43 +100,17 @@ bool ParseOurs(const std::string &line, const std::vector<uint32_t> &rvas, uint3
   return true;
 }
 
-std::string Describe(const Function &f) {
-  char text[64];
-  snprintf(text, sizeof(text), "%x %x ", f.rva, f.length);
-  return text + f.name;
-}
-std::string Describe(const Line &l) {
-  char text[64];
-  snprintf(text, sizeof(text), "%x %x %u ", l.rva, l.length, l.number);
-  return text + l.path;
-}
-
-template <typename T>
-std::string Differences(std::vector<T> ours, std::vector<T> theirs) {
-  std::sort(ours.begin(), ours.end());
-  std::sort(theirs.begin(), theirs.end());
-  std::vector<T> only_ours, only_theirs;
-  std::set_difference(ours.begin(), ours.end(), theirs.begin(), theirs.end(), std::back_inserter(only_ours));
-  std::set_difference(theirs.begin(), theirs.end(), ours.begin(), ours.end(), std::back_inserter(only_theirs));
-  std::string text;
-  for (size_t i = 0; i < only_ours.size() && i < 8; i++) text += "\n  only ours: " + Describe(only_ours[i]);
-  for (size_t i = 0; i < only_theirs.size() && i < 8; i++) text += "\n  only Breakpad: " + Describe(only_theirs[i]);
-  if (!text.empty())
-    text = std::to_string(only_ours.size()) + " only ours, " + std::to_string(only_theirs.size()) + " only Breakpad" + text;
-  return text;
-}
-
 void ExpectAgreesWithBreakpad(const std::string &name, size_t least_functions, size_t least_lines) {
   SCOPED_TRACE(name);
-  std::string pdb = kCorpus + name + ".pdb";
+  std::string pdb = CorpusFile(name + ".pdb");
   BreakpadFile breakpad;
-  ASSERT_TRUE(ReadBreakpad(kCorpus + name + ".sym", &breakpad));
+  ASSERT_TRUE(ReadBreakpad(CorpusFile(name + ".sym"), &breakpad));
   ASSERT_GE(breakpad.functions.size(), least_functions);
   ASSERT_GE(breakpad.lines.size(), least_lines);
   std::vector<uint32_t> rvas = SectionRvas(pdb);
   ASSERT_FALSE(rvas.empty()) << "llvm-pdbutil printed no section headers";
 
-  CommandResult procs = RunCommand(Quote(kTool) + " procs " + Quote(pdb));
+  CommandResult procs = PdbTool({"procs", pdb});
   ASSERT_EQ(procs.exit_status, 0);
   std::vector<Function> functions;
   for (const std::string &line : SplitLines(procs.output)) {
@@ -155,9 +119,9 @@ void ExpectAgreesWithBreakpad(const std::string &name, size_t least_functions, s
     functions.push_back(f);
   }
   // Same extents; then the names, which Breakpad writes its own way.
-  std::vector<Function> extents = functions, their_extents = breakpad.functions;
-  for (Function &f : extents) f.name.clear();
-  for (Function &f : their_extents) f.name.clear();
+  std::vector<std::string> extents, their_extents;
+  for (const Function &f : functions) extents.push_back(Extent(f));
+  for (const Function &f : breakpad.functions) their_extents.push_back(Extent(f));
   EXPECT_EQ(Differences(extents, their_extents), "");
   std::map<std::pair<uint32_t, uint32_t>, std::vector<std::string>> names;
   for (const Function &f : functions) names[{f.rva, f.length}].push_back(f.name);
@@ -165,7 +129,8 @@ void ExpectAgreesWithBreakpad(const std::string &name, size_t least_functions, s
   for (const Function &f : breakpad.functions) {
     const std::vector<std::string> &candidates = names[{f.rva, f.length}];
     bool named = std::any_of(candidates.begin(), candidates.end(), [&](const std::string &n) { return SameName(f.name, n); });
-    if (!named && misnamed++ < 8) ADD_FAILURE() << "Breakpad: " << Describe(f) << "\n  ours: " << (candidates.empty() ? "-" : candidates[0]);
+    if (!named && misnamed++ < 8)
+      ADD_FAILURE() << "Breakpad: " << Extent(f) << " " << f.name << "\n  ours: " << (candidates.empty() ? "-" : candidates[0]);
   }
   EXPECT_EQ(misnamed, 0);
 
@@ -175,32 +140,29 @@ void ExpectAgreesWithBreakpad(const std::string &name, size_t least_functions, s
   // end of the function they start in before comparing; the entries that start in no function
   // have no Breakpad counterpart.
   std::vector<Function> by_rva = breakpad.functions;
-  std::sort(by_rva.begin(), by_rva.end());
-  CommandResult lines = RunCommand(Quote(kTool) + " lines " + Quote(pdb));
+  std::sort(by_rva.begin(), by_rva.end(), [](const Function &a, const Function &b) { return a.rva < b.rva; });
+  CommandResult lines = PdbTool({"lines", pdb});
   ASSERT_EQ(lines.exit_status, 0);
-  std::vector<Line> entries;
+  std::vector<std::string> entries;
   for (const std::string &text : SplitLines(lines.output)) {
-    Line l;
+    uint32_t rva, length, number;
     std::string rest;
-    ASSERT_TRUE(ParseOurs(text, rvas, &l.rva, &l.length, &rest)) << text;
     int used = 0;
-    ASSERT_EQ(sscanf(rest.c_str(), "%u %n", &l.number, &used), 1) << text;
-    l.path = rest.substr(used);
-    auto after = std::upper_bound(by_rva.begin(), by_rva.end(), l.rva,
-                                  [](uint32_t rva, const Function &f) { return rva < f.rva; });
-    if (after == by_rva.begin()) continue;
-    const Function &f = *(after - 1);
-    if (l.rva >= f.rva + f.length) continue;
-    l.length = std::min(l.length, f.rva + f.length - l.rva);
-    entries.push_back(l);
+    ASSERT_TRUE(ParseOurs(text, rvas, &rva, &length, &rest)) << text;
+    ASSERT_EQ(sscanf(rest.c_str(), "%u %n", &number, &used), 1) << text;
+    auto after = std::upper_bound(by_rva.begin(), by_rva.end(), rva,
+                                  [](uint32_t at, const Function &f) { return at < f.rva; });
+    if (after == by_rva.begin() || rva >= (after - 1)->rva + (after - 1)->length) continue;
+    entries.push_back(LineText(rva, std::min(length, (after - 1)->rva + (after - 1)->length - rva), number, rest.substr(used)));
   }
   EXPECT_EQ(Differences(entries, breakpad.lines), "");
 }
 
 }  // namespace
 
-// A 64-bit MSVC program with its C runtime: functions and lines.
-TEST(BreakpadOracle, FunctionsAndLinesOfA64BitProgram) { ExpectAgreesWithBreakpad("ds_dump_syms_regtest64", 200, 3000); }
-
-// A 32-bit DLL whose PDB has no line records: its functions, read through the PDB alone.
-TEST(BreakpadOracle, FunctionsOfA32BitLibrary) { ExpectAgreesWithBreakpad("ds_basic32-min", 700, 0); }
+// A 64-bit MSVC program with its C runtime: functions and lines; a 32-bit DLL whose PDB has no line
+// records: its functions, read through the PDB alone.
+TEST(BreakpadOracle, FunctionsAndLinesAgree) {
+  ExpectAgreesWithBreakpad("ds_dump_syms_regtest64", 200, 3000);
+  ExpectAgreesWithBreakpad("ds_basic32-min", 700, 0);
+}

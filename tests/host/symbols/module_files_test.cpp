@@ -4,14 +4,10 @@
 #include <dirent.h>
 #include <gtest/gtest.h>
 
-#include <string>
-
+#include "oracle.h"
 #include "symbols/module_symbols.h"
-#include "symbols/pdb_error.h"
 
-namespace {
-
-int OpenFileCount() {
+static int OpenFileCount() {
   int count = 0;
   DIR *dir = opendir("/proc/self/fd");
   if (!dir) return -1;
@@ -20,11 +16,8 @@ int OpenFileCount() {
   return count;
 }
 
-}  // namespace
-
 TEST(ModuleFiles, NoFileStaysOpenAfterAnyLoad) {
-  std::string image = std::string(KTRN_TARGETS_DIR) + "/sym_c.exe";
-  std::string other_pdb = std::string(KTRN_TARGETS_DIR) + "/sym_cpp.pdb";
+  std::string image = TargetFile("sym_c.exe"), other_pdb = TargetFile("sym_cpp.pdb");
   std::string not_a_pdb = std::string(KTRN_SOURCE_DIR) + "/README.md";
   struct {
     const char *override_path;

@@ -1,17 +1,35 @@
 #include "oracle.h"
 
+#include <gtest/gtest.h>
+
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/wait.h>
 
 #include <algorithm>
 #include <set>
 
-static std::string Trim(const std::string &s) {
-  size_t a = s.find_first_not_of(' '), b = s.find_last_not_of(' ');
-  return a == std::string::npos ? "" : s.substr(a, b - a + 1);
+// [SECTION] The files
+
+std::vector<std::string> CorpusFiles(const std::string &suffix) {
+  std::vector<std::string> files;
+  for (std::string folder : {"/pdb-corpus", "/pdb-corpus/llvm"})
+    for (const std::string &file : FilesIn(KTRN_DATA_DIR + folder, suffix))
+      if (file.find(".txt") == std::string::npos && file.find(".md") == std::string::npos) files.push_back(file);
+  return files;
 }
+std::string CorpusFile(const std::string &name) { return std::string(KTRN_DATA_DIR) + "/pdb-corpus/" + name; }
+std::string TargetsDir() { return KTRN_TARGETS_DIR; }
+std::string TargetFile(const std::string &name) { return TargetsDir() + "/" + name; }
+std::string OwnProgramFile(const std::string &name) { return TargetsDir() + "/../../bin/" + name; }
+
+CommandResult PdbTool(std::initializer_list<std::string> arguments, const std::string &shell_tail) {
+  std::string command = Quote(KTRN_PDB_TOOL);
+  for (const std::string &a : arguments) command += " " + Quote(a);
+  return RunCommand(command + " " + shell_tail);
+}
+
+// [SECTION] llvm-pdbutil
 
 // "  136 | S_GPROC32 [size = 48] `function`": the kind and the name between the first backtick
 // after the size and the last backtick of the line.
@@ -51,13 +69,11 @@ OracleDump RunOracle(const std::string &pdb_path) {
     std::string kind, name;
     if (section == kNone || !ParseRecordLine(line, &kind, &name) || i + 1 >= lines.size()) continue;
     const std::string &detail = lines[i + 1];
-    char text[64];
     if (section == kSymbols && (kind == "S_GPROC32" || kind == "S_LPROC32")) {
       unsigned section_number = 0, offset = 0, size = 0;
       const char *addr = strstr(detail.c_str(), "addr = ");
       if (!addr || sscanf(addr, "addr = %u:%u, code size = %u", &section_number, &offset, &size) != 3) continue;
-      snprintf(text, sizeof(text), "%04X:%08X %08X ", section_number, offset, size);
-      dump.procedures.push_back(text + name);
+      dump.procedures.push_back(Format("%04X:%08X %08X ", section_number, offset, size) + name);
     } else if (section == kGlobals && (kind == "S_GDATA32" || kind == "S_LDATA32")) {
       unsigned type = 0, section_number = 0, offset = 0;
       const char *at = strstr(detail.c_str(), "type = ");
@@ -66,23 +82,23 @@ OracleDump RunOracle(const std::string &pdb_path) {
       if (!at || !addr || (!no_type && sscanf(at, "type = %x", &type) != 1) ||
           sscanf(addr, "addr = %u:%u", &section_number, &offset) != 2)
         continue;
-      snprintf(text, sizeof(text), "%04X:%08X %08X ", section_number, offset, type);
-      dump.globals.push_back(text + name);
+      dump.globals.push_back(Format("%04X:%08X %08X ", section_number, offset, type) + name);
     }
   }
   dump.ok = true;
   return dump;
 }
 
-std::string DescribeDifference(const std::vector<std::string> &ours, const std::vector<std::string> &oracle) {
+std::string DescribeDifference(const std::vector<std::string> &ours, const std::vector<std::string> &oracle,
+                               const std::string &oracle_name) {
   if (ours == oracle) return "";
-  std::string text = "ours " + std::to_string(ours.size()) + " lines, llvm-pdbutil " + std::to_string(oracle.size());
+  std::string text = "ours " + std::to_string(ours.size()) + " lines, " + oracle_name + " " + std::to_string(oracle.size());
   std::multiset<std::string> a(ours.begin(), ours.end()), b(oracle.begin(), oracle.end());
   int shown = 0;
   for (auto &line : a)
     if (b.count(line) < a.count(line) && shown++ < 5) text += "\n  only ours: " + line;
   for (auto &line : b)
-    if (a.count(line) < b.count(line) && shown++ < 10) text += "\n  only llvm-pdbutil: " + line;
+    if (a.count(line) < b.count(line) && shown++ < 10) text += "\n  only " + oracle_name + ": " + line;
   if (!shown) {
     for (size_t i = 0; i < std::min(ours.size(), oracle.size()); i++)
       if (ours[i] != oracle[i]) {
@@ -116,11 +132,7 @@ static void AddBlock(const std::string &path, unsigned section, unsigned end,
     entries.push_back({line, address, 0});
   }
   if (!entries.empty()) entries.back().length = end - entries.back().offset;
-  char text[64];
-  for (const Entry &e : entries) {
-    snprintf(text, sizeof(text), "%04X:%08X %08X %u ", section, e.offset, e.length, e.line);
-    out->push_back(text + path);
-  }
+  for (const Entry &e : entries) out->push_back(Format("%04X:%08X %08X %u ", section, e.offset, e.length, e.line) + path);
 }
 
 LineBlockDump RunLineBlockOracle(const std::string &pdb_path) {
@@ -197,4 +209,29 @@ LineDump RunLineOracle(const std::string &pdb_path) {
   for (const LineBlock &b : blocks.blocks) AddBlock(b.path, b.section, b.end, b.raw, &dump.lines);
   dump.ok = true;
   return dump;
+}
+
+// Ours come by section and offset; those at one address may come in any order, so both sides are
+// compared sorted.
+static void ExpectSameByAddress(std::vector<std::string> ours, std::vector<std::string> oracle, const char *what) {
+  EXPECT_TRUE(std::is_sorted(ours.begin(), ours.end(), [](const std::string &a, const std::string &b) {
+    return a.compare(0, 13, b, 0, 13) < 0;
+  })) << what << " by section and offset";
+  std::sort(ours.begin(), ours.end());
+  std::sort(oracle.begin(), oracle.end());
+  EXPECT_EQ(DescribeDifference(ours, oracle), "") << what;
+}
+
+bool ExpectAgreesWithLlvmPdbutil(const std::string &pdb, std::string *oracle_failure) {
+  OracleDump oracle = RunOracle(pdb);
+  *oracle_failure = oracle.failure;
+  if (!oracle.ok) return false;
+  CommandResult procs = PdbTool({"procs", pdb}), globals = PdbTool({"globals", pdb}), lines = PdbTool({"lines", pdb});
+  EXPECT_EQ(procs.exit_status + globals.exit_status + lines.exit_status, 0);
+  ExpectSameByAddress(SplitLines(procs.output), oracle.procedures, "procedures");
+  EXPECT_EQ(DescribeDifference(SplitLines(globals.output), oracle.globals), "") << "globals";
+  LineDump line_oracle = RunLineOracle(pdb);
+  EXPECT_TRUE(line_oracle.ok) << line_oracle.failure;
+  ExpectSameByAddress(SplitLines(lines.output), line_oracle.lines, "line entries");
+  return true;
 }

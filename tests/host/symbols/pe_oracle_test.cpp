@@ -1,28 +1,18 @@
 // Real images read by `ktrn-pdb pe` and by llvm-readobj: headers, every section, the exception
 // directory and the CodeView record must agree, and the record's GUID must be the one its PDB
 // carries. The test programs, our own programs and the corpus images are all checked.
-#include <dirent.h>
 #include <gtest/gtest.h>
-#include <stdarg.h>
-#include <stdio.h>
 
-#include <algorithm>
 #include <map>
 
-#include "files_in.h"
 #include "oracle.h"
 
 namespace {
-
-const std::string kTargetsDir = KTRN_TARGETS_DIR;
-const std::string kTool = KTRN_PDB_TOOL;
-const std::string kCorpus = std::string(KTRN_DATA_DIR) + "/pdb-corpus/llvm/";
 
 std::string Value(const std::string &line) {
   size_t colon = line.find(": ");
   return colon == std::string::npos ? "" : line.substr(colon + 2);
 }
-std::string Trimmed(const std::string &line) { return line.substr(line.find_first_not_of(' ')); }
 unsigned long long Number(const std::string &text) { return strtoull(text.c_str(), nullptr, 0); }
 
 // "(2F 34 00 ...)" -> the bytes as characters, up to the first zero.
@@ -31,24 +21,12 @@ std::string BytesInParentheses(const std::string &text) {
   size_t open = text.find('(');
   if (open == std::string::npos) return out;
   const char *p = text.c_str() + open + 1;
-  while (*p && *p != ')') {
-    char *end;
+  for (char *end; *p && *p != ')'; p = end) {
     unsigned long byte = strtoul(p, &end, 16);
     if (end == p) break;
     out.push_back((char)byte);
-    p = end;
   }
   return out;
-}
-
-std::string Format(const char *format, ...) __attribute__((format(printf, 1, 2)));
-std::string Format(const char *format, ...) {
-  char buffer[1024];
-  va_list args;
-  va_start(args, format);
-  vsnprintf(buffer, sizeof(buffer), format, args);
-  va_end(args);
-  return buffer;
 }
 
 // llvm-readobj's view of an image, turned into the lines `ktrn-pdb pe` prints.
@@ -60,11 +38,11 @@ std::vector<std::string> ExpectedPe(const std::string &image) {
     unsigned long long size = 0, address = 0, characteristics = 0;
   };
   std::vector<Section> sections;
-  std::string guid, age = "", pdb;
+  std::string guid, age, pdb;
   bool codeview = false;
   for (const std::string &raw : SplitLines(r.output)) {
-    if (raw.find_first_not_of(' ') == std::string::npos) continue;
-    std::string line = Trimmed(raw);
+    std::string line = Trim(raw);
+    if (line.empty()) continue;
     std::string key = line.substr(0, line.find(':'));
     if (key == "Name" && raw.find("(") != std::string::npos) {
       sections.push_back({BytesInParentheses(line)});
@@ -90,15 +68,15 @@ std::vector<std::string> ExpectedPe(const std::string &image) {
       header[key] = Value(line);
     }
   }
-  std::vector<std::string> lines;
-  lines.push_back(Format("base 0x%016llX", Number(header["ImageBase"])));
   const std::string &machine = header["Machine"];  // "IMAGE_FILE_MACHINE_AMD64 (0x8664)"
   size_t hex = machine.find("(0x");
-  lines.push_back(Format("machine 0x%04llX", hex == std::string::npos ? 0 : strtoull(machine.c_str() + hex + 1, nullptr, 16)));
-  lines.push_back(Format("entry 0x%08llX", Number(header["AddressOfEntryPoint"])));
-  lines.push_back(Format("size 0x%08llX", Number(header["SizeOfImage"])));
   size_t kept = sections.size() < 96 ? sections.size() : 96;
-  lines.push_back(Format("sections %zu of %zu", kept, sections.size()));
+  std::vector<std::string> lines = {
+      Format("base 0x%016llX", Number(header["ImageBase"])),
+      Format("machine 0x%04llX", hex == std::string::npos ? 0 : strtoull(machine.c_str() + hex + 1, nullptr, 16)),
+      Format("entry 0x%08llX", Number(header["AddressOfEntryPoint"])),
+      Format("size 0x%08llX", Number(header["SizeOfImage"])),
+      Format("sections %zu of %zu", kept, sections.size())};
   for (size_t i = 0; i < kept; i++) {
     const Section &s = sections[i];
     lines.push_back(Format("section %zu %-8.8s 0x%08llX 0x%08llX 0x%08llX", i + 1, s.name.c_str(), s.address, s.size,
@@ -106,69 +84,49 @@ std::vector<std::string> ExpectedPe(const std::string &image) {
   }
   lines.push_back(Format("exception 0x%08llX %llu", Number(header["ExceptionTableRVA"]),
                          Number(header["ExceptionTableSize"]) / 12));
-  if (codeview) {
-    lines.push_back("codeview " + guid + " " + age);
-    lines.push_back("pdb " + pdb);
-  } else {
-    lines.push_back("codeview none");
-  }
+  if (codeview) lines.insert(lines.end(), {"codeview " + guid + " " + age, "pdb " + pdb});
+  else lines.push_back("codeview none");
   return lines;
 }
 
-void ExpectPeAgrees(const std::string &image) {
+// And, with a PDB beside it, the GUID of the record is the one the PDB says it has.
+void ExpectPeAgrees(const std::string &image, const std::string &pdb = "") {
   SCOPED_TRACE(image);
-  CommandResult ours = RunCommand(Quote(kTool) + " pe " + Quote(image));
+  CommandResult ours = PdbTool({"pe", image});
   ASSERT_EQ(ours.exit_status, 0) << ours.output;
   EXPECT_EQ(DescribeDifference(SplitLines(ours.output), ExpectedPe(image)), "");
-}
-
-// The GUID of the record is the one the PDB beside the image says it has.
-void ExpectGuidOfPdb(const std::string &image, const std::string &pdb) {
-  SCOPED_TRACE(image);
-  CommandResult ours = RunCommand(Quote(kTool) + " pe " + Quote(image));
-  CommandResult oracle = RunCommand("llvm-pdbutil-14 dump --summary " + Quote(pdb));
+  if (pdb.empty()) return;
   std::string guid;
-  for (const std::string &line : SplitLines(oracle.output))
+  for (const std::string &line : SplitLines(RunCommand("llvm-pdbutil-14 dump --summary " + Quote(pdb)).output))
     if (line.find("GUID: ") != std::string::npos) guid = Value(line);
   ASSERT_FALSE(guid.empty());
   EXPECT_NE(ours.output.find("codeview " + guid + " "), std::string::npos) << ours.output;
 }
 
-TEST(PeOracle, TestProgramsAndOurOwnProgramsAgreeWithReadobj) {
-  std::vector<std::string> images = FilesIn(kTargetsDir, ".exe");
-  std::vector<std::string> own = FilesIn(kTargetsDir + "/../../bin", ".exe");
-  ASSERT_FALSE(images.empty()) << "no test programs in " << kTargetsDir;
+}  // namespace
+
+TEST(PeOracle, TestProgramsOurOwnProgramsAndCorpusImagesAgreeWithReadobj) {
+  std::vector<std::string> images = FilesIn(TargetsDir(), ".exe");
+  ASSERT_FALSE(images.empty()) << "no test programs in " << TargetsDir();
+  std::vector<std::string> own = FilesIn(OwnProgramFile(""), ".exe");
   ASSERT_FALSE(own.empty());
   images.insert(images.end(), own.begin(), own.end());
-  for (const std::string &image : images) {
-    ExpectPeAgrees(image);
-    ExpectGuidOfPdb(image, image.substr(0, image.size() - 3) + "pdb");
-  }
-}
-
-TEST(PeOracle, CorpusImagesAgreeWithReadobj) {
-  for (const char *name : {"llvm_test_tools_llvm-symbolizer_pdb_test-columns", "llvm_unittests_DebugInfo_PDB_SimpleTest",
-                           "llvm_test_tools_llvm-symbolizer_pdb_missing_pdb"})
-    ExpectPeAgrees(kCorpus + name + ".exe");
-  ExpectGuidOfPdb(kCorpus + "llvm_test_tools_llvm-symbolizer_pdb_test-columns.exe",
-                  kCorpus + "llvm_test_tools_llvm-symbolizer_pdb_test-columns.pdb");
+  for (const std::string &image : images) ExpectPeAgrees(image, image.substr(0, image.size() - 3) + "pdb");
+  std::string columns = CorpusFile("llvm/llvm_test_tools_llvm-symbolizer_pdb_test-columns");
+  ExpectPeAgrees(columns + ".exe", columns + ".pdb");
+  ExpectPeAgrees(CorpusFile("llvm/llvm_unittests_DebugInfo_PDB_SimpleTest.exe"));
+  ExpectPeAgrees(CorpusFile("llvm/llvm_test_tools_llvm-symbolizer_pdb_missing_pdb.exe"));
 }
 
 // The corpus names its PDBs by paths of the machine that built them: the PDB is then found
 // beside the image only under the image's own name, which these files do not have, or not at all.
 TEST(PeOracle, AddrReportsTheSymbolStatusAndRefusesA32BitImage) {
-  CommandResult missing = RunCommand(Quote(kTool) + " addr " + Quote(kCorpus + "llvm_test_tools_llvm-symbolizer_pdb_missing_pdb.exe") + " 1000");
+  CommandResult missing = PdbTool({"addr", CorpusFile("llvm/llvm_test_tools_llvm-symbolizer_pdb_missing_pdb.exe"), "1000"});
   EXPECT_EQ(missing.exit_status, 0);
   EXPECT_EQ(SplitLines(missing.output), (std::vector<std::string>{"Cannot find or open PDB file", "0x00001000 ? ?"}));
-
-  CommandResult x86 = RunCommand(Quote(kTool) + " addr " + Quote(kCorpus + "llvm_test_tools_llvm-symbolizer_pdb_test.exe") + " 1000 2>&1");
+  CommandResult x86 = PdbTool({"addr", CorpusFile("llvm/llvm_test_tools_llvm-symbolizer_pdb_test.exe"), "1000"}, "2>&1");
   EXPECT_EQ(x86.exit_status, 3);
   EXPECT_NE(x86.output.find("32-bit images are not supported (result 10)"), std::string::npos) << x86.output;
-
-  std::vector<std::string> targets = FilesIn(kTargetsDir, ".exe");
-  ASSERT_FALSE(targets.empty());
-  CommandResult loaded = RunCommand(Quote(kTool) + " addr " + Quote(targets[0]) + " 0");
+  CommandResult loaded = PdbTool({"addr", TargetFile("sym_c.exe"), "0"});
   EXPECT_EQ(SplitLines(loaded.output).at(0), "Symbols loaded");
 }
-
-}  // namespace

@@ -1,51 +1,22 @@
 // Source checksums: the three digests against md5sum, sha1sum and sha256sum over lengths around
 // the padding boundaries, and the test programs' own sources against the records of their PDBs.
 #include <gtest/gtest.h>
-#include <stdio.h>
 
 #include <random>
 #include <set>
 
 #include "oracle.h"
-#include "symbols/pdb_error.h"
-#include "symbols/pdb_file.h"
 #include "symbols/source_checksum.h"
 #include "symbols/source_digest.h"
 
-namespace {
-
-std::string Hex(const u8 *bytes, size_t n) {
-  std::string text;
-  char two[3];
-  for (size_t i = 0; i < n; i++) snprintf(two, sizeof(two), "%02x", bytes[i]), text += two;
-  return text;
-}
-
-std::string ReadWhole(const std::string &path, bool *ok) {
-  FILE *f = fopen(path.c_str(), "rb");
-  *ok = f != nullptr;
-  std::string text;
-  if (!f) return text;
-  char buffer[65536];
-  for (size_t n; (n = fread(buffer, 1, sizeof(buffer), f)) > 0;) text.append(buffer, n);
-  fclose(f);
-  return text;
-}
-
-}  // namespace
-
 TEST(SourceDigest, AgreesWithCoreutilsAcrossPaddingBoundaries) {
   std::mt19937 random(7);
-  std::string path = testing::TempDir() + "/digest_input.bin";
+  TempDir dir;
   for (size_t size : {0, 1, 3, 55, 56, 57, 63, 64, 65, 119, 120, 128, 1000, 70001}) {
     SCOPED_TRACE(size);
-    std::vector<u8> data(size);
+    Bytes data(size);
     for (u8 &b : data) b = (u8)random();
-    FILE *f = fopen(path.c_str(), "wb");
-    ASSERT_TRUE(f);
-    fwrite(data.data(), 1, size, f);
-    fclose(f);
-    u8 digest[kSha256Bytes];
+    std::string path = dir.Write("digest_input.bin", data);
     struct {
       const char *tool;
       void (*digest)(const u8 *, u64, u8 *);
@@ -55,6 +26,7 @@ TEST(SourceDigest, AgreesWithCoreutilsAcrossPaddingBoundaries) {
     for (auto &k : kinds) {
       CommandResult r = RunCommand(std::string(k.tool) + " " + Quote(path));
       ASSERT_EQ(r.exit_status, 0) << k.tool;
+      u8 digest[kSha256Bytes];
       k.digest(data.data(), size, digest);
       EXPECT_EQ(Hex(digest, k.bytes), r.output.substr(0, k.bytes * 2)) << k.tool;
     }
@@ -73,39 +45,33 @@ TEST(SourceChecksum, RecordsOfEveryKindAndSize) {
   for (auto &c : cases) {
     SCOPED_TRACE(int(c.kind) * 100 + c.size);
     u8 record[6 + 64] = {1, 0, 0, 0, c.size, c.kind};
-    if (c.kind == 1) DigestMd5(bytes, text.size(), record + 6);
-    if (c.kind == 2) DigestSha1(bytes, text.size(), record + 6);
-    if (c.kind == 3) DigestSha256(bytes, text.size(), record + 6);
+    void (*digests[])(const u8 *, u64, u8 *) = {nullptr, DigestMd5, DigestSha1, DigestSha256};
+    if (c.kind >= 1 && c.kind <= 3) digests[c.kind](bytes, text.size(), record + 6);
     bool bom = true;
     EXPECT_EQ(CheckSourceChecksum(record, bytes, text.size(), &bom), c.result);
     EXPECT_FALSE(bom);
-    if (c.result == kSourceMatches) {
-      record[6 + c.size - 1] ^= 1;  // one bit of the recorded digest
-      EXPECT_EQ(CheckSourceChecksum(record, bytes, text.size(), &bom), kSourceDiffers);
-      std::string edited = "\xEF\xBB\xBF" + text;  // the same text with a byte-order mark
-      EXPECT_EQ(CheckSourceChecksum(record, (const u8 *)edited.data(), edited.size(), &bom), kSourceDiffers);
-      EXPECT_TRUE(bom);
-    }
+    if (c.result != kSourceMatches) continue;
+    record[6 + c.size - 1] ^= 1;  // one bit of the recorded digest
+    EXPECT_EQ(CheckSourceChecksum(record, bytes, text.size(), &bom), kSourceDiffers);
+    std::string edited = "\xEF\xBB\xBF" + text;  // the same text with a byte-order mark
+    EXPECT_EQ(CheckSourceChecksum(record, (const u8 *)edited.data(), edited.size(), &bom), kSourceDiffers);
+    EXPECT_TRUE(bom);
   }
 }
 
 // clang records MD5 checksums: every source of the test programs that is present on this machine
 // matches its record, and a copy with one byte changed does not.
 TEST(SourceChecksum, TestProgramSourcesMatchTheirPdbRecords) {
-  std::string pdb_path = std::string(KTRN_TARGETS_DIR) + "/sym_c.pdb";
-  SymbolArena arena = {};
-  PdbFile pdb;
-  PdbSummary summary;
-  CodeViewIdentity none = {};
-  ASSERT_EQ(PdbOpen(&arena, &none, pdb_path.c_str(), true, &pdb, &summary), kPdbOk);
+  OpenedPdb opened(TargetFile("sym_c.pdb"));
+  ASSERT_EQ(opened.status, kPdbOk);
   std::set<const u8 *> records;
-  for (u32 i = 0; i < pdb.lines.count; i++)
-    if (pdb.lines.by_address[i].file) records.insert(pdb.lines.by_address[i].file);
+  for (u32 i = 0; i < opened.pdb.lines.count; i++)
+    if (opened.pdb.lines.by_address[i].file) records.insert(opened.pdb.lines.by_address[i].file);
   int checked = 0;
   for (const u8 *record : records) {
-    std::string path = PdbStringAt(&pdb.strings, ReadU32(record));
+    std::string path = PdbStringAt(&opened.pdb.strings, ReadU32(record));
     bool ok = false;
-    std::string text = ReadWhole(path, &ok);
+    std::string text = ReadFile(path, &ok);
     if (!ok) continue;
     SCOPED_TRACE(path);
     bool bom = false;
@@ -116,6 +82,4 @@ TEST(SourceChecksum, TestProgramSourcesMatchTheirPdbRecords) {
     checked++;
   }
   EXPECT_GE(checked, 3);
-  MsfClose(&pdb.msf);
-  SymbolArenaRelease(&arena);
 }

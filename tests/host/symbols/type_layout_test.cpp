@@ -1,29 +1,20 @@
 // Type interpretation against `llvm-pdbutil dump -types`, parsed here into its own records and
-// field lists: for every aggregate of the test programs' PDBs and of the corpus, the size (of every
-// array and data pointer too), the data members flattened through base classes (names, offsets,
-// bit-field places), the enumerators, and where each forward reference leads. The test programs'
-// own view and the writers' record hash are in type_program_test.cpp.
-#include <dirent.h>
+// field lists: for every PDB of the corpus that loads and for the test programs', the record index
+// (the same type indices in the same order with the same sizes and leaf kinds), and for every
+// aggregate the size (of every array and data pointer too), the data members flattened through
+// base classes (names, offsets, bit-field places), the enumerators, and where each forward
+// reference leads. The test programs' own view and the writers' record hash are in
+// type_program_test.cpp.
 #include <gtest/gtest.h>
-#include <stdio.h>
-#include <string.h>
 
-#include <algorithm>
 #include <map>
 #include <set>
-#include <string>
-#include <vector>
 
-#include "files_in.h"
 #include "oracle.h"
-#include "symbols/pdb_file.h"
 #include "symbols/pdb_type_fields.h"
 #include "symbols/pdb_type_lookup.h"
 
 namespace {
-
-const std::string kCorpusDir = std::string(KTRN_DATA_DIR) + "/pdb-corpus";
-const std::string kTargets = KTRN_TARGETS_DIR;
 
 // [SECTION] llvm-pdbutil's view
 
@@ -36,6 +27,7 @@ struct OracleField {
 
 struct OracleRecord {
   std::string leaf;
+  uint32_t record_bytes = 0;  // without the length field; ~0u when not printed
   std::string name;
   bool forward = false;
   uint32_t forward_to = 0;
@@ -49,29 +41,43 @@ struct OracleRecord {
 
 typedef std::map<uint32_t, OracleRecord> OracleTypes;
 
+// Leaf kinds by the names llvm-pdbutil prints; a leaf not listed here is compared by size only.
+const std::map<std::string, unsigned> kLeafKinds = {
+    {"LF_MODIFIER", 0x1001},   {"LF_POINTER", 0x1002}, {"LF_PROCEDURE", 0x1008}, {"LF_MFUNCTION", 0x1009},
+    {"LF_VTSHAPE", 0x000A},    {"LF_ARGLIST", 0x1201}, {"LF_FIELDLIST", 0x1203}, {"LF_BITFIELD", 0x1205},
+    {"LF_METHODLIST", 0x1206}, {"LF_ARRAY", 0x1503},   {"LF_CLASS", 0x1504},     {"LF_STRUCTURE", 0x1505},
+    {"LF_UNION", 0x1506},      {"LF_ENUM", 0x1507},    {"LF_INTERFACE", 0x1519},
+};
+
+// The number after key in the line, into *out when the line has the key.
+template <typename T>
+bool NumberAfter(const std::string &line, const char *key, int base, T *out) {
+  size_t at = line.find(key);
+  if (at == std::string::npos) return false;
+  *out = (T)strtoull(line.c_str() + at + strlen(key), nullptr, base);
+  return true;
+}
 uint32_t HexAfter(const std::string &line, const char *key) {
-  size_t at = line.find(key);
-  if (at == std::string::npos) return 0;
-  return (uint32_t)strtoul(line.c_str() + at + strlen(key), nullptr, 16);
+  uint32_t value = 0;
+  NumberAfter(line, key, 16, &value);
+  return value;
 }
 
-uint64_t NumberAfter(const std::string &line, const char *key) {
-  size_t at = line.find(key);
-  if (at == std::string::npos) return 0;
-  return strtoull(line.c_str() + at + strlen(key), nullptr, 10);
-}
-
-bool ParseOracle(const std::string &pdb, OracleTypes *out) {
+// False when llvm-pdbutil failed; *clean when it reported no error either.
+bool ParseOracle(const std::string &pdb, OracleTypes *out, bool *clean) {
   CommandResult r = RunCommand("llvm-pdbutil-14 dump -types " + Quote(pdb) + " 2>&1");
+  *clean = r.exit_status == 0 && r.output.find("error") == std::string::npos;
   if (r.exit_status != 0) return false;
   OracleRecord *current = nullptr;
   OracleField *field = nullptr;
   for (const std::string &line : SplitLines(r.output)) {
-    unsigned index = 0;
+    unsigned index = 0, size = 0;
     char leaf[64];
-    if (sscanf(line.c_str(), " 0x%X | %63s [size", &index, leaf) == 2) {
+    int fields = sscanf(line.c_str(), " 0x%X | %63s [size = %u]", &index, leaf, &size);
+    if (fields >= 2) {
       current = &(*out)[index];
       current->leaf = leaf;
+      current->record_bytes = fields == 3 ? size - 2 : ~0u;
       field = nullptr;
       size_t a = line.find('`'), b = line.rfind('`');
       if (a != std::string::npos && b > a) current->name = line.substr(a + 1, b - a - 1);
@@ -86,7 +92,7 @@ bool ParseOracle(const std::string &pdb, OracleTypes *out) {
         size_t a = line.find("name = `"), b = line.find("`, Type = ");
         f.name = line.substr(a + 8, b - a - 8);
         f.type = HexAfter(line, "Type = 0x");
-        f.value = NumberAfter(line, ", offset = ");
+        NumberAfter(line, ", offset = ", 10, &f.value);
       } else if (f.leaf == "LF_ENUMERATE") {
         size_t a = line.find('['), eq = line.rfind(" = ");
         f.name = line.substr(a + 1, eq - a - 1);
@@ -100,7 +106,7 @@ bool ParseOracle(const std::string &pdb, OracleTypes *out) {
     }
     if (field && field->leaf == "LF_BCLASS" && line.find("type = 0x") != std::string::npos) {
       field->type = HexAfter(line, "type = 0x");
-      field->value = NumberAfter(line, ", offset = ");
+      NumberAfter(line, ", offset = ", 10, &field->value);
       continue;
     }
     // "forward ref (-> 0xDEF)" or, for a definition that came first, "forward ref (<- 0xDEF)".
@@ -109,14 +115,12 @@ bool ParseOracle(const std::string &pdb, OracleTypes *out) {
       current->forward_to = HexAfter(line, "forward ref (-> 0x");
       if (!current->forward_to) current->forward_to = HexAfter(line, "forward ref (<- 0x");
     }
-    if (line.find("field list: 0x") != std::string::npos) current->field_list = HexAfter(line, "field list: 0x");
-    if (line.find("sizeof ") != std::string::npos) current->size = NumberAfter(line, "sizeof "), current->has_size = true;
-    if (current->leaf == "LF_ARRAY" && line.find("size: ") != std::string::npos)
-      current->size = NumberAfter(line, "size: "), current->has_size = true;
-    if (current->leaf == "LF_BITFIELD" && line.find("bit offset = ") != std::string::npos) {
+    NumberAfter(line, "field list: 0x", 16, &current->field_list);
+    if (NumberAfter(line, "sizeof ", 10, &current->size)) current->has_size = true;
+    if (current->leaf == "LF_ARRAY" && NumberAfter(line, "size: ", 10, &current->size)) current->has_size = true;
+    if (current->leaf == "LF_BITFIELD" && NumberAfter(line, "bit offset = ", 10, &current->bit_offset)) {
       current->type = HexAfter(line, "type = 0x");
-      current->bit_offset = (uint32_t)NumberAfter(line, "bit offset = ");
-      current->bits = (uint32_t)NumberAfter(line, "# bits = ");
+      NumberAfter(line, "# bits = ", 10, &current->bits);
     }
     // A data pointer's or reference's size follows from its kind (pointers to members vary).
     if (current->leaf == "LF_POINTER" && line.find(", kind = ptr") != std::string::npos &&
@@ -125,10 +129,8 @@ bool ParseOracle(const std::string &pdb, OracleTypes *out) {
       current->size = line.find("kind = ptr64") != std::string::npos ? 8 : line.find("kind = ptr32") != std::string::npos ? 4 : 0;
       current->has_size = current->size != 0;
     }
-    if (current->leaf == "LF_MODIFIER" && line.find("referent = 0x") != std::string::npos)
-      current->type = HexAfter(line, "referent = 0x");
-    if (current->leaf == "LF_ENUM" && line.find("underlying type: 0x") != std::string::npos)
-      current->type = HexAfter(line, "underlying type: 0x");
+    if (current->leaf == "LF_MODIFIER") NumberAfter(line, "referent = 0x", 16, &current->type);
+    if (current->leaf == "LF_ENUM") NumberAfter(line, "underlying type: 0x", 16, &current->type);
   }
   return true;
 }
@@ -180,22 +182,36 @@ bool CollectMember(void *user, const DataMember *m) {
 }
 
 struct Tally {
-  int pdbs = 0, aggregates = 0, enums = 0, forwards = 0;
+  int pdbs = 0, record_indexes = 0, aggregates = 0, enums = 0, forwards = 0;
   std::set<std::string> names;
 };
 
+// `ktrn-pdb type-records` ("0xINDEX\t0xLEAF\t0xLENGTH") against the oracle's records, the leaf
+// column left out where the oracle's leaf name is not in kLeafKinds.
+void CompareRecordIndex(const std::string &pdb, const OracleTypes &oracle) {
+  CommandResult r = PdbTool({"type-records", pdb});
+  EXPECT_EQ(r.exit_status, 0) << pdb;
+  std::vector<std::string> ours = SplitLines(r.output), theirs;
+  for (const auto &[index, record] : oracle) {
+    if (record.record_bytes == ~0u) continue;
+    auto kind = kLeafKinds.find(record.leaf);
+    std::string leaf = kind == kLeafKinds.end() ? "*" : Format("0x%04X", kind->second);
+    theirs.push_back(Format("0x%X\t%s\t0x%X", index, leaf.c_str(), record.record_bytes));
+    size_t i = theirs.size() - 1, a = i < ours.size() ? ours[i].find('\t') : std::string::npos;
+    size_t b = a == std::string::npos ? a : ours[i].find('\t', a + 1);
+    if (leaf == "*" && b != std::string::npos) ours[i].replace(a, b - a, "\t*");
+  }
+  EXPECT_EQ(DescribeDifference(ours, theirs), "") << pdb;
+}
+
 void CompareTypes(const std::string &pdb, Tally *tally) {
   OracleTypes oracle;
-  if (!ParseOracle(pdb, &oracle)) return;  // files llvm-pdbutil rejects are covered by the load tests
-  SymbolArena arena = {};
-  PdbFile file;
-  PdbSummary summary;
-  CodeViewIdentity none = {};
-  if (PdbOpen(&arena, &none, pdb.c_str(), true, &file, &summary) != 0) {
-    SymbolArenaRelease(&arena);
-    return;
-  }
-  const PdbTypes *types = &file.types;
+  bool clean = false;
+  if (!ParseOracle(pdb, &oracle, &clean)) return;  // files llvm-pdbutil rejects are covered by the load tests
+  OpenedPdb opened(pdb);
+  if (opened.status != kPdbOk) return;  // and so are files that we refuse by their own result code
+  const PdbTypes *types = &opened.pdb.types;
+  if (clean) CompareRecordIndex(pdb, oracle), tally->record_indexes++;
   tally->pdbs++;
   tally->names.insert(pdb.substr(pdb.rfind('/') + 1));
   int failures = 0;
@@ -281,24 +297,22 @@ void CompareTypes(const std::string &pdb, Tally *tally) {
       failures += got != expected;
     }
   }
-  SymbolArenaRelease(&arena);
 }
 
 TEST(TypeLayout, TestProgramsAgreeWithLlvmPdbutil) {
-  ASSERT_FALSE(kTargets.empty());
   Tally tally;
-  for (const std::string &pdb : FilesIn(kTargets, ".pdb")) CompareTypes(pdb, &tally);
+  for (const std::string &pdb : FilesIn(TargetsDir(), ".pdb")) CompareTypes(pdb, &tally);
   EXPECT_TRUE(tally.names.count("types_c.pdb") && tally.names.count("types_cpp.pdb") &&
               tally.names.count("types_msvc.pdb"))
-      << "in " << kTargets;
+      << "in " << TargetsDir();
+  EXPECT_GE(tally.record_indexes, 3);
   EXPECT_GE(tally.aggregates, 40);
   EXPECT_GE(tally.forwards, 10);
 }
 
 TEST(TypeLayout, CorpusAgreesWithLlvmPdbutil) {
   Tally tally;
-  for (const std::string &folder : {kCorpusDir, kCorpusDir + "/llvm"})
-    for (const std::string &pdb : FilesIn(folder, ".pdb")) CompareTypes(pdb, &tally);
+  for (const std::string &pdb : CorpusFiles(".pdb")) CompareTypes(pdb, &tally);
   for (const char *name : {"llvm_test_DebugInfo_PDB_every-type.pdb", "llvm_test_DebugInfo_PDB_every-class.pdb",
                            "llvm_test_DebugInfo_PDB_every-pointer.pdb", "llvm_test_DebugInfo_PDB_every-array.pdb",
                            "llvm_test_DebugInfo_PDB_every-enum.pdb", "llvm_test_tools_llvm-pdbutil_ClassLayoutTest.pdb",
@@ -306,6 +320,7 @@ TEST(TypeLayout, CorpusAgreesWithLlvmPdbutil) {
                            "llvm_test_tools_llvm-pdbutil_TypeQualifiersTest.pdb", "r2_r_bp.pdb", "r2_r_cons.pdb",
                            "rz_pdb_vs2019_cpp_override.pdb", "rz_pdb_exceptions-test.pdb"})
     EXPECT_TRUE(tally.names.count(name)) << name << " was not compared";
+  EXPECT_GE(tally.record_indexes, 40);
   EXPECT_GE(tally.aggregates, 5000);
   EXPECT_GE(tally.enums, 500);
 }

@@ -3,64 +3,26 @@
 // `ktrn-pdb type`, member and enumerator type names, `ktrn-pdb types`, the record hash against the
 // writers' buckets, and members found by name.
 #include <gtest/gtest.h>
-#include <stdio.h>
 #include <string.h>
 
-#include <algorithm>
 #include <map>
-#include <set>
-#include <string>
-#include <vector>
 
-#include "files_in.h"
 #include "oracle.h"
-#include "symbols/pdb_file.h"
 #include "symbols/pdb_type_fields.h"
 #include "symbols/pdb_type_lookup.h"
 
 namespace {
 
-const std::string kCorpusDir = std::string(KTRN_DATA_DIR) + "/pdb-corpus";
-const std::string kTargets = KTRN_TARGETS_DIR;
-const std::string kPdbTool = KTRN_PDB_TOOL;
-
-}  // namespace
-
-namespace {
-
-// [SECTION] The programs' own view
-
-std::vector<std::string> ReadLines(const std::string &path) {
-  std::vector<std::string> lines;
-  FILE *f = fopen(path.c_str(), "rb");
-  if (!f) return lines;
-  char buffer[1024];
-  while (fgets(buffer, sizeof(buffer), f)) {
-    std::string line = buffer;
-    while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.pop_back();
-    lines.push_back(line);
-  }
-  fclose(f);
-  return lines;
-}
-
-std::vector<std::string> Columns(const std::string &line) {
-  std::vector<std::string> out;
-  size_t start = 0;
-  for (;;) {
-    size_t tab = line.find('\t', start);
-    out.push_back(line.substr(start, tab - start));
-    if (tab == std::string::npos) return out;
-    start = tab + 1;
-  }
-}
+std::vector<std::string> Columns(const std::string &line) { return Split(line, '\t'); }
 
 // For each "type NAME SIZE" block that the program printed: `ktrn-pdb type PDB NAME` has that
 // size, and its member and bit-field lines, in order, are the ones the program printed
 // ("member NAME OFFSET SIZE", "bits NAME FIRST-BIT WIDTH").
 void CompareProgramLayouts(const std::string &program, int *types_checked) {
-  std::vector<std::string> layout = ReadLines(kTargets + "/" + program + ".layout");
-  ASSERT_FALSE(layout.empty()) << "no " << program << ".layout in " << kTargets;
+  std::vector<std::string> layout = SplitLines(ReadFile(TargetFile(program + ".layout")));
+  for (std::string &line : layout)
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+  ASSERT_FALSE(layout.empty()) << "no " << program << ".layout in " << TargetsDir();
   for (size_t i = 0; i < layout.size();) {
     std::vector<std::string> head = Columns(layout[i++]);
     ASSERT_EQ(head.size(), 3u) << layout[i - 1];
@@ -69,8 +31,7 @@ void CompareProgramLayouts(const std::string &program, int *types_checked) {
       std::vector<std::string> c = Columns(layout[i]);
       expected.push_back(c[0] + " " + c[1] + " " + c[2] + " " + c[3]);
     }
-    CommandResult r = RunCommand(Quote(kPdbTool) + " type " + Quote(kTargets + "/" + program + ".pdb") + " " +
-                                 Quote(head[1]));
+    CommandResult r = PdbTool({"type", TargetFile(program + ".pdb"), head[1]});
     ASSERT_EQ(r.exit_status, 0) << program << " " << head[1];
     std::vector<std::string> lines = SplitLines(r.output);
     ASSERT_FALSE(lines.empty());
@@ -92,68 +53,35 @@ void CompareProgramLayouts(const std::string &program, int *types_checked) {
 
 TEST(TypeLayout, ProgramsPrintTheSizesAndOffsetsKtrnPdbReads) {
   int checked = 0;
-  CompareProgramLayouts("types_c", &checked);
-  CompareProgramLayouts("types_cpp", &checked);
-  CompareProgramLayouts("types_msvc", &checked);
+  for (const char *program : {"types_c", "types_cpp", "types_msvc"}) CompareProgramLayouts(program, &checked);
   EXPECT_GE(checked, 35);
 }
 
-// Member types print as declarations read, and enumerators with their values as the
-// enumeration's underlying type reads them.
+// The lines of golden/type_lines.txt; and a type that is not there is an error.
 TEST(TypeLayout, NamesOfMemberTypesAndEnumerators) {
-  struct Case {
-    const char *program, *type;
-    std::vector<std::string> lines;  // each must appear in the output, tab-separated
-  } cases[] = {
-      {"types_c", "struct Everything",
-       {"member\t96\t8\tconst char *\ttext", "member\t104\t8\tchar *const\tfixed",
-        "member\t112\t8\tconst volatile int *\tcv", "member\t120\t4\tvolatile unsigned int\tcounter",
-        "member\t124\t48\tint [3][4]\tmatrix", "member\t176\t8\tint (*)[4]\trow", "member\t184\t16\tchar *[2]\tnames",
-        "member\t200\t8\tint (*)(int, char *)\top", "member\t208\t16\tvoid (*[2])(void)\tcallbacks",
-        "member\t224\t8\tOpaque *\topaque", "member\t232\t8\tPoint\torigin", "member\t24\t8\ts64\tll",
-        "member\t80\t1\tb8\tb", "member\t296\t8\tvoid *\tanything"}},
-      {"types_c", "struct Opaque", {"type\t0x", "member\t16\t8\tOpaque *\tnext"}},
-      {"types_c", "enum Color", {"enumerator\t-3\tkRed", "enumerator\t7\tkBlue"}},
-      {"types_c", "Negative64", {"enumerator\t-140737488355327\tkNegativeHuge"}},
-      {"types_c", "enum Wide", {"enumerator\t78187493530\tkWideBig"}},
-      {"types_c", "PointAlias", {"\tstruct\t8\tPoint"}},
-      {"types_c", "struct Flags", {"bitfield\t0\t4\tint\tdelta\t4\t5", "bitfield\t16\t8\ts64\tbig\t0\t40"}},
-      {"types_cpp", "geo::Tiny", {"enumerator\t-128\tkMinus", "enumerator\t127\tkPlus"}},
-      {"types_cpp", "geo::Signal", {"enumerator\t-4294967296\tkLow", "enumerator\t9223372036854775807\tkHigh"}},
-      {"types_cpp", "geo::Packet",
-       {"member\t96\t8\tconst geo::Base &(*)(const geo::Base &, const geo::Base &)\tpick",
-        "member\t104\t8\tconst volatile char *const *\tnames", "member\t88\t8\tint geo::Derived::*\tmember",
-        "member\t28\t16\tgeo::Buffer<short,5>\tshorts", "member\t112\t2\twchar_t\twide",
-        "member\t114\t2\tchar16\tutf16"}},
-      {"types_cpp", "class geo::Circle", {"member\t40\t16\tgeo::Circle::Center\tcenter"}},
-      {"types_cpp", "geo::Circle *", {"\tpointer\t8\tgeo::Circle *"}},
-      {"types_cpp", "geo::Buffer< short, 5 >", {"\tstruct\t16\tgeo::Buffer<short,5>"}},
-      {"types_cpp", "geo::Buffer<geo::Circle *, 2>", {"\tstruct\t24\tgeo::Buffer<geo::Circle *,2>"}},
-      {"types_cpp", "unsigned long long", {"type\t0x23\tbuiltin\t8\tu64"}},
-      {"types_cpp", "const char *", {"type\t0x670\tbuiltin\t8\tchar *"}},
-      // Member-function pointers of the MSVC ABI grow with the class's inheritance model.
-      {"types_msvc", "ms::Pointers",
-       {"member\t0\t8\tvoid (ms::Single::*)(void)\tsingle", "member\t8\t16\tvoid (ms::Multiple::*)(void)\tmultiple",
-        "member\t40\t24\tvoid (ms::Unknown::*)(void)\tunknown_model", "member\t64\t4\tint ms::Single::*\tdata"}},
-      {"types_msvc", "ms::Wide", {"enumerator\t-9223372036854775807\tkLow"}},
-  };
-  for (const Case &c : cases) {
-    CommandResult r = RunCommand(Quote(kPdbTool) + " type " + Quote(kTargets + "/" + c.program + ".pdb") + " " +
-                                 Quote(c.type));
-    EXPECT_EQ(r.exit_status, 0) << c.type;
-    for (const std::string &line : c.lines) EXPECT_NE(r.output.find(line), std::string::npos) << c.type << ": " << line << "\n" << r.output;
+  std::map<std::string, std::string> printed;  // "program type" -> ktrn-pdb type's output
+  int checked = 0;
+  for (const GoldenLine &g : ReadGolden("tests/host/symbols/golden/type_lines.txt")) {
+    ASSERT_GE(g.fields.size(), 3u) << "type_lines.txt:" << g.number;
+    std::string &output = printed[g.fields[0] + " " + g.fields[1]], line = g.fields[2];
+    for (size_t i = 3; i < g.fields.size(); i++) line += "\t" + g.fields[i];
+    if (output.empty()) {
+      CommandResult r = PdbTool({"type", TargetFile(g.fields[0] + ".pdb"), g.fields[1]});
+      EXPECT_EQ(r.exit_status, 0) << g.fields[1];
+      output = r.output;
+    }
+    EXPECT_NE(output.find(line), std::string::npos) << "type_lines.txt:" << g.number << ": " << line << "\n" << output;
+    checked++;
   }
-  CommandResult missing = RunCommand(Quote(kPdbTool) + " type " + Quote(kTargets + "/types_c.pdb") + " NoSuchType 2>&1");
-  EXPECT_EQ(missing.exit_status, 1);
-  CommandResult bad_index = RunCommand(Quote(kPdbTool) + " type " + Quote(kTargets + "/types_c.pdb") + " 0x7FFFFF 2>&1");
-  EXPECT_EQ(bad_index.exit_status, 1);
+  EXPECT_GE(checked, 40);
+  for (const char *missing : {"NoSuchType", "0x7FFFFF"})
+    EXPECT_EQ(PdbTool({"type", TargetFile("types_c.pdb"), missing}, "2>&1").exit_status, 1) << missing;
 }
 
 // `ktrn-pdb types` lists every index with the kind and size `type` gives it.
 TEST(TypeLayout, TypesListsEveryIndex) {
-  std::string pdb = kTargets + "/types_cpp.pdb";
-  CommandResult all = RunCommand(Quote(kPdbTool) + " types " + Quote(pdb));
-  CommandResult records = RunCommand(Quote(kPdbTool) + " type-records " + Quote(pdb));
+  std::string pdb = TargetFile("types_cpp.pdb");
+  CommandResult all = PdbTool({"types", pdb}), records = PdbTool({"type-records", pdb});
   ASSERT_EQ(all.exit_status, 0);
   std::vector<std::string> lines = SplitLines(all.output);
   EXPECT_EQ(lines.size(), SplitLines(records.output).size());
@@ -161,16 +89,11 @@ TEST(TypeLayout, TypesListsEveryIndex) {
   for (size_t i = 0; i < lines.size(); i += 7) {
     std::vector<std::string> c = Columns(lines[i]);
     ASSERT_EQ(c.size(), 4u) << lines[i];
-    CommandResult one = RunCommand(Quote(kPdbTool) + " type " + Quote(pdb) + " " + c[0]);
-    EXPECT_EQ(SplitLines(one.output)[0], "type\t" + lines[i]);
+    EXPECT_EQ(SplitLines(PdbTool({"type", pdb, c[0]}).output).at(0), "type\t" + lines[i]);
     compared++;
   }
   EXPECT_GE(compared, 10);
 }
-
-}  // namespace
-
-namespace {
 
 // The record hash against the writers' own: every class, structure, union and enumeration of the
 // corpus and of the test programs sits in the bucket of PdbTypeRecordHash (MSVC and lld alike),
@@ -178,16 +101,12 @@ namespace {
 // left out: we hash them as what they modify, to find a definition, where writers use CRC-32.
 TEST(TypeLayout, RecordHashPutsEveryRecordInItsWritersBucket) {
   int checked = 0;
-  std::vector<std::string> pdbs = FilesIn(kTargets, ".pdb");
-  for (const std::string &folder : {kCorpusDir, kCorpusDir + "/llvm"})
-    for (const std::string &pdb : FilesIn(folder, ".pdb")) pdbs.push_back(pdb);
+  std::vector<std::string> pdbs = FilesIn(TargetsDir(), ".pdb"), corpus = CorpusFiles(".pdb");
+  pdbs.insert(pdbs.end(), corpus.begin(), corpus.end());
   for (const std::string &pdb : pdbs) {
-    SymbolArena arena = {};
-    PdbFile file;
-    PdbSummary summary;
-    CodeViewIdentity none = {};
-    if (PdbOpen(&arena, &none, pdb.c_str(), true, &file, &summary) == 0 && file.types.bucket_count) {
-      const PdbTypes &t = file.types;
+    OpenedPdb file(pdb);
+    if (file.status == kPdbOk && file.pdb.types.bucket_count) {
+      const PdbTypes &t = file.pdb.types;
       std::vector<uint32_t> bucket_of(t.count, ~0u);
       for (uint32_t b = 0; b < t.bucket_count; b++)
         for (uint32_t k = 0; k < (uint32_t)(t.buckets[b] >> 32); k++)
@@ -202,59 +121,35 @@ TEST(TypeLayout, RecordHashPutsEveryRecordInItsWritersBucket) {
         checked++;
       }
     }
-    SymbolArenaRelease(&arena);
   }
   EXPECT_GE(checked, 50000);
 }
-
-}  // namespace
-
-namespace {
 
 // Members by name in real PDBs: through base classes (at their offsets in the derived object),
 // in anonymous unions and structures, and arrays by element and count.
 TEST(TypeLayout, MembersByNameInTheTestPrograms) {
   struct Case {
-    const char *program, *type, *member;
-    uint64_t offset;
-    uint32_t depth;
+    const char *program, *type, *member, *found;  // offset, depth, and an array's counts and element
   } cases[] = {
-      {"types_cpp", "geo::Circle", "label", 24, 1},   {"types_cpp", "geo::Circle", "id", 8, 1},
-      {"types_cpp", "geo::Circle", "radius", 56, 0},  {"types_cpp", "geo::Derived", "a", 0, 1},
-      {"types_cpp", "geo::Diamond", "right_value", 24, 1}, {"types_c", "struct WithAnonymous", "as_float", 4, 0},
-      {"types_c", "struct WithAnonymous", "hi", 10, 0}, {"types_msvc", "ms::Multiple", "root_value", 8, 1},
+      {"types_cpp", "geo::Circle", "label", "24 depth 1"},        {"types_cpp", "geo::Circle", "id", "8 depth 1"},
+      {"types_cpp", "geo::Circle", "radius", "56 depth 0"},       {"types_cpp", "geo::Derived", "a", "0 depth 1"},
+      {"types_cpp", "geo::Diamond", "right_value", "24 depth 1"}, {"types_c", "struct WithAnonymous", "as_float", "4 depth 0"},
+      {"types_c", "struct WithAnonymous", "hi", "10 depth 0"},    {"types_msvc", "ms::Multiple", "root_value", "8 depth 1"},
+      {"types_c", "struct Everything", "matrix", "124 depth 0 [3][4] of 0x74"},
   };
   for (const Case &c : cases) {
-    SymbolArena arena = {};
-    PdbFile file;
-    PdbSummary summary;
-    CodeViewIdentity none = {};
-    std::string pdb = kTargets + "/" + c.program + ".pdb";
-    ASSERT_EQ(PdbOpen(&arena, &none, pdb.c_str(), true, &file, &summary), 0) << pdb;
-    uint32_t type = PdbLookupType(&file.types, &file.globals, c.type, (uint32_t)strlen(c.type));
+    OpenedPdb file(TargetFile(std::string(c.program) + ".pdb"));
+    ASSERT_EQ(file.status, kPdbOk) << c.program;
+    const PdbTypes *types = &file.pdb.types;
+    uint32_t type = PdbLookupType(types, &file.pdb.globals, c.type, (uint32_t)strlen(c.type));
     FoundMember m;
-    ASSERT_TRUE(PdbFindMember(&file.types, type, c.member, (uint32_t)strlen(c.member), &m)) << c.type << "." << c.member;
-    EXPECT_EQ(m.offset, c.offset) << c.type << "." << c.member;
-    EXPECT_EQ(m.depth, c.depth) << c.type << "." << c.member;
-    SymbolArenaRelease(&arena);
+    ASSERT_TRUE(PdbFindMember(types, type, c.member, (uint32_t)strlen(c.member), &m)) << c.type << "." << c.member;
+    std::string found = Format("%llu depth %u", (unsigned long long)m.offset, m.depth), counts;
+    uint32_t element = m.type, innermost = 0;
+    for (uint64_t count = 0; PdbTypeIsArray(types, element, &element, &count); innermost = element)
+      counts += Format("[%llu]", (unsigned long long)count);
+    EXPECT_EQ(found + (counts.empty() ? "" : " " + counts + Format(" of 0x%X", innermost)), c.found) << c.type << "." << c.member;
   }
-  SymbolArena arena = {};
-  PdbFile file;
-  PdbSummary summary;
-  CodeViewIdentity none = {};
-  std::string pdb = kTargets + "/types_c.pdb";
-  ASSERT_EQ(PdbOpen(&arena, &none, pdb.c_str(), true, &file, &summary), 0);
-  FoundMember m;
-  uint32_t everything = PdbLookupType(&file.types, nullptr, "struct Everything", 17);
-  ASSERT_TRUE(PdbFindMember(&file.types, everything, "matrix", 6, &m));
-  uint32_t element = 0;
-  uint64_t count = 0;
-  ASSERT_TRUE(PdbTypeIsArray(&file.types, m.type, &element, &count));
-  EXPECT_EQ(count, 3u);
-  ASSERT_TRUE(PdbTypeIsArray(&file.types, element, &element, &count));
-  EXPECT_EQ(count, 4u);
-  EXPECT_EQ(element, 0x74u);
-  SymbolArenaRelease(&arena);
 }
 
 }  // namespace

@@ -1,0 +1,404 @@
+// Scripts: one command a line, each echoed as "> LINE" before its output; blank lines and lines
+// that begin with '#' are skipped. A command that fails prints one "error:" line and the script
+// goes on. Every command is one row of the table below and one function: a command is added by
+// adding both (breakpoints, stepping, stack and evaluation come that way).
+//
+// [SECTION] Arguments
+// [SECTION] Commands
+// [SECTION] The command table
+// [SECTION] Running a script
+#include <ctype.h>
+#include <errno.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "cli.h"
+#include "symbols/pdb_raw.h"
+#include "symbols/scope_lookup.h"
+
+enum : u32 {
+  kScriptMaxArguments = 16,
+  kArgumentsRestOfLine = 0xFF,  // max_arguments of a command whose last argument is free text
+  kReadMaxBytes = 4096,
+  kRefreshTimeoutMs = 10000,
+};
+
+// What a command needs before it can run.
+enum CommandNeeds : u8 {
+  kNeedsProcess = 0,        // a process, running or stopped
+  kNeedsStop = 1,           // a stopped target; the launched program held before its first run counts
+  kNeedsStartedStop = 2,    // a stop after the program started (its threads have run)
+};
+
+typedef struct ScriptArguments {
+  u32 count;                                // after the command's name
+  const char *word[kScriptMaxArguments];    // each argument, zero-terminated
+  const char *rest[kScriptMaxArguments];    // the line from that argument to its end, as written
+} ScriptArguments;
+
+typedef bool (*CommandFn)(Cli *cli, const ScriptArguments *args);
+
+typedef struct ScriptCommand {
+  const char *name;
+  const char *usage;  // the arguments, for the error line of a wrong count
+  u8 min_arguments;
+  u8 max_arguments;   // kArgumentsRestOfLine: the last argument takes the rest of the line
+  u8 needs;           // CommandNeeds
+  CommandFn run;
+} ScriptCommand;
+
+// [SECTION] Arguments
+
+// A decimal or 0x-prefixed hexadecimal number that fits 64 bits, and nothing else (no sign, no
+// spaces).
+static bool ParseNumber(const char *text, u64 *out) {
+  if (!text) return false;
+  bool hex = text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
+  const char *digits = hex ? text + 2 : text;
+  if (!(hex ? isxdigit((unsigned char)*digits) : isdigit((unsigned char)*digits))) return false;
+  char *end = nullptr;
+  errno = 0;
+  unsigned long long value = strtoull(digits, &end, hex ? 16 : 10);
+  if (*end || errno == ERANGE) return false;
+  *out = value;
+  return true;
+}
+
+// A thread: its id, or "#N" for the Nth thread of the threads list (from 1), which a script can
+// name before it knows the ids.
+static TargetThread *ThreadArgument(Cli *cli, const char *text) {
+  bool by_position = text[0] == '#';
+  u64 number = 0;
+  if (!ParseNumber(text + (by_position ? 1 : 0), &number) || number > 0xFFFFFFFFull) {
+    CliError(cli, "'%s' is not a thread id or #N", text);
+    return nullptr;
+  }
+  TargetThread *thread = nullptr;
+  if (by_position) {
+    u64 position = 1;
+    for (thread = cli->target->threads; thread && position < number; thread = thread->next) position++;
+    if (number == 0) thread = nullptr;
+  } else {
+    thread = TargetFindThread(cli->target, (u32)number);
+  }
+  if (!thread) CliError(cli, "no thread %s", text);
+  return thread;
+}
+
+// The start of a procedure named name in any loaded module's symbols.
+static bool FunctionAddress(Cli *cli, const char *name, u64 *out) {
+  for (TargetModule *m = cli->target->modules; m; m = m->next) {
+    const ModuleSymbols *symbols = &m->symbols;
+    if (symbols->status != kSymbolsLoaded) continue;
+    const PdbProcScope *procedure = PdbFindProcedure(&symbols->pdb.scopes, name, nullptr);
+    if (!procedure) continue;
+    u32 offset = 0;
+    u16 section = 0;
+    memcpy(&offset, procedure->record + kProcSymOffset, 4);
+    memcpy(&section, procedure->record + kProcSymSection, 2);
+    if (section == 0 || section > symbols->image.section_count) continue;
+    *out = symbols->load_base + symbols->image.sections[section - 1].virtual_address + offset;
+    return true;
+  }
+  return false;
+}
+
+// An address: a number, a general register of the stopped thread, or a function's name.
+static bool AddressArgument(Cli *cli, const char *text, u64 *out) {
+  if (ParseNumber(text, out)) return true;
+  if (CliIsGeneralRegister(text)) {
+    if (cli->held) {
+      CliError(cli, "registers are not read before the program starts");
+      return false;
+    }
+    if (CliRegisterValue(cli, CliStopThread(cli), text, out)) return true;
+    CliError(cli, "the registers of the stopped thread cannot be read");
+    return false;
+  }
+  if (FunctionAddress(cli, text, out)) return true;
+  CliError(cli, "'%s' is not an address, a register or a function", text);
+  return false;
+}
+
+// Waits for the engine to answer a command that changed thread states or registers.
+static bool AwaitRefresh(Cli *cli) {
+  PumpResult r = CliPump(cli, true, kRefreshTimeoutMs);
+  if (r == kPumpRefreshed) return true;
+  if (r == kPumpTimedOut) CliError(cli, "the engine did not answer within %u s", kRefreshTimeoutMs / 1000);
+  return false;
+}
+
+// [SECTION] Commands
+
+static void PrintThread(Cli *cli, TargetThread *t) {
+  char state[64] = "";
+  const char *words[3] = {t == CliStopThread(cli) ? "current" : nullptr, t->frozen ? "frozen" : nullptr,
+                          t->solo ? "solo" : nullptr};
+  for (const char *w : words) {
+    if (!w) continue;
+    if (state[0]) strcat(state, ",");
+    strcat(state, w);
+  }
+  CliPlace place = {"?", "?"};
+  // Before the first run the registers are not read: the program has not started.
+  const CONTEXT *context = cli->held ? nullptr : CliThreadContext(cli, t);
+  if (context) CliPlaceOfAddress(cli, context->Rip, &place);
+  printf("thread %u | %s | %s | %s | %s\n", t->id, t->name[0] ? t->name : "?", state[0] ? state : "-", place.function,
+         place.file_line);
+}
+
+static bool CommandContinue(Cli *cli, const ScriptArguments *) { return CliContinue(cli) != kPumpTimedOut; }
+
+static bool CommandThreads(Cli *cli, const ScriptArguments *) {
+  for (TargetThread *t = cli->target->threads; t; t = t->next) PrintThread(cli, t);
+  return true;
+}
+
+// freeze, thaw and solo: the engine toggles; the command asks for the state it names.
+static bool SetThreadFlag(Cli *cli, const ScriptArguments *args, bool solo, bool wanted) {
+  TargetThread *thread = ThreadArgument(cli, args->word[0]);
+  if (!thread) return false;
+  bool now = (solo ? thread->solo : thread->frozen) != 0;
+  if (now != wanted) {
+    int result = solo ? EngineToggleSolo(cli->target, thread) : EngineToggleFreeze(cli->target, thread);
+    if (result != kEngineOk) {
+      CliError(cli, "%s", CliResultText(result));
+      return false;
+    }
+    if (!AwaitRefresh(cli)) return false;
+  }
+  PrintThread(cli, thread);
+  return true;
+}
+
+static bool CommandFreeze(Cli *cli, const ScriptArguments *args) { return SetThreadFlag(cli, args, false, true); }
+static bool CommandThaw(Cli *cli, const ScriptArguments *args) { return SetThreadFlag(cli, args, false, false); }
+static bool CommandSolo(Cli *cli, const ScriptArguments *args) {
+  // A second solo on the same thread takes it back, as the threads window's check mark does.
+  TargetThread *thread = ThreadArgument(cli, args->word[0]);
+  return thread && SetThreadFlag(cli, args, true, !thread->solo);
+}
+
+static bool CommandRegs(Cli *cli, const ScriptArguments *args) {
+  static const char *const kGroups[] = {"general", "avx", "avx512"};  // in RegisterGroup order
+  u32 group = kRegsGeneral;
+  if (args->count) {
+    for (group = 0; group < KTRN_ARRAY_COUNT(kGroups) && strcmp(args->word[0], kGroups[group]); group++) {
+    }
+    if (group == KTRN_ARRAY_COUNT(kGroups)) {
+      CliError(cli, "no register group '%s' (general, avx or avx512)", args->word[0]);
+      return false;
+    }
+  }
+  return CliPrintRegisters(cli, CliStopThread(cli), group);
+}
+
+static bool CommandSetReg(Cli *cli, const ScriptArguments *args) {
+  const char *name = args->word[0];
+  u64 value = 0;
+  if (!CliIsGeneralRegister(name)) {
+    CliError(cli, "no register '%s'", name);
+    return false;
+  }
+  if (!ParseNumber(args->word[1], &value)) {
+    CliError(cli, "'%s' is not a number", args->word[1]);
+    return false;
+  }
+  // The engine writes the instruction pointer of the current thread; other registers have no
+  // write operation yet.
+  if (_stricmp(name, "rip") != 0) {
+    CliError(cli, "the engine can write rip only");
+    return false;
+  }
+  int result = EngineSetInstructionPointer(cli->target, value);
+  if (result != kEngineOk) {
+    CliError(cli, "%s", CliResultText(result));
+    return false;
+  }
+  if (!AwaitRefresh(cli)) return false;
+  u64 now = 0;
+  if (!CliRegisterValue(cli, CliStopThread(cli), "rip", &now)) {
+    CliError(cli, "the registers cannot be read back");
+    return false;
+  }
+  printf("rip = 0x%016llx\n", (unsigned long long)now);
+  return true;
+}
+
+static bool CommandRead(Cli *cli, const ScriptArguments *args) {
+  u64 address = 0, count = 0;
+  if (!AddressArgument(cli, args->word[0], &address)) return false;
+  if (!ParseNumber(args->word[1], &count) || count == 0 || count > kReadMaxBytes) {
+    CliError(cli, "COUNT must be a number from 1 to %u", kReadMaxBytes);
+    return false;
+  }
+  for (u64 line = 0; line < count; line += 16) {
+    u32 n = (u32)MinU64(16, count - line);
+    u8 bytes[16];
+    bool whole = CliReadMemory(cli, address + line, bytes, n);
+    printf("0x%016llx:", (unsigned long long)(address + line));
+    for (u32 i = 0; i < n; i++) {
+      // A line that cannot be read whole is read a byte at a time: "??" marks the bytes that fail.
+      if (whole || CliReadMemory(cli, address + line + i, bytes + i, 1))
+        printf(" %02x", bytes[i]);
+      else
+        printf(" ??");
+    }
+    printf("\n");
+  }
+  return true;
+}
+
+static bool CommandModules(Cli *cli, const ScriptArguments *) {
+  for (TargetModule *m = cli->target->modules; m; m = m->next) {
+    const ModuleSymbols *s = &m->symbols;
+    printf("module %s | 0x%016llx | 0x%016llx | %s | %s\n", s->name && s->name[0] ? s->name : "?",
+           (unsigned long long)TargetModuleBase(m), (unsigned long long)TargetModuleEnd(m), SymbolStatusText(s->status),
+           s->image_path[0] ? s->image_path : "?");
+  }
+  return true;
+}
+
+static bool AwaitEnd(Cli *cli) {
+  PumpResult r;
+  do r = CliPump(cli, false, cli->stop_timeout_ms);
+  while (r == kPumpStopped);  // a stop on the way (a break already under way) is gone past
+  if (r == kPumpEnded) return true;
+  CliError(cli, "the run did not end within %g s", cli->stop_timeout_ms / 1000.0);
+  return false;
+}
+
+static bool CommandDetach(Cli *cli, const ScriptArguments *) {
+  int result = EngineStopDebugging(cli->target);
+  if (result != kEngineOk) {
+    CliError(cli, "%s", CliResultText(result));
+    return false;
+  }
+  return AwaitEnd(cli);
+}
+
+static bool CommandKill(Cli *cli, const ScriptArguments *args) {
+  u64 code = kCliTerminateExitCode;
+  if (args->count && (!ParseNumber(args->word[0], &code) || code > 0xFFFFFFFFull)) {
+    CliError(cli, "'%s' is not an exit code", args->word[0]);
+    return false;
+  }
+  int result = EngineTerminate(cli->target, (u32)code);
+  if (result != kEngineOk) {
+    CliError(cli, "%s", CliResultText(result));
+    return false;
+  }
+  return AwaitEnd(cli);
+}
+
+// [SECTION] The command table
+
+static const ScriptCommand kScriptCommands[] = {
+    // name, arguments, min, max, needs, function
+    {"continue", "", 0, 0, kNeedsStop, CommandContinue},
+    {"threads", "", 0, 0, kNeedsStop, CommandThreads},
+    {"freeze", "TID|#N", 1, 1, kNeedsStartedStop, CommandFreeze},
+    {"thaw", "TID|#N", 1, 1, kNeedsStartedStop, CommandThaw},
+    {"solo", "TID|#N", 1, 1, kNeedsStartedStop, CommandSolo},
+    {"regs", "[general|avx|avx512]", 0, 1, kNeedsStartedStop, CommandRegs},
+    {"set-reg", "NAME VALUE", 2, 2, kNeedsStartedStop, CommandSetReg},
+    {"read", "ADDRESS COUNT", 2, 2, kNeedsStop, CommandRead},
+    {"modules", "", 0, 0, kNeedsStop, CommandModules},
+    {"detach", "", 0, 0, kNeedsProcess, CommandDetach},
+    {"kill", "[EXIT_CODE]", 0, 1, kNeedsProcess, CommandKill},
+};
+
+static const ScriptCommand *FindCommand(const char *name) {
+  for (const ScriptCommand &c : kScriptCommands)
+    if (!strcmp(c.name, name)) return &c;
+  return nullptr;
+}
+
+static bool NeedsMet(Cli *cli, u8 needs) {
+  if (cli->ended) {
+    CliError(cli, "no process");
+    return false;
+  }
+  if (needs == kNeedsProcess) return true;
+  if (!cli->stopped && !cli->held) {
+    CliError(cli, "the program is running");
+    return false;
+  }
+  if (needs == kNeedsStartedStop && cli->held) {
+    CliError(cli, "the program has not started: continue to its first stop");
+    return false;
+  }
+  return true;
+}
+
+// [SECTION] Running a script
+
+// Splits line (modified) into the command's name and its arguments; original is the line as read.
+static const char *SplitLine(char *line, const char *original, ScriptArguments *args) {
+  memset(args, 0, sizeof *args);
+  const char *name = nullptr;
+  char *p = line;
+  for (;;) {
+    while (*p == ' ' || *p == '\t') p++;
+    if (!*p) break;
+    char *start = p;
+    while (*p && *p != ' ' && *p != '\t') p++;
+    if (*p) *p++ = 0;
+    if (!name) {
+      name = start;
+    } else if (args->count < kScriptMaxArguments) {
+      args->rest[args->count] = original + (start - line);
+      args->word[args->count++] = start;
+    } else {
+      args->count = kScriptMaxArguments + 1;  // too many: no command takes them
+      break;
+    }
+  }
+  return name;
+}
+
+static void RunLine(Cli *cli, const char *text) {
+  char line[kCliTextCapacity];
+  snprintf(line, sizeof line, "%s", text);
+  ScriptArguments args;
+  const char *name = SplitLine(line, text, &args);
+  const ScriptCommand *command = FindCommand(name);
+  cli->command = nullptr;
+  if (!command) {
+    CliError(cli, "unknown command '%s'", name);
+    return;
+  }
+  cli->command = command->name;
+  bool rest_of_line = command->max_arguments == kArgumentsRestOfLine;
+  if (args.count < command->min_arguments || (!rest_of_line && args.count > command->max_arguments)) {
+    CliError(cli, "usage: %s%s%s", command->name, command->usage[0] ? " " : "", command->usage);
+  } else if (NeedsMet(cli, command->needs)) {
+    command->run(cli, &args);
+  }
+  cli->command = nullptr;
+}
+
+void CliRunScript(Cli *cli, FILE *file) {
+  char line[kCliTextCapacity];
+  while (fgets(line, sizeof line, file)) {
+    size_t length = strlen(line);
+    bool cut = length == sizeof line - 1 && line[length - 1] != '\n';
+    while (length && (line[length - 1] == '\n' || line[length - 1] == '\r')) line[--length] = 0;
+    if (cut) {  // the rest of an overlong line is dropped with it
+      for (int c = fgetc(file); c != EOF && c != '\n'; c = fgetc(file)) {
+      }
+    }
+    const char *text = line;
+    while (*text == ' ' || *text == '\t') text++;
+    if (!*text || *text == '#') continue;
+    // Events that came after the previous command's output (a late stop, the program's strings)
+    // are printed before the next command is echoed.
+    CliDrain(cli);
+    printf("> %s\n", text);
+    if (cut)
+      CliError(cli, "line longer than %u characters", kCliTextCapacity - 2);
+    else
+      RunLine(cli, text);
+  }
+}
