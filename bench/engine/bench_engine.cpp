@@ -374,7 +374,7 @@ static double EngineRunOnce(const char *mode, int count, Counted counted) {
     EngineEvent e;
     bool answered_stop = false;
     for (;;) {
-      EnginePopEvent(target, &e);
+      (void)EnginePopEvent(target, &e);
       if (e.kind == kEventNone) break;
       if ((counted == kCountStops && e.kind == kEventStopped) || (counted == kCountStrings && e.kind == kEventText) ||
           (counted == kCountThreadExits && e.kind == kEventThreadExited))

@@ -33,6 +33,9 @@ typedef struct Cli {
   double detach_after_seconds;     // --seconds; 0: never
   double terminate_after_seconds;  // --terminate-after; 0: never
   const char *command;  // the script command being carried out, named in its error lines
+  // The script's breakpoints, numbered from 1 in the order they were made; null once deleted.
+  BreakpointLocation *breakpoints[256];
+  u32 breakpoint_count;
 } Cli;
 
 // [SECTION] Events (session.cpp)
@@ -69,6 +72,10 @@ void CliPlaceOfAddress(Cli *cli, u64 address, CliPlace *out);
 // The thread the registers and the thread commands act on: the thread of the last stop.
 TargetThread *CliStopThread(Cli *cli);
 
+// "breakpoint N | bound|pending | FUNCTION | FILE:LINE | 0xADDRESS" for the script's breakpoint
+// record (nothing for one the script did not make).
+void CliPrintBreakpoint(Cli *cli, const BreakpointLocation *bp);
+
 // The stopped target's registers and memory: the only places that read them from the engine.
 // The thread's registers at this stop, null when they cannot be read.
 const CONTEXT *CliThreadContext(Cli *cli, TargetThread *thread);
@@ -84,6 +91,12 @@ bool CliPrintRegisters(Cli *cli, TargetThread *thread, u32 group);
 // no such register.
 bool CliRegisterValue(Cli *cli, TargetThread *thread, const char *name, u64 *out);
 bool CliIsGeneralRegister(const char *name);
+// Writes a general register of the stopped thread (the engine writes the thread's context back).
+bool CliSetRegister(Cli *cli, TargetThread *thread, const char *name, u64 value);
+// ymm0 to ymm15: written from "0x" and up to 64 hexadecimal digits, printed as regs avx does.
+bool CliIsVectorRegister(const char *name);
+bool CliSetVectorRegister(Cli *cli, TargetThread *thread, const char *name, const char *hex);
+void CliPrintVectorRegister(Cli *cli, TargetThread *thread, const char *name);
 
 // [SECTION] Script (script.cpp)
 // Reads the script line by line and carries out each command.

@@ -1,6 +1,7 @@
 // ktrn-cli: runs a program under the engine (or attaches to one) and prints every engine event as
 // the output window shows it, and one line per stop. Without a script every stop is continued; with
-// one the script's commands drive the run (see script.cpp) and the program then runs on to its end.
+// one the script's commands drive the run (see script.cpp: the command table lists them, from
+// continue and threads to break, break-data and condition) and the program then runs on to its end.
 // Exits with the target's exit code (0 after a detach; 0x100 + the start result when it fails).
 //
 //   ktrn-cli [OPTIONS] launch PROGRAM [ARGS...]

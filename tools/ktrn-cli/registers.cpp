@@ -1,8 +1,10 @@
 // Registers of a stopped thread as ktrn-cli prints them: the general registers from the thread's
 // context record, the vector registers from its extended state (AVX upper halves, AVX-512 upper
 // halves, ZMM16-31, opmask registers), found through the system's feature lookup.
+#include <ctype.h>
 #include <stddef.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 
 #include "cli.h"
@@ -26,14 +28,6 @@ static const RegisterRow kGeneralRegisters[] = {
 };
 #undef KTRN_REGISTER
 
-// Extended-state features, as the system numbers them, and their sizes per register.
-enum : u32 {
-  kFeatureAvx = 2,          // upper 128 bits of YMM0-15, 16 bytes each
-  kFeatureOpmask = 5,       // K0-7, 8 bytes each
-  kFeatureZmmHigh = 6,      // upper 256 bits of ZMM0-15, 32 bytes each
-  kFeatureZmm16to31 = 7,    // ZMM16-31 whole, 64 bytes each
-};
-
 static const RegisterRow *FindGeneral(const char *name) {
   for (const RegisterRow &row : kGeneralRegisters)
     if (!_stricmp(row.name, name)) return &row;
@@ -56,13 +50,22 @@ bool CliRegisterValue(Cli *cli, TargetThread *thread, const char *name, u64 *out
   return true;
 }
 
-// The feature's bytes in the context, or null when the context does not hold it.
-static const u8 *Feature(Cli *cli, const CONTEXT *context, u32 feature, u32 bytes_needed) {
-  LocateXStateFeatureFn locate = cli->target->locate_xstate_feature;
-  if (!locate) return nullptr;
-  DWORD length = 0;
-  const u8 *bytes = (const u8 *)locate((CONTEXT *)context, feature, &length);  // the lookup only reads
-  return bytes && length >= bytes_needed ? bytes : nullptr;
+bool CliSetRegister(Cli *cli, TargetThread *thread, const char *name, u64 value) {
+  const RegisterRow *row = FindGeneral(name);
+  ThreadContextSlot *registers = thread ? EngineThreadRegisters(cli->target, thread) : nullptr;
+  if (!row || !registers) return false;
+  memcpy((u8 *)registers->context + row->offset, &value, row->size);  // little-endian: the low bytes
+  EngineResult result = EngineWriteRegisters(cli->target, thread);
+  if (result != kEngineOk) CliError(cli, "%s", CliResultText(result));
+  return result == kEngineOk;
+}
+
+// The feature's bytes in the thread's registers (as the engine located them at the read), or null
+// when the system offers none.
+static const u8 *Feature(Cli *cli, u32 feature, u32 bytes_needed) {
+  const ThreadContextSlot *registers = EngineThreadRegisters(cli->target, CliStopThread(cli));
+  if (!registers || !registers->features[feature]) return nullptr;
+  return registers->feature_bytes[feature] >= bytes_needed ? registers->features[feature] : nullptr;
 }
 
 // Prints "name = 0x" and the bytes from the most significant one down; pieces run from the low
@@ -80,7 +83,7 @@ static void PrintWide(const char *name, u32 index, const RegisterPiece *pieces, 
 }
 
 static bool PrintAvx(Cli *cli, const CONTEXT *context) {
-  const u8 *upper = Feature(cli, context, kFeatureAvx, 16 * 16);
+  const u8 *upper = Feature(cli, kFeatureAvx, 16 * 16);
   if (!upper) {
     CliError(cli, "the thread's context holds no AVX state");
     return false;
@@ -94,10 +97,10 @@ static bool PrintAvx(Cli *cli, const CONTEXT *context) {
 }
 
 static bool PrintAvx512(Cli *cli, const CONTEXT *context) {
-  const u8 *upper = Feature(cli, context, kFeatureAvx, 16 * 16);
-  const u8 *opmask = Feature(cli, context, kFeatureOpmask, 8 * 8);
-  const u8 *zmm_high = Feature(cli, context, kFeatureZmmHigh, 16 * 32);
-  const u8 *zmm_upper = Feature(cli, context, kFeatureZmm16to31, 16 * 64);
+  const u8 *upper = Feature(cli, kFeatureAvx, 16 * 16);
+  const u8 *opmask = Feature(cli, kFeatureOpmask, 8 * 8);
+  const u8 *zmm_high = Feature(cli, kFeatureZmmHigh, 16 * 32);
+  const u8 *zmm_upper = Feature(cli, kFeatureZmmUpper, 16 * 64);
   if (!upper || !opmask || !zmm_high || !zmm_upper) {
     CliError(cli, "the thread's context holds no AVX-512 state");
     return false;
@@ -117,6 +120,52 @@ static bool PrintAvx512(Cli *cli, const CONTEXT *context) {
     PrintWide("zmm", 16 + i, &piece, 1);
   }
   return true;
+}
+
+// "ymmN" with N from 0 to 15: N; else -1.
+static int YmmIndex(const char *name) {
+  if (_strnicmp(name, "ymm", 3) != 0 || !isdigit((unsigned char)name[3])) return -1;
+  char *end = nullptr;
+  long n = strtol(name + 3, &end, 10);
+  return *end || n > 15 ? -1 : (int)n;
+}
+
+bool CliIsVectorRegister(const char *name) { return YmmIndex(name) >= 0; }
+
+bool CliSetVectorRegister(Cli *cli, TargetThread *thread, const char *name, const char *hex) {
+  int index = YmmIndex(name);
+  // 0x and up to 64 hexadecimal digits, the most significant first.
+  if (hex[0] != '0' || (hex[1] != 'x' && hex[1] != 'X') || !hex[2] || strlen(hex + 2) > 64 ||
+      strspn(hex + 2, "0123456789abcdefABCDEF") != strlen(hex + 2)) {
+    CliError(cli, "'%s' is not a value of up to 256 bits (0x and 64 hexadecimal digits)", hex);
+    return false;
+  }
+  u8 bytes[32] = {};
+  const char *digit = hex + strlen(hex) - 1;
+  for (u32 i = 0; digit >= hex + 2; i++, digit--) {
+    u8 value = (u8)(isdigit((unsigned char)*digit) ? *digit - '0' : (tolower((unsigned char)*digit) - 'a' + 10));
+    bytes[i / 2] |= (u8)(i % 2 ? value << 4 : value);
+  }
+  ThreadContextSlot *registers = thread ? EngineThreadRegisters(cli->target, thread) : nullptr;
+  u8 *upper = registers && registers->feature_bytes[kFeatureAvx] >= 16 * 16 ? registers->features[kFeatureAvx] : nullptr;
+  if (index < 0 || !upper) {
+    CliError(cli, "the thread's context holds no AVX state");
+    return false;
+  }
+  memcpy(&registers->context->FltSave.XmmRegisters[index], bytes, 16);
+  memcpy(upper + 16 * index, bytes + 16, 16);
+  EngineResult result = EngineWriteRegisters(cli->target, thread);
+  if (result != kEngineOk) CliError(cli, "%s", CliResultText(result));
+  return result == kEngineOk;
+}
+
+void CliPrintVectorRegister(Cli *cli, TargetThread *thread, const char *name) {
+  int index = YmmIndex(name);
+  const ThreadContextSlot *registers = thread ? EngineThreadRegisters(cli->target, thread) : nullptr;
+  if (index < 0 || !registers || !registers->features[kFeatureAvx]) return;
+  RegisterPiece pieces[2] = {{(const u8 *)&registers->context->FltSave.XmmRegisters[index], 16},
+                             {registers->features[kFeatureAvx] + 16 * index, 16}};
+  PrintWide("ymm", (u32)index, pieces, 2);
 }
 
 bool CliPrintRegisters(Cli *cli, TargetThread *thread, u32 group) {

@@ -197,6 +197,12 @@ static bool CommandRegs(Cli *cli, const ScriptArguments *args) {
 static bool CommandSetReg(Cli *cli, const ScriptArguments *args) {
   const char *name = args->word[0];
   u64 value = 0;
+  if (CliIsVectorRegister(name)) {
+    TargetThread *thread = CliStopThread(cli);
+    if (!CliSetVectorRegister(cli, thread, name, args->word[1]) || !AwaitRefresh(cli)) return false;
+    CliPrintVectorRegister(cli, thread, name);
+    return true;
+  }
   if (!CliIsGeneralRegister(name)) {
     CliError(cli, "no register '%s'", name);
     return false;
@@ -205,24 +211,156 @@ static bool CommandSetReg(Cli *cli, const ScriptArguments *args) {
     CliError(cli, "'%s' is not a number", args->word[1]);
     return false;
   }
-  // The engine writes the instruction pointer of the current thread; other registers have no
-  // write operation yet.
-  if (_stricmp(name, "rip") != 0) {
-    CliError(cli, "the engine can write rip only");
+  TargetThread *thread = CliStopThread(cli);
+  if (!CliSetRegister(cli, thread, name, value)) return false;
+  if (!AwaitRefresh(cli)) return false;
+  u64 now = 0;
+  if (!CliRegisterValue(cli, thread, name, &now)) {
+    CliError(cli, "the registers cannot be read back");
     return false;
   }
-  int result = EngineSetInstructionPointer(cli->target, value);
+  printf("%s = 0x%016llx\n", name, (unsigned long long)now);
+  return true;
+}
+
+// [SECTION] Breakpoints
+
+// A breakpoint of the script by its number.
+static BreakpointLocation *BreakpointArgument(Cli *cli, const char *text) {
+  u64 number = 0;
+  if (!ParseNumber(text, &number) || number == 0 || number > cli->breakpoint_count || !cli->breakpoints[number - 1]) {
+    CliError(cli, "no breakpoint %s", text);
+    return nullptr;
+  }
+  return cli->breakpoints[number - 1];
+}
+
+static bool Remember(Cli *cli, BreakpointLocation *bp) {
+  if (cli->breakpoint_count == KTRN_ARRAY_COUNT(cli->breakpoints)) {
+    CliError(cli, "no more than %u breakpoints in a script", (unsigned)KTRN_ARRAY_COUNT(cli->breakpoints));
+    return false;
+  }
+  cli->breakpoints[cli->breakpoint_count++] = bp;
+  return true;
+}
+
+// break FILE:LINE | FUNCTION | ADDRESS: a number is an address; a text whose last ':' is followed
+// by digits only is a file and line (a path may hold ':' of its own); anything else names a function.
+static bool CommandBreak(Cli *cli, const ScriptArguments *args) {
+  const char *place = args->rest[0];
+  BreakpointSpec spec = {};
+  char file[kBreakpointPlaceCapacity];
+  u64 number = 0;
+  const char *colon = strrchr(place, ':');
+  if (ParseNumber(place, &number)) {
+    spec.kind = kBreakpointAddress;
+    spec.address = number;
+  } else if (colon && colon != place && ParseNumber(colon + 1, &number) && number > 0 && number <= 0xFFFFFFFFull) {
+    if ((size_t)(colon - place) >= sizeof file) {
+      CliError(cli, "%s", CliResultText(kEngineTextTooLong));
+      return false;
+    }
+    memcpy(file, place, colon - place);
+    file[colon - place] = 0;
+    spec.kind = kBreakpointLine;
+    spec.place = file;
+    spec.line = (u32)number;
+  } else {
+    spec.kind = kBreakpointFunction;
+    spec.place = place;
+  }
+  BreakpointLocation *bp = nullptr;
+  EngineResult result = EngineAddBreakpoint(cli->target, &spec, &bp);
+  if (result == kEngineBreakpointExists) {
+    CliError(cli, "%s", CliResultText(result));
+    CliPrintBreakpoint(cli, bp);
+    return false;
+  }
   if (result != kEngineOk) {
     CliError(cli, "%s", CliResultText(result));
     return false;
   }
-  if (!AwaitRefresh(cli)) return false;
-  u64 now = 0;
-  if (!CliRegisterValue(cli, CliStopThread(cli), "rip", &now)) {
-    CliError(cli, "the registers cannot be read back");
+  if (!Remember(cli, bp)) return false;
+  CliPrintBreakpoint(cli, bp);
+  return true;
+}
+
+// break-data ADDRESS SIZE r|w|x: r stands for read/write (the processor has no read-only kind).
+static bool CommandBreakData(Cli *cli, const ScriptArguments *args) {
+  u64 address = 0, size = 0;
+  if (!AddressArgument(cli, args->word[0], &address)) return false;
+  if (!ParseNumber(args->word[1], &size) || (size != 1 && size != 2 && size != 4 && size != 8)) {
+    CliError(cli, "SIZE must be 1, 2, 4 or 8");
     return false;
   }
-  printf("rip = 0x%016llx\n", (unsigned long long)now);
+  const char *kinds = "wrx";  // in BreakpointAccess order
+  const char *kind = strchr(kinds, args->word[2][0]);
+  if (!kind || !args->word[2][0] || args->word[2][1]) {
+    CliError(cli, "the access must be r, w or x");
+    return false;
+  }
+  BreakpointLocation *bp = nullptr;
+  EngineResult result = EngineAddDataBreakpoint(cli->target, address, (u32)size, (u32)(kind - kinds), &bp);
+  if (result != kEngineOk) {
+    CliError(cli, "%s", CliResultText(result));
+    return false;
+  }
+  if (!Remember(cli, bp)) return false;
+  CliPrintBreakpoint(cli, bp);
+  return true;
+}
+
+// condition N TEXT: kept as text whether or not it parses; one that does not is an error line.
+static bool CommandCondition(Cli *cli, const ScriptArguments *args) {
+  BreakpointLocation *bp = BreakpointArgument(cli, args->word[0]);
+  if (!bp) return false;
+  EngineResult result = EngineSetBreakpointCondition(cli->target, bp, args->count > 1 ? args->rest[1] : "");
+  CliPrintBreakpoint(cli, bp);
+  if (bp->condition[0]) printf("condition %s\n", bp->condition);
+  if (result != kEngineOk) CliError(cli, "%s", CliResultText(result));
+  return result == kEngineOk;
+}
+
+static bool SetEnabled(Cli *cli, const ScriptArguments *args, u8 enabled) {
+  BreakpointLocation *bp = BreakpointArgument(cli, args->word[0]);
+  if (!bp) return false;
+  EngineResult result = EngineEnableBreakpoint(cli->target, bp, enabled);
+  if (result != kEngineOk) {
+    CliError(cli, "%s", CliResultText(result));
+    return false;
+  }
+  CliPrintBreakpoint(cli, bp);
+  return true;
+}
+
+static bool CommandEnable(Cli *cli, const ScriptArguments *args) { return SetEnabled(cli, args, 1); }
+static bool CommandDisable(Cli *cli, const ScriptArguments *args) { return SetEnabled(cli, args, 0); }
+
+static bool CommandDelete(Cli *cli, const ScriptArguments *args) {
+  BreakpointLocation *bp = BreakpointArgument(cli, args->word[0]);
+  if (!bp) return false;
+  EngineResult result = EngineRemoveBreakpoint(cli->target, bp);
+  if (result != kEngineOk) {
+    CliError(cli, "%s", CliResultText(result));
+    return false;
+  }
+  u64 number = 0;
+  ParseNumber(args->word[0], &number);
+  cli->breakpoints[number - 1] = nullptr;
+  printf("deleted breakpoint %llu\n", (unsigned long long)number);
+  return true;
+}
+
+static bool CommandBreakpoints(Cli *cli, const ScriptArguments *) {
+  for (u32 i = 0; i < cli->breakpoint_count; i++)
+    if (cli->breakpoints[i]) {
+      const BreakpointLocation *bp = cli->breakpoints[i];
+      CliPrintBreakpoint(cli, bp);
+      if (!bp->enabled) printf("  disabled\n");
+      if (bp->condition[0])
+        printf("  when: %s%s\n", bp->condition, bp->condition_parse_failed ? " <-- Parse error" : "");
+      if (bp->condition[0] || bp->hit_count) printf("  hits: %u\n", bp->hit_count);
+    }
   return true;
 }
 
@@ -301,8 +439,15 @@ static const ScriptCommand kScriptCommands[] = {
     {"freeze", "TID|#N", 1, 1, kNeedsStartedStop, CommandFreeze},
     {"thaw", "TID|#N", 1, 1, kNeedsStartedStop, CommandThaw},
     {"solo", "TID|#N", 1, 1, kNeedsStartedStop, CommandSolo},
+    {"break", "FILE:LINE|FUNCTION|ADDRESS", 1, kArgumentsRestOfLine, kNeedsProcess, CommandBreak},
+    {"break-data", "ADDRESS SIZE r|w|x", 3, 3, kNeedsStop, CommandBreakData},
+    {"condition", "N [TEXT]", 1, kArgumentsRestOfLine, kNeedsStop, CommandCondition},
+    {"enable", "N", 1, 1, kNeedsProcess, CommandEnable},
+    {"disable", "N", 1, 1, kNeedsProcess, CommandDisable},
+    {"delete", "N", 1, 1, kNeedsProcess, CommandDelete},
+    {"breakpoints", "", 0, 0, kNeedsProcess, CommandBreakpoints},
     {"regs", "[general|avx|avx512]", 0, 1, kNeedsStartedStop, CommandRegs},
-    {"set-reg", "NAME VALUE", 2, 2, kNeedsStartedStop, CommandSetReg},
+    {"set-reg", "NAME VALUE", 2, 2, kNeedsStartedStop, CommandSetReg},  // general registers, ymm0-15
     {"read", "ADDRESS COUNT", 2, 2, kNeedsStop, CommandRead},
     {"modules", "", 0, 0, kNeedsStop, CommandModules},
     {"detach", "", 0, 0, kNeedsProcess, CommandDetach},

@@ -65,10 +65,30 @@ TargetThread *CliStopThread(Cli *cli) {
   return cli->target->current_thread;
 }
 
-const CONTEXT *CliThreadContext(Cli *cli, TargetThread *thread) { return thread ? ThreadContextGet(thread) : nullptr; }
+const CONTEXT *CliThreadContext(Cli *cli, TargetThread *thread) { return EngineThreadContext(cli->target, thread); }
 
 bool CliReadMemory(Cli *cli, u64 address, void *buffer, u32 size) {
-  return TargetReadMemory(cli->target, address, buffer, size) == 0;
+  return EngineReadMemory(cli->target, address, buffer, size) == kEngineOk;
+}
+
+void CliPrintBreakpoint(Cli *cli, const BreakpointLocation *bp) {
+  u32 number = 0;
+  for (u32 i = 0; i < cli->breakpoint_count && !number; i++)
+    if (cli->breakpoints[i] == bp) number = i + 1;
+  if (!number) return;
+  CliPlace place = {"?", "?"};
+  char address[24] = "?";
+  if (bp->pending) {
+    // What was asked for, until a module has it.
+    if (bp->kind == kBreakpointFunction) snprintf(place.function, sizeof place.function, "%s", bp->place);
+    if (bp->kind == kBreakpointLine) snprintf(place.file_line, sizeof place.file_line, "%s:%u", bp->place, bp->line);
+    if (bp->kind == kBreakpointAddress) snprintf(address, sizeof address, "0x%016llx", (unsigned long long)bp->requested_address);
+  } else {
+    PlaceOfLocation(cli, &bp->location, bp->address, &place);
+    snprintf(address, sizeof address, "0x%016llx", (unsigned long long)bp->address);
+  }
+  printf("breakpoint %u | %s | %s | %s | %s\n", number, bp->pending ? "pending" : "bound", place.function,
+         place.file_line, address);
 }
 
 // [SECTION] Errors
@@ -90,6 +110,9 @@ const char *CliResultText(int result) {
     case kEngineOk: return "done";
     case kEngineNoTarget: return "no target, or an argument is missing";
     case kEngineNoProcess: return "no process";
+    case kEngineUnknownBreakpoint: return "no such breakpoint";
+    case kEngineBreakpointExists: return "a breakpoint is already at that address";
+    case kEngineParseError: return "Parse error";
     case kEngineNoLineCode: return "no code at that line";
     case kEngineNotSuspended: return "the target is not suspended";
     case kEngineNoCurrentThread: return "no current thread";
@@ -114,8 +137,8 @@ static PumpResult ReportStop(Cli *cli, const char *reason, u32 thread_id, const 
   return kPumpStopped;
 }
 
-// The thread of a stop whose event names none (exceptions, breakpoint hits): the engine's current
-// thread, the one whose event it holds.
+// The thread of a stop whose event names none (exceptions): the engine's current thread, the one
+// whose event it holds.
 static u32 HeldThreadId(Cli *cli) {
   TargetThread *current = cli->target->current_thread;
   return current ? current->id : 0;
@@ -148,9 +171,16 @@ static int HandleEvent(Cli *cli, const EngineEvent *e) {
       while (length && (text[length - 1] == '\n' || text[length - 1] == '\r')) text[--length] = 0;
       return ReportStop(cli, length ? text : "exception", HeldThreadId(cli), &e->exception.location,
                         e->exception.address);
-    case kEventBreakpointHit:
-      return ReportStop(cli, StopReasonStoppedText(kStopReasonUserBreakpoint, cli->started_by), HeldThreadId(cli),
+    case kEventBreakpointHit: {
+      const BreakpointLocation *bp = (const BreakpointLocation *)e->breakpoint.location_record;
+      u32 code = bp && bp->kind == kBreakpointProcessor ? kStopReasonProcessorBreakpoint : kStopReasonUserBreakpoint;
+      return ReportStop(cli, StopReasonStoppedText(code, cli->started_by), e->breakpoint.thread_id,
                         &e->breakpoint.location, e->breakpoint.address);
+    }
+    case kEventBreakpointBound:
+    case kEventBreakpointLost:
+      CliPrintBreakpoint(cli, (const BreakpointLocation *)e->breakpoint.location_record);
+      break;
     case kEventProcessorBreakpointHit:
       return ReportStop(cli, StopReasonStoppedText(kStopReasonProcessorBreakpoint, cli->started_by),
                         HeldThreadId(cli), &e->processor_breakpoint.location, e->processor_breakpoint.address);

@@ -4,6 +4,7 @@
 // A script's first line is "# ktrn-cli: ARGUMENTS": what follows --script on ktrn-cli's command line.
 // Replaced in the arguments, the script and the expected text before anything runs:
 //   {targets}        the folder of the test programs
+//   {source}         eng_target.cpp, as the test programs' PDBs name it
 //   {line:MARKER}    the line of eng_target.cpp whose comment holds MARKER
 //   {pid:MODE}       (arguments only) the id of an eng_target.exe started in MODE outside the debugger,
 //                    ended after the run
@@ -93,6 +94,10 @@ static std::string Replace(const std::string &text, Substitute substitute) {
 static bool CommonSubstitution(const std::string &key, std::string *value) {
   if (key == "targets") {
     *value = KTRN_TARGETS_DIR;
+    return true;
+  }
+  if (key == "source") {  // eng_target.cpp as its PDB names it
+    *value = KTRN_SOURCE_DIR "/tests/targets/engine/eng_target.cpp";
     return true;
   }
   if (key.compare(0, 5, "line:") == 0) {
