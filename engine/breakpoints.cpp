@@ -304,26 +304,26 @@ static void ReleaseRecord(Target *target, BreakpointLocation *bp) {
   bp->condition_tree = nullptr;
 }
 
-EngineResult EngineAddBreakpoint(Target *target, const BreakpointSpec *spec, BreakpointLocation **out) {
+EngineResult EngineAddBreakpoint(Target *target, const BreakpointWanted *wanted, BreakpointLocation **out) {
   if (out) *out = nullptr;
-  if (!target || !spec || !out || !target->breakpoint_pool || !target->wait_objects[kWaitEngineWaiting])
+  if (!target || !wanted || !out || !target->breakpoint_pool || !target->wait_objects[kWaitEngineWaiting])
     return kEngineNoTarget;
   if (target->exited || target->detached) return kEngineNoProcess;
-  bool named = spec->kind == kBreakpointFunction || spec->kind == kBreakpointLine;
-  if (!named && spec->kind != kBreakpointAddress) return kEngineNoTarget;
-  if (named && (!spec->place || !spec->place[0])) return kEngineNoTarget;
-  u64 place_length = named ? strnlen(spec->place, kBreakpointPlaceCapacity) : 0;
+  bool named = wanted->kind == kBreakpointFunction || wanted->kind == kBreakpointLine;
+  if (!named && wanted->kind != kBreakpointAddress) return kEngineNoTarget;
+  if (named && (!wanted->place || !wanted->place[0])) return kEngineNoTarget;
+  u64 place_length = named ? strnlen(wanted->place, kBreakpointPlaceCapacity) : 0;
   if (place_length >= kBreakpointPlaceCapacity) return kEngineTextTooLong;
-  if (spec->condition && strnlen(spec->condition, kConditionCapacity) >= kConditionCapacity) return kEngineTextTooLong;
+  if (wanted->condition && strnlen(wanted->condition, kConditionCapacity) >= kConditionCapacity) return kEngineTextTooLong;
   BreakpointLocation *bp = EngineTakeBreakpoint(target);
   if (!bp) return kEngineSystemCallFailed;
-  bp->kind = spec->kind;
-  if (named) memcpy(bp->place, spec->place, place_length + 1);
-  bp->line = spec->line;
-  bp->argument_list = spec->argument_list;
-  bp->requested_address = spec->address;
-  bp->temporary = spec->temporary;
-  EngineResult condition = SetCondition(target, bp, spec->condition);
+  bp->kind = wanted->kind;
+  if (named) memcpy(bp->place, wanted->place, place_length + 1);
+  bp->line = wanted->line;
+  bp->argument_list = wanted->argument_list;
+  bp->requested_address = wanted->address;
+  bp->temporary = wanted->temporary;
+  EngineResult condition = SetCondition(target, bp, wanted->condition);
 
   EngineResult state = EngineLockStopped(target);
   if (state == kEngineOk) {

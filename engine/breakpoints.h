@@ -60,7 +60,7 @@ typedef struct BreakpointLocation {
 } BreakpointLocation;
 
 // What a breakpoint is asked for with.
-typedef struct BreakpointSpec {
+typedef struct BreakpointWanted {
   u32 kind;             // BreakpointKind (processor breakpoints: EngineAddDataBreakpoint)
   const char *place;    // function name, or file path
   u32 line;             // line breakpoints
@@ -68,4 +68,4 @@ typedef struct BreakpointSpec {
   u64 address;          // address breakpoints
   const char *condition;  // null or "" for none
   u8 temporary;
-} BreakpointSpec;
+} BreakpointWanted;

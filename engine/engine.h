@@ -61,7 +61,7 @@ EngineResult EngineQueueRequest(Target *target, const EngineRequest *request);
 // else pending until one loads. 20 when a breakpoint sits at that address already (out names it),
 // 37 for an address no module section holds, 24 for a condition that does not parse (the
 // breakpoint is made, its condition kept as text with the parse error), 33 for a text too long.
-EngineResult EngineAddBreakpoint(Target *target, const BreakpointSpec *spec, BreakpointLocation **out);
+EngineResult EngineAddBreakpoint(Target *target, const BreakpointWanted *wanted, BreakpointLocation **out);
 // 18 for a record that is not a live breakpoint.
 EngineResult EngineRemoveBreakpoint(Target *target, BreakpointLocation *bp);
 EngineResult EngineEnableBreakpoint(Target *target, BreakpointLocation *bp, u8 enabled);

@@ -13,14 +13,14 @@
 
 static BreakpointLocation *Add(Target *t, u32 kind, const char *place, u32 line, u64 address = 0,
                                const char *condition = nullptr) {
-  BreakpointSpec spec = {};
-  spec.kind = kind;
-  spec.place = place;
-  spec.line = line;
-  spec.address = address;
-  spec.condition = condition;
+  BreakpointWanted wanted = {};
+  wanted.kind = kind;
+  wanted.place = place;
+  wanted.line = line;
+  wanted.address = address;
+  wanted.condition = condition;
   BreakpointLocation *bp = nullptr;
-  EXPECT_EQ(EngineAddBreakpoint(t, &spec, &bp), 0) << (place ? place : "address");
+  EXPECT_EQ(EngineAddBreakpoint(t, &wanted, &bp), 0) << (place ? place : "address");
   return bp;
 }
 
@@ -82,12 +82,12 @@ TEST(EngineBreakpoints, ThreeKindsInTheExecutable) {
   EXPECT_EQ((int)line->location.line, total_line);
   EXPECT_EQ((int)address->location.line, work_line);
   // Two breakpoints never share an int3; an address outside every module makes nothing.
-  BreakpointSpec spec = {kBreakpointLine, kTargetSource, (u32)total_line};
+  BreakpointWanted wanted = {kBreakpointLine, kTargetSource, (u32)total_line};
   BreakpointLocation *existing = nullptr;
-  EXPECT_EQ(EngineAddBreakpoint(t, &spec, &existing), 20);
+  EXPECT_EQ(EngineAddBreakpoint(t, &wanted, &existing), 20);
   EXPECT_EQ(existing, line);
-  spec = {kBreakpointAddress, nullptr, 0, 0, 0x10000};
-  EXPECT_EQ(EngineAddBreakpoint(t, &spec, &existing), 37);
+  wanted = {kBreakpointAddress, nullptr, 0, 0, 0x10000};
+  EXPECT_EQ(EngineAddBreakpoint(t, &wanted, &existing), 37);
 
   std::vector<const BreakpointLocation *> hits;
   int own = 0;

@@ -143,9 +143,9 @@ TEST(EngineHeap, NoHeapAllocationOnTheEventPath) {
     Target *t = Launch(args, false);
     ASSERT_NE(t, nullptr);
     if (run.breakpoint) {
-      BreakpointSpec spec = {kBreakpointFunction, run.breakpoint};
+      BreakpointWanted wanted = {kBreakpointFunction, run.breakpoint};
       BreakpointLocation *bp = nullptr;
-      EXPECT_EQ(EngineAddBreakpoint(t, &spec, &bp), 0);
+      EXPECT_EQ(EngineAddBreakpoint(t, &wanted, &bp), 0);
     }
     g_heap_calls = 0;
     g_counting = 1;  // this thread, which pops events and answers stops, is not counted

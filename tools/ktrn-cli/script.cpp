@@ -248,13 +248,13 @@ static bool Remember(Cli *cli, BreakpointLocation *bp) {
 // by digits only is a file and line (a path may hold ':' of its own); anything else names a function.
 static bool CommandBreak(Cli *cli, const ScriptArguments *args) {
   const char *place = args->rest[0];
-  BreakpointSpec spec = {};
+  BreakpointWanted wanted = {};
   char file[kBreakpointPlaceCapacity];
   u64 number = 0;
   const char *colon = strrchr(place, ':');
   if (ParseNumber(place, &number)) {
-    spec.kind = kBreakpointAddress;
-    spec.address = number;
+    wanted.kind = kBreakpointAddress;
+    wanted.address = number;
   } else if (colon && colon != place && ParseNumber(colon + 1, &number) && number > 0 && number <= 0xFFFFFFFFull) {
     if ((size_t)(colon - place) >= sizeof file) {
       CliError(cli, "%s", CliResultText(kEngineTextTooLong));
@@ -262,15 +262,15 @@ static bool CommandBreak(Cli *cli, const ScriptArguments *args) {
     }
     memcpy(file, place, colon - place);
     file[colon - place] = 0;
-    spec.kind = kBreakpointLine;
-    spec.place = file;
-    spec.line = (u32)number;
+    wanted.kind = kBreakpointLine;
+    wanted.place = file;
+    wanted.line = (u32)number;
   } else {
-    spec.kind = kBreakpointFunction;
-    spec.place = place;
+    wanted.kind = kBreakpointFunction;
+    wanted.place = place;
   }
   BreakpointLocation *bp = nullptr;
-  EngineResult result = EngineAddBreakpoint(cli->target, &spec, &bp);
+  EngineResult result = EngineAddBreakpoint(cli->target, &wanted, &bp);
   if (result == kEngineBreakpointExists) {
     CliError(cli, "%s", CliResultText(result));
     CliPrintBreakpoint(cli, bp);
