@@ -17,8 +17,8 @@
 //    and many N (threads started and ended), microseconds per event, raw loop and engine.
 // 3. Breakpoint hits (bench_hits N: one function called N times with a breakpoint on it), hits per
 //    second, for a minimal raw loop that does the system work of a hit that goes on: move the
-//    instruction pointer back, put the byte back, single-step, write 0xCC again. The engine's side
-//    of this row comes with its breakpoints.
+//    instruction pointer back, put the byte back, single-step, write 0xCC again; and the engine with
+//    a function breakpoint on it, every hit a stop answered with run.
 // 4. The price of the system calls a stop makes, on a debuggee held at its first event.
 // The load average is printed before and after: under Wine every figure depends on it.
 //
@@ -398,6 +398,60 @@ static double EngineRunOnce(const char *mode, int count, Counted counted) {
   return span.PerEvent();
 }
 
+// The engine with a function breakpoint on BenchHit (added while the launch is held, bound through
+// the program's PDB), every hit a stop answered with run as the user interface answers it: the
+// engine rewinds, restores the byte, single-steps and re-arms. Seconds per hit; the exit code must
+// say every call counted and every hit must have stopped.
+static double EngineHitsRun(int count) {
+  static HANDLE wake = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+  std::string path = TargetProgram("bench_hits.exe");
+  std::string arguments = std::to_string(count);
+  LaunchDescription launch = {};
+  launch.executable = path.c_str();
+  launch.arguments = arguments.c_str();
+  Target *target = nullptr;
+  u32 pid = 0;
+  if (EngineStartLaunch(&launch, Wake, wake, &target, &pid) != 0) return -1;
+  BreakpointWanted wanted = {};
+  wanted.kind = kBreakpointFunction;
+  wanted.place = "BenchHit";
+  BreakpointLocation *bp = nullptr;
+  if (EngineAddBreakpoint(target, &wanted, &bp) != kEngineOk || EngineRun(target) != 0) {
+    (void)EngineTerminate(target, 1);
+    EngineRelease(target);
+    return -1;
+  }
+  Span span;
+  u32 exit_code = 1;
+  for (bool done = false; !done;) {
+    WaitForSingleObject(wake, INFINITE);
+    EngineEvent e;
+    bool answered_stop = false;
+    for (;;) {
+      (void)EnginePopEvent(target, &e);
+      if (e.kind == kEventNone) break;
+      if (e.kind == kEventBreakpointHit && e.breakpoint.location_record == bp) span.Count();
+      if (e.kind == kEventStopped || e.kind == kEventBreakpointHit) {
+        answered_stop = true;
+        if (EngineRun(target) != 0) {
+          (void)EngineWaitStopped(target, INFINITE);
+          (void)EngineRun(target);
+        }
+      }
+      if (e.kind == kEventModuleUnloaded) TargetModuleRelease(target, e.module.module);
+      if (e.kind == kEventProcessExited) exit_code = e.process.exit_code;
+      if (e.kind == kEventProcessExited || e.kind == kEventDetached) done = true;
+    }
+    if (!answered_stop && !done) Sleep(16);
+  }
+  EngineRelease(target);
+  if (exit_code != 0 || span.seen != count) {
+    fprintf(stderr, "engine breakpoint run: %d hits of %d, exit code %u\n", span.seen, count, exit_code);
+    return -1;
+  }
+  return span.PerEvent();
+}
+
 // [SECTION] System calls
 
 // The price of the system calls a stop makes, under the same conditions: a debuggee held at its
@@ -530,16 +584,28 @@ int main(int argc, char **argv) {
     printf(" | %.2f |\n", mr > 0 && me > 0 ? me / mr : 0);
   }
 
-  // 3. Breakpoint hits.
-  std::vector<double> hits;
-  for (int r = 0; r < rounds; r++) hits.push_back(RawHitsRun(hit_count));
-  double hit = Median(hits);
-  printf("\n| breakpoint hits (%d calls of one function) | hits per second | us per hit |\n|---|---|---|\n",
+  // 3. Breakpoint hits, alternating the raw loop and the engine as the stop table does.
+  std::vector<double> hits, engine_hits;
+  for (int r = 0; r < rounds; r++) {
+    if (r % 2 == 0) {
+      hits.push_back(RawHitsRun(hit_count));
+      engine_hits.push_back(EngineHitsRun(hit_count));
+    } else {
+      engine_hits.push_back(EngineHitsRun(hit_count));
+      hits.push_back(RawHitsRun(hit_count));
+    }
+  }
+  double hit = Median(hits), engine_hit = Median(engine_hits);
+  printf("\n| breakpoint hits (%d calls of one function) | hits per second | us per hit | / raw loop |\n"
+         "|---|---|---|---|\n",
          hit_count);
   printf("| minimal raw loop: rewind rip, restore the byte, single-step, write 0xCC again | %.0f | ",
          hit > 0 ? 1 / hit : 0);
   PrintMicroseconds(hit);
-  printf(" |\n| the engine, stopping at each hit and answered with run | - | - (needs the engine's breakpoints) |\n");
+  printf(" | 1.00 |\n| the engine: a function breakpoint, stopping at each hit, answered with run | %.0f | ",
+         engine_hit > 0 ? 1 / engine_hit : 0);
+  PrintMicroseconds(engine_hit);
+  printf(" | %.2f |\n", hit > 0 && engine_hit > 0 ? engine_hit / hit : 0);
 
   // 4. System calls.
   SystemCallCosts();
