@@ -55,6 +55,9 @@ int EngineToggleFreeze(Target *target, TargetThread *thread);
 int EngineToggleSolo(Target *target, TargetThread *thread);
 int EngineSelectFrame(Target *target, s32 frame_index);
 int EngineSetStackOverflowCollapsing(Target *target, u8 on);
+// The PDB the next module load reads, whatever its GUID (the user picked it); that load clears it.
+// 33 for a path too long to keep.
+int EngineSetPdbOverride(Target *target, const char *path);
 int EngineSetInstructionPointer(Target *target, u64 address);
 // Moves the current thread to the first of lines line..line+9 of the source file that has code.
 int EngineSetNextStatement(Target *target, const char *path, u32 line);

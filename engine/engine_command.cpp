@@ -218,6 +218,11 @@ int EngineSetStackOverflowCollapsing(Target *target, u8 on) {
   return 0;
 }
 
+int EngineSetPdbOverride(Target *target, const char *path) {
+  if (!target || !path) return 1;
+  return PdbPathOverrideSet(&target->pdb_pick, path) ? 0 : 33;
+}
+
 int EngineSetInstructionPointer(Target *target, u64 address) {
   if (!target) return 1;
   if (EngineStoppedState(target) != 0) return 26;

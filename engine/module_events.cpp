@@ -65,7 +65,7 @@ int EngineLoadModule(Target *target, HANDLE file, u64 base, TargetModule **out_m
   source.read_mapped = ReadImageMapped;
   char path[kModulePathCapacity];
   ImagePathOfHandle(file, path, sizeof path);
-  int result = LoadModuleSymbols(&module->symbols, &source, path, base, nullptr);
+  int result = LoadModuleSymbolsWithPick(&module->symbols, &source, path, base, &target->pdb_pick);
   if (result != 0) {
     TargetModuleRelease(target, module);
     return result;

@@ -2,6 +2,7 @@
 
 #include <string.h>
 
+#include "base/hash.h"
 #include "symbols/pdb_alloc.h"
 #include "symbols/pdb_error.h"
 #include "symbols/pdb_raw.h"
@@ -15,19 +16,22 @@ enum : u32 {
   kLineNumberMask = 0xFFFFFF,
 };
 
-static const u32 kFnvBasis = 0x811C9DC5u;
-static const u32 kFnvPrime = 16777619u;
+// How a source path is spelled does not matter beyond case and the direction of its slashes.
+static char NormalisedPathChar(char c) {
+  if (c >= 'A' && c <= 'Z') return (char)(c - 'A' + 'a');
+  return c == '/' ? '\\' : c;
+}
 
 u32 PdbSourceFileHash(const char *path, u64 length) {
-  u32 hash = kFnvBasis;
-  for (u64 i = 0; i < length; i++) {
-    char c = path[i];
-    if (c >= 'A' && c <= 'Z') c = (char)(c - 'A' + 'a');
-    if (c == '/') c = '\\';
-    hash ^= (u32)(s32)(s8)c;
-    hash *= kFnvPrime;
-  }
+  u32 hash = kHashNameBasis;
+  for (u64 i = 0; i < length; i++) hash = HashNameStep(hash, NormalisedPathChar(path[i]));
   return hash;
+}
+
+static bool SamePath(const char *a, const char *b) {
+  for (; *a && *b; a++, b++)
+    if (NormalisedPathChar(*a) != NormalisedPathChar(*b)) return false;
+  return *a == *b;
 }
 
 static u32 SourceFileSlot(u32 hash, u32 capacity) {
@@ -36,29 +40,32 @@ static u32 SourceFileSlot(u32 hash, u32 capacity) {
   return (u32)(x % capacity);
 }
 
+// The slot that holds the path, or else the empty slot where it would go; capacity when the
+// table is full and does not hold it.
+static u32 SourceFileSlotOf(const PdbSourceFileTable *files, const char *path, u32 hash) {
+  u32 slot = SourceFileSlot(hash, files->capacity);
+  for (u32 probes = 0; probes < files->capacity; probes++, slot = (slot + 1) % files->capacity) {
+    if (files->name_hashes[slot] == 0) return slot;
+    if (files->name_hashes[slot] == hash && SamePath(PdbStringAt(&files->names, (u32)files->name_offsets[slot]), path))
+      return slot;
+  }
+  return files->capacity;
+}
+
 static void InsertSourceFile(PdbSourceFileTable *files, const char *name, u32 name_offset) {
   if (!files->capacity || files->used >= files->capacity) return;
   u32 hash = PdbSourceFileHash(name, strlen(name));
-  for (u32 slot = SourceFileSlot(hash, files->capacity);; slot = (slot + 1) % files->capacity) {
-    if (files->name_hashes[slot] == hash) return;  // the same path, perhaps spelled otherwise
-    if (files->name_hashes[slot] == 0) {
-      files->name_hashes[slot] = hash;
-      files->name_offsets[slot] = name_offset;
-      files->used++;
-      return;
-    }
-  }
+  u32 slot = SourceFileSlotOf(files, name, hash);
+  if (slot == files->capacity || files->name_hashes[slot]) return;  // the same path, perhaps spelled otherwise
+  files->name_hashes[slot] = hash;
+  files->name_offsets[slot] = name_offset;
+  files->used++;
 }
 
 u32 PdbFindSourceFile(const PdbSourceFileTable *files, const char *path) {
   if (!files->capacity) return 0;
-  u32 hash = PdbSourceFileHash(path, strlen(path));
-  u32 slot = SourceFileSlot(hash, files->capacity);
-  for (u32 probes = 0; probes < files->capacity; probes++, slot = (slot + 1) % files->capacity) {
-    if (files->name_hashes[slot] == hash) return (u32)files->name_offsets[slot];
-    if (files->name_hashes[slot] == 0) return 0;
-  }
-  return 0;
+  u32 slot = SourceFileSlotOf(files, path, PdbSourceFileHash(path, strlen(path)));
+  return slot < files->capacity && files->name_hashes[slot] ? (u32)files->name_offsets[slot] : 0;
 }
 
 u32 PdbLineFileOffset(const PdbLineEntry *entry) { return entry->file ? ReadU32(entry->file) : 0; }

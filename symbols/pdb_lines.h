@@ -39,7 +39,7 @@ int PdbLoadLines(SymbolArena *arena, const PdbScopes *scopes, const PdbStringTab
 u32 PdbSourceFileHash(const char *path, u64 length);
 
 // The file key (name offset in the "/names" buffer) of a user's path, or 0 when this PDB has no
-// such file. Only hashes are compared.
+// such file. Paths of equal hashes are compared by their texts (up to case and slash direction).
 u32 PdbFindSourceFile(const PdbSourceFileTable *files, const char *path);
 
 // Name offset of the entry's file, 0 when it has none.

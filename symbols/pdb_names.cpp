@@ -41,6 +41,8 @@ int PdbLoadStringTable(SymbolArena *arena, const MsfFile *msf, s32 stream_index,
   memset(files->name_hashes, 0, (u64)bucket_count * 8);
   files->used = 0;
   files->capacity = bucket_count;
+  files->names.buffer = buffer;
+  files->names.buffer_bytes = buffer_bytes;
   strings->buffer = buffer;
   strings->buffer_bytes = buffer_bytes;
   return kPdbOk;

@@ -102,10 +102,15 @@ u64 BuiltinTypeSize(u32 type_index) {
   return 0;  // void, notype and the unknown kinds
 }
 
+// The evaluator's classes: 8-bit bool, wchar_t, char16_t and char32_t compute as signed on
+// purpose; the 128-bit kinds follow their names.
 bool BuiltinTypeIsSigned(u32 type_index) {
   switch (type_index) {
-    case 0x10: case 0x11: case 0x12: case 0x13: case 0x14: case 0x68: case 0x70: case 0x72: case 0x74:
-    case 0x76: case 0x78: return true;
+    case 0x10: case 0x30: case 0x68: case 0x70:  // 8-bit
+    case 0x11: case 0x71: case 0x72: case 0x7A:  // 16-bit
+    case 0x12: case 0x74: case 0x7B:             // 32-bit
+    case 0x13: case 0x76:                        // 64-bit
+    case 0x14: case 0x78: return true;           // 128-bit
   }
   return false;
 }

@@ -26,7 +26,8 @@ u32 PdbTypeDefinition(const PdbTypes *types, u32 type_index);
 // are not types and unknown indices.
 u64 PdbTypeSize(const PdbTypes *types, u32 type_index);
 u64 BuiltinTypeSize(u32 type_index);
-// The signed integer kinds (and char, taken as signed); false for pointers and everything else.
+// The kinds the evaluator computes as signed: the signed integers, char, 8-bit bool, wchar_t,
+// char16_t and char32_t; false for the unsigned kinds, pointers and everything else.
 bool BuiltinTypeIsSigned(u32 type_index);
 
 // True for a pointer (a built-in pointer mode or LF_POINTER, modifiers looked through); the
