@@ -14,13 +14,21 @@ typedef struct TypeLoad {
   const MsfFile *msf;
   const PdbStringTable *strings;
   PdbTypes types;
+  PdbTypes ids;
   int result;
 } TypeLoad;
 
+// The ids are optional: a PDB whose IPI stream cannot be read loads without them.
+static int LoadTypesAndIds(SymbolArena *arena, const MsfFile *msf, const PdbStringTable *strings, PdbTypes *types,
+                           PdbTypes *ids) {
+  int error = PdbLoadTypes(arena, msf, strings, types);
+  if (!error && PdbLoadIds(arena, msf, ids) != kPdbOk) memset(ids, 0, sizeof(*ids));
+  return error;
+}
+
 static void LoadTypesOnWorker(void *context) {
   TypeLoad *load = (TypeLoad *)context;
-  load->result = PdbLoadTypes(&load->arena, load->msf, load->strings, &load->types);
-  ScratchReleaseThread();
+  load->result = LoadTypesAndIds(&load->arena, load->msf, load->strings, &load->types, &load->ids);
 }
 
 int PdbOpen(SymbolArena *arena, const CodeViewIdentity *expected, const char *path, bool ignore_signature,
@@ -60,8 +68,9 @@ int PdbOpen(SymbolArena *arena, const CodeViewIdentity *expected, const char *pa
     SymbolArenaAppend(arena, &type_load.arena);  // the types belong to the PDB's arena, failed or not
     if (!error) error = type_load.result;
     out->types = type_load.types;
+    out->ids = type_load.ids;
   } else if (!error) {
-    error = PdbLoadTypes(arena, msf, &out->strings, &out->types);
+    error = LoadTypesAndIds(arena, msf, &out->strings, &out->types, &out->ids);
   }
   MsfClose(msf);
   if (error) return error;

@@ -22,6 +22,7 @@ typedef struct PdbFile {
   PdbScopes scopes;
   PdbLines lines;
   PdbTypes types;
+  PdbTypes ids;  // the IPI stream: inlined functions' ids; empty when the PDB has none
 } PdbFile;
 
 // The counts that the module list and the status line show.

@@ -144,4 +144,75 @@ enum {
   kBlockSymSection = 20, kBlockSymName = 22,
   // S_REGREL32
   kRegRelSymOffset = 4, kRegRelSymType = 8, kRegRelSymRegister = 12, kRegRelSymName = 14,
+  // S_BPREL32
+  kBpRelSymOffset = 4, kBpRelSymType = 8, kBpRelSymName = 12,
+  // S_REGISTER
+  kRegisterSymType = 4, kRegisterSymRegister = 8, kRegisterSymName = 10,
+  // S_LOCAL; S_FILESTATIC (a file's static variable as a function sees it, which def ranges place
+  // as they place a local) has the offset of its module's name in "/names" before its flags
+  kLocalSymType = 4, kLocalSymFlags = 8, kLocalSymName = 10,
+  kFileStaticSymType = 4, kFileStaticSymFlags = 12, kFileStaticSymName = 14,
+  // S_FRAMEPROC
+  kFrameProcSymFrameBytes = 4, kFrameProcSymFlags = 26, kFrameProcSymBytes = 30,
+  // Def ranges. The address range is 8 bytes (offset, section, length); gaps of 4 bytes (start
+  // relative to the range, length) fill the rest of the record.
+  kDefRangeRangeOffset = 0, kDefRangeRangeSection = 4, kDefRangeRangeLength = 6, kDefRangeRangeBytes = 8,
+  kDefRangeGapStart = 0, kDefRangeGapLength = 2, kDefRangeGapBytes = 4,
+  // S_DEFRANGE_REGISTER
+  kDefRangeRegisterSymRegister = 4, kDefRangeRegisterSymRange = 8,
+  // S_DEFRANGE_FRAMEPOINTER_REL, S_DEFRANGE_FRAMEPOINTER_REL_FULL_SCOPE (which has no range)
+  kDefRangeFrameSymOffset = 4, kDefRangeFrameSymRange = 8,
+  // S_DEFRANGE_SUBFIELD_REGISTER
+  kDefRangeSubfieldSymRegister = 4, kDefRangeSubfieldSymParentOffset = 8, kDefRangeSubfieldSymRange = 12,
+  // S_DEFRANGE_REGISTER_REL
+  kDefRangeRegRelSymRegister = 4, kDefRangeRegRelSymFlags = 6, kDefRangeRegRelSymOffset = 8,
+  kDefRangeRegRelSymRange = 12,
+  // S_INLINESITE; S_INLINESITE2 has a 32-bit invocation count before its annotations
+  kInlineSiteSymParent = 4, kInlineSiteSymEnd = 8, kInlineSiteSymInlinee = 12, kInlineSiteSymAnnotations = 16,
+  kInlineSite2SymAnnotations = 20,
+};
+
+enum : u32 {
+  kLocalFlagParameter = 0x1,       // S_LOCAL flags
+  kLocalFlagOptimizedOut = 0x100,
+  kSubfieldParentOffsetMask = 0xFFF,     // S_DEFRANGE_SUBFIELD_REGISTER's parent offset field
+  kRegRelFlagSubfield = 0x1,             // S_DEFRANGE_REGISTER_REL flags: a part of the value,
+  kRegRelParentOffsetShift = 4,          //   at this offset in it
+  // S_FRAMEPROC flags: the registers that locals and parameters are relative to (0 none, 1 the
+  // stack pointer, 2 the frame pointer, 3 the base pointer: RSP, RBP, R13 on x64).
+  kFrameProcLocalBaseShift = 14, kFrameProcParamBaseShift = 16, kFrameProcBaseMask = 3,
+};
+
+// [SECTION] C13 debug subsections (the module stream after its symbols): 32-bit kind and byte
+// length, then the payload, padded to 4 bytes.
+enum : u32 {
+  kC13SubsectionHeaderBytes = 8,
+  kC13Lines = 0xF2,
+  kC13FileChecksums = 0xF4,
+  kC13InlineeLines = 0xF6,
+  // Lines: start offset (32), section (16), flags (16), code size (32), then blocks of file id,
+  // line count, block size (32 each), the lines (offset, line and flags; 32 each) and, when the
+  // flags say so, a column pair (16 each) per line.
+  kC13LinesHeaderBytes = 12,
+  kC13LinesFlagsOffset = 6,
+  kC13LinesHaveColumns = 1,
+  kC13LineBlockHeaderBytes = 12,
+  kC13LineBytes = 8,
+  kC13ColumnBytes = 4,
+  kC13LineNumberMask = 0xFFFFFF,
+  // File checksums: name offset (32), checksum size (8), checksum kind (8), the checksum bytes.
+  kC13ChecksumHeaderBytes = 6,
+  // Inlinee lines: a 32-bit signature, then per inlinee its id, file id and first line (32 each),
+  // followed (with the extra-files signature) by a count and that many more file ids.
+  kC13InlineeSignature = 0,
+  kC13InlineeSignatureExtraFiles = 1,
+  kC13InlineeEntryBytes = 12,
+};
+
+// [SECTION] The IPI stream (stream 4): the same layout as the type stream, holding ids.
+enum : u32 {
+  kPdbIdStream = 4,
+  // LF_FUNC_ID: scope (an LF_STRING_ID, or 0), function type, name; LF_MFUNC_ID: class type,
+  // function type, name; LF_STRING_ID: substring list, text.
+  kFuncIdScope = 4, kFuncIdName = 12, kMemberFuncIdClass = 4, kMemberFuncIdName = 12, kStringIdText = 8,
 };

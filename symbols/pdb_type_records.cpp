@@ -116,7 +116,8 @@ bool PdbDecodeTypeBytes(const u8 *r, u32 count, TypeRecord *out) {
       return true;
     case kLF_MFUNCTION:
       if (payload < 24) return false;
-      out->type = ReadU32(r + 4), out->derived = ReadU32(r + 8), out->member_count = ReadU16(r + 18);
+      out->type = ReadU32(r + 4), out->derived = ReadU32(r + 8), out->this_type = ReadU32(r + 12);
+      out->member_count = ReadU16(r + 18);
       out->index_type = ReadU32(r + 20);
       return true;
     case kLF_ARGLIST:

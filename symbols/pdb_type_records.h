@@ -82,6 +82,7 @@ typedef struct TypeRecord {
                      // pointer to member: containing class
   u32 field_list;
   u32 derived;       // member function: its class
+  u32 this_type;     // member function: the type of `this` (0 for a static method)
   u32 vshape;
   u64 size;          // class, union, array: the size leaf
   u8 bit_length, bit_position;

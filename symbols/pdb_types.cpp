@@ -153,9 +153,20 @@ static void EndIndex(const TypeIndexer *indexer, PdbTypes *out) {
 }
 
 int PdbLoadTypes(SymbolArena *arena, const MsfFile *msf, const PdbStringTable *strings, PdbTypes *out) {
+  return PdbLoadTypeStream(arena, msf, kPdbTypeStream, strings, out);
+}
+
+int PdbLoadIds(SymbolArena *arena, const MsfFile *msf, PdbTypes *out) {
   memset(out, 0, sizeof(*out));
-  const MsfStream *stream = MsfStreamAt(msf, kPdbTypeStream);
-  u32 size = MsfStreamSize(msf, kPdbTypeStream);
+  if (MsfStreamSize(msf, kPdbIdStream) == 0) return kPdbOk;  // older writers have none
+  return PdbLoadTypeStream(arena, msf, kPdbIdStream, nullptr, out);
+}
+
+int PdbLoadTypeStream(SymbolArena *arena, const MsfFile *msf, u32 stream_index, const PdbStringTable *strings,
+                      PdbTypes *out) {
+  memset(out, 0, sizeof(*out));
+  const MsfStream *stream = MsfStreamAt(msf, stream_index);
+  u32 size = MsfStreamSize(msf, stream_index);
   if (!stream || size < kTypeStreamHeaderBytes) return kPdbBadFormat;
   u8 header[kTypeStreamHeaderBytes];
   int error = MsfReadStream(msf, stream, header, sizeof(header), 0);
@@ -177,7 +188,7 @@ int PdbLoadTypes(SymbolArena *arena, const MsfFile *msf, const PdbStringTable *s
   }
   memset(records + record_bytes, 0, 8);
   EndIndex(&indexer, out);
-  LoadHashIndex(arena, msf, header, strings, out);
+  if (strings) LoadHashIndex(arena, msf, header, strings, out);
   return kPdbOk;
 }
 

@@ -25,6 +25,11 @@ typedef struct PdbTypes {
 // 0, kPdbBadFormat for a type stream shorter than its header, or kPdbUnreadable. A missing or
 // inconsistent hash index is not a failure: the name index then stays empty.
 int PdbLoadTypes(SymbolArena *arena, const MsfFile *msf, const PdbStringTable *strings, PdbTypes *out);
+// The IPI stream (function ids, string ids) by index only; a PDB without one loads with none.
+int PdbLoadIds(SymbolArena *arena, const MsfFile *msf, PdbTypes *out);
+// Either stream: its records by index, and the name index when strings is not null.
+int PdbLoadTypeStream(SymbolArena *arena, const MsfFile *msf, u32 stream_index, const PdbStringTable *strings,
+                      PdbTypes *out);
 
 // The steps of loading, for callers that hold the bytes themselves (tests, fuzzers):
 // record offsets by index over record_bytes (followed in memory by 8 zero bytes) ...

@@ -11,39 +11,14 @@
 
 enum { kExitLoadFailed = 3, kExitUsage = 2 };
 
-static const char *PeResultText(int result) {
-  switch (result) {
-    case kPeUnreadable: return "the image cannot be read";
-    case kPe32Bit: return "32-bit images are not supported";
-    case kPeNotImage: return "not a PE32+ image";
-  }
-  return "unknown error";
-}
-
 static void FormatGuid(const u8 *guid, char out[39]) {
   snprintf(out, 39, "{%08X-%04X-%04X-%02X%02X-%02X%02X%02X%02X%02X%02X}", ReadU32(guid), ReadU16(guid + 4),
            ReadU16(guid + 6), guid[8], guid[9], guid[10], guid[11], guid[12], guid[13], guid[14], guid[15]);
 }
 
-// Loads an image from a file as the debugger would at load base 0, so that addresses are RVAs.
-static int LoadImage(const char *path, ModuleSymbols *module) {
-  OsFile file;
-  if (OsFileOpenRead(path, &file) != kOsOk) {
-    fprintf(stderr, "ktrn-pdb: %s: %s\n", path, PeResultText(kPeUnreadable));
-    return kPeUnreadable;
-  }
-  char absolute[kModulePathCapacity];
-  if (OsPathMakeAbsolute(path, absolute, sizeof(absolute)) != kOsOk) snprintf(absolute, sizeof(absolute), "%s", path);
-  ImageSource source = ImageSourceFromFile(&file);
-  int result = LoadModuleSymbols(module, &source, absolute, 0, nullptr);
-  OsFileClose(&file);
-  if (result != kPeOk) fprintf(stderr, "ktrn-pdb: %s: %s (result %d)\n", path, PeResultText(result), result);
-  return result;
-}
-
 int CommandPe(int argc, char **argv) {
   static ModuleSymbols module;
-  if (LoadImage(argv[0], &module) != kPeOk) return kExitLoadFailed;
+  if (LoadImageModule(argv[0], &module) != kPeOk) return kExitLoadFailed;
   const PeImage *image = &module.image;
   printf("base 0x%016llX\n", (unsigned long long)image->preferred_base);
   printf("machine 0x%04X\n", image->machine);
@@ -101,7 +76,7 @@ int CommandAddr(int argc, char **argv) {
     }
   }
   static ModuleSymbols module;
-  if (LoadImage(argv[0], &module) != kPeOk) return kExitLoadFailed;
+  if (LoadImageModule(argv[0], &module) != kPeOk) return kExitLoadFailed;
   printf("%s\n", SymbolStatusText(module.status));
   if (argc > 1) {
     for (int i = 1; i < argc; i++) {
