@@ -206,8 +206,10 @@ int CommandInline(int argc, char **argv) {
       } else if (const PdbLineEntry *entry = PdbLineAtAddress(&pdb->lines, section, offset)) {
         line = entry->line, file = entry->file;
       }
-      printf("%04X:%08X #%u %s %s:%u\n", section, offset, frame, name,
-             file ? PdbStringAt(&pdb->strings, ReadU32(file)) : "?", line);
+      u32 module = 0, record = 0;
+      FrameRecord(pdb, procedure, &chain, frame, &module, &record);
+      printf("%04X:%08X #%u %s %s:%u (module %u record %u)\n", section, offset, frame, name,
+             file ? PdbStringAt(&pdb->strings, ReadU32(file)) : "?", line, module, record);
     }
   }
   fflush(stdout);

@@ -1,11 +1,13 @@
 // The image subcommands: pe (an image's headers and CodeView record) and addr (address lookups
-// through an image and the PDB its record leads to, found the way the debugger finds it).
+// through an image and the PDB its record leads to, found the way the debugger finds it; in
+// inlined code the innermost inlined function and its line, then the procedure and its line).
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
 #include "ktrn_pdb.h"
 #include "symbols/module_symbols.h"
+#include "symbols/pdb_inline.h"
 #include "symbols/pdb_raw.h"
 #include "symbols/scope_lookup.h"
 
@@ -57,10 +59,24 @@ static void PrintAddress(const ModuleSymbols *module, u32 rva) {
   ScopeAtAddress scope;
   FindScopeAtAddress(module, &context, rva, kScopeProcedureOnly, &scope);
   printf("0x%08X ", rva);
-  if (scope.procedure)
-    printf("%s+0x%X ", context.procedure_name, scope.offset - ReadU32(scope.procedure->record + kProcSymOffset));
-  else
+  if (scope.procedure) {
+    // Inlined code: the inlined function and its line come first, then the procedure's.
+    const PdbFile *pdb = &module->pdb;
+    u32 start = ReadU32(scope.procedure->record + kProcSymOffset);
+    ScopeChain chain;
+    PdbScopeChainAt(pdb, scope.procedure, scope.section, scope.offset, kScopeExact, &chain);
+    if (chain.inline_count) {
+      static char name[4096];
+      PdbInlineeName(pdb, PdbInlineSiteInlinee(chain.inlines[0]), name, sizeof(name));
+      u32 line = 0;
+      const u8 *file = nullptr;
+      PdbInlineSiteLineAt(pdb, chain.inlines[0], scope.offset - start, &line, &file);
+      printf("%s %s:%u @ ", name, file ? PdbStringAt(&pdb->strings, ReadU32(file)) : "?", line);
+    }
+    printf("%s+0x%X ", context.procedure_name, scope.offset - start);
+  } else {
     printf("? ");
+  }
   if (scope.line_entry && scope.line_entry->file)
     printf("%s:%u\n", PdbStringAt(&module->pdb.strings, PdbLineFileOffset(scope.line_entry)), scope.line);
   else
