@@ -191,13 +191,23 @@ bool TypeRecordNameEquals(const u8 *r, u32 count, TypeText name) {
 }
 
 bool PdbDecodeType(const PdbTypes *types, u32 type_index, TypeRecord *out) {
-  const u8 *r = PdbTypeRecord(types, type_index);
+  const u8 *r = TypeIndexIsSynthetic(type_index) ? nullptr : PdbTypeRecord(types, type_index);
   if (!r) {
     memset(out, 0, sizeof(*out));
     out->name.text = out->unique_name.text = "";
-    return false;
+    if (!TypeIndexIsSynthetic(type_index)) return false;
+    // A pointer made up for a type the stream has no pointer to: a plain 64-bit one, no record.
+    out->leaf = kLF_POINTER;
+    out->type = SyntheticPointee(type_index);
+    out->properties = kPointerKind64 | 8u << kPointerSizeShift;
+    return true;
   }
   return PdbDecodeTypeBytes(r, ReadU16(r) + 2u, out);
+}
+
+u32 SyntheticPointee(u32 type_index) {
+  u32 depth = (type_index & ~kSyntheticPointer) >> kSyntheticDepthShift;
+  return depth ? type_index - (1u << kSyntheticDepthShift) : type_index & kSyntheticBaseMask;
 }
 
 // [SECTION] Classification

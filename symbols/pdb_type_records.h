@@ -91,6 +91,23 @@ typedef struct TypeRecord {
   u32 byte_count;
 } TypeRecord;
 
+// [SECTION] Pointers without a record
+// The pointer-to of a type the stream holds no pointer to is an index of its own, made up without
+// scanning the stream: bit 31 set, the pointer depth less one in bits 24-30, the type pointed to
+// through all of them in bits 0-23. Decoding gives a plain 64-bit LF_POINTER without bytes.
+enum : u32 {
+  kSyntheticPointer = 0x80000000,
+  kSyntheticDepthShift = 24,
+  kSyntheticMaxDepth = 128,
+  kSyntheticBaseMask = 0xFFFFFF,
+};
+static inline bool TypeIndexIsSynthetic(u32 type_index) { return (type_index & kSyntheticPointer) != 0; }
+// The type a synthetic pointer points to (itself a synthetic pointer below the first level).
+u32 SyntheticPointee(u32 type_index);
+
+// LF_POINTER attributes: kind in bits 0-4, mode in bits 5-7, the flags, size in bits 13-18.
+enum : u32 { kPointerKind64 = 0x0C, kPointerModeShift = 5, kPointerSizeShift = 13 };
+
 // Decodes the record of a type index; false when it has no record or its fixed part is cut
 // short. Names missing from a short record come back empty.
 bool PdbDecodeType(const PdbTypes *types, u32 type_index, TypeRecord *out);

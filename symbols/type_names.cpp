@@ -268,9 +268,17 @@ static void Format(const PdbTypes *types, u32 index, const char *inner, u32 cv, 
     case kLF_PROCEDURE: case kLF_MFUNCTION:
       FormatProcedure(types, &t, inner, depth, out);
       return;
-    case kLF_BITFIELD:
+    case kLF_BITFIELD: {
+      // The watch tree's text: the field's type and the bits it takes.
       Format(types, t.type, inner, cv, 0, depth + 1, out);
+      char bits[48];
+      if (t.bit_length == 1)
+        snprintf(bits, sizeof(bits), " (Bit %u)", t.bit_position);
+      else
+        snprintf(bits, sizeof(bits), " (Bits %u..%u)", t.bit_position, t.bit_position + t.bit_length - 1);
+      PutZ(out, bits);
       return;
+    }
   }
   if (TypeLeafIsTag(t.leaf) || t.leaf == kLF_ALIAS) {
     PutBase(out, cv, t.name.text, t.name.length, inner);

@@ -152,7 +152,7 @@ TEST(BuiltinTypeNames, SizesAndPointers) {
   EXPECT_EQ(PdbLookupType(t, nullptr, "unsigned long long", 18), 0x23u);
   EXPECT_EQ(PdbLookupType(t, nullptr, " const char * ", 14), 0x670u);
   EXPECT_EQ(PdbLookupType(t, nullptr, "u64", 3), 0x23u);
-  EXPECT_EQ(PdbLookupType(t, nullptr, "int **", 6), 0u);  // no pointer-to-pointer record
+  EXPECT_EQ(PdbLookupType(t, nullptr, "int **", 6), PdbTypePointerTo(t, 0x674));  // made up: no record
   EXPECT_EQ(PdbLookupType(t, nullptr, "nothing", 7), 0u);
 }
 
@@ -287,8 +287,8 @@ TEST(TypeRecords, ForwardReferencesSizesAndNames) {
   EXPECT_EQ(PdbTypeSize(x.t, x.derived), 72u);
   EXPECT_EQ(PdbFindTypeRecord(x.t, "ns::Base", 8), x.base);
   EXPECT_EQ(PdbLookupType(x.t, nullptr, "struct ns::Derived", 18), x.derived);
-  // The pointer record points at the forward reference; look-up gives the definition.
-  EXPECT_EQ(PdbLookupType(x.t, nullptr, "ns::Base *", 10), 0x1006u);
+  // A pointer to the definition, which look-up gives.
+  EXPECT_EQ(PdbLookupType(x.t, nullptr, "ns::Base *", 10), PdbTypePointerTo(x.t, x.base));
 }
 
 TEST(TypeRecords, DeclarationNames) {
@@ -299,7 +299,7 @@ TEST(TypeRecords, DeclarationNames) {
   TypeField f;
   while (FieldWalkNext(&walk, &f))
     if (f.leaf == 0x150D) types.push_back(Name(x.t, f.type) + "|" + std::to_string(PdbTypeSize(x.t, f.type)));
-  EXPECT_EQ(types, (std::vector<std::string>{"int|4", "ns::Base *|8", "int (*)(int, char *)|8", "const char *|8",
+  EXPECT_EQ(types, (std::vector<std::string>{"int (Bits 5..7)|4", "ns::Base *|8", "int (*)(int, char *)|8", "const char *|8",
                                              "int [2][3]|24", "E|4"}));
   char small[8];
   EXPECT_EQ(TypeNameFormat(x.t, x.derived, small, sizeof(small)), 7u);

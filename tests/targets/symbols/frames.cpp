@@ -52,6 +52,10 @@ static int SumPair(Pair pair) { return Clamp(pair.low + pair.high, -500, 500); }
 using frames::Big;
 using frames::Pair;
 
+// Declared, never defined: the PDB holds only a forward reference to it.
+struct Lonely;
+Lonely *volatile g_lonely;
+
 static volatile int g_sink;
 static int g_seeds[8] = {3, 1, 4, 1, 5, 9, 2, 6};
 
