@@ -57,10 +57,10 @@ static bool PathBesideImage(const char *image_path, char *out) {
   return true;
 }
 
-int LoadModuleSymbols(ModuleSymbols *module, const ImageSource *source, const char *image_path, u64 load_base,
+PeResult LoadModuleSymbols(ModuleSymbols *module, const ImageSource *source, const char *image_path, u64 load_base,
                       const char *override_pdb_path) {
   memset(module, 0, sizeof(*module));
-  int result = PeReadImage(source, load_base, &module->image);
+  PeResult result = PeReadImage(source, load_base, &module->image);
   if (result != kPeOk) {
     memset(module, 0, sizeof(*module));
     return result;
@@ -138,7 +138,7 @@ bool PdbPathOverrideTake(PdbPathOverride *pick, char out[kModulePathCapacity]) {
   return taken;
 }
 
-int LoadModuleSymbolsWithPick(ModuleSymbols *module, const ImageSource *source, const char *image_path,
+PeResult LoadModuleSymbolsWithPick(ModuleSymbols *module, const ImageSource *source, const char *image_path,
                               u64 load_base, PdbPathOverride *pick) {
   char picked[kModulePathCapacity];
   bool have_pick = pick && PdbPathOverrideTake(pick, picked);

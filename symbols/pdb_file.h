@@ -38,5 +38,5 @@ typedef struct PdbSummary {
 // Opens, checks and loads a PDB into the arena. Any failure of the information stream is
 // reported as kPdbSignatureMismatch. On failure whatever was allocated stays in the arena for the
 // caller to release or reuse.
-int PdbOpen(SymbolArena *arena, const CodeViewIdentity *expected, const char *path, bool ignore_signature,
+PdbError PdbOpen(SymbolArena *arena, const CodeViewIdentity *expected, const char *path, bool ignore_signature,
             PdbFile *out, PdbSummary *summary);

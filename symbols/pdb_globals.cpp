@@ -98,7 +98,7 @@ static void InsertRecord(u32 *hashes, const u8 **slots, u32 capacity, u32 hash_v
   slots[slot] = record;
 }
 
-int PdbLoadGlobals(SymbolArena *arena, const MsfFile *msf, u32 global_stream, u32 record_stream, PdbGlobals *out) {
+PdbError PdbLoadGlobals(SymbolArena *arena, const MsfFile *msf, u32 global_stream, u32 record_stream, PdbGlobals *out) {
   memset(out, 0, sizeof(*out));
   u8 *records = nullptr, *hash = nullptr;
   u32 record_bytes = 0, hash_bytes = 0;

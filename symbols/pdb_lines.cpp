@@ -228,7 +228,7 @@ static bool SortEntries(PdbLineEntry *items, u32 count, Key key_of) {
   return ok;
 }
 
-int PdbLoadLines(SymbolArena *arena, const PdbScopes *scopes, const PdbStringTable *strings,
+PdbError PdbLoadLines(SymbolArena *arena, const PdbScopes *scopes, const PdbStringTable *strings,
                  PdbSourceFileTable *files, PdbLines *out) {
   memset(out, 0, sizeof(*out));
   u64 total = 0;

@@ -26,7 +26,7 @@ typedef struct PdbLines {
 
 // Reads every module's C13 area. Malformed subsections and blocks are skipped; 0, or
 // kPdbUnreadable when memory is refused.
-int PdbLoadLines(SymbolArena *arena, const PdbScopes *scopes, const PdbStringTable *strings,
+PdbError PdbLoadLines(SymbolArena *arena, const PdbScopes *scopes, const PdbStringTable *strings,
                  PdbSourceFileTable *files, PdbLines *out);
 
 // The source-file name hash: FNV-1a over the lower-cased bytes with '/' read as '\'.

@@ -6,7 +6,7 @@
 #include "symbols/pdb_error.h"
 #include "symbols/pdb_raw.h"
 
-int PdbLoadStringTable(SymbolArena *arena, const MsfFile *msf, s32 stream_index, PdbStringTable *strings,
+PdbError PdbLoadStringTable(SymbolArena *arena, const MsfFile *msf, s32 stream_index, PdbStringTable *strings,
                        PdbSourceFileTable *files) {
   memset(strings, 0, sizeof(*strings));
   memset(files, 0, sizeof(*files));

@@ -20,7 +20,7 @@ typedef struct PdbSourceFileTable {
 } PdbSourceFileTable;
 
 // 0, or kPdbUnreadable for a missing, short or malformed table.
-int PdbLoadStringTable(SymbolArena *arena, const MsfFile *msf, s32 stream_index, PdbStringTable *strings,
+PdbError PdbLoadStringTable(SymbolArena *arena, const MsfFile *msf, s32 stream_index, PdbStringTable *strings,
                        PdbSourceFileTable *files);
 
 // The zero-terminated string at a byte offset of the buffer, or "" when the offset lies outside.

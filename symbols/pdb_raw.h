@@ -209,6 +209,61 @@ enum : u32 {
   kC13InlineeEntryBytes = 12,
 };
 
+// [SECTION] The type stream (stream 2) and the IPI stream (stream 4): a 56-byte header, then the
+// records; the hash stream that the header names holds one hash value per record, the index
+// offsets (not used: they are recomputed) and the hash adjusters.
+typedef struct TpiStreamHeader {
+  u32 version;
+  u32 header_bytes;
+  u32 first_index;
+  u32 end_index;
+  u32 record_bytes;
+  u16 hash_stream;  // 0xFFFF: none
+  u16 aux_hash_stream;
+  u32 hash_key_bytes;
+  u32 bucket_count;
+  u32 hash_values_offset, hash_values_bytes;
+  u32 index_offsets_offset, index_offsets_bytes;
+  u32 adjusters_offset, adjusters_bytes;
+} TpiStreamHeader;
+static_assert(sizeof(TpiStreamHeader) == 56, "type stream header");
+
+// Type records: byte offsets of the fields read, from the record start (16-bit length, 16-bit
+// leaf). Tag records end with a numeric size leaf (enumerations have none), the name and, when
+// their properties say so, the unique name.
+enum {
+  kTypeRecordLeaf = 2,
+  // LF_MODIFIER: modified type, modifiers
+  kModifierType = 4, kModifierAttributes = 8, kModifierBytes = 10,
+  // LF_POINTER: referent, attributes, [class of a pointer to member]
+  kPointerReferent = 4, kPointerAttributes = 8, kPointerMemberClass = 12, kPointerBytes = 12,
+  // LF_PROCEDURE: return type, calling convention, attributes, parameter count, argument list
+  kProcedureReturn = 4, kProcedureParameterCount = 10, kProcedureArguments = 12, kProcedureBytes = 16,
+  // LF_MFUNCTION: return type, class, this type, calling convention, attributes, parameter count,
+  // argument list, this adjustment
+  kMemberFunctionReturn = 4, kMemberFunctionClass = 8, kMemberFunctionThis = 12,
+  kMemberFunctionParameterCount = 18, kMemberFunctionArguments = 20, kMemberFunctionBytes = 28,
+  // LF_ARGLIST: count, then the argument types
+  kArgListCount = 4, kArgListFirst = 8,
+  // LF_BITFIELD: type, length, position
+  kBitFieldType = 4, kBitFieldLength = 8, kBitFieldPosition = 9, kBitFieldBytes = 10,
+  // LF_ARRAY: element type, index type, size
+  kArrayElement = 4, kArrayIndex = 8, kArraySize = 12,
+  // LF_CLASS, LF_STRUCTURE, LF_INTERFACE: count, properties (16), field list, derived list, vtable
+  // shape, size
+  kClassCount = 4, kClassProperties = 6, kClassFields = 8, kClassDerived = 12, kClassShape = 16, kClassSize = 20,
+  // LF_CLASS2, LF_STRUCTURE2: properties (32), field list, derived list, vtable shape, count, size
+  kClass2Properties = 4, kClass2Fields = 8, kClass2Derived = 12, kClass2Shape = 16, kClass2Count = 20, kClass2Size = 22,
+  // LF_UNION: count, properties, field list, size
+  kUnionCount = 4, kUnionProperties = 6, kUnionFields = 8, kUnionSize = 12,
+  // LF_ENUM: count, properties, underlying type, field list, name
+  kEnumCount = 4, kEnumProperties = 6, kEnumUnderlying = 8, kEnumFields = 12, kEnumName = 16,
+  // LF_ALIAS: type, name
+  kAliasType = 4, kAliasName = 8,
+  // LF_VTSHAPE: count
+  kVtShapeCount = 4, kVtShapeBytes = 6,
+};
+
 // [SECTION] The IPI stream (stream 4): the same layout as the type stream, holding ids.
 enum : u32 {
   kPdbIdStream = 4,

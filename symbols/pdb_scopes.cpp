@@ -192,7 +192,7 @@ static void SortAddresses(PdbProcAddress *items, u32 count) {
   ScratchEnd();
 }
 
-int PdbLoadModuleSymbols(SymbolArena *arena, const MsfFile *msf, const PdbModuleList *list, PdbScopes *out) {
+PdbError PdbLoadModuleSymbols(SymbolArena *arena, const MsfFile *msf, const PdbModuleList *list, PdbScopes *out) {
   memset(out, 0, sizeof(*out));
   PdbScopes s = {};
   s.module_count = list->module_count;

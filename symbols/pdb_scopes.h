@@ -102,7 +102,7 @@ typedef struct PdbScopes {
 
 // Reads every module's symbols and builds the scopes. A module whose stream is missing, too short
 // or unreadable contributes nothing. 0, or kPdbUnreadable when memory is refused.
-int PdbLoadModuleSymbols(SymbolArena *arena, const MsfFile *msf, const PdbModuleList *modules, PdbScopes *out);
+PdbError PdbLoadModuleSymbols(SymbolArena *arena, const MsfFile *msf, const PdbModuleList *modules, PdbScopes *out);
 
 // Name of a procedure or block scope's record.
 const char *PdbProcName(const PdbProcScope *procedure);

@@ -14,8 +14,8 @@
 u32 PdbTypeLookThrough(const PdbTypes *types, u32 type_index) {
   for (u32 step = 0; step < kTypeLookThroughMaxSteps; step++) {
     const u8 *r = PdbTypeRecord(types, type_index);
-    if (!r || ReadU16(r + 2) != kLF_MODIFIER || ReadU16(r) < 6) return type_index;
-    type_index = ReadU32(r + 4);
+    if (!r || ReadU16(r + kTypeRecordLeaf) != kLF_MODIFIER || ReadU16(r) + 2u < kModifierBytes) return type_index;
+    type_index = ReadU32(r + kModifierType);
   }
   return type_index;
 }

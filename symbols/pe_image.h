@@ -19,7 +19,7 @@ enum : u32 {
 };
 
 // Result codes of image reading (shared with module loading).
-enum PeResult {
+enum [[nodiscard]] PeResult : int {
   kPeOk = 0,
   kPeUnreadable = 2,  // a seek or read of the image failed
   kPe32Bit = 10,      // optional-header magic 0x10B
@@ -69,7 +69,7 @@ typedef struct PeImage {
 
 // Reads the headers, the section table and the CodeView record. load_base is passed to
 // read_mapped. Returns a PeResult.
-int PeReadImage(const ImageSource *source, u64 load_base, PeImage *out);
+PeResult PeReadImage(const ImageSource *source, u64 load_base, PeImage *out);
 
 // The end of the image's extent: load base + the last kept section's end, rounded up to 4096.
 u64 PeImageExtentEnd(const PeImage *image, u64 load_base);

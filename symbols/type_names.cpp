@@ -6,6 +6,7 @@
 #include <string.h>
 
 #include "symbols/pdb_type_lookup.h"
+#include "symbols/pdb_raw.h"
 #include "symbols/pdb_type_records.h"
 
 // [SECTION] Built-in names
@@ -187,7 +188,7 @@ static void FormatProcedure(const PdbTypes *types, const TypeRecord *t, const ch
   u32 count = PdbDecodeType(types, t->index_type, &args) && args.leaf == kLF_ARGLIST ? (u32)args.size : 0;
   for (u32 i = 0; i < count; i++) {
     u32 arg = 0;
-    memcpy(&arg, args.bytes + 8 + 4 * i, 4);
+    memcpy(&arg, args.bytes + kArgListFirst + 4 * i, 4);
     if (i) PutZ(&d, ", ");
     if (arg == 0 && i == count - 1) {
       PutZ(&d, "...");  // a variadic function's last argument is notype
