@@ -95,44 +95,55 @@ u32 SymbolArenaChunkCount(const SymbolArena *arena) {
 
 // [SECTION] ScratchArena
 
-// One per thread: symbol loading runs part of its work on a worker thread.
-static thread_local ScratchArena g_scratch;
+// One per thread: symbol loading runs part of its work on a worker thread. The chunks go back to
+// the system when the thread ends, whoever started it: the debugger thread of every run uses
+// scratch memory and would otherwise leave it behind.
+typedef struct ScratchOwner {
+  ScratchArena arena;
+  ~ScratchOwner() { ReleaseChain(arena.newest); }
+} ScratchOwner;
+static thread_local ScratchOwner g_scratch_owner;
 
-void ScratchBegin(void) { g_scratch.depth++; }
+static ScratchArena *ThisThreadScratch(void) { return &g_scratch_owner.arena; }
+
+void ScratchBegin(void) { ThisThreadScratch()->depth++; }
 
 void *ScratchAllocate(u64 size) {
-  if (!Fits(g_scratch.newest, size)) {
+  ScratchArena *scratch = ThisThreadScratch();
+  if (!Fits(scratch->newest, size)) {
     if (size > ~0ull - 2 * 4096) return nullptr;
-    ArenaChunk *chunk = NewChunk(AlignUp(size + kArenaChunkHeaderBytes, 4096), g_scratch.newest, false);
+    ArenaChunk *chunk = NewChunk(AlignUp(size + kArenaChunkHeaderBytes, 4096), scratch->newest, false);
     if (!chunk) return nullptr;
-    g_scratch.newest = chunk;
+    scratch->newest = chunk;
   }
-  return BumpFrom(g_scratch.newest, size);
+  return BumpFrom(scratch->newest, size);
 }
 
 void ScratchEnd(void) {
-  if (g_scratch.depth == 0) return;  // unbalanced end: nothing is open
-  g_scratch.depth--;
-  if (g_scratch.depth != 0 || !g_scratch.newest) return;
-  if (!g_scratch.newest->previous) {
-    g_scratch.newest->used = kArenaChunkHeaderBytes;
+  ScratchArena *scratch = ThisThreadScratch();
+  if (scratch->depth == 0) return;  // unbalanced end: nothing is open
+  scratch->depth--;
+  if (scratch->depth != 0 || !scratch->newest) return;
+  if (!scratch->newest->previous) {
+    scratch->newest->used = kArenaChunkHeaderBytes;
     return;
   }
   // Several chunks: replace them by one that holds what they held together, so the next
   // round of the same work fits without a system call.
   u64 capacity = 0, count = 0;
-  for (const ArenaChunk *c = g_scratch.newest; c; c = c->previous) {
+  for (const ArenaChunk *c = scratch->newest; c; c = c->previous) {
     capacity += c->capacity;
     count++;
   }
-  ReleaseChain(g_scratch.newest);
-  g_scratch.newest = NewChunk(AlignUp(capacity - kArenaChunkHeaderBytes * (count - 1), 4096), nullptr, false);
+  ReleaseChain(scratch->newest);
+  scratch->newest = NewChunk(AlignUp(capacity - kArenaChunkHeaderBytes * (count - 1), 4096), nullptr, false);
 }
 
-const ScratchArena *ScratchState(void) { return &g_scratch; }
+const ScratchArena *ScratchState(void) { return ThisThreadScratch(); }
 
 void ScratchReleaseThread(void) {
-  ReleaseChain(g_scratch.newest);
-  g_scratch.newest = nullptr;
-  g_scratch.depth = 0;
+  ScratchArena *scratch = ThisThreadScratch();
+  ReleaseChain(scratch->newest);
+  scratch->newest = nullptr;
+  scratch->depth = 0;
 }

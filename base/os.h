@@ -40,6 +40,9 @@ void *OsMemoryAllocate(u64 size);
 // without privileges, the block is backed by large pages, which cuts the cost of first touches.
 void *OsMemoryAllocateLarge(u64 size);
 void OsMemoryRelease(void *base, u64 size);
+// Bytes taken through the two allocators above and not yet released, over the whole process:
+// what tests check to see that work on threads that ended left nothing behind.
+u64 OsMemoryOutstandingBytes(void);
 
 // [SECTION] Threads
 // A worker thread for work that runs beside the caller and is joined before its results are used.

@@ -130,9 +130,13 @@ int OsPathMakeAbsolute(const char *path, char *out, u64 capacity) {
   return kOsOk;
 }
 
+static u64 g_outstanding_bytes;
+
 void *OsMemoryAllocate(u64 size) {
   void *p = mmap(nullptr, (size_t)size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  return p == MAP_FAILED ? nullptr : p;
+  if (p == MAP_FAILED) return nullptr;
+  __atomic_fetch_add(&g_outstanding_bytes, size, __ATOMIC_RELAXED);
+  return p;
 }
 
 void *OsMemoryAllocateLarge(u64 size) {
@@ -142,8 +146,12 @@ void *OsMemoryAllocateLarge(u64 size) {
 }
 
 void OsMemoryRelease(void *base, u64 size) {
-  if (base) munmap(base, (size_t)size);
+  if (!base) return;
+  munmap(base, (size_t)size);
+  __atomic_fetch_sub(&g_outstanding_bytes, size, __ATOMIC_RELAXED);
 }
+
+u64 OsMemoryOutstandingBytes(void) { return __atomic_load_n(&g_outstanding_bytes, __ATOMIC_RELAXED); }
 
 u64 OsTimeMicroseconds(void) {
   struct timespec ts;

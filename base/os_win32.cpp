@@ -138,16 +138,24 @@ int OsPathMakeAbsolute(const char *path, char *out, u64 capacity) {
   return bytes > 0 ? kOsOk : kOsFailed;
 }
 
+static u64 g_outstanding_bytes;
+
 void *OsMemoryAllocate(u64 size) {
-  return VirtualAlloc(nullptr, (SIZE_T)size, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE);
+  void *p = VirtualAlloc(nullptr, (SIZE_T)size, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE);
+  if (p) __atomic_fetch_add(&g_outstanding_bytes, size, __ATOMIC_RELAXED);
+  return p;
 }
 
 // Large pages on Windows need a privilege that a debugger should not ask for.
 void *OsMemoryAllocateLarge(u64 size) { return OsMemoryAllocate(size); }
 
 void OsMemoryRelease(void *base, u64 size) {
-  if (base) VirtualFree(base, 0, MEM_RELEASE);
+  if (!base) return;
+  VirtualFree(base, 0, MEM_RELEASE);
+  __atomic_fetch_sub(&g_outstanding_bytes, size, __ATOMIC_RELAXED);
 }
+
+u64 OsMemoryOutstandingBytes(void) { return __atomic_load_n(&g_outstanding_bytes, __ATOMIC_RELAXED); }
 
 u64 OsTimeMicroseconds(void) {
   static LARGE_INTEGER frequency;

@@ -42,6 +42,9 @@ EngineResult EngineToggleFreeze(Target *target, TargetThread *thread);
 EngineResult EngineToggleSolo(Target *target, TargetThread *thread);
 EngineResult EngineSelectFrame(Target *target, s32 frame_index);
 EngineResult EngineSetStackOverflowCollapsing(Target *target, u8 on);
+// The PDB the next module load reads, whatever its GUID (the user picked it); that load clears it.
+// 33 for a path too long to keep.
+EngineResult EngineSetPdbOverride(Target *target, const char *path);
 EngineResult EngineSetInstructionPointer(Target *target, u64 address);
 // Moves the current thread to the first of lines line..line+9 of the source file that has code.
 EngineResult EngineSetNextStatement(Target *target, const char *path, u32 line);

@@ -267,6 +267,11 @@ EngineResult EngineSetStackOverflowCollapsing(Target *target, u8 on) {
   return kEngineOk;
 }
 
+EngineResult EngineSetPdbOverride(Target *target, const char *path) {
+  if (!target || !path) return kEngineNoTarget;
+  return PdbPathOverrideSet(&target->pdb_pick, path) ? kEngineOk : kEngineTextTooLong;
+}
+
 // With the model lock held: the current thread's instruction pointer, written to the thread.
 static EngineResult SetInstructionPointerLocked(Target *target, u64 address) {
   TargetThread *t = target->current_thread;

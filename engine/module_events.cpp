@@ -108,7 +108,7 @@ static int LoadModuleFrom(Target *target, const ImageSource *source, const char 
                           TargetModule **out_module) {
   TargetModule *module = TargetModuleTake(target);
   if (!module) return 0;  // more images than the pool holds: the rest run unmodelled
-  int result = LoadModuleSymbols(&module->symbols, source, path, base, nullptr);
+  int result = LoadModuleSymbolsWithPick(&module->symbols, source, path, base, &target->pdb_pick);
   if (result != 0) {
     TargetModuleRelease(target, module);
     return result;

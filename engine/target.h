@@ -209,6 +209,7 @@ typedef struct Target {
   TargetModule *last_module;
   TargetModule *module_pool;
   TargetModule *free_modules;  // guarded by the ticket lock: the UI returns unloaded modules
+  PdbPathOverride pdb_pick;    // the user's PDB for the next module load (locks itself)
 
   // [threads]
   TargetThread *event_thread;    // the thread whose event is held at a stop (none while running)

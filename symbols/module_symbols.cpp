@@ -57,10 +57,10 @@ static bool PathBesideImage(const char *image_path, char *out) {
   return true;
 }
 
-int LoadModuleSymbols(ModuleSymbols *module, const ImageSource *source, const char *image_path, u64 load_base,
+PeResult LoadModuleSymbols(ModuleSymbols *module, const ImageSource *source, const char *image_path, u64 load_base,
                       const char *override_pdb_path) {
   memset(module, 0, sizeof(*module));
-  int result = PeReadImage(source, load_base, &module->image);
+  PeResult result = PeReadImage(source, load_base, &module->image);
   if (result != kPeOk) {
     memset(module, 0, sizeof(*module));
     return result;
@@ -109,6 +109,40 @@ int LoadModuleSymbols(ModuleSymbols *module, const ImageSource *source, const ch
     memset(&module->summary, 0, sizeof(module->summary));
   }
   return kPeOk;
+}
+
+// [SECTION] The user's pick
+
+static void Lock(PdbPathOverride *pick) {
+  while (__atomic_exchange_n(&pick->lock, 1u, __ATOMIC_ACQUIRE)) {
+  }
+}
+static void Unlock(PdbPathOverride *pick) { __atomic_store_n(&pick->lock, 0u, __ATOMIC_RELEASE); }
+
+bool PdbPathOverrideSet(PdbPathOverride *pick, const char *path) {
+  u64 length = strlen(path);
+  if (length >= kModulePathCapacity) return false;
+  Lock(pick);
+  memcpy(pick->path, path, length + 1);
+  pick->is_set = 1;
+  Unlock(pick);
+  return true;
+}
+
+bool PdbPathOverrideTake(PdbPathOverride *pick, char out[kModulePathCapacity]) {
+  Lock(pick);
+  bool taken = pick->is_set != 0;
+  if (taken) memcpy(out, pick->path, kModulePathCapacity);
+  pick->is_set = 0;
+  Unlock(pick);
+  return taken;
+}
+
+PeResult LoadModuleSymbolsWithPick(ModuleSymbols *module, const ImageSource *source, const char *image_path,
+                              u64 load_base, PdbPathOverride *pick) {
+  char picked[kModulePathCapacity];
+  bool have_pick = pick && PdbPathOverrideTake(pick, picked);
+  return LoadModuleSymbols(module, source, image_path, load_base, have_pick ? picked : nullptr);
 }
 
 void UnloadModuleSymbols(ModuleSymbols *module) {

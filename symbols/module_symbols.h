@@ -35,8 +35,24 @@ typedef struct ModuleSymbols {
 // system names it (may be null). override_pdb_path, when not null, replaces the searched path and
 // switches off the GUID check. The module is cleared first. Returns a PeResult: 2, 10 or 11 leave
 // nothing allocated; 0 means the module stands, with or without symbols (see status).
-int LoadModuleSymbols(ModuleSymbols *module, const ImageSource *source, const char *image_path, u64 load_base,
+PeResult LoadModuleSymbols(ModuleSymbols *module, const ImageSource *source, const char *image_path, u64 load_base,
                       const char *override_pdb_path);
+// [SECTION] The user's pick
+// A PDB path the user picked for a module: the next load takes it (GUID check off) and clears it.
+// Set on the user-interface thread, taken on the debugger thread.
+typedef struct PdbPathOverride {
+  u32 lock;    // 0 free, 1 held
+  u32 is_set;
+  char path[kModulePathCapacity];
+} PdbPathOverride;
+// Stores the path for the next load; false (and nothing stored) when it is too long to keep.
+[[nodiscard]] bool PdbPathOverrideSet(PdbPathOverride *pick, const char *path);
+// Copies the stored path into out and clears it; false when none is stored.
+bool PdbPathOverrideTake(PdbPathOverride *pick, char out[kModulePathCapacity]);
+// LoadModuleSymbols with the pick, when one is stored, as its override; the pick is cleared.
+PeResult LoadModuleSymbolsWithPick(ModuleSymbols *module, const ImageSource *source, const char *image_path,
+                              u64 load_base, PdbPathOverride *pick);
+
 // Releases everything the module owns and clears it.
 void UnloadModuleSymbols(ModuleSymbols *module);
 

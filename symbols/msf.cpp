@@ -32,7 +32,7 @@ typedef struct DirectoryParse {
   u64 page_total;
   u32 *pages;
   u64 pages_seen;
-  int error;
+  PdbError error;
 } DirectoryParse;
 
 static void ParseDirectoryWord(DirectoryParse *p, u32 word) {
@@ -78,7 +78,7 @@ static void ParseDirectoryBytes(DirectoryParse *p, const u8 *bytes, u32 count) {
 
 // [SECTION] MsfOpen
 
-int MsfOpen(SymbolArena *arena, const char *path, MsfFile *out) {
+PdbError MsfOpen(SymbolArena *arena, const char *path, MsfFile *out) {
   memset(out, 0, sizeof(*out));
   OsFile file;
   if (OsFileOpenRead(path, &file) != kOsOk) return kPdbUnreadable;
@@ -122,7 +122,7 @@ int MsfOpen(SymbolArena *arena, const char *path, MsfFile *out) {
   parse.page_size = page_size;
   parse.directory_bytes = directory_bytes;
   bool seek_back_failed = false;
-  int error = 0;
+  PdbError error = kPdbOk;
   ScratchBegin();
   u8 *page = (u8 *)ScratchAllocate(page_size);
   u64 bytes_left = directory_bytes;
@@ -190,7 +190,7 @@ u32 MsfStreamSize(const MsfFile *msf, u32 index) {
   return (s && s->size != kMsfNilStreamSize) ? s->size : 0;
 }
 
-int MsfReadStream(const MsfFile *msf, const MsfStream *stream, void *buffer, u64 count, u64 offset) {
+PdbError MsfReadStream(const MsfFile *msf, const MsfStream *stream, void *buffer, u64 count, u64 offset) {
   u64 size = stream->size == kMsfNilStreamSize ? 0 : stream->size;
   if (offset >= size) return kPdbOk;
   count = MinU64(count, size - offset);
@@ -220,7 +220,7 @@ int MsfReadStream(const MsfFile *msf, const MsfStream *stream, void *buffer, u64
   return kPdbOk;
 }
 
-int MsfReadWholeStream(SymbolArena *arena, const MsfFile *msf, u32 index, u8 **out_bytes, u32 *out_size) {
+PdbError MsfReadWholeStream(SymbolArena *arena, const MsfFile *msf, u32 index, u8 **out_bytes, u32 *out_size) {
   *out_bytes = nullptr;
   *out_size = 0;
   u32 size = MsfStreamSize(msf, index);

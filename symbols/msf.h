@@ -3,6 +3,7 @@
 #include "base/arena.h"
 #include "base/os.h"
 #include "base/types.h"
+#include "symbols/pdb_error.h"
 
 enum : u32 { kMsfNilStreamSize = 0xFFFFFFFF };
 
@@ -24,12 +25,12 @@ typedef struct MsfFile {
 // PdbError. The file stays open for the loaders on success. On a rejected superblock (magic,
 // page size, free-page-map page, directory size) the file is left open in out->file, on every
 // other failure it is closed.
-int MsfOpen(SymbolArena *arena, const char *path, MsfFile *out);
+PdbError MsfOpen(SymbolArena *arena, const char *path, MsfFile *out);
 void MsfClose(MsfFile *msf);
 
 // Reads count bytes at offset of a stream, clipped to the stream's end (nothing to read is
 // success). Physically consecutive pages are read with one system call. 0 or kPdbUnreadable.
-int MsfReadStream(const MsfFile *msf, const MsfStream *stream, void *buffer, u64 count, u64 offset);
+PdbError MsfReadStream(const MsfFile *msf, const MsfStream *stream, void *buffer, u64 count, u64 offset);
 
 // The stream of that index, or null when the index is out of range.
 const MsfStream *MsfStreamAt(const MsfFile *msf, u32 index);
@@ -37,4 +38,4 @@ const MsfStream *MsfStreamAt(const MsfFile *msf, u32 index);
 u32 MsfStreamSize(const MsfFile *msf, u32 index);
 // Reads a whole stream into the arena (the buffer is rounded up to 8 bytes and the rounding
 // zeroed). A missing or nil stream reads as empty. 0 or kPdbUnreadable.
-int MsfReadWholeStream(SymbolArena *arena, const MsfFile *msf, u32 index, u8 **out_bytes, u32 *out_size);
+PdbError MsfReadWholeStream(SymbolArena *arena, const MsfFile *msf, u32 index, u8 **out_bytes, u32 *out_size);

@@ -7,7 +7,7 @@
 
 enum { kDbiStreamIndex = 3 };
 
-int PdbReadDbiHeader(const MsfFile *msf, DbiHeader *out) {
+PdbError PdbReadDbiHeader(const MsfFile *msf, DbiHeader *out) {
   memset(out, 0, sizeof(*out));
   const MsfStream *stream = MsfStreamAt(msf, kDbiStreamIndex);
   u32 size = MsfStreamSize(msf, kDbiStreamIndex);
@@ -37,7 +37,7 @@ static u32 ModuleRecordBytes(const u8 *p, const u8 *end) {
   return bytes <= (u64)(end - p) ? (u32)bytes : (u32)(end - p);
 }
 
-int PdbLoadModules(SymbolArena *arena, const MsfFile *msf, const DbiHeader *header, PdbModuleList *out) {
+PdbError PdbLoadModules(SymbolArena *arena, const MsfFile *msf, const DbiHeader *header, PdbModuleList *out) {
   memset(out, 0, sizeof(*out));
   s32 module_bytes = (s32)header->module_info_bytes;
   if (module_bytes < 1) return kPdbOk;

@@ -16,10 +16,10 @@ typedef struct PdbModuleList {
 
 // Reads the 64-byte header and checks it: the new-format signature (else 14) and a stream size
 // equal to the header plus its substreams (else 13).
-int PdbReadDbiHeader(const MsfFile *msf, DbiHeader *out);
+PdbError PdbReadDbiHeader(const MsfFile *msf, DbiHeader *out);
 
 // Loads the module records and the section contributions. 0, 13, 14 or kPdbUnreadable.
-int PdbLoadModules(SymbolArena *arena, const MsfFile *msf, const DbiHeader *header, PdbModuleList *out);
+PdbError PdbLoadModules(SymbolArena *arena, const MsfFile *msf, const DbiHeader *header, PdbModuleList *out);
 
 // The module's name and object-file name, which follow its fixed part.
 const char *DbiModuleName(const DbiModuleInfo *module);

@@ -1,7 +1,7 @@
 // Result codes of PDB loading.
 #pragma once
 
-enum PdbError {
+enum [[nodiscard]] PdbError : int {
   kPdbOk = 0,
   kPdbUnreadable = 2,           // cannot open or read; a required stream too small; "/names" malformed
   kPdbBadFormat = 13,           // superblock rejected; information or debug-information stream malformed

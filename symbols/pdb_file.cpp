@@ -14,21 +14,29 @@ typedef struct TypeLoad {
   const MsfFile *msf;
   const PdbStringTable *strings;
   PdbTypes types;
-  int result;
+  PdbTypes ids;
+  PdbError result;
 } TypeLoad;
+
+// The ids are optional: a PDB whose IPI stream cannot be read loads without them.
+static PdbError LoadTypesAndIds(SymbolArena *arena, const MsfFile *msf, const PdbStringTable *strings, PdbTypes *types,
+                           PdbTypes *ids) {
+  PdbError error = PdbLoadTypes(arena, msf, strings, types);
+  if (!error && PdbLoadIds(arena, msf, ids) != kPdbOk) memset(ids, 0, sizeof(*ids));
+  return error;
+}
 
 static void LoadTypesOnWorker(void *context) {
   TypeLoad *load = (TypeLoad *)context;
-  load->result = PdbLoadTypes(&load->arena, load->msf, load->strings, &load->types);
-  ScratchReleaseThread();
+  load->result = LoadTypesAndIds(&load->arena, load->msf, load->strings, &load->types, &load->ids);
 }
 
-int PdbOpen(SymbolArena *arena, const CodeViewIdentity *expected, const char *path, bool ignore_signature,
+PdbError PdbOpen(SymbolArena *arena, const CodeViewIdentity *expected, const char *path, bool ignore_signature,
             PdbFile *out, PdbSummary *summary) {
   memset(out, 0, sizeof(*out));
   memset(summary, 0, sizeof(*summary));
   out->arena = arena;
-  int error = MsfOpen(arena, path, &out->msf);
+  PdbError error = MsfOpen(arena, path, &out->msf);
   if (error) return error;
   MsfFile *msf = &out->msf;
 
@@ -51,7 +59,7 @@ int PdbOpen(SymbolArena *arena, const CodeViewIdentity *expected, const char *pa
                    OsThreadStart(LoadTypesOnWorker, &type_load, &worker) == kOsOk;
 
   // The global tables are optional: when they cannot be built they stay empty.
-  PdbLoadGlobals(arena, msf, out->dbi.global_stream, out->dbi.symbol_record_stream, &out->globals);
+  (void)PdbLoadGlobals(arena, msf, out->dbi.global_stream, out->dbi.symbol_record_stream, &out->globals);
   error = PdbLoadModules(arena, msf, &out->dbi, &out->modules);
   if (!error) error = PdbLoadModuleSymbols(arena, msf, &out->modules, &out->scopes);
   if (!error) error = PdbLoadLines(arena, &out->scopes, &out->strings, &out->source_files, &out->lines);
@@ -60,8 +68,9 @@ int PdbOpen(SymbolArena *arena, const CodeViewIdentity *expected, const char *pa
     SymbolArenaAppend(arena, &type_load.arena);  // the types belong to the PDB's arena, failed or not
     if (!error) error = type_load.result;
     out->types = type_load.types;
+    out->ids = type_load.ids;
   } else if (!error) {
-    error = PdbLoadTypes(arena, msf, &out->strings, &out->types);
+    error = LoadTypesAndIds(arena, msf, &out->strings, &out->types, &out->ids);
   }
   MsfClose(msf);
   if (error) return error;

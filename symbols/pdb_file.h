@@ -22,6 +22,7 @@ typedef struct PdbFile {
   PdbScopes scopes;
   PdbLines lines;
   PdbTypes types;
+  PdbTypes ids;  // the IPI stream: inlined functions' ids; empty when the PDB has none
 } PdbFile;
 
 // The counts that the module list and the status line show.
@@ -37,5 +38,5 @@ typedef struct PdbSummary {
 // Opens, checks and loads a PDB into the arena. Any failure of the information stream is
 // reported as kPdbSignatureMismatch. On failure whatever was allocated stays in the arena for the
 // caller to release or reuse.
-int PdbOpen(SymbolArena *arena, const CodeViewIdentity *expected, const char *path, bool ignore_signature,
+PdbError PdbOpen(SymbolArena *arena, const CodeViewIdentity *expected, const char *path, bool ignore_signature,
             PdbFile *out, PdbSummary *summary);

@@ -7,6 +7,7 @@
 #include "symbols/pdb_error.h"
 #include "symbols/pdb_kinds.h"
 #include "symbols/pdb_record.h"
+#include "symbols/pdb_type_records.h"
 
 enum TableKind { kTableNone, kTableConstant, kTableUdt, kTableData, kTableThread };
 
@@ -23,9 +24,12 @@ static TableKind TableOf(u16 kind) {
 // Offset of the name inside a kept record, 0 when the record is too short to hold one.
 static u32 NameOffset(const u8 *record, u32 record_bytes) {
   switch (TableOf(ReadU16(record + 2))) {
-    case kTableConstant:
+    case kTableConstant: {
       if (record_bytes < kConstSymValue + 2) return 0;
-      return kConstSymValue + NumericLeafBytes(ReadU16(record + kConstSymValue));
+      // A leaf of a kind that is not known is taken as its kind word alone.
+      u32 leaf_bytes = ReadNumericLeaf(record + kConstSymValue, record_bytes - kConstSymValue).bytes;
+      return kConstSymValue + (leaf_bytes ? leaf_bytes : 2);
+    }
     case kTableUdt: return kUdtSymName;
     case kTableData: case kTableThread: return kDataSymName;
     case kTableNone: break;
@@ -94,7 +98,7 @@ static void InsertRecord(u32 *hashes, const u8 **slots, u32 capacity, u32 hash_v
   slots[slot] = record;
 }
 
-int PdbLoadGlobals(SymbolArena *arena, const MsfFile *msf, u32 global_stream, u32 record_stream, PdbGlobals *out) {
+PdbError PdbLoadGlobals(SymbolArena *arena, const MsfFile *msf, u32 global_stream, u32 record_stream, PdbGlobals *out) {
   memset(out, 0, sizeof(*out));
   u8 *records = nullptr, *hash = nullptr;
   u32 record_bytes = 0, hash_bytes = 0;

@@ -51,7 +51,7 @@ typedef struct PdbGlobals {
 } PdbGlobals;
 
 // Builds the tables. On failure (kPdbUnreadable or kPdbBadFormat) they stay empty.
-int PdbLoadGlobals(SymbolArena *arena, const MsfFile *msf, u32 global_stream, u32 record_stream, PdbGlobals *out);
+PdbError PdbLoadGlobals(SymbolArena *arena, const MsfFile *msf, u32 global_stream, u32 record_stream, PdbGlobals *out);
 
 // The record that hash record i refers to, with its kind, or null when it lies outside the stream
 // or is not a well-formed record of a kind the tables keep.

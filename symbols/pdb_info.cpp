@@ -9,12 +9,12 @@ enum { kInfoStreamIndex = 1 };
 
 static const char kNamesStreamName[] = "/names";
 
-int PdbReadInfoStream(SymbolArena *arena, const CodeViewIdentity *expected, const MsfFile *msf,
+PdbError PdbReadInfoStream(SymbolArena *arena, const CodeViewIdentity *expected, const MsfFile *msf,
                       s32 *out_names_stream, bool ignore_signature) {
   *out_names_stream = -1;
   u8 *bytes = nullptr;
   u32 size = 0;
-  int error = MsfReadWholeStream(arena, msf, kInfoStreamIndex, &bytes, &size);
+  PdbError error = MsfReadWholeStream(arena, msf, kInfoStreamIndex, &bytes, &size);
   if (error) return error;
   if (size <= 12) return kPdbBadFormat;
   PdbInfoHeader header;

@@ -2,32 +2,27 @@
 
 #include <string.h>
 
+#include "base/hash.h"
 #include "symbols/pdb_alloc.h"
 #include "symbols/pdb_error.h"
 #include "symbols/pdb_raw.h"
 
-enum : u32 {
-  kSubsectionHeaderBytes = 8,
-  kLinesHeaderBytes = 12,  // start offset, section, flags, code size
-  kBlockHeaderBytes = 12,  // file id, line count, block size
-  kLineBytes = 8,
-  kColumnBytes = 4,
-  kLineNumberMask = 0xFFFFFF,
-};
-
-static const u32 kFnvBasis = 0x811C9DC5u;
-static const u32 kFnvPrime = 16777619u;
+// How a source path is spelled does not matter beyond case and the direction of its slashes.
+static char NormalisedPathChar(char c) {
+  if (c >= 'A' && c <= 'Z') return (char)(c - 'A' + 'a');
+  return c == '/' ? '\\' : c;
+}
 
 u32 PdbSourceFileHash(const char *path, u64 length) {
-  u32 hash = kFnvBasis;
-  for (u64 i = 0; i < length; i++) {
-    char c = path[i];
-    if (c >= 'A' && c <= 'Z') c = (char)(c - 'A' + 'a');
-    if (c == '/') c = '\\';
-    hash ^= (u32)(s32)(s8)c;
-    hash *= kFnvPrime;
-  }
+  u32 hash = kHashNameBasis;
+  for (u64 i = 0; i < length; i++) hash = HashNameStep(hash, NormalisedPathChar(path[i]));
   return hash;
+}
+
+static bool SamePath(const char *a, const char *b) {
+  for (; *a && *b; a++, b++)
+    if (NormalisedPathChar(*a) != NormalisedPathChar(*b)) return false;
+  return *a == *b;
 }
 
 static u32 SourceFileSlot(u32 hash, u32 capacity) {
@@ -36,29 +31,32 @@ static u32 SourceFileSlot(u32 hash, u32 capacity) {
   return (u32)(x % capacity);
 }
 
+// The slot that holds the path, or else the empty slot where it would go; capacity when the
+// table is full and does not hold it.
+static u32 SourceFileSlotOf(const PdbSourceFileTable *files, const char *path, u32 hash) {
+  u32 slot = SourceFileSlot(hash, files->capacity);
+  for (u32 probes = 0; probes < files->capacity; probes++, slot = (slot + 1) % files->capacity) {
+    if (files->name_hashes[slot] == 0) return slot;
+    if (files->name_hashes[slot] == hash && SamePath(PdbStringAt(&files->names, (u32)files->name_offsets[slot]), path))
+      return slot;
+  }
+  return files->capacity;
+}
+
 static void InsertSourceFile(PdbSourceFileTable *files, const char *name, u32 name_offset) {
   if (!files->capacity || files->used >= files->capacity) return;
   u32 hash = PdbSourceFileHash(name, strlen(name));
-  for (u32 slot = SourceFileSlot(hash, files->capacity);; slot = (slot + 1) % files->capacity) {
-    if (files->name_hashes[slot] == hash) return;  // the same path, perhaps spelled otherwise
-    if (files->name_hashes[slot] == 0) {
-      files->name_hashes[slot] = hash;
-      files->name_offsets[slot] = name_offset;
-      files->used++;
-      return;
-    }
-  }
+  u32 slot = SourceFileSlotOf(files, name, hash);
+  if (slot == files->capacity || files->name_hashes[slot]) return;  // the same path, perhaps spelled otherwise
+  files->name_hashes[slot] = hash;
+  files->name_offsets[slot] = name_offset;
+  files->used++;
 }
 
 u32 PdbFindSourceFile(const PdbSourceFileTable *files, const char *path) {
   if (!files->capacity) return 0;
-  u32 hash = PdbSourceFileHash(path, strlen(path));
-  u32 slot = SourceFileSlot(hash, files->capacity);
-  for (u32 probes = 0; probes < files->capacity; probes++, slot = (slot + 1) % files->capacity) {
-    if (files->name_hashes[slot] == hash) return (u32)files->name_offsets[slot];
-    if (files->name_hashes[slot] == 0) return 0;
-  }
-  return 0;
+  u32 slot = SourceFileSlotOf(files, path, PdbSourceFileHash(path, strlen(path)));
+  return slot < files->capacity && files->name_hashes[slot] ? (u32)files->name_offsets[slot] : 0;
 }
 
 u32 PdbLineFileOffset(const PdbLineEntry *entry) { return entry->file ? ReadU32(entry->file) : 0; }
@@ -68,9 +66,9 @@ u32 PdbLineFileOffset(const PdbLineEntry *entry) { return entry->file ? ReadU32(
 template <typename Visit>
 static void ForEachSubsection(const u8 *c13, u32 bytes, Visit visit) {
   u64 at = 0;
-  while (at + kSubsectionHeaderBytes <= bytes) {
+  while (at + kC13SubsectionHeaderBytes <= bytes) {
     u32 kind = ReadU32(c13 + at), length = ReadU32(c13 + at + 4);
-    at += kSubsectionHeaderBytes;
+    at += kC13SubsectionHeaderBytes;
     if (length > bytes - at) return;
     visit(kind, c13 + at, length);
     at = AlignUp(at + length, 4);
@@ -80,17 +78,41 @@ static void ForEachSubsection(const u8 *c13, u32 bytes, Visit visit) {
 // Calls visit(file_id, line_count, lines) for every block of a lines subsection that fits.
 template <typename Visit>
 static void ForEachBlock(const u8 *payload, u32 size, Visit visit) {
-  if (size <= kLinesHeaderBytes) return;
-  bool columns = (ReadU16(payload + 6) & kC13LinesHaveColumns) != 0;
-  u64 at = kLinesHeaderBytes;
-  while (at + kBlockHeaderBytes <= size) {
+  if (size <= kC13LinesHeaderBytes) return;
+  bool columns = (ReadU16(payload + kC13LinesFlagsOffset) & kC13LinesHaveColumns) != 0;
+  u64 at = kC13LinesHeaderBytes;
+  while (at + kC13LineBlockHeaderBytes <= size) {
     u32 file_id = ReadU32(payload + at), count = ReadU32(payload + at + 4), block_bytes = ReadU32(payload + at + 8);
-    if (block_bytes < kBlockHeaderBytes || block_bytes > size - at) return;
-    u64 needed = kBlockHeaderBytes + (u64)count * (kLineBytes + (columns ? kColumnBytes : 0));
+    if (block_bytes < kC13LineBlockHeaderBytes || block_bytes > size - at) return;
+    u64 needed = kC13LineBlockHeaderBytes + (u64)count * (kC13LineBytes + (columns ? kC13ColumnBytes : 0));
     if (needed > block_bytes) return;
-    visit(file_id, count, payload + at + kBlockHeaderBytes);
+    visit(file_id, count, payload + at + kC13LineBlockHeaderBytes);
     at += block_bytes;
   }
+}
+
+// The checksum record of a file id: the whole record (fixed part and checksum bytes) must lie
+// inside the payload, so that the name offset and the checksum can be read from it alone.
+static const u8 *ChecksumRecordAt(const u8 *checksums, u32 checksum_bytes, u32 file_id) {
+  if (!checksums || file_id >= checksum_bytes || checksum_bytes - file_id < kC13ChecksumHeaderBytes ||
+      checksum_bytes - file_id - kC13ChecksumHeaderBytes < checksums[file_id + 4])
+    return nullptr;
+  return checksums + file_id;
+}
+
+const u8 *PdbModuleSubsection(const PdbModuleSymbols *module, u32 kind, u32 *size) {
+  const u8 *found = nullptr;
+  *size = 0;
+  ForEachSubsection(module->c13, module->c13_bytes, [&](u32 k, const u8 *payload, u32 bytes) {
+    if (k == kind && !found) found = payload, *size = bytes;
+  });
+  return found;
+}
+
+const u8 *PdbModuleFileRecord(const PdbModuleSymbols *module, u32 file_id) {
+  u32 bytes = 0;
+  const u8 *checksums = PdbModuleSubsection(module, kC13FileChecksums, &bytes);
+  return ChecksumRecordAt(checksums, bytes, file_id);
 }
 
 static u64 CountLines(const PdbModuleSymbols *module) {
@@ -111,26 +133,16 @@ struct LineFill {
 };
 
 static void LoadModuleLines(const PdbModuleSymbols *module, const PdbStringTable *strings, LineFill *fill) {
-  const u8 *checksums = nullptr;
   u32 checksum_bytes = 0;
-  ForEachSubsection(module->c13, module->c13_bytes, [&](u32 kind, const u8 *payload, u32 size) {
-    if (kind == kC13FileChecksums && !checksums) {
-      checksums = payload;
-      checksum_bytes = size;
-    }
-  });
+  const u8 *checksums = PdbModuleSubsection(module, kC13FileChecksums, &checksum_bytes);
   u32 previous_name = 0;
   bool have_previous_name = false;
   ForEachSubsection(module->c13, module->c13_bytes, [&](u32 kind, const u8 *payload, u32 size) {
-    if (kind != kC13Lines || size <= kLinesHeaderBytes) return;
+    if (kind != kC13Lines || size <= kC13LinesHeaderBytes) return;
     u32 start = ReadU32(payload), section = ReadU16(payload + 4), code_size = ReadU32(payload + 8);
     ForEachBlock(payload, size, [&](u32 file_id, u32 count, const u8 *lines) {
-      const u8 *file = nullptr;
-      // The whole record (fixed part and checksum bytes) must lie inside the payload, so that
-      // the name offset and the checksum can be read from the entry alone.
-      if (checksums && file_id < checksum_bytes && checksum_bytes - file_id >= kC13ChecksumHeaderBytes &&
-          checksum_bytes - file_id - kC13ChecksumHeaderBytes >= checksums[file_id + 4]) {
-        file = checksums + file_id;
+      const u8 *file = ChecksumRecordAt(checksums, checksum_bytes, file_id);
+      if (file) {
         u32 name = ReadU32(file);
         if (!have_previous_name || name != previous_name)
           InsertSourceFile(fill->files, PdbStringAt(strings, name), name);
@@ -139,8 +151,8 @@ static void LoadModuleLines(const PdbModuleSymbols *module, const PdbStringTable
       }
       u64 block_first = fill->count;
       for (u32 i = 0; i < count && fill->count < fill->capacity; i++) {
-        u32 address = start + ReadU32(lines + (u64)i * kLineBytes);
-        u32 number = ReadU32(lines + (u64)i * kLineBytes + 4) & kLineNumberMask;
+        u32 address = start + ReadU32(lines + (u64)i * kC13LineBytes);
+        u32 number = ReadU32(lines + (u64)i * kC13LineBytes + 4) & kC13LineNumberMask;
         if (fill->count > block_first) {
           PdbLineEntry *previous = &fill->entries[fill->count - 1];
           if (previous->offset == address) {
@@ -216,7 +228,7 @@ static bool SortEntries(PdbLineEntry *items, u32 count, Key key_of) {
   return ok;
 }
 
-int PdbLoadLines(SymbolArena *arena, const PdbScopes *scopes, const PdbStringTable *strings,
+PdbError PdbLoadLines(SymbolArena *arena, const PdbScopes *scopes, const PdbStringTable *strings,
                  PdbSourceFileTable *files, PdbLines *out) {
   memset(out, 0, sizeof(*out));
   u64 total = 0;

@@ -4,14 +4,8 @@
 #pragma once
 #include "base/arena.h"
 #include "symbols/pdb_names.h"
+#include "symbols/pdb_raw.h"
 #include "symbols/pdb_scopes.h"
-
-enum : u32 {
-  kC13Lines = 0xF2,
-  kC13FileChecksums = 0xF4,
-  kC13LinesHaveColumns = 1,
-  kC13ChecksumHeaderBytes = 6,  // name offset, checksum size, checksum kind
-};
 
 typedef struct PdbLineEntry {
   const u8 *file;  // the file's checksum record, checksum bytes included; null when the block's
@@ -32,15 +26,21 @@ typedef struct PdbLines {
 
 // Reads every module's C13 area. Malformed subsections and blocks are skipped; 0, or
 // kPdbUnreadable when memory is refused.
-int PdbLoadLines(SymbolArena *arena, const PdbScopes *scopes, const PdbStringTable *strings,
+PdbError PdbLoadLines(SymbolArena *arena, const PdbScopes *scopes, const PdbStringTable *strings,
                  PdbSourceFileTable *files, PdbLines *out);
 
 // The source-file name hash: FNV-1a over the lower-cased bytes with '/' read as '\'.
 u32 PdbSourceFileHash(const char *path, u64 length);
 
 // The file key (name offset in the "/names" buffer) of a user's path, or 0 when this PDB has no
-// such file. Only hashes are compared.
+// such file. Paths of equal hashes are compared by their texts (up to case and slash direction).
 u32 PdbFindSourceFile(const PdbSourceFileTable *files, const char *path);
+
+// The payload of the module's first C13 subsection of a kind (null when it has none).
+const u8 *PdbModuleSubsection(const PdbModuleSymbols *module, u32 kind, u32 *size);
+// The file checksum record of a file id of the module, null when it does not lie whole inside
+// the module's checksum subsection.
+const u8 *PdbModuleFileRecord(const PdbModuleSymbols *module, u32 file_id);
 
 // Name offset of the entry's file, 0 when it has none.
 u32 PdbLineFileOffset(const PdbLineEntry *entry);

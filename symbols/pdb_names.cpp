@@ -6,7 +6,7 @@
 #include "symbols/pdb_error.h"
 #include "symbols/pdb_raw.h"
 
-int PdbLoadStringTable(SymbolArena *arena, const MsfFile *msf, s32 stream_index, PdbStringTable *strings,
+PdbError PdbLoadStringTable(SymbolArena *arena, const MsfFile *msf, s32 stream_index, PdbStringTable *strings,
                        PdbSourceFileTable *files) {
   memset(strings, 0, sizeof(*strings));
   memset(files, 0, sizeof(*files));
@@ -41,6 +41,8 @@ int PdbLoadStringTable(SymbolArena *arena, const MsfFile *msf, s32 stream_index,
   memset(files->name_hashes, 0, (u64)bucket_count * 8);
   files->used = 0;
   files->capacity = bucket_count;
+  files->names.buffer = buffer;
+  files->names.buffer_bytes = buffer_bytes;
   strings->buffer = buffer;
   strings->buffer_bytes = buffer_bytes;
   return kPdbOk;

@@ -9,15 +9,18 @@ typedef struct PdbStringTable {
   u32 buffer_bytes;
 } PdbStringTable;
 
+// Slots hold a name's hash and its offset in the string buffer; two names of one hash are told
+// apart by their texts, so a path never finds another file whose name only hashes the same.
 typedef struct PdbSourceFileTable {
   u64 *name_hashes;   // capacity slots; 0 = empty
   u64 *name_offsets;  // each file's name offset in the string buffer
   u32 used;
   u32 capacity;       // the string table's bucket count
+  PdbStringTable names;  // where the offsets point
 } PdbSourceFileTable;
 
 // 0, or kPdbUnreadable for a missing, short or malformed table.
-int PdbLoadStringTable(SymbolArena *arena, const MsfFile *msf, s32 stream_index, PdbStringTable *strings,
+PdbError PdbLoadStringTable(SymbolArena *arena, const MsfFile *msf, s32 stream_index, PdbStringTable *strings,
                        PdbSourceFileTable *files);
 
 // The zero-terminated string at a byte offset of the buffer, or "" when the offset lies outside.

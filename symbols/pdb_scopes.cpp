@@ -3,6 +3,7 @@
 #include <string.h>
 
 #include "base/hash.h"
+#include "symbols/cv_registers.h"
 #include "symbols/pdb_alloc.h"
 #include "symbols/pdb_error.h"
 #include "symbols/pdb_kinds.h"
@@ -40,16 +41,35 @@ static bool IsUsableProcedure(const u8 *record, u32 bytes) {
 typedef struct ScopeBuild {
   PdbScopes *scopes;
   u32 block_limit;
+  u32 inline_limit;
   u32 address_limit;
 } ScopeBuild;
 
-static PdbScopeLocals *LocalsOf(PdbScopes *scopes, PdbProcScope *procedure, u32 block) {
-  return block == kPdbNoBlock ? &procedure->locals : &scopes->blocks[block].locals;
+static PdbScopeLocals *LocalsOf(PdbScopes *scopes, PdbProcScope *procedure, PdbScopeRef scope) {
+  if (scope == kPdbNoBlock) return &procedure->locals;
+  if (PdbScopeIsInline(scope)) return &scopes->inlines[PdbScopeIndex(scope)].locals;
+  return &scopes->blocks[scope].locals;
 }
 
 static void Note(const u8 **first, u32 *count, const u8 *record) {
   if (!*first) *first = record;
   (*count)++;
+}
+
+// Closes the current scope at `record` when its kind of end matches: a block (or the procedure) by
+// S_END, an inline site by S_INLINESITE_END. Returns the scope that is current afterwards; an end
+// record of the other kind changes nothing.
+static PdbScopeRef CloseScope(PdbScopes *scopes, PdbScopeRef current, u16 kind, const u8 *record) {
+  if (PdbScopeIsInline(current)) {
+    if (kind != kS_INLINESITE_END) return current;
+    PdbInlineScope *site = &scopes->inlines[PdbScopeIndex(current)];
+    site->end = record;
+    return site->parent;
+  }
+  if (kind != kS_END || current == kPdbNoBlock) return current;
+  PdbBlockScope *block = &scopes->blocks[current];
+  block->end = record;
+  return block->parent_block;
 }
 
 // Walks the records of the procedure at `at` up to its end; returns the offset after its end
@@ -65,6 +85,7 @@ static u32 BuildProcedure(ScopeBuild *b, const PdbModuleSymbols *module, u32 mod
   procedure->name_hash = hash_value;
   procedure->module_index = module_index;
   procedure->first_block = scopes->block_count;
+  procedure->first_inline = scopes->inline_count;
 
   PdbProcAddress *address = &scopes->addresses[b->address_limit++];
   memset(address, 0, sizeof(*address));
@@ -76,51 +97,68 @@ static u32 BuildProcedure(ScopeBuild *b, const PdbModuleSymbols *module, u32 mod
   // The end field is the stream offset of the procedure's S_END; a value outside the procedure's
   // own extent is ignored and the walk ends at the S_END that closes the procedure instead.
   u64 end_at = (u64)ReadU32(record + kProcSymEnd) - 4;
-  u32 current = kPdbNoBlock;
-  u32 size = module->symbol_bytes;
+  PdbScopeRef current = kPdbNoBlock;
+  u32 size = module->symbol_bytes, after = size;
   at += bytes;
   while (u32 rec_bytes = SymbolRecordBytes(module->symbols, size, at)) {
     const u8 *r = module->symbols + at;
     u16 kind = ReadU16(r + 2);
     u32 next = at + rec_bytes;
-    if (at == end_at) return next;
+    if (at == end_at || (kind == kS_END && current == kPdbNoBlock)) {
+      procedure->end = r;
+      after = next;
+      break;
+    }
     PdbScopeLocals *locals = LocalsOf(scopes, procedure, current);
     switch (kind) {
       case kS_FRAMEPROC:
         if (!procedure->frameproc) procedure->frameproc = r;
         break;
       case kS_REGREL32:
-        if (!locals->first_regrel) locals->first_regrel = r;
         if (rec_bytes >= kRegRelSymRegister + 2) {
           u16 reg = ReadU16(r + kRegRelSymRegister);
-          if (reg == kCvRegRbp || reg == kCvRegRsp) locals->frame_regrel_count++;
+          if (reg == kCvReg_rbp || reg == kCvReg_rsp) Note(&locals->first_regrel, &locals->frame_regrel_count, r);
         }
         break;
       case kS_LOCAL: Note(&locals->first_local, &locals->local_count, r); break;
       case kS_LDATA32: Note(&locals->first_ldata, &locals->ldata_count, r); break;
       case kS_LTHREAD32: Note(&locals->first_lthread, &locals->lthread_count, r); break;
-      case kS_DEFRANGE_REGISTER:
-      case kS_DEFRANGE_FRAMEPOINTER_REL:
-      case kS_DEFRANGE_REGISTER_REL: locals->defrange_count++; break;
       case kS_BLOCK32: {
         if (scopes->block_count >= b->block_limit) break;  // cannot happen: counted beforehand
-        u32 index = scopes->block_count++;
-        PdbBlockScope *block = &scopes->blocks[index];
+        u32 block_index = scopes->block_count++;
+        PdbBlockScope *block = &scopes->blocks[block_index];
         memset(block, 0, sizeof(*block));
         block->record = r;
         block->parent_block = current;
-        block->procedure = (u32)(procedure - scopes->procedures);
+        block->procedure = index;
         procedure->block_count++;
-        current = index;
+        current = block_index;
       } break;
-      case kS_END:
-        if (current == kPdbNoBlock) return next;
-        current = scopes->blocks[current].parent_block;
+      case kS_INLINESITE: case kS_INLINESITE2: {
+        if (scopes->inline_count >= b->inline_limit) break;  // cannot happen: counted beforehand
+        u32 site_index = scopes->inline_count++;
+        PdbInlineScope *site = &scopes->inlines[site_index];
+        memset(site, 0, sizeof(*site));
+        site->record = r;
+        site->parent = current;
+        site->procedure = index;
+        procedure->inline_count++;
+        current = kPdbInlineScope | site_index;
+      } break;
+      case kS_END: case kS_INLINESITE_END: current = CloseScope(scopes, current, kind, r); break;
+      default:
+        if (SymbolKindIsDefRange(kind)) locals->defrange_count++;
         break;
     }
     at = next;
   }
-  return size;
+  if (!procedure->end) procedure->end = module->symbols + at;
+  // Scopes left open end where the procedure ends.
+  for (u32 i = procedure->first_block; i < scopes->block_count; i++)
+    if (!scopes->blocks[i].end) scopes->blocks[i].end = procedure->end;
+  for (u32 i = procedure->first_inline; i < scopes->inline_count; i++)
+    if (!scopes->inlines[i].end) scopes->inlines[i].end = procedure->end;
+  return after;
 }
 
 static bool AddressBefore(const PdbProcAddress &x, const PdbProcAddress &y) {
@@ -154,13 +192,13 @@ static void SortAddresses(PdbProcAddress *items, u32 count) {
   ScratchEnd();
 }
 
-int PdbLoadModuleSymbols(SymbolArena *arena, const MsfFile *msf, const PdbModuleList *list, PdbScopes *out) {
+PdbError PdbLoadModuleSymbols(SymbolArena *arena, const MsfFile *msf, const PdbModuleList *list, PdbScopes *out) {
   memset(out, 0, sizeof(*out));
   PdbScopes s = {};
   s.module_count = list->module_count;
   s.modules = (PdbModuleSymbols *)PdbAllocate(arena, (u64)list->module_count * sizeof(PdbModuleSymbols));
   if (!s.modules && list->module_count) return kPdbUnreadable;
-  u64 procedure_total = 0, block_total = 0;
+  u64 procedure_total = 0, block_total = 0, inline_total = 0;
   for (u32 m = 0; m < list->module_count; m++) {
     ReadModule(arena, msf, list->modules[m], &s.modules[m]);
     const PdbModuleSymbols *module = &s.modules[m];
@@ -168,6 +206,7 @@ int PdbLoadModuleSymbols(SymbolArena *arena, const MsfFile *msf, const PdbModule
       const u8 *r = module->symbols + at;
       u16 kind = ReadU16(r + 2);
       if (kind == kS_BLOCK32) block_total++;
+      else if (SymbolKindIsInlineSite(kind)) inline_total++;
       else if (IsUsableProcedure(r, bytes)) procedure_total++;
     }
   }
@@ -176,11 +215,12 @@ int PdbLoadModuleSymbols(SymbolArena *arena, const MsfFile *msf, const PdbModule
   s.procedure_table = (PdbProcSlot *)PdbAllocate(arena, capacity * sizeof(PdbProcSlot));
   s.procedures = (PdbProcScope *)PdbAllocate(arena, procedure_total * sizeof(PdbProcScope));
   s.blocks = (PdbBlockScope *)PdbAllocate(arena, block_total * sizeof(PdbBlockScope));
+  s.inlines = (PdbInlineScope *)PdbAllocate(arena, inline_total * sizeof(PdbInlineScope));
   s.addresses = (PdbProcAddress *)PdbAllocate(arena, procedure_total * sizeof(PdbProcAddress));
-  if (!s.procedure_table || !s.procedures || !s.blocks || !s.addresses) return kPdbUnreadable;
+  if (!s.procedure_table || !s.procedures || !s.blocks || !s.inlines || !s.addresses) return kPdbUnreadable;
   memset(s.procedure_table, 0, capacity * sizeof(PdbProcSlot));
 
-  ScopeBuild build = {&s, (u32)block_total, 0};
+  ScopeBuild build = {&s, (u32)block_total, (u32)inline_total, 0};
   for (u32 m = 0; m < s.module_count; m++) {
     const PdbModuleSymbols *module = &s.modules[m];
     u32 at = 0, bytes;
@@ -210,6 +250,41 @@ int PdbLoadModuleSymbols(SymbolArena *arena, const MsfFile *msf, const PdbModule
 // [SECTION] Lookups
 
 const char *PdbProcName(const PdbProcScope *procedure) { return (const char *)procedure->record + kProcSymName; }
+
+const PdbProcScope *PdbProcedureAt(const PdbScopes *scopes, u32 section, u32 offset) {
+  u32 lo = 0, hi = scopes->procedure_count;
+  while (lo < hi) {
+    u32 mid = lo + (hi - lo) / 2;
+    const PdbProcAddress *a = &scopes->addresses[mid];
+    if (a->section > section || (a->section == section && a->start > offset))
+      hi = mid;
+    else if (a->section == section && offset < a->end)
+      return a->procedure;
+    else
+      lo = mid + 1;
+  }
+  return nullptr;
+}
+
+PdbScopeRef PdbScopeParent(const PdbScopes *scopes, PdbScopeRef scope) {
+  if (scope == kPdbNoBlock) return kPdbNoBlock;
+  if (PdbScopeIsInline(scope)) return scopes->inlines[PdbScopeIndex(scope)].parent;
+  return scopes->blocks[scope].parent_block;
+}
+
+void PdbScopeRecords(const PdbScopes *scopes, const PdbProcScope *procedure, PdbScopeRef scope, const u8 **begin,
+                     const u8 **end) {
+  const u8 *opening = procedure->record, *closing = procedure->end;
+  if (PdbScopeIsInline(scope)) {
+    opening = scopes->inlines[PdbScopeIndex(scope)].record;
+    closing = scopes->inlines[PdbScopeIndex(scope)].end;
+  } else if (scope != kPdbNoBlock) {
+    opening = scopes->blocks[scope].record;
+    closing = scopes->blocks[scope].end;
+  }
+  *begin = opening + ReadU16(opening) + 2;
+  *end = closing;
+}
 
 const PdbProcScope *PdbFindProcedure(const PdbScopes *scopes, const char *name, const PdbProcScope *after) {
   if (!scopes->procedure_capacity || !scopes->procedure_table) return nullptr;

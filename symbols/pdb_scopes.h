@@ -6,7 +6,13 @@
 #include "symbols/msf.h"
 #include "symbols/pdb_dbi.h"
 
-enum : u32 { kPdbNoBlock = 0xFFFFFFFF };
+// A scope of a procedure: the procedure itself (kPdbNoBlock), a block (its index in the block
+// array) or an inline site (kPdbInlineScope + its index in the inline-site array).
+typedef u32 PdbScopeRef;
+enum : u32 { kPdbNoBlock = 0xFFFFFFFF, kPdbInlineScope = 0x80000000 };
+static inline bool PdbScopeIsInline(PdbScopeRef ref) { return ref != kPdbNoBlock && (ref & kPdbInlineScope); }
+static inline bool PdbScopeIsBlock(PdbScopeRef ref) { return !(ref & kPdbInlineScope); }
+static inline u32 PdbScopeIndex(PdbScopeRef ref) { return ref & ~kPdbInlineScope; }
 
 typedef struct PdbModuleSymbols {
   const u8 *symbols;  // the records after the stream's 4-byte signature; record offsets in the
@@ -15,15 +21,16 @@ typedef struct PdbModuleSymbols {
   const u8 *c13;      // the C13 debug subsections, null when the module has none
 } PdbModuleSymbols;
 
-// What a scope holds: first record and count of each kind of local.
+// What a scope holds itself (not its nested blocks and inline sites): first record and count of
+// each kind of local.
 typedef struct PdbScopeLocals {
-  const u8 *first_regrel;   // S_REGREL32
+  const u8 *first_regrel;   // S_REGREL32 relative to RBP or RSP
   const u8 *first_local;    // S_LOCAL
   const u8 *first_ldata;    // S_LDATA32 (static locals)
   const u8 *first_lthread;  // S_LTHREAD32
   u32 frame_regrel_count;   // S_REGREL32 relative to RBP or RSP
   u32 local_count;
-  u32 defrange_count;       // S_DEFRANGE_REGISTER, _FRAMEPOINTER_REL, _REGISTER_REL
+  u32 defrange_count;       // every S_DEFRANGE kind
   u32 ldata_count;
   u32 lthread_count;
   u32 padding;
@@ -31,20 +38,33 @@ typedef struct PdbScopeLocals {
 
 typedef struct PdbProcScope {
   const u8 *record;     // S_LPROC32 / S_GPROC32
+  const u8 *end;        // its S_END, or the end of the module's symbols when it has none
   const u8 *frameproc;  // S_FRAMEPROC, null when absent
   PdbScopeLocals locals;
   u32 name_hash;
   u32 module_index;
   u32 first_block;  // index in the block array; the procedure's blocks follow in the order met
   u32 block_count;
+  u32 first_inline;  // index in the inline-site array; its inline sites follow in the order met
+  u32 inline_count;
 } PdbProcScope;
 
 typedef struct PdbBlockScope {
   const u8 *record;  // S_BLOCK32
+  const u8 *end;     // the S_END that closes it (the procedure's end when none does)
   PdbScopeLocals locals;
-  u32 parent_block;  // kPdbNoBlock: the procedure itself
+  PdbScopeRef parent_block;  // kPdbNoBlock: the procedure itself; may be an inline site
   u32 procedure;     // index of the procedure in the procedure array
 } PdbBlockScope;
+
+// Code of another function inlined into a procedure: the site owns the inlined function's locals.
+typedef struct PdbInlineScope {
+  const u8 *record;  // S_INLINESITE / S_INLINESITE2
+  const u8 *end;     // the S_INLINESITE_END that closes it (the procedure's end when none does)
+  PdbScopeLocals locals;
+  PdbScopeRef parent;
+  u32 procedure;
+} PdbInlineScope;
 
 // One slot of the procedure name table; index_plus_one 0 = empty.
 typedef struct PdbProcSlot {
@@ -74,14 +94,24 @@ typedef struct PdbScopes {
   u32 procedure_count;
   u32 block_count;
   PdbBlockScope *blocks;
+  PdbInlineScope *inlines;
+  u32 inline_count;
+  u32 padding;
   PdbProcAddress *addresses;  // procedure_count entries, by section then start
 } PdbScopes;
 
 // Reads every module's symbols and builds the scopes. A module whose stream is missing, too short
 // or unreadable contributes nothing. 0, or kPdbUnreadable when memory is refused.
-int PdbLoadModuleSymbols(SymbolArena *arena, const MsfFile *msf, const PdbModuleList *modules, PdbScopes *out);
+PdbError PdbLoadModuleSymbols(SymbolArena *arena, const MsfFile *msf, const PdbModuleList *modules, PdbScopes *out);
 
 // Name of a procedure or block scope's record.
 const char *PdbProcName(const PdbProcScope *procedure);
+// The procedure whose code holds (section, offset), or null.
+const PdbProcScope *PdbProcedureAt(const PdbScopes *scopes, u32 section, u32 offset);
+// The scope that holds a scope (kPdbNoBlock for the procedure's own children and the procedure).
+PdbScopeRef PdbScopeParent(const PdbScopes *scopes, PdbScopeRef scope);
+// The records a scope holds: from after its opening record up to its closing one.
+void PdbScopeRecords(const PdbScopes *scopes, const PdbProcScope *procedure, PdbScopeRef scope, const u8 **begin,
+                     const u8 **end);
 // Procedures of that name in probe order: the first when after is null, else the next one.
 const PdbProcScope *PdbFindProcedure(const PdbScopes *scopes, const char *name, const PdbProcScope *after);

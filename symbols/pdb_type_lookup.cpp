@@ -14,8 +14,8 @@
 u32 PdbTypeLookThrough(const PdbTypes *types, u32 type_index) {
   for (u32 step = 0; step < kTypeLookThroughMaxSteps; step++) {
     const u8 *r = PdbTypeRecord(types, type_index);
-    if (!r || ReadU16(r + 2) != kLF_MODIFIER || ReadU16(r) < 6) return type_index;
-    type_index = ReadU32(r + 4);
+    if (!r || ReadU16(r + kTypeRecordLeaf) != kLF_MODIFIER || ReadU16(r) + 2u < kModifierBytes) return type_index;
+    type_index = ReadU32(r + kModifierType);
   }
   return type_index;
 }
@@ -102,10 +102,15 @@ u64 BuiltinTypeSize(u32 type_index) {
   return 0;  // void, notype and the unknown kinds
 }
 
+// The evaluator's classes: 8-bit bool, wchar_t, char16_t and char32_t compute as signed on
+// purpose; the 128-bit kinds follow their names.
 bool BuiltinTypeIsSigned(u32 type_index) {
   switch (type_index) {
-    case 0x10: case 0x11: case 0x12: case 0x13: case 0x14: case 0x68: case 0x70: case 0x72: case 0x74:
-    case 0x76: case 0x78: return true;
+    case 0x10: case 0x30: case 0x68: case 0x70:  // 8-bit
+    case 0x11: case 0x71: case 0x72: case 0x7A:  // 16-bit
+    case 0x12: case 0x74: case 0x7B:             // 32-bit
+    case 0x13: case 0x76:                        // 64-bit
+    case 0x14: case 0x78: return true;           // 128-bit
   }
   return false;
 }
@@ -174,24 +179,14 @@ bool PdbTypeIsArray(const PdbTypes *types, u32 type_index, u32 *element, u64 *co
   return true;
 }
 
-// Pass 0 takes pointers to the index itself; pass 1 also pointers to another record of the same
-// type (compilers point at the forward reference, while look-ups give the definition).
 u32 PdbTypePointerTo(const PdbTypes *types, u32 type_index) {
+  (void)types;
   if (type_index < 0x100) return kBuiltinPointer64 | type_index;
-  u32 definition = PdbTypeDefinition(types, type_index);
-  for (int pass = 0; pass < 2; pass++) {
-    for (u32 i = 0; i < types->count; i++) {
-      const u8 *r = PdbTypeRecord(types, types->first_index + i);
-      if (!r || ReadU16(r + 2) != kLF_POINTER || ReadU16(r) < 10) continue;
-      u32 attributes = ReadU32(r + 8), referent = ReadU32(r + 4);
-      // 64-bit kind, plain pointer mode, no const/volatile/unaligned/restrict on the pointer itself.
-      if ((attributes & 0x1F) != 0x0C || ((attributes >> 5) & 7) != 0 || (attributes & 0x1E00) != 0) continue;
-      if (referent == type_index || (pass == 1 && referent >= types->first_index &&
-                                     PdbTypeDefinition(types, referent) == definition))
-        return types->first_index + i;
-    }
+  if (TypeIndexIsSynthetic(type_index)) {
+    u32 depth = (type_index & ~kSyntheticPointer) >> kSyntheticDepthShift;
+    return depth + 1 < kSyntheticMaxDepth ? type_index + (1u << kSyntheticDepthShift) : 0;
   }
-  return 0;
+  return type_index <= kSyntheticBaseMask ? kSyntheticPointer | type_index : 0;
 }
 
 // [SECTION] Look-up by name
@@ -213,6 +208,17 @@ u32 PdbFindTypeRecord(const PdbTypes *types, const char *name, u32 length) {
     if (!forward) forward = candidate;
   }
   return forward ? PdbTypeDefinition(types, forward) : 0;
+}
+
+u32 PdbFindForwardOnly(const PdbTypes *types, const char *name, u32 length) {
+  TypeText wanted = {name, length};
+  for (u32 i = 0; i < types->count; i++) {
+    const u8 *r = PdbTypeRecord(types, types->first_index + i);
+    if (!r || !TypeLeafIsTag(ReadU16(r + 2)) || !TypeRecordNameEquals(r, ReadU16(r) + 2u, wanted)) continue;
+    TypeRecord t;
+    if (PdbDecodeTypeBytes(r, ReadU16(r) + 2u, &t) && (t.properties & kTypePropForwardRef)) return types->first_index + i;
+  }
+  return 0;
 }
 
 static bool IsSpace(char c) { return c == ' ' || c == '\t'; }
@@ -309,6 +315,9 @@ u32 PdbLookupType(const PdbTypes *types, const PdbGlobals *globals, const char *
     // Compilers write template arguments without blanks ("Buffer<short,5>"); users may not.
     u32 packed = PackTemplateBlanks(text, length, name);
     if (packed != length) index = PdbFindTypeRecord(types, name, packed);
+    // Last, a type the program only declares: its forward reference is in no name bucket.
+    if (!index) index = PdbFindForwardOnly(types, text, length);
+    if (!index && packed != length) index = PdbFindForwardOnly(types, name, packed);
   }
   for (u32 i = 0; i < stars && index; i++) {
     u32 base = PdbTypeLookThrough(types, index);

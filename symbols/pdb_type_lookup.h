@@ -26,7 +26,8 @@ u32 PdbTypeDefinition(const PdbTypes *types, u32 type_index);
 // are not types and unknown indices.
 u64 PdbTypeSize(const PdbTypes *types, u32 type_index);
 u64 BuiltinTypeSize(u32 type_index);
-// The signed integer kinds (and char, taken as signed); false for pointers and everything else.
+// The kinds the evaluator computes as signed: the signed integers, char, 8-bit bool, wchar_t,
+// char16_t and char32_t; false for the unsigned kinds, pointers and everything else.
 bool BuiltinTypeIsSigned(u32 type_index);
 
 // True for a pointer (a built-in pointer mode or LF_POINTER, modifiers looked through); the
@@ -35,8 +36,10 @@ bool PdbTypeIsPointer(const PdbTypes *types, u32 type_index, u32 *pointee);
 // An array's element type and element count (size / element size; 0 when the element has no
 // size), modifiers looked through; false for anything that is not an array.
 bool PdbTypeIsArray(const PdbTypes *types, u32 type_index, u32 *element, u64 *count);
-// A 64-bit pointer type to the given type: 0x600 + kind for a plain built-in, else the first
-// unqualified LF_POINTER record of the stream that points to it; 0 when the stream has none.
+// A 64-bit pointer type to the given type: 0x600 + kind for a plain built-in, else a synthetic
+// pointer (see pdb_type_records.h), which every type question answers like an LF_POINTER record;
+// 0 only past the depth or index that one can hold. Pointer types are therefore compared by
+// what they point to, not by index.
 u32 PdbTypePointerTo(const PdbTypes *types, u32 type_index);
 
 // [SECTION] Look-up by name
@@ -44,10 +47,13 @@ u32 PdbTypePointerTo(const PdbTypes *types, u32 type_index);
 // record: "ns::Outer::Inner") is exactly name, through the name index; a definition is preferred
 // over a forward reference. 0 when none.
 u32 PdbFindTypeRecord(const PdbTypes *types, const char *name, u32 length);
+// A class, structure, union or enumeration that the stream holds only as a forward reference (a
+// type the program declares and never defines): writers hash such records by their bytes, so no
+// name bucket holds them, and they are searched record by record. 0 when none has that name.
+u32 PdbFindForwardOnly(const PdbTypes *types, const char *name, u32 length);
 
 // A type named as a user writes it: built-in spellings ("int", "unsigned long long", "u64"),
 // records by qualified name, typedefs (S_UDT of the globals, may be null), an optional "struct",
 // "class", "union" or "enum" keyword, const and volatile (ignored: look-up gives the unqualified
-// type) and trailing '*'s (pointer types, which must exist in the stream unless built-in). 0 when
-// not found.
+// type) and trailing '*'s (pointer types, made up when the stream has none). 0 when not found.
 u32 PdbLookupType(const PdbTypes *types, const PdbGlobals *globals, const char *text, u32 length);

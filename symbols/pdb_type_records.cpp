@@ -96,91 +96,103 @@ bool PdbDecodeTypeBytes(const u8 *r, u32 count, TypeRecord *out) {
   if (count < 4) return false;
   out->bytes = r;
   out->byte_count = count;
-  out->leaf = ReadU16(r + 2);
+  out->leaf = ReadU16(r + kTypeRecordLeaf);
   out->name.text = out->unique_name.text = "";
-  u32 payload = count - 4;
   switch (out->leaf) {
     case kLF_MODIFIER:
-      if (payload < 6) return false;
-      out->type = ReadU32(r + 4), out->properties = ReadU16(r + 8);
+      if (count < kModifierBytes) return false;
+      out->type = ReadU32(r + kModifierType), out->properties = ReadU16(r + kModifierAttributes);
       return true;
-    case kLF_POINTER:
-      if (payload < 8) return false;
-      out->type = ReadU32(r + 4), out->properties = ReadU32(r + 8);
-      if (((out->properties >> 5) & 7) >= 2 && ((out->properties >> 5) & 7) <= 3 && payload >= 12)
-        out->index_type = ReadU32(r + 12);
+    case kLF_POINTER: {
+      if (count < kPointerBytes) return false;
+      out->type = ReadU32(r + kPointerReferent), out->properties = ReadU32(r + kPointerAttributes);
+      u32 mode = (out->properties >> kPointerModeShift) & 7;
+      if ((mode == 2 || mode == 3) && count >= kPointerBytes + 4) out->index_type = ReadU32(r + kPointerMemberClass);
       return true;
+    }
     case kLF_PROCEDURE:
-      if (payload < 12) return false;
-      out->type = ReadU32(r + 4), out->member_count = ReadU16(r + 10), out->index_type = ReadU32(r + 12);
+      if (count < kProcedureBytes) return false;
+      out->type = ReadU32(r + kProcedureReturn), out->member_count = ReadU16(r + kProcedureParameterCount);
+      out->index_type = ReadU32(r + kProcedureArguments);
       return true;
     case kLF_MFUNCTION:
-      if (payload < 24) return false;
-      out->type = ReadU32(r + 4), out->derived = ReadU32(r + 8), out->member_count = ReadU16(r + 18);
-      out->index_type = ReadU32(r + 20);
+      if (count < kMemberFunctionBytes) return false;
+      out->type = ReadU32(r + kMemberFunctionReturn), out->derived = ReadU32(r + kMemberFunctionClass);
+      out->this_type = ReadU32(r + kMemberFunctionThis);
+      out->member_count = ReadU16(r + kMemberFunctionParameterCount);
+      out->index_type = ReadU32(r + kMemberFunctionArguments);
       return true;
     case kLF_ARGLIST:
-      if (payload < 4) return false;
-      out->size = ReadU32(r + 4);
-      if (out->size > (payload - 4) / 4) out->size = (payload - 4) / 4;  // only the arguments present
+      if (count < kArgListFirst) return false;
+      out->size = ReadU32(r + kArgListCount);
+      if (out->size > (count - kArgListFirst) / 4) out->size = (count - kArgListFirst) / 4;  // only those present
       return true;
     case kLF_BITFIELD:
-      if (payload < 6) return false;
-      out->type = ReadU32(r + 4), out->bit_length = r[8], out->bit_position = r[9];
+      if (count < kBitFieldBytes) return false;
+      out->type = ReadU32(r + kBitFieldType), out->bit_length = r[kBitFieldLength];
+      out->bit_position = r[kBitFieldPosition];
       return true;
     case kLF_ARRAY:
-      if (payload < 8) return false;
-      out->type = ReadU32(r + 4), out->index_type = ReadU32(r + 8);
-      DecodeSizeAndNames(r, count, 12, true, out);
+      if (count < kArraySize) return false;
+      out->type = ReadU32(r + kArrayElement), out->index_type = ReadU32(r + kArrayIndex);
+      DecodeSizeAndNames(r, count, kArraySize, true, out);
       return true;
     case kLF_CLASS: case kLF_STRUCTURE: case kLF_INTERFACE:
-      if (payload < 16) return false;
-      out->member_count = ReadU16(r + 4), out->properties = ReadU16(r + 6), out->field_list = ReadU32(r + 8);
-      out->derived = ReadU32(r + 12), out->vshape = ReadU32(r + 16);
-      DecodeSizeAndNames(r, count, 20, true, out);
+      if (count < kClassSize) return false;
+      out->member_count = ReadU16(r + kClassCount), out->properties = ReadU16(r + kClassProperties);
+      out->field_list = ReadU32(r + kClassFields), out->derived = ReadU32(r + kClassDerived);
+      out->vshape = ReadU32(r + kClassShape);
+      DecodeSizeAndNames(r, count, kClassSize, true, out);
       return true;
     case kLF_CLASS2: case kLF_STRUCTURE2:
-      if (payload < 18) return false;
-      out->properties = ReadU32(r + 4), out->field_list = ReadU32(r + 8), out->derived = ReadU32(r + 12);
-      out->vshape = ReadU32(r + 16), out->member_count = ReadU16(r + 20);
-      DecodeSizeAndNames(r, count, 22, true, out);
+      if (count < kClass2Size) return false;
+      out->properties = ReadU32(r + kClass2Properties), out->field_list = ReadU32(r + kClass2Fields);
+      out->derived = ReadU32(r + kClass2Derived), out->vshape = ReadU32(r + kClass2Shape);
+      out->member_count = ReadU16(r + kClass2Count);
+      DecodeSizeAndNames(r, count, kClass2Size, true, out);
       return true;
     case kLF_UNION:
-      if (payload < 8) return false;
-      out->member_count = ReadU16(r + 4), out->properties = ReadU16(r + 6), out->field_list = ReadU32(r + 8);
-      DecodeSizeAndNames(r, count, 12, true, out);
+      if (count < kUnionSize) return false;
+      out->member_count = ReadU16(r + kUnionCount), out->properties = ReadU16(r + kUnionProperties);
+      out->field_list = ReadU32(r + kUnionFields);
+      DecodeSizeAndNames(r, count, kUnionSize, true, out);
       return true;
     case kLF_ENUM:
-      if (payload < 12) return false;
-      out->member_count = ReadU16(r + 4), out->properties = ReadU16(r + 6), out->type = ReadU32(r + 8);
-      out->field_list = ReadU32(r + 12);
-      DecodeSizeAndNames(r, count, 16, false, out);
+      if (count < kEnumName) return false;
+      out->member_count = ReadU16(r + kEnumCount), out->properties = ReadU16(r + kEnumProperties);
+      out->type = ReadU32(r + kEnumUnderlying), out->field_list = ReadU32(r + kEnumFields);
+      DecodeSizeAndNames(r, count, kEnumName, false, out);
       return true;
     case kLF_ALIAS:
-      if (payload < 4) return false;
-      out->type = ReadU32(r + 4);
-      DecodeSizeAndNames(r, count, 8, false, out);
+      if (count < kAliasName) return false;
+      out->type = ReadU32(r + kAliasType);
+      DecodeSizeAndNames(r, count, kAliasName, false, out);
       return true;
     case kLF_VTSHAPE:
-      if (payload < 2) return false;
-      out->member_count = ReadU16(r + 4);
+      if (count < kVtShapeBytes) return false;
+      out->member_count = ReadU16(r + kVtShapeCount);
       return true;
   }
   return true;  // field lists, method lists and kinds not interpreted: the header is all
 }
 
+// Where a tag record's size leaf (or, for an enumeration, its name) starts; 0 for other leaves.
+static u32 TagTailOffset(u16 leaf, bool *has_size) {
+  *has_size = true;
+  switch (leaf) {
+    case kLF_CLASS: case kLF_STRUCTURE: case kLF_INTERFACE: return kClassSize;
+    case kLF_CLASS2: case kLF_STRUCTURE2: return kClass2Size;
+    case kLF_UNION: return kUnionSize;
+    case kLF_ENUM: *has_size = false; return kEnumName;
+  }
+  return 0;
+}
+
 bool TypeRecordNameEquals(const u8 *r, u32 count, TypeText name) {
   if (count < 4) return false;
-  u32 at = 0;
-  bool has_size = true;
-  switch (ReadU16(r + 2)) {
-    case kLF_CLASS: case kLF_STRUCTURE: case kLF_INTERFACE: at = 20; break;
-    case kLF_CLASS2: case kLF_STRUCTURE2: at = 22; break;
-    case kLF_UNION: at = 12; break;
-    case kLF_ENUM: at = 16, has_size = false; break;
-    default: return false;
-  }
-  if (at > count) return false;
+  bool has_size;
+  u32 at = TagTailOffset(ReadU16(r + kTypeRecordLeaf), &has_size);
+  if (at == 0 || at > count) return false;
   if (has_size) {
     NumericLeaf n = ReadNumericLeaf(r + at, count - at);
     if (!n.bytes) return false;
@@ -190,13 +202,23 @@ bool TypeRecordNameEquals(const u8 *r, u32 count, TypeText name) {
 }
 
 bool PdbDecodeType(const PdbTypes *types, u32 type_index, TypeRecord *out) {
-  const u8 *r = PdbTypeRecord(types, type_index);
+  const u8 *r = TypeIndexIsSynthetic(type_index) ? nullptr : PdbTypeRecord(types, type_index);
   if (!r) {
     memset(out, 0, sizeof(*out));
     out->name.text = out->unique_name.text = "";
-    return false;
+    if (!TypeIndexIsSynthetic(type_index)) return false;
+    // A pointer made up for a type the stream has no pointer to: a plain 64-bit one, no record.
+    out->leaf = kLF_POINTER;
+    out->type = SyntheticPointee(type_index);
+    out->properties = kPointerKind64 | 8u << kPointerSizeShift;
+    return true;
   }
   return PdbDecodeTypeBytes(r, ReadU16(r) + 2u, out);
+}
+
+u32 SyntheticPointee(u32 type_index) {
+  u32 depth = (type_index & ~kSyntheticPointer) >> kSyntheticDepthShift;
+  return depth ? type_index - (1u << kSyntheticDepthShift) : type_index & kSyntheticBaseMask;
 }
 
 // [SECTION] Classification
@@ -273,8 +295,10 @@ u32 PdbTypeRecordHash(const PdbTypes *types, u32 type_index) {
   const u8 *record = PdbTypeRecord(types, type_index);
   if (!record) return 0;
   // A modifier stands for what it modifies; chains are followed a bounded number of steps.
-  for (int step = 0; step < 16 && ReadU16(record + 2) == kLF_MODIFIER && ReadU16(record) >= 6; step++) {
-    const u8 *modified = PdbTypeRecord(types, ReadU32(record + 4));
+  for (int step = 0; step < 16 && ReadU16(record + kTypeRecordLeaf) == kLF_MODIFIER &&
+                     ReadU16(record) + 2u >= kModifierBytes;
+       step++) {
+    const u8 *modified = PdbTypeRecord(types, ReadU32(record + kModifierType));
     if (!modified) break;
     record = modified;
   }

@@ -82,6 +82,7 @@ typedef struct TypeRecord {
                      // pointer to member: containing class
   u32 field_list;
   u32 derived;       // member function: its class
+  u32 this_type;     // member function: the type of `this` (0 for a static method)
   u32 vshape;
   u64 size;          // class, union, array: the size leaf
   u8 bit_length, bit_position;
@@ -89,6 +90,23 @@ typedef struct TypeRecord {
   const u8 *bytes;   // the whole record, its length field included
   u32 byte_count;
 } TypeRecord;
+
+// [SECTION] Pointers without a record
+// The pointer-to of a type the stream holds no pointer to is an index of its own, made up without
+// scanning the stream: bit 31 set, the pointer depth less one in bits 24-30, the type pointed to
+// through all of them in bits 0-23. Decoding gives a plain 64-bit LF_POINTER without bytes.
+enum : u32 {
+  kSyntheticPointer = 0x80000000,
+  kSyntheticDepthShift = 24,
+  kSyntheticMaxDepth = 128,
+  kSyntheticBaseMask = 0xFFFFFF,
+};
+static inline bool TypeIndexIsSynthetic(u32 type_index) { return (type_index & kSyntheticPointer) != 0; }
+// The type a synthetic pointer points to (itself a synthetic pointer below the first level).
+u32 SyntheticPointee(u32 type_index);
+
+// LF_POINTER attributes: kind in bits 0-4, mode in bits 5-7, the flags, size in bits 13-18.
+enum : u32 { kPointerKind64 = 0x0C, kPointerModeShift = 5, kPointerSizeShift = 13 };
 
 // Decodes the record of a type index; false when it has no record or its fixed part is cut
 // short. Names missing from a short record come back empty.

@@ -58,12 +58,12 @@ void PdbApplyHashAdjusters(const u8 *data, u32 size, const PdbStringTable *strin
   }
 }
 
-static void LoadHashIndex(SymbolArena *arena, const MsfFile *msf, const u8 *header, const PdbStringTable *strings,
-                          PdbTypes *out) {
-  u32 hash_stream = ReadU16(header + 20);
-  u32 bucket_count = ReadU32(header + 28);
-  u32 values_offset = ReadU32(header + 32), values_bytes = ReadU32(header + 36);
-  u32 adjust_offset = ReadU32(header + 48), adjust_bytes = ReadU32(header + 52);
+static void LoadHashIndex(SymbolArena *arena, const MsfFile *msf, const TpiStreamHeader *header,
+                          const PdbStringTable *strings, PdbTypes *out) {
+  u32 hash_stream = header->hash_stream;
+  u32 bucket_count = header->bucket_count;
+  u32 values_offset = header->hash_values_offset, values_bytes = header->hash_values_bytes;
+  u32 adjust_offset = header->adjusters_offset, adjust_bytes = header->adjusters_bytes;
   if (hash_stream == kPdbNoHashStream || values_bytes / 4 != out->count || bucket_count == 0) return;
   const MsfStream *stream = MsfStreamAt(msf, hash_stream);
   u32 stream_size = MsfStreamSize(msf, hash_stream);
@@ -74,7 +74,7 @@ static void LoadHashIndex(SymbolArena *arena, const MsfFile *msf, const u8 *head
   // PDB's load reuses without asking the system again.
   ScratchBegin();
   u32 *values = (u32 *)ScratchAllocate((u64)out->count * 4 + 4);
-  int error = values ? MsfReadStream(msf, stream, values, (u64)out->count * 4, values_offset) : kPdbOk;
+  PdbError error = values ? MsfReadStream(msf, stream, values, (u64)out->count * 4, values_offset) : kPdbOk;
   bool built = values && !error && PdbBuildTypeBuckets(arena, values, bucket_count, out);
   ScratchEnd();
   // A hash stream that cannot be read is an unusable index, not a broken PDB: the types stay
@@ -120,7 +120,7 @@ typedef struct TypeIndexer {
   u32 next;  // its position in index order
 } TypeIndexer;
 
-static int BeginIndex(SymbolArena *arena, const u8 *records, u32 record_bytes, u32 first_index, u32 end_index,
+static PdbError BeginIndex(SymbolArena *arena, const u8 *records, u32 record_bytes, u32 first_index, u32 end_index,
                       TypeIndexer *indexer, PdbTypes *out) {
   out->records = records;
   out->record_bytes = record_bytes;
@@ -152,16 +152,27 @@ static void EndIndex(const TypeIndexer *indexer, PdbTypes *out) {
   memset(out->offsets + indexer->next, 0xFF, (u64)(out->count - indexer->next) * 4);
 }
 
-int PdbLoadTypes(SymbolArena *arena, const MsfFile *msf, const PdbStringTable *strings, PdbTypes *out) {
+PdbError PdbLoadTypes(SymbolArena *arena, const MsfFile *msf, const PdbStringTable *strings, PdbTypes *out) {
+  return PdbLoadTypeStream(arena, msf, kPdbTypeStream, strings, out);
+}
+
+PdbError PdbLoadIds(SymbolArena *arena, const MsfFile *msf, PdbTypes *out) {
   memset(out, 0, sizeof(*out));
-  const MsfStream *stream = MsfStreamAt(msf, kPdbTypeStream);
-  u32 size = MsfStreamSize(msf, kPdbTypeStream);
-  if (!stream || size < kTypeStreamHeaderBytes) return kPdbBadFormat;
-  u8 header[kTypeStreamHeaderBytes];
-  int error = MsfReadStream(msf, stream, header, sizeof(header), 0);
+  if (MsfStreamSize(msf, kPdbIdStream) == 0) return kPdbOk;  // older writers have none
+  return PdbLoadTypeStream(arena, msf, kPdbIdStream, nullptr, out);
+}
+
+PdbError PdbLoadTypeStream(SymbolArena *arena, const MsfFile *msf, u32 stream_index, const PdbStringTable *strings,
+                      PdbTypes *out) {
+  memset(out, 0, sizeof(*out));
+  const MsfStream *stream = MsfStreamAt(msf, stream_index);
+  u32 size = MsfStreamSize(msf, stream_index);
+  if (!stream || size < sizeof(TpiStreamHeader)) return kPdbBadFormat;
+  TpiStreamHeader header;
+  PdbError error = MsfReadStream(msf, stream, &header, sizeof(header), 0);
   if (error) return error;
-  u32 first_index = ReadU32(header + 8), end_index = ReadU32(header + 12);
-  u32 record_bytes = size - kTypeStreamHeaderBytes;
+  u32 first_index = header.first_index, end_index = header.end_index;
+  u32 record_bytes = size - (u32)sizeof(TpiStreamHeader);
   u8 *records = (u8 *)PdbAllocate(arena, (u64)record_bytes + 8);
   if (!records) return kPdbUnreadable;
   TypeIndexer indexer;
@@ -170,21 +181,21 @@ int PdbLoadTypes(SymbolArena *arena, const MsfFile *msf, const PdbStringTable *s
   // Read in chunks and index each while it is still in the cache.
   for (u32 done = 0; done < record_bytes;) {
     u32 chunk = record_bytes - done < kTypeReadChunkBytes ? record_bytes - done : kTypeReadChunkBytes;
-    error = MsfReadStream(msf, stream, records + done, chunk, kTypeStreamHeaderBytes + done);
+    error = MsfReadStream(msf, stream, records + done, chunk, (u32)sizeof(TpiStreamHeader) + done);
     if (error) return error;
     done += chunk;
     IndexAvailable(&indexer, done, out);
   }
   memset(records + record_bytes, 0, 8);
   EndIndex(&indexer, out);
-  LoadHashIndex(arena, msf, header, strings, out);
+  if (strings) LoadHashIndex(arena, msf, &header, strings, out);
   return kPdbOk;
 }
 
-int PdbIndexTypeRecords(SymbolArena *arena, const u8 *records, u32 record_bytes, u32 first_index, u32 end_index,
+PdbError PdbIndexTypeRecords(SymbolArena *arena, const u8 *records, u32 record_bytes, u32 first_index, u32 end_index,
                         PdbTypes *out) {
   TypeIndexer indexer;
-  int error = BeginIndex(arena, records, record_bytes, first_index, end_index, &indexer, out);
+  PdbError error = BeginIndex(arena, records, record_bytes, first_index, end_index, &indexer, out);
   if (error) return error;
   IndexAvailable(&indexer, record_bytes, out);
   EndIndex(&indexer, out);

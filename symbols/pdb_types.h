@@ -5,7 +5,7 @@
 #include "symbols/msf.h"
 #include "symbols/pdb_names.h"
 
-enum : u32 { kPdbTypeStream = 2, kTypeStreamHeaderBytes = 56, kPdbNoHashStream = 0xFFFF,
+enum : u32 { kPdbTypeStream = 2, kPdbNoHashStream = 0xFFFF,
               kPdbNoTypeRecord = 0xFFFFFFFF,
               // The format's largest bucket count; lld always writes 0x3FFFF, whatever the file's size.
               kPdbMaxTypeBuckets = 0x40000,
@@ -24,11 +24,16 @@ typedef struct PdbTypes {
 
 // 0, kPdbBadFormat for a type stream shorter than its header, or kPdbUnreadable. A missing or
 // inconsistent hash index is not a failure: the name index then stays empty.
-int PdbLoadTypes(SymbolArena *arena, const MsfFile *msf, const PdbStringTable *strings, PdbTypes *out);
+PdbError PdbLoadTypes(SymbolArena *arena, const MsfFile *msf, const PdbStringTable *strings, PdbTypes *out);
+// The IPI stream (function ids, string ids) by index only; a PDB without one loads with none.
+PdbError PdbLoadIds(SymbolArena *arena, const MsfFile *msf, PdbTypes *out);
+// Either stream: its records by index, and the name index when strings is not null.
+PdbError PdbLoadTypeStream(SymbolArena *arena, const MsfFile *msf, u32 stream_index, const PdbStringTable *strings,
+                      PdbTypes *out);
 
 // The steps of loading, for callers that hold the bytes themselves (tests, fuzzers):
 // record offsets by index over record_bytes (followed in memory by 8 zero bytes) ...
-int PdbIndexTypeRecords(SymbolArena *arena, const u8 *records, u32 record_bytes, u32 first_index, u32 end_index,
+PdbError PdbIndexTypeRecords(SymbolArena *arena, const u8 *records, u32 record_bytes, u32 first_index, u32 end_index,
                         PdbTypes *out);
 // ... the bucket table and list from one hash value per type (false: no index built) ...
 bool PdbBuildTypeBuckets(SymbolArena *arena, const u32 *values, u32 bucket_count, PdbTypes *out);

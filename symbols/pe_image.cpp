@@ -60,7 +60,7 @@ static int ReadMapped(const ImageSource *source, const PeImage *image, u64 load_
 
 // The first CodeView entry of the "RSDS" form gives the identity and path. Every CodeView entry's
 // size is checked, before anything else of it is read: 804 bytes or more refuses the image.
-static int ReadCodeView(const ImageSource *source, u64 load_base, u32 directory_rva, u32 directory_size,
+static PeResult ReadCodeView(const ImageSource *source, u64 load_base, u32 directory_rva, u32 directory_size,
                         PeImage *out) {
   u32 count = directory_size / kPeDebugEntryBytes;
   out->debug_entry_count = count;
@@ -124,7 +124,7 @@ PeResult PeReadWordSize(const ImageSource *source) {
   return ReadHeaders(source, &headers);
 }
 
-int PeReadImage(const ImageSource *source, u64 load_base, PeImage *out) {
+PeResult PeReadImage(const ImageSource *source, u64 load_base, PeImage *out) {
   memset(out, 0, sizeof(*out));
   PeHeaders headers;
   PeResult result = ReadHeaders(source, &headers);
@@ -165,7 +165,7 @@ int PeReadImage(const ImageSource *source, u64 load_base, PeImage *out) {
     u32 rva = ReadU32(directories + kDirectoryDebug * 8);
     u32 size = ReadU32(directories + kDirectoryDebug * 8 + 4);
     if (rva && size) {
-      int result = ReadCodeView(source, load_base, rva, size, out);
+      PeResult result = ReadCodeView(source, load_base, rva, size, out);
       if (result) return result;
     }
   }

@@ -19,7 +19,7 @@ enum : u32 {
 };
 
 // Result codes of image reading (shared with module loading).
-enum PeResult {
+enum [[nodiscard]] PeResult : int {
   kPeOk = 0,
   kPeUnreadable = 2,  // a seek or read of the image failed
   kPe32Bit = 10,      // machine i386, or optional-header magic 0x10B
@@ -69,7 +69,7 @@ typedef struct PeImage {
 
 // Reads the headers, the section table and the CodeView record. load_base is passed to
 // read_mapped. Returns a PeResult.
-int PeReadImage(const ImageSource *source, u64 load_base, PeImage *out);
+PeResult PeReadImage(const ImageSource *source, u64 load_base, PeImage *out);
 
 // Reads no further than the optional header's magic: kPe32Bit for a 32-bit image, kPeOk for a
 // PE32+ one, else why the headers could not be taken. A launch refuses a 32-bit program with this

@@ -10,6 +10,17 @@ typedef struct ScopeQueryContext {
   char procedure_name[kScopeNameCapacity];
 } ScopeQueryContext;
 
+enum : u32 { kScopeMaxInlineDepth = 32 };  // inline sites deeper than this are not listed
+
+// The scopes of a procedure that hold an address: blocks and the inline sites that inlined code
+// there. Each inline site stands for a frame of the inlined function above the procedure's own.
+typedef struct ScopeChain {
+  const PdbBlockScope *block;   // innermost block; null when none holds the address
+  u32 offset;                   // the section offset looked up (for a return address: the call's)
+  u32 inline_count;             // inline sites holding the address, innermost first
+  const PdbInlineScope *inlines[kScopeMaxInlineDepth];
+} ScopeChain;
+
 typedef struct ScopeAtAddress {
   const PdbProcScope *procedure;  // null: no procedure contains the address
   const PdbBlockScope *block;     // innermost block; null when the procedure itself is innermost
@@ -17,6 +28,7 @@ typedef struct ScopeAtAddress {
   u32 line;                       // 0 when none
   u32 section;                    // 1-based section number; 0 when outside every section
   u32 offset;                     // within that section
+  ScopeChain chain;               // blocks and inline sites (not filled in procedure-only mode)
 } ScopeAtAddress;
 
 enum ScopeMode : s32 {
@@ -29,6 +41,22 @@ enum ScopeMode : s32 {
 // a ScopeMode. Never fails; what is unknown is null or 0.
 void FindScopeAtAddress(const ModuleSymbols *module, ScopeQueryContext *context, u64 address, s32 mode,
                         ScopeAtAddress *out);
+
+// The scope chain of the procedure at (section, offset); mode as above (a return address is looked
+// up as the call before it). The procedure must hold the address.
+//
+// Frames: frame 0 is the innermost, the function of inlines[0] when there is one; frame
+// inline_count is the procedure. A frame's scopes are the blocks of its function that hold the
+// address and the function's own scope; compilers may place an inline site beside the block that
+// holds the call rather than inside it, so a frame's blocks are found by address, not through the
+// inline site's parents.
+void PdbScopeChainAt(const PdbFile *pdb, const PdbProcScope *procedure, u32 section, u32 offset, s32 mode,
+                     ScopeChain *out);
+// The scope that opens a frame's function (kPdbNoBlock: the procedure), and the innermost block of
+// that function holding the address (the root itself when none does).
+PdbScopeRef ScopeChainFrameRoot(const PdbScopes *scopes, const ScopeChain *chain, u32 frame);
+PdbScopeRef ScopeChainFrameInnermost(const PdbScopes *scopes, const PdbProcScope *procedure, const ScopeChain *chain,
+                                     u32 frame);
 
 // Section number (1-based) and offset of an rva through the image's section table: the upper bound
 // is inclusive. False outside every section.

@@ -16,7 +16,7 @@ static void SourceDigest(u8 kind, const u8 *data, u64 size, u8 digest[kSha256Byt
   else DigestSha256(data, size, digest);
 }
 
-int CheckSourceChecksum(const u8 *record, const u8 *file_bytes, u64 file_size, bool *has_bom) {
+SourceChecksumResult CheckSourceChecksum(const u8 *record, const u8 *file_bytes, u64 file_size, bool *has_bom) {
   *has_bom = file_size >= 3 && file_bytes[0] == 0xEF && file_bytes[1] == 0xBB && file_bytes[2] == 0xBF;
   u8 size = record[4], kind = record[5];
   const u8 *expected = record + 6;

@@ -2,7 +2,7 @@
 #pragma once
 #include "base/types.h"
 
-enum SourceChecksumResult {
+enum [[nodiscard]] SourceChecksumResult : int {
   kSourceMatches = 0,
   kSourceDiffers = 1,
   kSourceNotChecked = 2,  // a checksum kind or size that is not verified
@@ -12,4 +12,4 @@ enum : u8 { kChecksumMd5 = 1, kChecksumSha1 = 2, kChecksumSha256 = 3 };
 
 // record: a checksum record (name offset, size, kind, bytes) whose bytes lie in memory, as the
 // line entries hold them. has_bom tells whether the file starts with a UTF-8 byte-order mark.
-int CheckSourceChecksum(const u8 *record, const u8 *file_bytes, u64 file_size, bool *has_bom);
+SourceChecksumResult CheckSourceChecksum(const u8 *record, const u8 *file_bytes, u64 file_size, bool *has_bom);

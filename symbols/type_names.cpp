@@ -6,6 +6,7 @@
 #include <string.h>
 
 #include "symbols/pdb_type_lookup.h"
+#include "symbols/pdb_raw.h"
 #include "symbols/pdb_type_records.h"
 
 // [SECTION] Built-in names
@@ -187,7 +188,7 @@ static void FormatProcedure(const PdbTypes *types, const TypeRecord *t, const ch
   u32 count = PdbDecodeType(types, t->index_type, &args) && args.leaf == kLF_ARGLIST ? (u32)args.size : 0;
   for (u32 i = 0; i < count; i++) {
     u32 arg = 0;
-    memcpy(&arg, args.bytes + 8 + 4 * i, 4);
+    memcpy(&arg, args.bytes + kArgListFirst + 4 * i, 4);
     if (i) PutZ(&d, ", ");
     if (arg == 0 && i == count - 1) {
       PutZ(&d, "...");  // a variadic function's last argument is notype
@@ -268,9 +269,17 @@ static void Format(const PdbTypes *types, u32 index, const char *inner, u32 cv, 
     case kLF_PROCEDURE: case kLF_MFUNCTION:
       FormatProcedure(types, &t, inner, depth, out);
       return;
-    case kLF_BITFIELD:
+    case kLF_BITFIELD: {
+      // The watch tree's text: the field's type and the bits it takes.
       Format(types, t.type, inner, cv, 0, depth + 1, out);
+      char bits[48];
+      if (t.bit_length == 1)
+        snprintf(bits, sizeof(bits), " (Bit %u)", t.bit_position);
+      else
+        snprintf(bits, sizeof(bits), " (Bits %u..%u)", t.bit_position, t.bit_position + t.bit_length - 1);
+      PutZ(out, bits);
       return;
+    }
   }
   if (TypeLeafIsTag(t.leaf) || t.leaf == kLF_ALIAS) {
     PutBase(out, cv, t.name.text, t.name.length, inner);

@@ -14,4 +14,6 @@ const char *BuiltinTypeName(u32 type_index);
 // Writes the type's name into out (always terminated when capacity > 0, cut at capacity - 1
 // bytes) and returns its length. Unknown indices print as "<type 0xINDEX>", records that are
 // not types by their leaf ("<LF_FIELDLIST>").
+// A bit field prints as the watch tree shows it, its type and its bits: "unsigned int (Bits 4..6)",
+// "int (Bit 0)".
 u32 TypeNameFormat(const PdbTypes *types, u32 type_index, char *out, u32 capacity);

@@ -4,6 +4,7 @@
 // - one million random addresses through FindScopeAtAddress, exact mode (procedure, innermost
 //   block, line) and procedure-and-line mode: nine in ten inside a random procedure, one in ten
 //   anywhere in the image (gaps, data, headers);
+// - the same addresses again, with the innermost frame's locals and parameters listed;
 // - one million line-to-address queries as a line breakpoint makes them: a source path through
 //   the path hash to its file, then the ten-line search from a line up to 12 before a line with
 //   code.
@@ -20,6 +21,7 @@
 #include "base/os.h"
 #include "symbols/module_symbols.h"
 #include "symbols/pdb_lines.h"
+#include "symbols/pdb_locals.h"
 #include "symbols/scope_lookup.h"
 
 // The machine is shared with builds: the thread's own CPU time is printed beside the wall time, so
@@ -28,6 +30,12 @@ static u64 ThreadCpuNanoseconds() {
   timespec t;
   clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
   return (u64)t.tv_sec * 1000000000ull + (u64)t.tv_nsec;
+}
+
+static bool CountLocal(void *user, const LocalVariable *variable) {
+  (void)variable;
+  ++*(u64 *)user;
+  return true;
 }
 
 static int Load(const char *path, ModuleSymbols *module) {
@@ -104,6 +112,17 @@ int main(int argc, char **argv) {
   double procedure_ns = (double)(OsTimeMicroseconds() - start) * 1000.0 / kQueries;
   double procedure_cpu_ns = (double)(ThreadCpuNanoseconds() - cpu) / kQueries;
 
+  // Locals at an address: the scope lookup, then the innermost frame's variables with their places.
+  u64 variables = 0;
+  start = OsTimeMicroseconds(), cpu = ThreadCpuNanoseconds();
+  for (u32 rva : rvas) {
+    FindScopeAtAddress(&module, nullptr, module.load_base + rva, kScopeExact, &scope);
+    if (scope.procedure)
+      PdbForEachLocal(&module.pdb, scope.procedure, &scope.chain, scope.section, scope.offset, 0, CountLocal, &variables);
+  }
+  double locals_ns = (double)(OsTimeMicroseconds() - start) * 1000.0 / kQueries;
+  double locals_cpu_ns = (double)(ThreadCpuNanoseconds() - cpu) / kQueries;
+
   // Line breakpoints: the path as the user's source view holds it, hashed and looked up each time.
   std::vector<std::pair<const char *, u32>> line_keys(kQueries);
   for (u32 i = 0; i < kQueries; i++) {
@@ -135,6 +154,7 @@ int main(int argc, char **argv) {
   printf("lookups %u\nexact_ns %.1f\nwith_procedure %llu\nwith_block %llu\nwith_line %llu\n", kQueries, exact_ns,
          (unsigned long long)procedures, (unsigned long long)blocks, (unsigned long long)found_lines);
   printf("procedure_line_ns %.1f\nnamed %llu\n", procedure_ns, (unsigned long long)named);
+  printf("locals_ns %.1f\nlocals_cpu_ns %.1f\nvariables %llu\n", locals_ns, locals_cpu_ns, (unsigned long long)variables);
   printf("line_to_address_ns %.1f\nline_bound %llu\n", line_ns, (unsigned long long)bound);
   UnloadModuleSymbols(&module);
   return 0;

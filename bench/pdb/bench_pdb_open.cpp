@@ -4,7 +4,8 @@
 //   bench_pdb_open lines FILE        one million address-to-line and one million file-and-line
 //                                    queries, beside std::upper_bound over the same entries
 //   bench_pdb_open types FILE [RUNS] median type-stream load time; one million type-by-name
-//                                    look-ups beside std::unordered_map over the same names
+//                                    look-ups beside std::unordered_map over the same names; one
+//                                    million pointer-to, "Name *" look-ups, and a name found nowhere
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -199,12 +200,33 @@ static int Types(const char *path, int runs) {
   start = OsTimeMicroseconds();
   for (const std::string *q : queries) reference_found += reference.find(std::string_view(*q)) != reference.end();
   double reference_ns = (double)(OsTimeMicroseconds() - start) * 1000.0 / kQueries;
+  // Pointer-to of the named definitions, and the whole look-up of "Name *".
+  std::vector<u32> definitions;
+  for (auto &[name, index] : reference) definitions.push_back(index);
+  u64 pointers = 0;
+  start = OsTimeMicroseconds();
+  for (u32 i = 0; i < kQueries; i++) pointers += PdbTypePointerTo(&t, definitions[i % definitions.size()]) != 0;
+  double pointer_to_ns = (double)(OsTimeMicroseconds() - start) * 1000.0 / kQueries;
+  std::vector<std::string> starred;
+  for (u32 i = 0; i < 100000; i++) starred.push_back(names[next() % names.size()] + " *");
+  u64 starred_found = 0;
+  start = OsTimeMicroseconds();
+  for (const std::string &q : starred) starred_found += PdbLookupType(&t, &pdb.globals, q.data(), (u32)q.size()) != 0;
+  double starred_ns = (double)(OsTimeMicroseconds() - start) * 1000.0 / (double)starred.size();
+  // A name that is nowhere: after the name index, the built-ins and the typedefs miss, the
+  // declared-only search walks every record.
+  const u32 kMisses = 20;
+  start = OsTimeMicroseconds();
+  for (u32 i = 0; i < kMisses; i++) PdbLookupType(&t, &pdb.globals, "NoSuchTypeAnywhere", 18);
+  double miss_us = (double)(OsTimeMicroseconds() - start) / kMisses;
   printf("type_count %u\nbucket_count %u\nnamed_definitions %zu\ntype_load_ms_median %.2f\ntype_arena_bytes %llu\n"
          "find_type_record_ns %.1f\nfound %llu\nlookup_type_ns %.1f\nlookup_found %llu\n"
-         "reference_unordered_map_ns %.1f\nreference_found %llu\n",
+         "reference_unordered_map_ns %.1f\nreference_found %llu\n"
+         "pointer_to_ns %.1f\npointers %llu\npointer_lookup_ns %.1f\npointer_lookup_found %llu\nmissing_lookup_us %.1f\n",
          t.count, t.bucket_count, names.size(), Median(ms), (unsigned long long)type_bytes, record_ns,
          (unsigned long long)found, lookup_ns, (unsigned long long)lookup_found, reference_ns,
-         (unsigned long long)reference_found);
+         (unsigned long long)reference_found, pointer_to_ns, (unsigned long long)pointers, starred_ns,
+         (unsigned long long)starred_found, miss_us);
   MsfClose(&pdb.msf);
   SymbolArenaRelease(&arena);
   return 0;

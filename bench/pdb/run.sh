@@ -63,19 +63,19 @@ for name in small ref; do
 done
 
 echo
-echo "| PDB | types | type stream load ms (median of $runs) | type arena MB | find type record ns | whole look-up ns | std::unordered_map ns |"
-echo "|---|---|---|---|---|---|---|"
+echo "| PDB | types | type stream load ms (median of $runs) | type arena MB | find type record ns | whole look-up ns | std::unordered_map ns | pointer-to ns | \"Name *\" look-up ns | a name found nowhere µs |"
+echo "|---|---|---|---|---|---|---|---|---|---|"
 for name in small ref; do
   q=$("$build/bin/bench_pdb_open" types "$(dir_of $name)/synth.pdb" "$runs")
-  echo "| $name | $(value type_count "$q") | $(value type_load_ms_median "$q") | $(awk -v b="$(value type_arena_bytes "$q")" 'BEGIN { printf "%.1f", b/1048576 }') | $(value find_type_record_ns "$q") | $(value lookup_type_ns "$q") | $(value reference_unordered_map_ns "$q") |"
+  echo "| $name | $(value type_count "$q") | $(value type_load_ms_median "$q") | $(awk -v b="$(value type_arena_bytes "$q")" 'BEGIN { printf "%.1f", b/1048576 }') | $(value find_type_record_ns "$q") | $(value lookup_type_ns "$q") | $(value reference_unordered_map_ns "$q") | $(value pointer_to_ns "$q") | $(value pointer_lookup_ns "$q") | $(value missing_lookup_us "$q") |"
 done
 # Address lookups through the image: ours on a million addresses, llvm-symbolizer on the first
 # $symbolizer_addresses of them and on one (its start-up and PDB load), so that its cost per
 # address is the difference. kestrune.exe joins when the Windows build has made it.
 seconds() { /usr/bin/time -f '%e' "$@" 2>&1 >/dev/null | tail -1; }
 echo
-echo "| image | module load ms (median of $runs) | FindScopeAtAddress exact ns (wall / thread CPU) | procedure and line ns (wall / CPU) | addresses in a procedure / with a line | path + line to address ns (wall / CPU) | llvm-symbolizer, 1 address s | llvm-symbolizer, $symbolizer_addresses addresses s | llvm-symbolizer per address µs |"
-echo "|---|---|---|---|---|---|---|---|---|"
+echo "| image | module load ms (median of $runs) | FindScopeAtAddress exact ns (wall / thread CPU) | procedure and line ns (wall / CPU) | addresses in a procedure / with a line | path + line to address ns (wall / CPU) | locals at an address ns (wall / CPU; variables) | llvm-symbolizer, 1 address s | llvm-symbolizer, $symbolizer_addresses addresses s | llvm-symbolizer per address µs |"
+echo "|---|---|---|---|---|---|---|---|---|---|"
 images=("small:$out/small/synth.exe" "ref:$ref/synth.exe")
 [ -f "$root/build/win/bin/kestrune.exe" ] && images+=("kestrune.exe:$root/build/win/bin/kestrune.exe")
 subset=$(mktemp)
@@ -90,7 +90,8 @@ for item in "${images[@]}"; do
   awk -v n="$name" -v l="$(value load_ms_median "$q")" -v e="$(value exact_ns "$q")" -v p="$(value procedure_line_ns "$q")" \
       -v ec="$(value exact_cpu_ns "$q")" -v pc="$(value procedure_line_cpu_ns "$q")" -v lc="$(value line_to_address_cpu_ns "$q")" \
       -v wp="$(value with_procedure "$q")" -v wl="$(value with_line "$q")" -v la="$(value line_to_address_ns "$q")" \
+      -v lo="$(value locals_ns "$q")" -v loc="$(value locals_cpu_ns "$q")" -v v="$(value variables "$q")" \
       -v s1="$s1" -v sn="$sn" -v k="$symbolizer_addresses" \
-      'BEGIN { printf "| %s | %.1f | %.0f / %.0f | %.0f / %.0f | %d / %d | %.0f / %.0f | %.2f | %.2f | %.0f |\n", n, l, e, ec, p, pc, wp, wl, la, lc, s1, sn, (sn - s1) * 1e6 / (k - 1) }'
+      'BEGIN { printf "| %s | %.1f | %.0f / %.0f | %.0f / %.0f | %d / %d | %.0f / %.0f | %.0f / %.0f; %d | %.2f | %.2f | %.0f |\n", n, l, e, ec, p, pc, wp, wl, la, lc, lo, loc, v, s1, sn, (sn - s1) * 1e6 / (k - 1) }'
 done
 rm -f "$subset" "$one"

@@ -1,49 +1,26 @@
 // The image subcommands: pe (an image's headers and CodeView record) and addr (address lookups
-// through an image and the PDB its record leads to, found the way the debugger finds it).
+// through an image and the PDB its record leads to, found the way the debugger finds it; in
+// inlined code the innermost inlined function and its line, then the procedure and its line).
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
 #include "ktrn_pdb.h"
 #include "symbols/module_symbols.h"
+#include "symbols/pdb_inline.h"
 #include "symbols/pdb_raw.h"
 #include "symbols/scope_lookup.h"
 
 enum { kExitLoadFailed = 3, kExitUsage = 2 };
-
-static const char *PeResultText(int result) {
-  switch (result) {
-    case kPeUnreadable: return "the image cannot be read";
-    case kPe32Bit: return "32-bit images are not supported";
-    case kPeNotImage: return "not a PE32+ image";
-  }
-  return "unknown error";
-}
 
 static void FormatGuid(const u8 *guid, char out[39]) {
   snprintf(out, 39, "{%08X-%04X-%04X-%02X%02X-%02X%02X%02X%02X%02X%02X}", ReadU32(guid), ReadU16(guid + 4),
            ReadU16(guid + 6), guid[8], guid[9], guid[10], guid[11], guid[12], guid[13], guid[14], guid[15]);
 }
 
-// Loads an image from a file as the debugger would at load base 0, so that addresses are RVAs.
-static int LoadImage(const char *path, ModuleSymbols *module) {
-  OsFile file;
-  if (OsFileOpenRead(path, &file) != kOsOk) {
-    fprintf(stderr, "ktrn-pdb: %s: %s\n", path, PeResultText(kPeUnreadable));
-    return kPeUnreadable;
-  }
-  char absolute[kModulePathCapacity];
-  if (OsPathMakeAbsolute(path, absolute, sizeof(absolute)) != kOsOk) snprintf(absolute, sizeof(absolute), "%s", path);
-  ImageSource source = ImageSourceFromFile(&file);
-  int result = LoadModuleSymbols(module, &source, absolute, 0, nullptr);
-  OsFileClose(&file);
-  if (result != kPeOk) fprintf(stderr, "ktrn-pdb: %s: %s (result %d)\n", path, PeResultText(result), result);
-  return result;
-}
-
 int CommandPe(int argc, char **argv) {
   static ModuleSymbols module;
-  if (LoadImage(argv[0], &module) != kPeOk) return kExitLoadFailed;
+  if (LoadImageModule(argv[0], &module) != kPeOk) return kExitLoadFailed;
   const PeImage *image = &module.image;
   printf("base 0x%016llX\n", (unsigned long long)image->preferred_base);
   printf("machine 0x%04X\n", image->machine);
@@ -82,10 +59,24 @@ static void PrintAddress(const ModuleSymbols *module, u32 rva) {
   ScopeAtAddress scope;
   FindScopeAtAddress(module, &context, rva, kScopeProcedureOnly, &scope);
   printf("0x%08X ", rva);
-  if (scope.procedure)
-    printf("%s+0x%X ", context.procedure_name, scope.offset - ReadU32(scope.procedure->record + kProcSymOffset));
-  else
+  if (scope.procedure) {
+    // Inlined code: the inlined function and its line come first, then the procedure's.
+    const PdbFile *pdb = &module->pdb;
+    u32 start = ReadU32(scope.procedure->record + kProcSymOffset);
+    ScopeChain chain;
+    PdbScopeChainAt(pdb, scope.procedure, scope.section, scope.offset, kScopeExact, &chain);
+    if (chain.inline_count) {
+      static char name[4096];
+      PdbInlineeName(pdb, PdbInlineSiteInlinee(chain.inlines[0]), name, sizeof(name));
+      u32 line = 0;
+      const u8 *file = nullptr;
+      PdbInlineSiteLineAt(pdb, chain.inlines[0], scope.offset - start, &line, &file);
+      printf("%s %s:%u @ ", name, file ? PdbStringAt(&pdb->strings, ReadU32(file)) : "?", line);
+    }
+    printf("%s+0x%X ", context.procedure_name, scope.offset - start);
+  } else {
     printf("? ");
+  }
   if (scope.line_entry && scope.line_entry->file)
     printf("%s:%u\n", PdbStringAt(&module->pdb.strings, PdbLineFileOffset(scope.line_entry)), scope.line);
   else
@@ -101,7 +92,7 @@ int CommandAddr(int argc, char **argv) {
     }
   }
   static ModuleSymbols module;
-  if (LoadImage(argv[0], &module) != kPeOk) return kExitLoadFailed;
+  if (LoadImageModule(argv[0], &module) != kPeOk) return kExitLoadFailed;
   printf("%s\n", SymbolStatusText(module.status));
   if (argc > 1) {
     for (int i = 1; i < argc; i++) {

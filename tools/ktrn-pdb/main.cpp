@@ -6,6 +6,7 @@
 #include "base/os.h"
 #include "ktrn_pdb.h"
 #include "symbols/pdb_error.h"
+#include "symbols/pe_image.h"
 
 struct Command {
   const char *name;
@@ -23,7 +24,11 @@ static const Command kCommands[] = {
     {"lines", "FILE.pdb", 1, CommandLines, "line entries by address: SSSS:OOOOOOOO LLLLLLLL line path"},
     {"line2addr", "FILE.pdb PATH LINE", 3, CommandLineToAddress, "first line with code from LINE: SSSS:OOOOOOOO line"},
     {"pe", "IMAGE.exe", 1, CommandPe, "image headers, sections, exception directory and CodeView record"},
-    {"addr", "IMAGE.exe [RVA...]", -1, CommandAddr, "procedure+offset and path:line of each RVA (hex; stdin when none)"},
+    {"addr", "IMAGE.exe [RVA...]", -1, CommandAddr,
+     "procedure+offset and path:line of each RVA (hex; stdin when none); inlined code: the inlined function first"},
+    {"locals", "FILE ADDRESS...", -2, CommandLocals,
+     "variables of each frame at SSSS:OOOOOOOO (or an image's hex RVA): NAME | TYPE | param|local | STORAGE"},
+    {"inline", "FILE ADDRESS...", -2, CommandInline, "frames of inlined code at each address, innermost first"},
     {"type-records", "FILE.pdb", 1, CommandTypeRecords, "type records in index order: 0xINDEX leaf length"},
     {"type", "FILE.pdb NAME|0xINDEX", 2, CommandType, "one type with its members or enumerators (tab-separated)"},
     {"types", "FILE.pdb", 1, CommandTypes, "every type index: 0xINDEX kind size name"},
@@ -63,6 +68,31 @@ bool LoadPdb(const char *path, LoadedPdb *out) {
 void UnloadPdb(LoadedPdb *loaded) {
   MsfClose(&loaded->pdb.msf);  // still open only after a rejected superblock
   SymbolArenaRelease(&loaded->arena);
+}
+
+const char *PeResultText(int result) {
+  switch (result) {
+    case kPeUnreadable: return "the image cannot be read";
+    case kPe32Bit: return "32-bit images are not supported";
+    case kPeNotImage: return "not a PE32+ image";
+  }
+  return "unknown error";
+}
+
+// Loads an image from a file as the debugger would at load base 0, so that addresses are RVAs.
+int LoadImageModule(const char *path, ModuleSymbols *module) {
+  OsFile file;
+  if (OsFileOpenRead(path, &file) != kOsOk) {
+    fprintf(stderr, "ktrn-pdb: %s: %s\n", path, PeResultText(kPeUnreadable));
+    return kPeUnreadable;
+  }
+  char absolute[kModulePathCapacity];
+  if (OsPathMakeAbsolute(path, absolute, sizeof(absolute)) != kOsOk) snprintf(absolute, sizeof(absolute), "%s", path);
+  ImageSource source = ImageSourceFromFile(&file);
+  int result = LoadModuleSymbols(module, &source, absolute, 0, nullptr);
+  OsFileClose(&file);
+  if (result != kPeOk) fprintf(stderr, "ktrn-pdb: %s: %s (result %d)\n", path, PeResultText(result), result);
+  return result;
 }
 
 int main(int argc, char **argv) {

@@ -237,7 +237,9 @@ void ExpectAddressesAgree(const Image &image) {
     SymbolizerAnswer answer;
     ASSERT_TRUE(ParseAnswer(their_lines[i], &answer)) << their_lines[i];
     EXPECT_EQ(answer.function, p.name) << "llvm-symbolizer and llvm-pdbutil name the procedure differently";
-    const std::string &line = our_lines[i + 1];
+    // In inlined code the inlined function comes first; the procedure's part follows " @ ".
+    std::string line = our_lines[i + 1];
+    if (line.find(" @ ") != std::string::npos) line = line.substr(0, 11) + line.substr(line.find(" @ ") + 3);
     std::string offset_text = Format("+0x%X", offset - p.offset);
 
     // Where the two tools follow different conventions, the raw line records decide.

@@ -118,7 +118,7 @@ TEST(BuiltinTypeNames, SizesAndPointers) {
     const char *text;
     uint32_t index;
   } lookups[] = {{"unsigned long long", 0x23}, {" const char * ", 0x670}, {"u64", 0x23},
-                 {"int **", 0},  // no pointer-to-pointer record
+                 {"int **", PdbTypePointerTo(t, 0x674)},  // made up: no pointer-to-pointer record
                  {"nothing", 0}};
   for (auto &l : lookups) EXPECT_EQ(PdbLookupType(t, nullptr, l.text, (uint32_t)strlen(l.text)), l.index) << l.text;
 }
@@ -198,8 +198,8 @@ TEST(TypeRecords, ForwardReferencesSizesAndNames) {
   EXPECT_EQ(PdbTypeSize(x.t, x.derived), 72u);
   EXPECT_EQ(PdbFindTypeRecord(x.t, "ns::Base", 8), x.base);
   EXPECT_EQ(PdbLookupType(x.t, nullptr, "struct ns::Derived", 18), x.derived);
-  // The pointer record points at the forward reference; look-up gives the definition.
-  EXPECT_EQ(PdbLookupType(x.t, nullptr, "ns::Base *", 10), 0x1006u);
+  // A pointer to the definition, which look-up gives.
+  EXPECT_EQ(PdbLookupType(x.t, nullptr, "ns::Base *", 10), PdbTypePointerTo(x.t, x.base));
 }
 
 // Member types by their declaration names and sizes; enumerators as the underlying type reads them.
@@ -211,7 +211,7 @@ TEST(TypeRecords, DeclarationNamesAndEnumerators) {
   TypeField f;
   while (FieldWalkNext(&walk, &f))
     if (f.leaf == 0x150D) types.push_back(Name(x.t, f.type) + "|" + std::to_string(PdbTypeSize(x.t, f.type)));
-  EXPECT_EQ(types, (std::vector<std::string>{"int|4", "ns::Base *|8", "int (*)(int, char *)|8", "const char *|8",
+  EXPECT_EQ(types, (std::vector<std::string>{"int (Bits 5..7)|4", "ns::Base *|8", "int (*)(int, char *)|8", "const char *|8",
                                              "int [2][3]|24", "E|4"}));
   char small[8];
   EXPECT_EQ(TypeNameFormat(x.t, x.derived, small, sizeof(small)), 7u);
