@@ -2,9 +2,9 @@
 # kestrune.exe as a user meets it, on a virtual display: each step asks the program (through its
 # test hook) for the text of every shown window, asserts on that text and keeps a screenshot beside
 # it in OUT_DIR. Steps: the first start builds the default layout; F5 debugs the demo and the output
-# window shows its module loads, debug strings and exit; Shift+F5 stops a run; a window shown by its
-# chord and the settings survive a restart; a second instance forwards open-session; a corrupt ini
-# starts cleanly with defaults.
+# window shows its module loads, debug strings and exit; "stop-debugging" from a second instance
+# stops a run; a window shown from the Window menu and the layout survive a restart; a corrupt ini
+# starts cleanly with defaults; a second instance forwards open-session.
 # usage: shell_test.sh WINE_RUN KESTRUNE_EXE DEMO_EXE OUT_DIR
 set -u
 wine_run=$1 exe=$2 demo=$3 out=$4
@@ -139,6 +139,23 @@ printf '\n[Kestrune][WindowPos]\nx=abc\n[Kestrune][Watch-9]\nShowWnd=1\n[Docking
 start "Z:$demo" 2
 wait_for corrupt-ini "Control"
 expect corrupt-ini "[window Output]"
+
+# 6. A second instance with open-session: the running one opens the session (a file that ends after
+# its first target command, as old files may) and takes its name; F5 then runs its program.
+python3 - "$out/forwarded.ktrn" "Z:$demo" <<'PY'
+import struct, sys
+text = lambda s: struct.pack('<I', len(s)) + s.encode()
+open(sys.argv[1], 'wb').write(b'KTRN' + text(sys.argv[2]) + text('1') + text(''))
+PY
+"$wine_run" "$exe" open-session "Z:$out/forwarded.ktrn" || fail "the forwarding instance failed"
+for _ in $(seq 1 20); do
+  [ "$(xdotool getwindowname "$window")" = "forwarded.ktrn - Kestrune" ] && break
+  sleep 0.5
+done
+[ "$(xdotool getwindowname "$window")" = "forwarded.ktrn - Kestrune" ] || fail "title is '$(xdotool getwindowname "$window")'"
+key F5
+wait_for forwarded-session-run "second 1: " 60
+expect_not forwarded-session-run "second 2:"
 quit
 grep -q '^\[Kestrune\]\[Other\]' "$ini" || fail "the ini file was not written again after a corrupt one"
 
