@@ -382,12 +382,12 @@ static void CarryOutRequests(Program *program) {
   AppState *app = &program->app;
   const MainFrameRequests *r = &program->frame.requests;
   if (r->start_debugging) DebuggingStart(app, r->start_reason, Wake, program);
-  if (r->continue_run) DebuggingContinue(app, 33);
+  if (r->continue_run) DebuggingContinue(app, r->continue_reason);
   if (r->stop_debugging) DebuggingStop(app);
-  if (r->break_in) DebuggingBreak(app, kStopReasonBreakMenu);
+  if (r->break_in) DebuggingBreak(app, r->break_reason);
   if (r->restart && app->target && !app->attached) {
     AppStateSetPending(app, kPendingRestart, nullptr);
-    app->pending.reason = 15;
+    app->pending.reason = r->restart_reason;
     DebuggingStop(app);
   }
   if (r->save_session || r->save_session_as) SaveSession(program, r->save_session_as);
@@ -638,7 +638,7 @@ int WINAPI wWinMain(HINSTANCE instance, HINSTANCE, PWSTR, int show_command) {
 
   if (app->target) {  // closing while debugging: the launched program goes with us
     DebuggingStop(app);
-    while (app->target) {
+    for (int waited = 0; app->target && waited < 500; waited++) {  // at most 5 s
       DebuggingDrainEvents(app);
       Sleep(10);
     }

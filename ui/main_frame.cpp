@@ -128,13 +128,20 @@ static void DrawControlMenu(AppState *app, MainFrameState *state) {
     }
   } else if (ImGui::MenuItem("Continue", "F5", false, d == kDebugSuspended)) {
     r->continue_run = true;
+    r->continue_reason = 33;
   }
   if (d == kDebugNone)
     ImGui::MenuItem("Stop Debugging", "Shift+F5", false, false);
   else if (ImGui::MenuItem(app->attached ? "Stop Debugging (Detach)" : "Stop Debugging (Terminate)", "Shift+F5"))
     r->stop_debugging = true;
-  if (ImGui::MenuItem("Restart", "Ctrl+Shift+F5", false, d != kDebugNone && !app->attached)) r->restart = true;
-  if (ImGui::MenuItem("Break", "Ctrl+Shift+X", false, d == kDebugRunning)) r->break_in = true;
+  if (ImGui::MenuItem("Restart", "Ctrl+Shift+F5", false, d != kDebugNone && !app->attached)) {
+    r->restart = true;
+    r->restart_reason = 15;
+  }
+  if (ImGui::MenuItem("Break", "Ctrl+Shift+X", false, d == kDebugRunning)) {
+    r->break_in = true;
+    r->break_reason = kStopReasonBreakMenu;
+  }
   ImGui::Separator();
   // Stepping waits for the engine's stepping operations.
   ImGui::MenuItem("Step Into (Line)", "F11", false, false);
@@ -200,17 +207,22 @@ static void TakeShortcuts(AppState *app, MainFrameState *state) {
   if (ImGui::IsKeyChordPressed(ImGuiKey_F5)) {
     if (CanStart(app)) {
       r->start_debugging = true;
-      r->start_reason = 6;
+      r->start_reason = 7;
     } else if (app->debug_state == kDebugSuspended) {
       r->continue_run = true;
+      r->continue_reason = 35;
     }
   }
   if (ImGui::IsKeyChordPressed(ImGuiMod_Shift | ImGuiKey_F5) && app->debug_state != kDebugNone) r->stop_debugging = true;
   if (ImGui::IsKeyChordPressed(ImGuiMod_Ctrl | ImGuiMod_Shift | ImGuiKey_F5) && app->debug_state != kDebugNone &&
-      !app->attached)
+      !app->attached) {
     r->restart = true;
-  if (ImGui::IsKeyChordPressed(ImGuiMod_Ctrl | ImGuiMod_Shift | ImGuiKey_X) && app->debug_state == kDebugRunning)
+    r->restart_reason = 16;
+  }
+  if (ImGui::IsKeyChordPressed(ImGuiMod_Ctrl | ImGuiMod_Shift | ImGuiKey_X) && app->debug_state == kDebugRunning) {
     r->break_in = true;
+    r->break_reason = kStopReasonBreakKey;
+  }
   if (ImGui::IsKeyChordPressed(ImGuiMod_Ctrl | ImGuiKey_S)) r->save_session = true;
   if (ImGui::IsKeyChordPressed(ImGuiMod_Ctrl | ImGuiMod_Shift | ImGuiKey_O)) r->open_session = true;
   // Ctrl+L arms the window chords for two seconds.

@@ -13,6 +13,8 @@ struct MainFrameRequests {
   bool stop_debugging;   // "Stop Debugging" (Shift+F5): detach or terminate
   bool restart;          // "Restart" (Ctrl+Shift+F5)
   bool break_in;         // "Break"
+  // The StopReason code of each: the menu item and its key have codes of their own.
+  u32 continue_reason, restart_reason, break_reason;
   bool new_session;
   bool save_session;     // "Save..." (Ctrl+S): the save-as dialog when the session is unnamed
   bool save_session_as;
