@@ -1,7 +1,12 @@
-// kestrune.exe: the Windows entry point, the main window and the frame loop of the UI thread.
+// kestrune.exe: the Windows entry point, single instance and command forwarding, the settings
+// folder and ini file, the main window and the frame loop of the UI thread.
 //
 // [SECTION] Application state
 // [SECTION] Resources
+// [SECTION] Settings folder and ini handler
+// [SECTION] Sessions and the save prompt
+// [SECTION] Command actions
+// [SECTION] Command channel
 // [SECTION] Window title and placement
 // [SECTION] Frame
 // [SECTION] Window procedure
@@ -9,39 +14,50 @@
 #include <windows.h>
 #include <objbase.h>
 #include <shellapi.h>
+#include <shlobj.h>
+#include <commdlg.h>
 
 #include <imgui.h>
 #include <imgui_impl_win32.h>
+#include <imgui_internal.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 
+#include "app/command_buffer.h"
 #include "app/command_line.h"
+#include "app/command_words.h"
+#include "app/debugging.h"
 #include "app/renderer_d3d11.h"
+#include "app/test_hook.h"
+#include "model/session_file.h"
 #include "ui/main_frame.h"
+#include "ui/stop_reason.h"
 
 extern IMGUI_IMPL_API LRESULT ImGui_ImplWin32_WndProcHandler(HWND window, UINT message, WPARAM w, LPARAM l);
 
 static const wchar_t kWindowClassName[] = L"ktrn_MainWindowClass";
 static const wchar_t kProductName[] = L"Kestrune";
+static const char kInstanceMutexName[] = "ktrninstancerunningmtx";
+static const char kCommandMappingName[] = "ktrncommandbufname";
+static const char kCommandMessageName[] = "ktrncommandbufmsg";
 enum { kIconResource = 103, kVertexShaderResource = 104, kPixelShaderResource = 105 };
+enum { kTestHookTimer = 1, kFirstRunTimer = 2 };
+enum { kReasonStartCommand = 14 };
 
 // [SECTION] Application state
 
-struct WindowPlacement {
-  s32 x, y, width, height;
-  u8 maximized;
-};
-
-struct AppState {
+struct Program {
+  AppState app;
   HWND window;
   Renderer renderer;
-  WindowPlacement placement;  // last restored placement
-  bool wake;                  // set by WM_USER: draw two frames at once
-  char target_path[4096];     // program named on the command line, empty when none
   MainFrameState frame;
+  bool test_hook;
 };
 
-static AppState g_app;
+static Program g_program;
+
+static void Wake(void *user) { PostMessageW(((Program *)user)->window, WM_USER, 0, 0); }
 
 // [SECTION] Resources
 
@@ -79,70 +95,367 @@ static bool LoadShaders(RendererShaders *shaders) {
   return true;
 }
 
-// [SECTION] Window title and placement
+// [SECTION] Settings folder and ini handler
 
-static const char *FileNamePart(const char *path) {
-  const char *name = path;
-  for (const char *p = path; *p; p++)
-    if (*p == '\\' || *p == '/') name = p + 1;
-  return name;
+// The per-user folder: roaming application data plus "\kestrune", created when missing. Left
+// empty (no ini file) when it cannot be had.
+static void ChooseSettingsFolder(AppState *app) {
+  if (app->settings_folder[0]) return;  // "--settings" chose it
+  wchar_t *roaming = nullptr;
+  if (FAILED(SHGetKnownFolderPath(FOLDERID_RoamingAppData, KF_FLAG_CREATE, nullptr, &roaming))) return;
+  char folder[kAppPathCapacity];
+  int n = WideCharToMultiByte(CP_UTF8, 0, roaming, -1, folder, sizeof folder, nullptr, nullptr);
+  CoTaskMemFree(roaming);
+  if (n <= 0) return;
+  char ours[kAppPathCapacity + 16];
+  snprintf(ours, sizeof ours, "%s\\kestrune", folder);
+  if (strlen(ours) >= kAppPathCapacity) return;
+  if (CreateDirectoryA(ours, nullptr) || GetLastError() == ERROR_ALREADY_EXISTS)
+    snprintf(app->settings_folder, sizeof app->settings_folder, "%s", ours);
 }
 
-// "<program or Untitled> - Kestrune"; sessions and the modified mark come with session support.
-static void UpdateTitle(AppState *app) {
-  char title[512];
-  snprintf(title, sizeof title, "%s - Kestrune", app->target_path[0] ? FileNamePart(app->target_path) : "Untitled");
+static void *SettingsHandlerReadOpen(ImGuiContext *, ImGuiSettingsHandler *handler, const char *name) {
+  AppState *app = (AppState *)handler->UserData;
+  return (void *)SettingsReadOpen(&app->settings, name);
+}
+
+static void SettingsHandlerReadLine(ImGuiContext *, ImGuiSettingsHandler *handler, void *entry, const char *line) {
+  AppState *app = (AppState *)handler->UserData;
+  SettingsReadLine(&app->settings, (const SettingsSection *)entry, line);
+}
+
+static void AppendToImGuiBuffer(void *user, const char *text, u64 length) {
+  ((ImGuiTextBuffer *)user)->append(text, text + length);
+}
+
+static void SettingsHandlerWriteAll(ImGuiContext *, ImGuiSettingsHandler *handler, ImGuiTextBuffer *out) {
+  AppState *app = (AppState *)handler->UserData;
+  // The window placement is kept in AppState while the window lives; the file takes it from there.
+  app->settings.window_x = app->placement.x;
+  app->settings.window_y = app->placement.y;
+  app->settings.window_w = app->placement.width;
+  app->settings.window_h = app->placement.height;
+  app->settings.window_maximized = app->placement.maximized;
+  SettingsTextSink sink = {out, AppendToImGuiBuffer};
+  SettingsWriteAll(&app->settings, &sink);
+}
+
+// Our sections live in Dear ImGui's own ini file, beside its window and docking data.
+static void RegisterSettingsAndLoad(AppState *app) {
+  ImGuiSettingsHandler handler = {};
+  handler.TypeName = "Kestrune";
+  handler.TypeHash = ImHashStr("Kestrune");
+  handler.ReadOpenFn = SettingsHandlerReadOpen;
+  handler.ReadLineFn = SettingsHandlerReadLine;
+  handler.WriteAllFn = SettingsHandlerWriteAll;
+  handler.UserData = app;
+  ImGui::AddSettingsHandler(&handler);
+  if (!app->settings_folder[0]) return;
+  snprintf(app->ini_path, sizeof app->ini_path, "%s\\imgui180.ini", app->settings_folder);
+  app->first_run_layout = GetFileAttributesA(app->ini_path) == INVALID_FILE_ATTRIBUTES;
+  ImGui::GetIO().IniFilename = app->ini_path;
+  if (!app->first_run_layout) ImGui::LoadIniSettingsFromDisk(app->ini_path);
+  app->placement.x = app->settings.window_x;
+  app->placement.y = app->settings.window_y;
+  app->placement.width = app->settings.window_w;
+  app->placement.height = app->settings.window_h;
+  app->placement.maximized = app->settings.window_maximized;
+}
+
+// [SECTION] Sessions and the save prompt
+
+static void ReportUnopened(void *user, const char *text) { OutputAppendZ(&((AppState *)user)->output, text); }
+
+static bool OpenSession(AppState *app, const char *path) {
+  SessionReadHooks hooks = {};
+  hooks.user = app;
+  hooks.output = ReportUnopened;
+  int result = SessionReadFile(&app->session, path, &hooks, &app->settings.recent_files, nullptr);
+  app->title_dirty = 1;
+  if (result != kSessionFileOk) {
+    char line[kAppPathCapacity + 64];
+    snprintf(line, sizeof line, "Unable to open session %s\n", path);
+    OutputAppendZ(&app->output, line);
+  }
+  return result == kSessionFileOk;
+}
+
+// The save-as dialog; false when the user cancelled.
+static bool AskSessionPath(Program *program, char *out, u32 capacity) {
+  wchar_t file[MAX_PATH] = L"";
+  OPENFILENAMEW ofn = {sizeof ofn};
+  ofn.hwndOwner = program->window;
+  ofn.lpstrFilter = L"Kestrune session (*.ktrn)\0*.ktrn\0";
+  ofn.lpstrFile = file;
+  ofn.nMaxFile = MAX_PATH;
+  ofn.lpstrDefExt = L"ktrn";
+  ofn.Flags = OFN_OVERWRITEPROMPT | OFN_PATHMUSTEXIST;
+  if (!GetSaveFileNameW(&ofn)) return false;
+  return WideCharToMultiByte(CP_UTF8, 0, file, -1, out, (int)capacity, nullptr, nullptr) > 0;
+}
+
+static bool SaveSession(Program *program, bool ask_path) {
+  AppState *app = &program->app;
+  char path[kAppPathCapacity];
+  snprintf(path, sizeof path, "%s", app->session.path);
+  if ((ask_path || !path[0]) && !AskSessionPath(program, path, sizeof path)) return false;
+  app->title_dirty = 1;
+  return SessionWriteFile(&app->session, path, &app->settings.recent_files) == kSessionFileOk;
+}
+
+// Before the session is replaced or the program closes; false when the user cancelled.
+static bool SavePrompt(Program *program) {
+  AppState *app = &program->app;
+  if (!app->session.modified) return true;
+  SetForegroundWindow(program->window);
+  if (app->session.path[0] && app->settings.auto_save_enabled) return SaveSession(program, false) || true;
+  char question[kAppPathCapacity + 80];
+  if (app->session.path[0])
+    snprintf(question, sizeof question, "Do you want to save changes to the session %s?", PathFileName(app->session.path));
+  else
+    snprintf(question, sizeof question, "Do you want to save changes to the unnamed session?");
+  int answer = MessageBoxA(program->window, question, "Kestrune", MB_YESNOCANCEL | MB_ICONQUESTION);
+  if (answer == IDCANCEL) return false;
+  if (answer == IDYES) return SaveSession(program, false);
+  return true;
+}
+
+// [SECTION] Command actions
+
+static void ActionSetSettingsFolder(void *user, const char *folder) {
+  snprintf(((Program *)user)->app.settings_folder, kAppPathCapacity, "%s", folder);
+}
+
+static void ActionOpenSession(void *user, const char *path) {
+  Program *program = (Program *)user;
+  AppState *app = &program->app;
+  if (!program->window) {  // start-up: no questions yet
+    OpenSession(app, path);
+    return;
+  }
+  if (app->target) {
+    if (MessageBoxA(program->window, "Do you want to stop debugging?", "Kestrune", MB_YESNO) != IDYES) return;
+    AppStateSetPending(app, kPendingOpenSession, path);
+    app->quit_when_target_exits = 0;
+    DebuggingStop(app);
+    return;
+  }
+  if (SavePrompt(program)) OpenSession(app, path);
+}
+
+static void ActionStartDebugging(void *user, bool) {
+  Program *program = (Program *)user;
+  if (!program->window) {
+    program->app.start_when_shown = 1;
+    return;
+  }
+  if (!program->app.target) DebuggingStart(&program->app, kReasonStartCommand, Wake, program);
+}
+
+static void ActionStopDebugging(void *user) {
+  Program *program = (Program *)user;
+  program->app.quit_when_target_exits = 0;
+  DebuggingStop(&program->app);
+}
+
+static void ActionContinue(void *user) {
+  Program *program = (Program *)user;
+  AppState *app = &program->app;
+  if (app->debug_state == kDebugSuspended)
+    DebuggingContinue(app, kStopReasonContinueCommand);
+  else if (!app->target && program->window)
+    DebuggingStart(app, kStopReasonContinueCommand, Wake, program);
+}
+
+static void ActionRemoveAllBreakpoints(void *user) {
+  Session *s = &((Program *)user)->app.session;
+  while (s->breakpoint_count) SessionRemoveBreakpoint(s, s->breakpoint_count - 1);
+}
+
+static CommandActions ProgramActions(Program *program) {
+  CommandActions a = {};
+  a.user = program;
+  a.set_settings_folder = ActionSetSettingsFolder;
+  a.open_session = ActionOpenSession;
+  a.start_debugging = ActionStartDebugging;
+  a.stop_debugging = ActionStopDebugging;
+  a.continue_execution = ActionContinue;
+  a.remove_all_breakpoints = ActionRemoveAllBreakpoints;
+  // open-file, close-file, attach, the breakpoint commands and run-to-cursor wait for their windows.
+  return a;
+}
+
+// [SECTION] Command channel
+
+// A second process with a channel command: hands its arguments to the running instance and ends.
+static void ForwardCommand(int argc, const char *const *argv) {
+  u16 size = CommandBufferSize(argc - 1, argv + 1);
+  u8 *buffer = (u8 *)calloc(1, size ? size : 1);
+  if (!buffer) return;
+  CommandBufferEncode(buffer, size, argc - 1, argv + 1);
+  HANDLE mapping = CreateFileMappingA(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, size, kCommandMappingName);
+  if (mapping) {
+    void *view = MapViewOfFile(mapping, FILE_MAP_ALL_ACCESS, 0, 0, size);
+    if (view) {
+      memcpy(view, buffer, size);
+      UINT message = RegisterWindowMessageA(kCommandMessageName);
+      DWORD_PTR ignored;
+      if (message) SendMessageTimeoutA(HWND_BROADCAST, message, 0, 0, SMTO_BLOCK, 1000, &ignored);
+      UnmapViewOfFile(view);
+    }
+    CloseHandle(mapping);
+  }
+  free(buffer);
+}
+
+static void ReceiveCommand(Program *program) {
+  HANDLE mapping = OpenFileMappingA(FILE_MAP_READ, FALSE, kCommandMappingName);
+  if (!mapping) return;
+  static ReceivedCommand command;
+  const u8 *header = (const u8 *)MapViewOfFile(mapping, FILE_MAP_READ, 0, 0, kCommandBufferHeaderSize);
+  if (header) {
+    u32 length = (u32)header[21] | ((u32)header[22] << 8);
+    UnmapViewOfFile(header);
+    const u8 *whole = (const u8 *)MapViewOfFile(mapping, FILE_MAP_READ, 0, 0, kCommandBufferHeaderSize + length);
+    if (whole) {
+      if (CommandBufferDecode(whole, kCommandBufferHeaderSize + length, &command) == kCommandBufferOk) {
+        CommandActions actions = ProgramActions(program);
+        actions.set_settings_folder = nullptr;  // start-up only
+        CommandDispatch(&actions, command.argc, command.argv);
+      }
+      UnmapViewOfFile(whole);
+    }
+  }
+  CloseHandle(mapping);
+}
+
+// [SECTION] Window title and placement
+
+static void UpdateTitle(Program *program) {
+  AppState *app = &program->app;
+  char title[kAppTitleCapacity];
+  AppStateTitle(app, title, sizeof title);
   wchar_t wide[257];
   int n = MultiByteToWideChar(CP_UTF8, 0, title, -1, wide, 256);
   wide[n > 0 ? n : 0] = 0;
-  SetWindowTextW(app->window, wide);
+  SetWindowTextW(program->window, wide);
+  app->title_modified_shown = app->session.modified;
+  app->title_dirty = 0;
 }
 
-static void RecordPlacement(AppState *app) {
+static void RecordPlacement(Program *program) {
   WINDOWPLACEMENT wp = {sizeof wp};
-  if (!GetWindowPlacement(app->window, &wp) || wp.showCmd == SW_SHOWMINIMIZED) return;
+  if (!GetWindowPlacement(program->window, &wp) || wp.showCmd == SW_SHOWMINIMIZED) return;
   RECT rect;
-  GetWindowRect(app->window, &rect);
-  app->placement.maximized = wp.showCmd == SW_SHOWMAXIMIZED;
-  app->placement.x = rect.left;
-  app->placement.y = rect.top;
-  app->placement.width = rect.right - rect.left;
-  app->placement.height = rect.bottom - rect.top;
+  GetWindowRect(program->window, &rect);
+  WindowPlacement *p = &program->app.placement;
+  p->maximized = wp.showCmd == SW_SHOWMAXIMIZED;
+  p->x = rect.left;
+  p->y = rect.top;
+  p->width = rect.right - rect.left;
+  p->height = rect.bottom - rect.top;
 }
 
 // [SECTION] Frame
 
-static void DrawFrame(AppState *app) {
-  if (!app->renderer.device) return;
+static void CarryOutPending(Program *program) {
+  AppState *app = &program->app;
+  PendingAction pending = app->pending;
+  app->pending.path = nullptr;  // taken over here
+  AppStateClearPending(app);
+  switch (pending.code) {
+    case kPendingRestart:
+      DebuggingStart(app, pending.reason, Wake, program);
+      break;
+    case kPendingOpenSession:
+      if (pending.path) OpenSession(app, pending.path);
+      break;
+    case kPendingNewSession:
+      SessionReset(&app->session);
+      app->title_dirty = 1;
+      break;
+  }
+  free(pending.path);
+}
+
+static void CarryOutRequests(Program *program) {
+  AppState *app = &program->app;
+  const MainFrameRequests *r = &program->frame.requests;
+  if (r->start_debugging) DebuggingStart(app, r->start_reason, Wake, program);
+  if (r->continue_run) DebuggingContinue(app, r->continue_reason);
+  if (r->stop_debugging) DebuggingStop(app);
+  if (r->break_in) DebuggingBreak(app, r->break_reason);
+  if (r->restart && app->target && !app->attached) {
+    AppStateSetPending(app, kPendingRestart, nullptr);
+    app->pending.reason = r->restart_reason;
+    DebuggingStop(app);
+  }
+  if (r->save_session || r->save_session_as) SaveSession(program, r->save_session_as);
+  if (r->open_recent) {
+    char path[kRecentPathCapacity];
+    snprintf(path, sizeof path, "%s", r->open_recent);
+    ActionOpenSession(program, path);
+  }
+  if (r->new_session && SavePrompt(program)) {
+    if (!app->target) {
+      SessionReset(&app->session);
+      app->title_dirty = 1;
+    } else if (MessageBoxA(program->window, "Do you want to stop debugging?", "Kestrune", MB_YESNO) == IDYES) {
+      AppStateSetPending(app, kPendingNewSession, nullptr);
+      DebuggingStop(app);
+    }
+  }
+  if (r->quit) PostMessageW(program->window, WM_CLOSE, 0, 0);
+}
+
+static void DrawFrame(Program *program) {
+  if (!program->renderer.device) return;
   ImGui_ImplWin32_NewFrame();
   ImGui::NewFrame();
-  DrawMainFrame(&app->frame);
+  TestHookBeginFrame();
+  DrawMainFrame(&program->app, &program->frame);
+  TestHookEndFrame();
   ImGui::Render();
   static const float kClear[4] = {0.10f, 0.10f, 0.11f, 1.0f};
-  RendererDrawFrame(&app->renderer, ImGui::GetDrawData(), kClear);
-  if (app->frame.quit_requested) {
-    app->frame.quit_requested = false;
-    PostMessageW(app->window, WM_CLOSE, 0, 0);
+  RendererDrawFrame(&program->renderer, ImGui::GetDrawData(), kClear);
+  CarryOutRequests(program);
+  AppState *app = &program->app;
+  // The engine's events of this frame, then what waited for the run to end.
+  if (DebuggingDrainEvents(app)) {
+    if (app->pending.code)
+      CarryOutPending(program);
+    else if (app->quit_when_target_exits && app->last_exit_code == 0 && SavePrompt(program))
+      PostQuitMessage(0);
   }
+  // A launch held at its start is let run once the engine serves commands: look again soon.
+  if (DebuggingAwaitingFirstRun(app)) SetTimer(program->window, kFirstRunTimer, 20, nullptr);
+  else KillTimer(program->window, kFirstRunTimer);
+  if (app->title_dirty || app->title_modified_shown != app->session.modified) UpdateTitle(program);
 }
 
 // [SECTION] Window procedure
 
 static LRESULT CALLBACK MainWindowProc(HWND window, UINT message, WPARAM w, LPARAM l) {
   if (ImGui_ImplWin32_WndProcHandler(window, message, w, l)) return 1;
-  AppState *app = (AppState *)GetWindowLongPtrW(window, GWLP_USERDATA);
+  Program *program = (Program *)GetWindowLongPtrW(window, GWLP_USERDATA);
+  static UINT command_message = RegisterWindowMessageA(kCommandMessageName);
+  if (command_message && message == command_message) {
+    if (program) ReceiveCommand(program);
+    PostMessageW(window, WM_USER, 0, 0);
+    return DefWindowProcW(window, message, w, l);
+  }
   switch (message) {
     case WM_DESTROY:
       PostQuitMessage(0);
       return 0;
     case WM_MOVE:
-      if (app) RecordPlacement(app);
+      if (program) RecordPlacement(program);
       break;
     case WM_SIZE:
-      if (app && w != SIZE_MINIMIZED && app->renderer.device) {
-        if (SUCCEEDED(RendererResize(&app->renderer))) {
-          RecordPlacement(app);
-          DrawFrame(app);  // keeps a resize drag live
+      if (program && w != SIZE_MINIMIZED && program->renderer.device) {
+        if (SUCCEEDED(RendererResize(&program->renderer))) {
+          RecordPlacement(program);
+          DrawFrame(program);  // keeps a resize drag live
         }
       }
       break;
@@ -152,13 +465,19 @@ static LRESULT CALLBACK MainWindowProc(HWND window, UINT message, WPARAM w, LPAR
       EndPaint(window, &ps);
       return 0;
     }
+    case WM_CLOSE:
+      if (program) {
+        if (program->app.target && program->app.attached) DebuggingStop(&program->app);
+        if (!SavePrompt(program)) return 0;
+      }
+      break;
     case WM_ERASEBKGND:
       return 1;
     case WM_SYSCOMMAND:
       if ((w & 0xFFF0) == SC_KEYMENU) return 0;  // Alt must not open the system menu
       break;
     case WM_USER:
-      if (app) app->wake = true;
+      if (program) program->app.wake = 1;
       return 0;
   }
   return DefWindowProcW(window, message, w, l);
@@ -166,40 +485,82 @@ static LRESULT CALLBACK MainWindowProc(HWND window, UINT message, WPARAM w, LPAR
 
 // [SECTION] Entry point
 
-// Reads the start-up arguments: "-g", "-q", then a program (as given or with ".exe") or a session.
-// Only the program's name is used so far, for the title; launching comes with the engine.
-static void TakeTargetFromArguments(AppState *app, int argc, wchar_t **argv) {
-  if (argc < 2) return;
-  char **utf8 = (char **)HeapAlloc(GetProcessHeap(), HEAP_ZERO_MEMORY, sizeof(char *) * (size_t)argc);
-  if (!utf8) return;
-  bool converted = true;
-  for (int i = 0; i < argc && converted; i++) {
+// The command line as UTF-8 (heap); null when it cannot be had.
+static char **Utf8Arguments(int argc, wchar_t **argv) {
+  char **utf8 = (char **)calloc((size_t)argc + 1, sizeof(char *));
+  if (!utf8) return nullptr;
+  for (int i = 0; i < argc; i++) {
     int n = WideCharToMultiByte(CP_UTF8, 0, argv[i], -1, nullptr, 0, nullptr, nullptr);
-    utf8[i] = n > 0 ? (char *)HeapAlloc(GetProcessHeap(), 0, (size_t)n) : nullptr;
-    converted = utf8[i] && WideCharToMultiByte(CP_UTF8, 0, argv[i], -1, utf8[i], n, nullptr, nullptr) > 0;
+    utf8[i] = n > 0 ? (char *)malloc((size_t)n) : nullptr;
+    if (!utf8[i] || WideCharToMultiByte(CP_UTF8, 0, argv[i], -1, utf8[i], n, nullptr, nullptr) <= 0) {
+      for (int j = 0; j <= i; j++) free(utf8[j]);
+      free(utf8);
+      return nullptr;
+    }
   }
-  StartupArguments args = {};
-  if (converted && StartupArgumentsParse(&args, argc, utf8) == 0 && args.kind != kStartupNothing)
-    snprintf(app->target_path, sizeof app->target_path, "%s", args.path);
+  return utf8;
+}
+
+// Command words first; otherwise "-g", "-q" and a program or session. "--settings FOLDER" may come
+// before the rest of the command line.
+static void TakeArguments(Program *program, int argc, const char *const *argv) {
+  AppState *app = &program->app;
+  CommandActions actions = ProgramActions(program);
+  if (argc >= 2 && CommandDispatch(&actions, argc, argv)) return;
+  const char *const *rest = argv;
+  int rest_count = argc;
+  static const char *shifted[256];
+  if (argc >= 3 && strcmp(argv[1], "--settings") == 0 && argc - 2 < 255) {
+    shifted[0] = argv[0];
+    for (int i = 3; i < argc; i++) shifted[i - 2] = argv[i];
+    rest = shifted;
+    rest_count = argc - 2;
+  }
+  if (rest_count < 2) return;
+  static StartupArguments args;
+  if (StartupArgumentsParse(&args, rest_count, rest) != 0) return;
+  app->start_when_shown = args.go;
+  app->quit_when_target_exits = args.quit_on_exit;
+  if (args.kind == kStartupSession) OpenSession(app, args.path);
+  if (args.kind == kStartupProgram) {
+    StartupApplyProgram(&args, &app->session);
+    app->session.modified = 0;
+  }
   StartupArgumentsFree(&args);
-  for (int i = 0; i < argc; i++)
-    if (utf8[i]) HeapFree(GetProcessHeap(), 0, utf8[i]);
-  HeapFree(GetProcessHeap(), 0, utf8);
 }
 
 int WINAPI wWinMain(HINSTANCE instance, HINSTANCE, PWSTR, int show_command) {
-  AppState *app = &g_app;
-  CoInitialize(nullptr);
+  Program *program = &g_program;
+  AppState *app = &program->app;
   int argc = 0;
-  wchar_t **argv = CommandLineToArgvW(GetCommandLineW(), &argc);
-  if (argv) TakeTargetFromArguments(app, argc, argv);
+  wchar_t **wide_argv = CommandLineToArgvW(GetCommandLineW(), &argc);
+  char **argv = wide_argv ? Utf8Arguments(argc, wide_argv) : nullptr;
+  if (!argv) argc = 0;
+
+  // Single instance: a channel command goes to the instance that runs; anything else starts a
+  // further, independent instance.
+  HANDLE mutex = CreateMutexA(nullptr, TRUE, kInstanceMutexName);
+  if (mutex && GetLastError() == ERROR_ALREADY_EXISTS) {
+    if (argc >= 2 && CommandIsChannelWord(argv[1])) {
+      ForwardCommand(argc, argv);
+      CloseHandle(mutex);
+      return 0;
+    }
+    CloseHandle(mutex);
+    mutex = nullptr;
+  }
+
+  CoInitialize(nullptr);
+  AppStateInit(app);
+  program->test_hook = TestHookInit();
+  if (argv) TakeArguments(program, argc, argv);
 
   IMGUI_CHECKVERSION();
   ImGui::CreateContext();
   ImGuiIO &io = ImGui::GetIO();
   io.ConfigFlags |= ImGuiConfigFlags_NavEnableKeyboard | ImGuiConfigFlags_DockingEnable;
-  io.IniFilename = nullptr;  // settings persistence registers its own handler
-  ImGui::StyleColorsDark();
+  io.IniFilename = nullptr;
+  ChooseSettingsFolder(app);
 
   WNDCLASSEXW wc = {sizeof wc};
   wc.style = CS_CLASSDC;
@@ -210,16 +571,21 @@ int WINAPI wWinMain(HINSTANCE instance, HINSTANCE, PWSTR, int show_command) {
   wc.lpszClassName = kWindowClassName;
   RegisterClassExW(&wc);
 
-  app->window = CreateWindowExW(0, kWindowClassName, L"", WS_OVERLAPPEDWINDOW, CW_USEDEFAULT, CW_USEDEFAULT,
-                                CW_USEDEFAULT, CW_USEDEFAULT, nullptr, nullptr, instance, nullptr);
-  UpdateTitle(app);
-  ImGui_ImplWin32_Init(app->window);
+  RegisterSettingsAndLoad(app);
+  if (app->settings.ui_style == 0) ImGui::StyleColorsLight(); else ImGui::StyleColorsDark();
+  if (app->settings.open_last_session_on_startup && !SessionCurrentTarget(&app->session) &&
+      app->settings.recent_files.count)
+    OpenSession(app, app->settings.recent_files.paths[0]);
+
+  program->window = CreateWindowExW(0, kWindowClassName, L"", WS_OVERLAPPEDWINDOW, app->placement.x, app->placement.y,
+                                    app->placement.width, app->placement.height, nullptr, nullptr, instance, nullptr);
+  UpdateTitle(program);
+  ImGui_ImplWin32_Init(program->window);
 
   RendererShaders shaders = {};
   HRESULT hr = E_FAIL;
-  bool have_shaders = LoadShaders(&shaders);
-  if (have_shaders) {
-    hr = RendererCreate(&app->renderer, app->window, &shaders);
+  if (LoadShaders(&shaders)) {
+    hr = RendererCreate(&program->renderer, program->window, &shaders);
     if (FAILED(hr)) {
       wchar_t text[128];
       swprintf(text, 128, L"Unable to create D3D device for UI (%08X)\n", (unsigned)hr);
@@ -228,21 +594,22 @@ int WINAPI wWinMain(HINSTANCE instance, HINSTANCE, PWSTR, int show_command) {
   }
   if (FAILED(hr)) {
     ImGui_ImplWin32_Shutdown();
+    io.IniFilename = nullptr;
     ImGui::DestroyContext();
-    DestroyWindow(app->window);
+    DestroyWindow(program->window);
     UnregisterClassW(kWindowClassName, instance);
     return 1;
   }
 
-  app->frame.target_name = app->target_path[0] ? FileNamePart(app->target_path) : nullptr;
-  SetWindowLongPtrW(app->window, GWLP_USERDATA, (LONG_PTR)app);
-  ShowWindow(app->window, app->placement.maximized ? SW_SHOWMAXIMIZED : show_command);
-  UpdateWindow(app->window);
+  SetWindowLongPtrW(program->window, GWLP_USERDATA, (LONG_PTR)program);
+  ShowWindow(program->window, app->placement.maximized ? SW_SHOWMAXIMIZED : show_command);
+  UpdateWindow(program->window);
+  if (program->test_hook) SetTimer(program->window, kTestHookTimer, 100, nullptr);
+  if (app->start_when_shown) DebuggingStart(app, 5, Wake, program);
 
   // Draws continuously while visible and active; otherwise sleeps in GetMessage and answers each
   // message (or wake-up) with two frames, which Dear ImGui needs to settle its layout.
-  bool running = true;
-  while (running) {
+  for (;;) {
     MSG msg;
     if (PeekMessageW(&msg, nullptr, 0, 0, PM_REMOVE)) {
       if (msg.message == WM_QUIT) break;
@@ -250,31 +617,43 @@ int WINAPI wWinMain(HINSTANCE instance, HINSTANCE, PWSTR, int show_command) {
       DispatchMessageW(&msg);
       continue;
     }
-    if (!IsIconic(app->window) && GetActiveWindow() == app->window) {
-      DrawFrame(app);
+    if (!IsIconic(program->window) && GetActiveWindow() == program->window) {
+      DrawFrame(program);
     } else if (!app->wake) {
-      DrawFrame(app);
+      DrawFrame(program);
       BOOL got = GetMessageW(&msg, nullptr, 0, 0);
       if (got == 0) break;
       if (got != -1) {
         TranslateMessage(&msg);
         DispatchMessageW(&msg);
-        DrawFrame(app);
-        DrawFrame(app);
+        DrawFrame(program);
+        DrawFrame(program);
       }
     } else {
-      DrawFrame(app);
-      DrawFrame(app);
-      app->wake = false;
+      DrawFrame(program);
+      DrawFrame(program);
+      app->wake = 0;
     }
   }
 
-  RendererDestroy(&app->renderer);
+  if (app->target) {  // closing while debugging: the launched program goes with us
+    DebuggingStop(app);
+    for (int waited = 0; app->target && waited < 500; waited++) {  // at most 5 s
+      DebuggingDrainEvents(app);
+      Sleep(10);
+    }
+  }
+  RendererDestroy(&program->renderer);
   ImGui_ImplWin32_Shutdown();
-  ImGui::DestroyContext();
-  DestroyWindow(app->window);
+  ImGui::DestroyContext();  // writes the ini file
+  DestroyWindow(program->window);
   UnregisterClassW(kWindowClassName, instance);
-  if (argv) LocalFree(argv);
+  AppStateFree(app);
+  if (wide_argv) LocalFree(wide_argv);
   CoUninitialize();
+  if (mutex) {
+    ReleaseMutex(mutex);
+    CloseHandle(mutex);
+  }
   return 0;
 }

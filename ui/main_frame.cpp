@@ -1,31 +1,281 @@
+// [SECTION] Tool windows
+// [SECTION] Menus
+// [SECTION] Shortcut keys
+// [SECTION] Dock space and the default layout
+// [SECTION] Status text
+// [SECTION] Frame
 #include "ui/main_frame.h"
 
 #include <imgui.h>
+#include <imgui_internal.h>
+#include <stdio.h>
+#include <string.h>
 
-static void DrawMenuBar(MainFrameState *state) {
+#include "ui/output_window.h"
+#include "ui/stop_reason.h"
+#include "ui/text_capture.h"
+
+// [SECTION] Tool windows
+
+enum ToolWindow : u32 {
+  kWindowThreads = 0, kWindowModules = 1, kWindowWatch1 = 2,  // Watch 1..8: 2..9
+  kWindowMemory1 = 10,                                          // Memory 1..4: 10..13
+  kWindowRegisters = 14, kWindowCallStack = 15, kWindowBreakpoints = 16, kWindowOutput = 17,
+  kWindowDisassembly = 18, kWindowLastSingle = 18,
+};
+
+static const char *const kToolWindowTitles[kToolWindowCount] = {
+    "Threads", "Modules", "Watch 1", "Watch 2", "Watch 3", "Watch 4", "Watch 5", "Watch 6", "Watch 7",
+    "Watch 8", "Memory 1", "Memory 2", "Memory 3", "Memory 4", "Registers", "Call Stack", "Breakpoints",
+    "Output", "Disassembly", nullptr, nullptr};
+
+// The Window menu's chord letters (Ctrl+L, then Ctrl+letter); 0 for windows without one.
+static ImGuiKey ChordKey(u32 index) {
+  switch (index) {
+    case kWindowThreads: return ImGuiKey_T;
+    case kWindowModules: return ImGuiKey_U;
+    case kWindowWatch1: return ImGuiKey_K;
+    case kWindowMemory1: return ImGuiKey_M;
+    case kWindowRegisters: return ImGuiKey_R;
+    case kWindowCallStack: return ImGuiKey_C;
+    case kWindowBreakpoints: return ImGuiKey_B;
+    case kWindowOutput: return ImGuiKey_O;
+    case kWindowDisassembly: return ImGuiKey_D;
+  }
+  return ImGuiKey_None;
+}
+
+const char *ToolWindowTitle(u32 index) { return index <= kWindowLastSingle ? kToolWindowTitles[index] : nullptr; }
+
+u8 *ToolWindowShown(Settings *s, u32 index) {
+  if (index >= kWindowWatch1 && index < kWindowWatch1 + kSettingsWatchWindows) return &s->watch[index - kWindowWatch1].show;
+  if (index >= kWindowMemory1 && index < kWindowMemory1 + kSettingsMemoryWindows) return &s->memory[index - kWindowMemory1].show;
+  switch (index) {
+    case kWindowThreads: return &s->threads_show;
+    case kWindowModules: return &s->modules_show;
+    case kWindowRegisters: return &s->registers_show;
+    case kWindowCallStack: return &s->callstack_show;
+    case kWindowBreakpoints: return &s->breakpoints_show;
+    case kWindowOutput: return &s->output_show;
+    case kWindowDisassembly: return &s->disassembly_show;
+  }
+  return nullptr;
+}
+
+static void ToggleToolWindow(AppState *app, u32 index) {
+  u8 *shown = ToolWindowShown(&app->settings, index);
+  *shown = !*shown;
+  if (*shown) ImGui::SetWindowFocus(ToolWindowTitle(index));
+}
+
+// Every shown tool window; those not built yet are titled and empty, so layouts already hold them.
+static void DrawToolWindows(AppState *app) {
+  for (u32 i = 0; i <= kWindowLastSingle; i++) {
+    u8 *shown = ToolWindowShown(&app->settings, i);
+    if (!*shown) continue;
+    bool open = true;
+    if (ImGui::Begin(ToolWindowTitle(i), &open)) {
+      TextCaptureWindow(ToolWindowTitle(i));
+      if (i == kWindowOutput) DrawOutputWindow(app);
+    }
+    ImGui::End();
+    if (!open) *shown = 0;
+  }
+}
+
+// [SECTION] Menus
+
+static bool CanStart(AppState *app) {
+  const TargetCommand *t = SessionCurrentTarget(&app->session);
+  return app->debug_state == kDebugNone && t && t->command && t->command[0];
+}
+
+static void DrawSessionMenu(AppState *app, MainFrameState *state) {
+  if (!ImGui::BeginMenu("Session")) return;
+  MainFrameRequests *r = &state->requests;
+  Settings *s = &app->settings;
+  if (ImGui::MenuItem("New")) r->new_session = true;
+  if (ImGui::MenuItem("Open...", "Ctrl+Shift+O")) r->open_session = true;
+  if (ImGui::MenuItem("Save...", "Ctrl+S")) r->save_session = true;
+  if (ImGui::MenuItem("Save As...")) r->save_session_as = true;
+  bool auto_save = s->auto_save_enabled, open_last = s->open_last_session_on_startup;
+  if (ImGui::MenuItem("Auto Save", nullptr, &auto_save)) s->auto_save_enabled = auto_save;
+  if (ImGui::MenuItem("Open Last Session on Startup", nullptr, &open_last)) s->open_last_session_on_startup = open_last;
+  if (ImGui::BeginMenu("Recent")) {
+    if (s->recent_files.count == 0) ImGui::MenuItem("Empty", nullptr, false, false);
+    for (u32 i = 0; i < s->recent_files.count; i++)
+      if (ImGui::MenuItem(s->recent_files.paths[i])) r->open_recent = s->recent_files.paths[i];
+    ImGui::EndMenu();
+  }
+  ImGui::Separator();
+  // Not built yet: the target command editor and the attach dialog.
+  ImGui::MenuItem("Application and Parameters###achr", nullptr, false, false);
+  ImGui::MenuItem("Attach to Process...", "Shift+F6", false, false);
+  ImGui::MenuItem("Reattach to Process...", "Ctrl+Shift+F6", false, false);
+  ImGui::Separator();
+  if (ImGui::MenuItem("Exit")) r->quit = true;
+  ImGui::EndMenu();
+}
+
+static void DrawControlMenu(AppState *app, MainFrameState *state) {
+  if (!ImGui::BeginMenu("Control")) return;
+  MainFrameRequests *r = &state->requests;
+  u32 d = app->debug_state;
+  if (d == kDebugNone) {
+    if (ImGui::MenuItem("Start Debugging", "F5", false, CanStart(app))) {
+      r->start_debugging = true;
+      r->start_reason = 5;
+    }
+  } else if (ImGui::MenuItem("Continue", "F5", false, d == kDebugSuspended)) {
+    r->continue_run = true;
+    r->continue_reason = 33;
+  }
+  if (d == kDebugNone)
+    ImGui::MenuItem("Stop Debugging", "Shift+F5", false, false);
+  else if (ImGui::MenuItem(app->attached ? "Stop Debugging (Detach)" : "Stop Debugging (Terminate)", "Shift+F5"))
+    r->stop_debugging = true;
+  if (ImGui::MenuItem("Restart", "Ctrl+Shift+F5", false, d != kDebugNone && !app->attached)) {
+    r->restart = true;
+    r->restart_reason = 15;
+  }
+  if (ImGui::MenuItem("Break", "Ctrl+Shift+X", false, d == kDebugRunning)) {
+    r->break_in = true;
+    r->break_reason = kStopReasonBreakMenu;
+  }
+  ImGui::Separator();
+  // Stepping waits for the engine's stepping operations.
+  ImGui::MenuItem("Step Into (Line)", "F11", false, false);
+  ImGui::MenuItem("Step Into (Instruction)", nullptr, false, false);
+  ImGui::MenuItem("Step Over (Line)", "F10", false, false);
+  ImGui::MenuItem("Step Over (Instruction)", nullptr, false, false);
+  ImGui::MenuItem("Step Out", "Shift+F11", false, false);
+  ImGui::EndMenu();
+}
+
+static void DrawWindowMenu(AppState *app) {
+  if (!ImGui::BeginMenu("Window")) return;
+  for (u32 i = 0; i <= kWindowLastSingle; i++) {
+    char shortcut[24] = "";
+    ImGuiKey key = ChordKey(i);
+    if (key != ImGuiKey_None) snprintf(shortcut, sizeof shortcut, "Ctrl+L, Ctrl+%s", ImGui::GetKeyName(key));
+    if (ImGui::MenuItem(ToolWindowTitle(i), shortcut[0] ? shortcut : nullptr, *ToolWindowShown(&app->settings, i) != 0))
+      ToggleToolWindow(app, i);
+  }
+  ImGui::EndMenu();
+}
+
+static void DrawMoreMenu(AppState *app) {
+  if (!ImGui::BeginMenu("More")) return;
+  Settings *s = &app->settings;
+  if (ImGui::BeginMenu("Style")) {
+    if (ImGui::MenuItem("Dark", nullptr, s->ui_style == 1)) s->ui_style = 1;
+    if (ImGui::MenuItem("Light", nullptr, s->ui_style == 0)) s->ui_style = 0;
+    bool top = s->status_text_pos_top, toolbar = s->show_toolbar, focus = s->show_window_focus;
+    if (ImGui::MenuItem("Status Text On Top", nullptr, &top)) s->status_text_pos_top = top;
+    if (ImGui::MenuItem("Show Window Focus", nullptr, &focus)) s->show_window_focus = focus;
+    if (ImGui::MenuItem("Show Toolbar", nullptr, &toolbar)) s->show_toolbar = toolbar;
+    ImGui::EndMenu();
+  }
+  if (ImGui::MenuItem("Restore Default Layout")) app->first_run_layout = 1;
+  ImGui::EndMenu();
+}
+
+static void DrawMenuBar(AppState *app, MainFrameState *state) {
   if (!ImGui::BeginMainMenuBar()) return;
-  if (ImGui::BeginMenu("File")) {
-    if (ImGui::MenuItem("Exit", "Alt+F4")) state->quit_requested = true;
+  TextCaptureWindow("menu bar");
+  DrawSessionMenu(app, state);
+  if (ImGui::BeginMenu("Source File")) {  // the source view comes later
+    ImGui::MenuItem("Open", "Ctrl-O", false, false);
+    ImGui::MenuItem("Find", "Ctrl+F", false, false);
+    ImGui::MenuItem("Goto Line", "Ctrl+G", false, false);
     ImGui::EndMenu();
   }
-  if (ImGui::BeginMenu("Debug")) {
-    ImGui::MenuItem("Start Debugging", "F5", false, false);
-    ImGui::EndMenu();
-  }
-  if (ImGui::BeginMenu("Window")) {
-    ImGui::MenuItem("Output", nullptr, false, false);
-    ImGui::EndMenu();
-  }
+  DrawControlMenu(app, state);
+  DrawWindowMenu(app);
+  DrawMoreMenu(app);
   if (ImGui::BeginMenu("Help")) {
-    ImGui::MenuItem("About Kestrune", nullptr, false, false);
+    if (ImGui::MenuItem("About Kestrune")) state->show_about = true;
     ImGui::EndMenu();
   }
   ImGui::EndMainMenuBar();
 }
 
-// The area under the menu bar: a host window "DockSpace" filling it, holding the dock space every
-// tool window docks into.
-static void DrawDockSpace(MainFrameState *state) {
+// [SECTION] Shortcut keys
+
+static void TakeShortcuts(AppState *app, MainFrameState *state) {
+  MainFrameRequests *r = &state->requests;
+  if (ImGui::IsKeyChordPressed(ImGuiKey_F5)) {
+    if (CanStart(app)) {
+      r->start_debugging = true;
+      r->start_reason = 7;
+    } else if (app->debug_state == kDebugSuspended) {
+      r->continue_run = true;
+      r->continue_reason = 35;
+    }
+  }
+  if (ImGui::IsKeyChordPressed(ImGuiMod_Shift | ImGuiKey_F5) && app->debug_state != kDebugNone) r->stop_debugging = true;
+  if (ImGui::IsKeyChordPressed(ImGuiMod_Ctrl | ImGuiMod_Shift | ImGuiKey_F5) && app->debug_state != kDebugNone &&
+      !app->attached) {
+    r->restart = true;
+    r->restart_reason = 16;
+  }
+  if (ImGui::IsKeyChordPressed(ImGuiMod_Ctrl | ImGuiMod_Shift | ImGuiKey_X) && app->debug_state == kDebugRunning) {
+    r->break_in = true;
+    r->break_reason = kStopReasonBreakKey;
+  }
+  if (ImGui::IsKeyChordPressed(ImGuiMod_Ctrl | ImGuiKey_S)) r->save_session = true;
+  if (ImGui::IsKeyChordPressed(ImGuiMod_Ctrl | ImGuiMod_Shift | ImGuiKey_O)) r->open_session = true;
+  // Ctrl+L arms the window chords for two seconds.
+  double now = ImGui::GetTime();
+  if (ImGui::IsKeyChordPressed(ImGuiMod_Ctrl | ImGuiKey_L)) {
+    state->chord_armed = true;
+    state->chord_time = now;
+    return;
+  }
+  if (!state->chord_armed) return;
+  if (now - state->chord_time > 2.0) {
+    state->chord_armed = false;
+    return;
+  }
+  for (u32 i = 0; i <= kWindowLastSingle; i++) {
+    ImGuiKey key = ChordKey(i);
+    if (key != ImGuiKey_None && ImGui::IsKeyChordPressed(ImGuiMod_Ctrl | key)) {
+      ToggleToolWindow(app, i);
+      state->chord_armed = false;
+    }
+  }
+}
+
+// [SECTION] Dock space and the default layout
+
+// Source and disassembly in the middle, the lists on the right, output and watches below.
+static void BuildDefaultLayout(AppState *app, ImGuiID dockspace, ImVec2 size) {
+  Settings *s = &app->settings;
+  s->threads_show = s->modules_show = 1;
+  s->watch[0].show = 1;
+  for (u32 w = 1; w < kSettingsWatchWindows; w++) s->watch[w].show = 0;
+  for (u32 m = 0; m < kSettingsMemoryWindows; m++) s->memory[m].show = 0;
+  ImGui::DockBuilderRemoveNode(dockspace);
+  ImGui::DockBuilderAddNode(dockspace, ImGuiDockNodeFlags_DockSpace);
+  ImGui::DockBuilderSetNodeSize(dockspace, size);
+  ImGuiID center = dockspace, bottom, right, bottom_right;
+  bottom = ImGui::DockBuilderSplitNode(center, ImGuiDir_Down, 0.32f, nullptr, &center);
+  right = ImGui::DockBuilderSplitNode(center, ImGuiDir_Right, 0.30f, nullptr, &center);
+  bottom_right = ImGui::DockBuilderSplitNode(bottom, ImGuiDir_Right, 0.45f, nullptr, &bottom);
+  ImGuiID right_bottom = ImGui::DockBuilderSplitNode(right, ImGuiDir_Down, 0.5f, nullptr, &right);
+  ImGui::DockBuilderDockWindow("Output", bottom);
+  for (u32 i = kWindowWatch1; i < kWindowWatch1 + kSettingsWatchWindows; i++) ImGui::DockBuilderDockWindow(ToolWindowTitle(i), bottom_right);
+  for (u32 i = kWindowMemory1; i < kWindowMemory1 + kSettingsMemoryWindows; i++) ImGui::DockBuilderDockWindow(ToolWindowTitle(i), bottom_right);
+  ImGui::DockBuilderDockWindow("Breakpoints", bottom_right);
+  ImGui::DockBuilderDockWindow("Threads", right);
+  ImGui::DockBuilderDockWindow("Registers", right);
+  ImGui::DockBuilderDockWindow("Modules", right_bottom);
+  ImGui::DockBuilderDockWindow("Call Stack", right_bottom);
+  ImGui::DockBuilderDockWindow("Disassembly", center);
+  ImGui::DockBuilderFinish(dockspace);
+}
+
+static void DrawDockSpace(AppState *app) {
   const ImGuiViewport *viewport = ImGui::GetMainViewport();
   ImGui::SetNextWindowPos(viewport->WorkPos);
   ImGui::SetNextWindowSize(viewport->WorkSize);
@@ -38,20 +288,82 @@ static void DrawDockSpace(MainFrameState *state) {
   ImGui::PushStyleVar(ImGuiStyleVar_WindowBorderSize, 0.0f);
   ImGui::Begin("DockSpace", nullptr, flags);
   ImGui::PopStyleVar(3);
-  ImGui::DockSpace(ImGui::GetID("KtrnDockspace"), ImVec2(0, 0), ImGuiDockNodeFlags_PassthruCentralNode);
+  ImGuiID dockspace = ImGui::GetID("KtrnDockspace");
+  if (app->first_run_layout) {
+    BuildDefaultLayout(app, dockspace, viewport->WorkSize);
+    app->first_run_layout = 0;
+  }
+  ImGui::DockSpace(dockspace, ImVec2(0, 0), ImGuiDockNodeFlags_PassthruCentralNode);
   ImGui::End();
-  // Until the tool windows exist, the target's name stands in a window of its own in the dock space.
-  if (ImGui::Begin("Target")) {
-    if (state->target_name)
-      ImGui::Text("Target: %s", state->target_name);
-    else
-      ImGui::TextDisabled("No target");
+}
+
+// [SECTION] Status text
+
+static void StatusText(const AppState *app, char *out, u32 capacity) {
+  char pid[24] = "";
+  if (app->settings.status_text_show_pid) snprintf(pid, sizeof pid, "[PID:%u]", app->process_id);
+  switch (app->debug_state) {
+    case kDebugSuspended:
+      snprintf(out, capacity, "[SUSPENDED]%s %s", pid, StopReasonStoppedText(app->stop_reason, app->run_started_by));
+      return;
+    case kDebugRunning:
+      snprintf(out, capacity, "[EXECUTING]%s %s", pid, StopReasonRunningText(app->stop_reason));
+      return;
+  }
+  if (!app->has_run)
+    out[0] = 0;
+  else if (app->last_exit_code == 0)
+    snprintf(out, capacity, "Program halted with exit code 0");
+  else
+    snprintf(out, capacity, "Program halted with exit code 0x%08X (%u)", app->last_exit_code, app->last_exit_code);
+}
+
+static void DrawStatusBar(AppState *app) {
+  ImGuiViewport *viewport = ImGui::GetMainViewport();
+  ImGuiWindowFlags flags = ImGuiWindowFlags_NoScrollbar | ImGuiWindowFlags_NoSavedSettings | ImGuiWindowFlags_MenuBar;
+  ImGuiDir side = app->settings.status_text_pos_top ? ImGuiDir_Up : ImGuiDir_Down;
+  if (ImGui::BeginViewportSideBar("##status", viewport, side, ImGui::GetFrameHeight(), flags)) {
+    TextCaptureWindow("status");
+    if (ImGui::BeginMenuBar()) {
+      char text[400];
+      StatusText(app, text, sizeof text);
+      ImGui::TextUnformatted(text);
+      ImGui::EndMenuBar();
+    }
+    if (ImGui::BeginPopupContextWindow("##lowerstat")) {
+      Settings *s = &app->settings;
+      if (ImGui::MenuItem(s->status_text_pos_top ? "Move to Bottom" : "Move to Top")) s->status_text_pos_top = !s->status_text_pos_top;
+      bool pid = s->status_text_show_pid;
+      if (ImGui::MenuItem("Show PID", nullptr, &pid)) s->status_text_show_pid = pid;
+      ImGui::EndPopup();
+    }
   }
   ImGui::End();
 }
 
-void DrawMainFrame(MainFrameState *state) {
-  DrawMenuBar(state);
-  DrawDockSpace(state);
+// [SECTION] Frame
+
+static void DrawAbout(MainFrameState *state) {
+  if (state->show_about) {
+    ImGui::OpenPopup("About Kestrune");
+    state->show_about = false;
+  }
+  if (ImGui::BeginPopupModal("About Kestrune", nullptr, ImGuiWindowFlags_AlwaysAutoResize)) {
+    TextCaptureWindow("About Kestrune");
+    ImGui::TextUnformatted("Kestrune: a source-level debugger for 64-bit Windows programs");
+    ImGui::Text("Version: %d.%d.%d.%d", 0, 1, 0, 0);
+    if (ImGui::Button("OK")) ImGui::CloseCurrentPopup();
+    ImGui::EndPopup();
+  }
+}
+
+void DrawMainFrame(AppState *app, MainFrameState *state) {
+  memset(&state->requests, 0, sizeof state->requests);
+  DrawMenuBar(app, state);
+  DrawStatusBar(app);
+  DrawDockSpace(app);
+  DrawToolWindows(app);
+  DrawAbout(state);
+  TakeShortcuts(app, state);
   state->frame_count++;
 }

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Drives kestrune.exe in a real window on a virtual display: the window comes up titled after the
-# program named on its command line, draws its menu bar, opens the File menu on a click, and
-# File > Exit ends the process with exit code 0. Screenshots are kept in the build tree.
+# program named on its command line, draws its menu bar, opens the Session menu on a click, and
+# Session > Exit ends the process with exit code 0. Screenshots are kept in the build tree.
 # usage: window_test.sh WINE_RUN KESTRUNE_EXE TARGET_EXE OUT_DIR
 set -u
 wine_run=$1 exe=$2 target=$3 out=$4
@@ -60,15 +60,15 @@ xdotool mousemove --window "$window" 25 10 click 1
 sleep 1
 import -window "$window" "$out/kestrune-file-menu.png"
 highlight=$(pixel "$out/kestrune-file-menu.png" "20,10")
-echo "File title when open: $highlight"
-[ "$highlight" != "$menu_bar" ] || fail "clicking File did not open its menu"
+echo "Session title when open: $highlight"
+[ "$highlight" != "$menu_bar" ] || fail "clicking Session did not open its menu"
 
-xdotool mousemove --window "$window" 30 32 click 1
+xdotool mousemove --window "$window" 25 212 click 1  # Session > Exit, the last item
 for _ in $(seq 1 40); do
   kill -0 "$app_pid" 2>/dev/null || break
   sleep 0.5
 done
-kill -0 "$app_pid" 2>/dev/null && fail "File > Exit did not end the program"
+kill -0 "$app_pid" 2>/dev/null && fail "Session > Exit did not end the program"
 wait "$app_pid"
 status=$?
 app_pid=

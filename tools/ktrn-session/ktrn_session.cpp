@@ -7,7 +7,7 @@
 #include <stdio.h>
 #include <string.h>
 
-#include "app/session_file.h"
+#include "model/session_file.h"
 
 static const char *const kKindNames[] = {"function", "source line", "address", "processor"};
 static const char *const kAccessNames[] = {"write", "read/write", "execute"};
@@ -50,7 +50,7 @@ static void PrintText(u32 section, const char *label, const char *text) {
 static void PrintWatchList(u32 section, const Session *s, u32 window, bool comments) {
   const WatchList *list = &s->watches[window];
   for (u32 r = 0; r < list->count; r++) {
-    const char *text = comments ? list->rows[r].comment : list->rows[r].expression;
+    const char *text = comments ? list->rows[r]->comment : list->rows[r]->expression;
     if (comments && !*text) continue;
     printf("[%2u] watch %u row %u %s ", section, window + 1, r + 1, comments ? "comment" : "expression");
     PrintQuoted(text);
@@ -59,7 +59,7 @@ static void PrintWatchList(u32 section, const Session *s, u32 window, bool comme
 }
 
 static void PrintSession(const Session *s, u32 sections) {
-  const TargetCommand *first = s->target_count ? &s->targets[0] : nullptr;
+  const TargetCommand *first = s->target_count ? s->targets[0] : nullptr;
   if (sections >= 1) Item(1, "magic \"KTRN\"\n");
   if (sections >= 2 && first) {
     PrintText(2, "target 1 command", first->command);
@@ -68,7 +68,7 @@ static void PrintSession(const Session *s, u32 sections) {
   }
   for (u32 i = 0; sections >= 3 && i < s->source_file_count; i++) PrintText(3, "source file", s->source_files[i]);
   for (u32 i = 0; sections >= 4 && i < s->breakpoint_count; i++) {
-    const Breakpoint *b = &s->breakpoints[i];
+    const Breakpoint *b = s->breakpoints[i];
     printf("[ 4] breakpoint %u %s", i + 1, kKindNames[b->kind]);
     if (b->kind == kBreakpointFunction || b->kind == kBreakpointSourceLine) {
       putchar(' ');
@@ -80,11 +80,11 @@ static void PrintSession(const Session *s, u32 sections) {
   }
   if (sections >= 5) PrintWatchList(5, s, 0, false);
   for (u32 i = 0; sections >= 6 && i < s->breakpoint_count; i++)
-    printf("[ 6] breakpoint %u size %u\n", i + 1, s->breakpoints[i].size);
+    printf("[ 6] breakpoint %u size %u\n", i + 1, s->breakpoints[i]->size);
   for (u32 i = 0; sections >= 7 && i < s->breakpoint_count; i++) {
-    if (!s->breakpoints[i].condition) continue;
+    if (!s->breakpoints[i]->condition) continue;
     printf("[ 7] breakpoint %u condition ", i + 1);
-    PrintQuoted(s->breakpoints[i].condition);
+    PrintQuoted(s->breakpoints[i]->condition);
     putchar('\n');
   }
   if (sections >= 8 && first) {
@@ -93,7 +93,7 @@ static void PrintSession(const Session *s, u32 sections) {
   }
   if (sections >= 9) printf("[ 9] target command count %u\n", s->target_count);
   for (u32 i = 1; sections >= 9 && i < s->target_count; i++) {
-    const TargetCommand *t = &s->targets[i];
+    const TargetCommand *t = s->targets[i];
     char label[64];
     snprintf(label, sizeof(label), "target %u command", i + 1);
     PrintText(9, label, t->command);
@@ -108,18 +108,18 @@ static void PrintSession(const Session *s, u32 sections) {
   if (sections >= 10) printf("[10] current target %u\n", s->target_count ? s->current_target + 1 : 0);
   for (u32 w = 1; sections >= 11 && w < kWatchWindowCount; w++) PrintWatchList(11, s, w, false);
   for (u32 i = 0; sections >= 12 && i < s->breakpoint_count; i++) {
-    const Breakpoint *b = &s->breakpoints[i];
+    const Breakpoint *b = s->breakpoints[i];
     if (b->kind != kBreakpointProcessor) continue;
     printf("[12] breakpoint %u address ", i + 1);
     PrintQuoted(b->place);
     printf(" size %u access %s\n", b->size, b->access <= kAccessExecute ? kAccessNames[b->access] : "?");
   }
   for (u32 i = 0; sections >= 13 && i < s->breakpoint_count; i++)
-    printf("[13] breakpoint %u %s\n", i + 1, s->breakpoints[i].enabled ? "enabled" : "disabled");
+    printf("[13] breakpoint %u %s\n", i + 1, s->breakpoints[i]->enabled ? "enabled" : "disabled");
   for (u32 w = 0; sections >= 14 && w < kWatchWindowCount; w++) PrintWatchList(14, s, w, true);
   for (u32 i = 0; sections >= 15 && i < s->target_count; i++)
     printf("[15] target %u halts at %s\n", i + 1,
-           s->targets[i].halt_at_nominal_entry ? "the nominal entry point" : "the entry point function");
+           s->targets[i]->halt_at_nominal_entry ? "the nominal entry point" : "the entry point function");
   if (sections < kSessionSectionCount)
     printf("(the file ends after section %u; the rest keeps its defaults)\n", sections);
 }

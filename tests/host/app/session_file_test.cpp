@@ -12,22 +12,22 @@ namespace {
 void BuildRichSession(Session *s) {
   u32 t;
   SessionAddTarget(s, "C:\\work\\game.exe", "-level 3 \"two words\"", "C:\\work", &t);
-  s->targets[t].environment = TextDuplicateZ("PATH=C:\\bin\nMODE=fast");
-  s->targets[t].inherit_from_parent = 1;
+  s->targets[t]->environment = TextDuplicateZ("PATH=C:\\bin\nMODE=fast");
+  s->targets[t]->inherit_from_parent = 1;
   SessionAddTarget(s, "C:\\work\\tool.exe", nullptr, nullptr, &t);
-  s->targets[t].halt_at_nominal_entry = 0;
+  s->targets[t]->halt_at_nominal_entry = 0;
   SessionAddTarget(s, "C:\\other\\x.exe", "a", "C:\\other", &t);
-  s->targets[t].environment = TextDuplicateZ("A=1");
+  s->targets[t]->environment = TextDuplicateZ("A=1");
   s->current_target = 2;
   u32 b;
   SessionAddBreakpoint(s, kBreakpointFunction, "main", 0, 0, &b);
   SessionAddBreakpoint(s, kBreakpointProcessor, "&g_counter", 0, 0, &b);
-  s->breakpoints[b].size = 8;
-  s->breakpoints[b].access = kAccessReadWrite;
-  s->breakpoints[b].enabled = 1;
+  s->breakpoints[b]->size = 8;
+  s->breakpoints[b]->access = kAccessReadWrite;
+  s->breakpoints[b]->enabled = 1;
   SessionAddBreakpoint(s, kBreakpointFunction, "Game::Update", 0, 0, &b);
-  s->breakpoints[b].condition = TextDuplicateZ("frame > 100");
-  s->breakpoints[b].enabled = 0;
+  s->breakpoints[b]->condition = TextDuplicateZ("frame > 100");
+  s->breakpoints[b]->enabled = 0;
   SessionAddBreakpoint(s, kBreakpointSourceLine, "C:\\work\\src\\main.cpp", 42, 0, &b);
   SessionAddBreakpoint(s, kBreakpointAddress, nullptr, 0, 0x00007FF612340000ull, &b);
   SessionAddWatchRow(s, 0, "player.position", "where we are");
@@ -58,8 +58,8 @@ TEST(SessionFile, ProcessorBreakpointKeepsItsPlaceAndOnlyItHasASection12Record) 
   SessionAddBreakpoint(s.get(), kBreakpointFunction, "a", 0, 0, nullptr);
   u32 p;
   SessionAddBreakpoint(s.get(), kBreakpointProcessor, "p+4", 0, 0, &p);
-  s->breakpoints[p].size = 8;
-  s->breakpoints[p].access = kAccessExecute;
+  s->breakpoints[p]->size = 8;
+  s->breakpoints[p]->access = kAccessExecute;
   SessionAddBreakpoint(s.get(), kBreakpointFunction, "b", 0, 0, nullptr);
   Bytes image = WriteImage(s.get());
   // Sections 12 to 15 close the file: one processor record, three enabled bytes, empty watches.
@@ -110,20 +110,20 @@ TEST(SessionFile, EveryCutReadsUpToTheLastCompleteSection) {
   ASSERT_EQ(ReadImage(old.get(), Bytes(image.begin(), image.begin() + boundary[11])), kSessionFileOk);
   ASSERT_EQ(old->breakpoint_count, 5u);
   for (u32 i = 0; i < old->breakpoint_count; i++) {
-    const Breakpoint *b = &old->breakpoints[i];
+    const Breakpoint *b = old->breakpoints[i];
     bool starts_enabled = b->kind == kBreakpointFunction || b->kind == kBreakpointSourceLine;
     EXPECT_EQ(b->enabled, starts_enabled) << "breakpoint " << i;
     if (b->kind != kBreakpointProcessor) continue;
     EXPECT_STREQ(b->place, " ");
     EXPECT_EQ(b->access, (u32)kAccessWrite);
   }
-  EXPECT_STREQ(old->breakpoints[2].condition, "frame > 100");  // section 7 is still there
+  EXPECT_STREQ(old->breakpoints[2]->condition, "frame > 100");  // section 7 is still there
   for (u32 w = 0; w < kWatchWindowCount; w++)
-    for (u32 r = 0; r < old->watches[w].count; r++) EXPECT_STREQ(old->watches[w].rows[r].comment, "");
+    for (u32 r = 0; r < old->watches[w].count; r++) EXPECT_STREQ(old->watches[w].rows[r]->comment, "");
   EXPECT_EQ(old->watches[0].count, 2u);
-  EXPECT_STREQ(old->watches[3].rows[0].expression, "xmm0, ps");
+  EXPECT_STREQ(old->watches[3].rows[0]->expression, "xmm0, ps");
   ASSERT_EQ(old->target_count, 3u);
-  for (u32 i = 0; i < 3; i++) EXPECT_EQ(old->targets[i].halt_at_nominal_entry, 1) << "target " << i;
+  for (u32 i = 0; i < 3; i++) EXPECT_EQ(old->targets[i]->halt_at_nominal_entry, 1) << "target " << i;
   EXPECT_EQ(old->current_target, 2u);
 }
 
@@ -135,9 +135,9 @@ TEST(SessionFile, FirstTargetCommand) {
   ASSERT_EQ(ReadImage(s.get(), LeBytes().raw("KTRN").str("C:\\a.exe").str("").str("C:\\"), &sections), kSessionFileOk);
   EXPECT_EQ(sections, 2u);
   ASSERT_EQ(s->target_count, 1u);
-  EXPECT_STREQ(s->targets[0].command, "C:\\a.exe");
-  EXPECT_EQ(s->targets[0].arguments, nullptr);
-  EXPECT_EQ(s->targets[0].halt_at_nominal_entry, 1);
+  EXPECT_STREQ(s->targets[0]->command, "C:\\a.exe");
+  EXPECT_EQ(s->targets[0]->arguments, nullptr);
+  EXPECT_EQ(s->targets[0]->halt_at_nominal_entry, 1);
   SessionAddTarget(empty_first.get(), nullptr, nullptr, nullptr, nullptr);
   SessionAddTarget(empty_first.get(), "b.exe", nullptr, nullptr, nullptr);
   ASSERT_EQ(ReadImage(back.get(), WriteImage(empty_first.get())), kSessionFileOk);
@@ -166,12 +166,12 @@ TEST(SessionFile, RowTextsOf511BytesEndTheList) {
   Bytes image = LeBytes().raw("KTRN").zero32(5).u32(3).str("first").str(std::string(511, 'x')).str("third");
   ASSERT_EQ(ReadImage(s.get(), image, &sections), kSessionFileOk);
   ASSERT_EQ(s->watches[0].count, 1u);
-  EXPECT_STREQ(s->watches[0].rows[0].expression, "first");
+  EXPECT_STREQ(s->watches[0].rows[0]->expression, "first");
   EXPECT_EQ(sections, 5u);
   ScopedSession kept;
   ASSERT_EQ(ReadImage(kept.get(), LeBytes().raw("KTRN").zero32(5).u32(1).str(std::string(510, 'y'))), kSessionFileOk);
   ASSERT_EQ(kept->watches[0].count, 1u);
-  EXPECT_EQ(std::string(kept->watches[0].rows[0].expression), std::string(510, 'y'));
+  EXPECT_EQ(std::string(kept->watches[0].rows[0]->expression), std::string(510, 'y'));
 }
 
 TEST(SessionFile, WriterNeverProducesARowTextOf511Bytes) {
@@ -182,13 +182,13 @@ TEST(SessionFile, WriterNeverProducesARowTextOf511Bytes) {
   SessionAddWatchRow(s.get(), 0, ascii.c_str(), wide.c_str());
   // Rows may also be filled straight into their buffers (the watch window's edit box does).
   SessionAddWatchRow(s.get(), 1, "", "");
-  memset(s->watches[1].rows[0].expression, 'b', 511);
-  s->watches[1].rows[0].expression[511] = 0;
+  memset(s->watches[1].rows[0]->expression, 'b', 511);
+  s->watches[1].rows[0]->expression[511] = 0;
   ASSERT_EQ(ReadImage(back.get(), WriteImage(s.get())), kSessionFileOk);
-  EXPECT_EQ(std::string(back->watches[0].rows[0].expression), std::string(510, 'a'));
-  EXPECT_EQ(strlen(back->watches[0].rows[0].comment), 510u);
-  EXPECT_EQ(std::string(back->watches[0].rows[0].comment), wide.substr(0, 510));
-  EXPECT_EQ(std::string(back->watches[1].rows[0].expression), std::string(510, 'b'));
+  EXPECT_EQ(std::string(back->watches[0].rows[0]->expression), std::string(510, 'a'));
+  EXPECT_EQ(strlen(back->watches[0].rows[0]->comment), 510u);
+  EXPECT_EQ(std::string(back->watches[0].rows[0]->comment), wide.substr(0, 510));
+  EXPECT_EQ(std::string(back->watches[1].rows[0]->expression), std::string(510, 'b'));
   EXPECT_EQ(back->target_count, 0u);  // nothing after the rows was read out of step
 }
 
@@ -237,7 +237,7 @@ TEST(SessionFile, ValuesBeyondTheRowsAndBreakpointsAreDropped) {
   ASSERT_EQ(ReadImage(rows.get(), comments, &sections), kSessionFileOk);
   EXPECT_EQ(sections, 15u);
   ASSERT_EQ(rows->watches[0].count, 1u);
-  EXPECT_STREQ(rows->watches[0].rows[0].comment, "c1");
+  EXPECT_STREQ(rows->watches[0].rows[0]->comment, "c1");
   EXPECT_EQ(rows->watches[1].count, 0u);
   Bytes extra = LeBytes()
                     .raw("KTRN").zero32(3).u32(0)
@@ -252,7 +252,7 @@ TEST(SessionFile, ValuesBeyondTheRowsAndBreakpointsAreDropped) {
   ASSERT_EQ(ReadImage(breakpoints.get(), extra, &sections), kSessionFileOk);
   EXPECT_EQ(sections, 15u);
   ASSERT_EQ(breakpoints->breakpoint_count, 1u);
-  const Breakpoint &b = breakpoints->breakpoints[0];
+  const Breakpoint &b = *breakpoints->breakpoints[0];
   EXPECT_EQ(Format("%llX %u %s %d", (unsigned long long)b.address, b.size, b.condition, b.enabled), "1000 16 x == 1 1");
 }
 
@@ -271,7 +271,7 @@ bool OpenUnlessMissing(void *user, const char *path) {
 }
 void LogOutput(void *user, const char *text) { ((HookLog *)user)->output.push_back(text); }
 void LogBreakpoint(void *user, const Session *s, u32 index) {
-  const Breakpoint *b = &s->breakpoints[index];
+  const Breakpoint *b = s->breakpoints[index];
   ((HookLog *)user)->breakpoints.push_back(std::string(b->place ? b->place : "") + "|" +
                                            (b->condition ? b->condition : "") + "|" + (b->enabled ? "on" : "off"));
 }
@@ -379,7 +379,7 @@ TEST(SessionModel, RemoveFunctionBreakpointsRemovesAdjacentOnesByExactName) {
   EXPECT_EQ(SessionRemoveFunctionBreakpoints(s.get(), "f", [](void *u, const Breakpoint *) { ++*(int *)u; }, &seen), 3u);
   EXPECT_EQ(seen, 3);
   std::string left;
-  for (u32 i = 0; i < s->breakpoint_count; i++) left += Format("%u:%s|", s->breakpoints[i].kind, s->breakpoints[i].place);
+  for (u32 i = 0; i < s->breakpoint_count; i++) left += Format("%u:%s|", s->breakpoints[i]->kind, s->breakpoints[i]->place);
   EXPECT_EQ(left, Format("0:F|0:g|0:f |%u:f|", kBreakpointSourceLine));
   EXPECT_EQ(SessionFindSourceLineBreakpoint(s.get(), "F", 1), 3);
   EXPECT_EQ(SessionFindSourceLineBreakpoint(s.get(), "f", 2), -1);
@@ -411,9 +411,9 @@ void BuildRandomSession(std::mt19937 &rng, Session *s) {
     u32 t;
     std::string c = RandomText(rng, 40), a = RandomText(rng, 30), d = RandomText(rng, 20);
     SessionAddTarget(s, c.c_str(), a.c_str(), d.c_str(), &t);
-    TextReplace(&s->targets[t].environment, RandomText(rng, 50).c_str());
-    s->targets[t].inherit_from_parent = rng() % 2;
-    s->targets[t].halt_at_nominal_entry = rng() % 2;
+    TextReplace(&s->targets[t]->environment, RandomText(rng, 50).c_str());
+    s->targets[t]->inherit_from_parent = rng() % 2;
+    s->targets[t]->halt_at_nominal_entry = rng() % 2;
   }
   s->current_target = targets ? rng() % targets : 0;
   u32 breakpoints = rng() % 7;
@@ -421,7 +421,7 @@ void BuildRandomSession(std::mt19937 &rng, Session *s) {
     u32 kind = rng() % 4, b;
     std::string place = RandomText(rng, 60);
     SessionAddBreakpoint(s, kind, place.c_str(), rng(), ((u64)rng() << 32) | rng(), &b);
-    Breakpoint *bp = &s->breakpoints[b];
+    Breakpoint *bp = s->breakpoints[b];
     bp->size = rng() % 3 ? 1u << (rng() % 4) : rng();
     if (kind == kBreakpointProcessor) bp->access = rng() % 3;
     if (rng() % 2) TextReplace(&bp->condition, RandomText(rng, 30).c_str());

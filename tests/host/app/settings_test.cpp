@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "app/settings.h"
+#include "model/settings.h"
 #include "test_files.h"
 
 namespace {

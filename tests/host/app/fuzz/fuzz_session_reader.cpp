@@ -3,12 +3,12 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include "app/session_file.h"
+#include "model/session_file.h"
 
 static bool OpenSome(void *user, const char *path) { return (strlen(path) & 3) != 1; }
 static void Ignore(void *user, const char *text) {}
 static void CheckBreakpoint(void *user, const Session *s, u32 index) {
-  if (index >= s->breakpoint_count || s->breakpoints[index].kind > kBreakpointProcessor) abort();
+  if (index >= s->breakpoint_count || s->breakpoints[index]->kind > kBreakpointProcessor) abort();
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {

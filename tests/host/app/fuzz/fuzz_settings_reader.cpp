@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "app/settings.h"
+#include "model/settings.h"
 
 static std::string Write(const Settings *s) {
   std::string text;

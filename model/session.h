@@ -1,6 +1,11 @@
 // The user's debugging document: target commands, breakpoints, eight watch lists and the open
 // source files. Plain data with owned texts (heap, freed by SessionReset/SessionFree); the file
 // form lives in session_file.h.
+//
+// Every row (target command, breakpoint, watch row) is allocated on its own and never moves: the
+// lists hold pointers, so a pointer to a row stays valid until that row is removed, however the
+// list grows or shrinks around it. Each row also carries an id, unique within the process, that
+// the windows and the engine's results use to find it again after the list changed.
 #pragma once
 #include "base/types.h"
 
@@ -16,6 +21,7 @@ enum {
 
 // [SECTION] Target commands
 typedef struct TargetCommand {
+  u32 id;
   char *command;            // program path
   char *arguments;
   char *working_directory;
@@ -33,7 +39,33 @@ enum BreakpointKind {
 };
 enum ProcessorAccess { kAccessWrite = 0, kAccessReadWrite = 1, kAccessExecute = 2 };
 
+// What a breakpoint is while a target runs; never saved. The engine keeps its own record of each
+// bound place (struct BreakpointLocation, engine side); the model holds only a pointer to it.
+enum BreakpointState {
+  kBreakpointStateNone = 0,       // no target, or not given to the engine yet
+  kBreakpointStateBound = 1,
+  kBreakpointStatePending = 2,    // no loaded module has its place yet
+  kBreakpointStateExpressionFailed = 4,  // a processor breakpoint's address expression failed
+};
+enum { kBreakpointErrorCapacity = 128, kBreakpointBoundFileCapacity = 260 };
+
+struct BreakpointLocation;  // the engine's location record
+
+typedef struct BreakpointRuntime {
+  u32 state;                 // BreakpointState
+  u8 condition_parse_failed;
+  char condition_error[kBreakpointErrorCapacity];
+  struct BreakpointLocation *location;  // owned by the engine's target; null when unbound
+  u64 bound_address;
+  const void *bound_module;  // the engine's TargetModule, for display only
+  char bound_file[kBreakpointBoundFileCapacity];
+  u32 bound_line;
+  u32 hit_count;
+} BreakpointRuntime;
+
 typedef struct Breakpoint {
+  u32 id;
+  // What the session file holds:
   u32 kind;       // BreakpointKind
   char *place;    // function name (kind 0), file path (kind 1), address expression (kind 3)
   u32 line;       // kind 1
@@ -42,27 +74,30 @@ typedef struct Breakpoint {
   u32 access;     // ProcessorAccess, kind 3
   char *condition;
   u8 enabled;
+  // What the current run made of it (cleared when the run ends):
+  BreakpointRuntime runtime;
 } Breakpoint;
 
 // [SECTION] Watch lists
 typedef struct WatchRow {
+  u32 id;
   char expression[kWatchRowBufferSize];
   char comment[kWatchRowBufferSize];
 } WatchRow;
 
 typedef struct WatchList {
-  WatchRow *rows;
+  WatchRow **rows;  // rows[0..count) allocated; slots up to capacity reserved
   u32 count;
   u32 capacity;
 } WatchList;
 
 // [SECTION] Session
 typedef struct Session {
-  TargetCommand *targets;
+  TargetCommand **targets;
   u32 target_count;
   u32 target_capacity;
   u32 current_target;
-  Breakpoint *breakpoints;
+  Breakpoint **breakpoints;
   u32 breakpoint_count;
   u32 breakpoint_capacity;
   WatchList watches[kWatchWindowCount];
@@ -115,6 +150,14 @@ int SessionAddWatchRow(Session *session, u32 window, const char *expression, con
 int SessionSetWatchRow(Session *session, u32 window, u32 row, const char *expression, const char *comment);
 // Makes room for at least count rows (and never fewer than kWatchRowMinCapacity).
 int WatchListReserve(WatchList *list, u32 count);
+// A new, empty row at the end of the list (null when out of memory). Does not mark the session.
+WatchRow *WatchListAppend(WatchList *list);
+
+// Finding rows again by id; null when the row is gone.
+Breakpoint *SessionFindBreakpoint(Session *session, u32 id);
+WatchRow *SessionFindWatchRow(Session *session, u32 window, u32 id);
+// Forgets what the last run made of every breakpoint (state, engine record, bound place).
+void SessionClearBreakpointRuntime(Session *session);
 
 // Open source files; paths longer than kSourcePathMaxLength are refused (kSessionBadArgument).
 int SessionAddSourceFile(Session *session, const char *path);

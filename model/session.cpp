@@ -1,5 +1,5 @@
 // The session model: owned texts and growable arrays on the C heap.
-#include "app/session.h"
+#include "model/session.h"
 
 #include <stdlib.h>
 #include <string.h>
@@ -62,6 +62,21 @@ static bool Grow(void **items, u32 *capacity, u32 needed, u64 item_size, u32 min
   return true;
 }
 
+// Row ids: unique within the process, never 0.
+static u32 g_next_row_id = 1;
+static u32 NextRowId(void) {
+  u32 id = g_next_row_id++;
+  if (g_next_row_id == 0) g_next_row_id = 1;
+  return id;
+}
+
+// One zeroed row of size bytes with a fresh id in its first word.
+static void *NewRow(u64 size) {
+  void *row = calloc(1, (size_t)size);
+  if (row) *(u32 *)row = NextRowId();
+  return row;
+}
+
 // [SECTION] Lifetime
 
 void SessionInit(Session *session) { memset(session, 0, sizeof(*session)); }
@@ -71,18 +86,24 @@ static void TargetCommandFree(TargetCommand *t) {
   free(t->arguments);
   free(t->working_directory);
   free(t->environment);
+  free(t);
 }
 
 static void BreakpointFree(Breakpoint *b) {
   free(b->place);
   free(b->condition);
+  free(b);
 }
 
 void SessionReset(Session *session) {
-  for (u32 i = 0; i < session->target_count; i++) TargetCommandFree(&session->targets[i]);
-  for (u32 i = 0; i < session->breakpoint_count; i++) BreakpointFree(&session->breakpoints[i]);
+  for (u32 i = 0; i < session->target_count; i++) TargetCommandFree(session->targets[i]);
+  for (u32 i = 0; i < session->breakpoint_count; i++) BreakpointFree(session->breakpoints[i]);
   for (u32 i = 0; i < session->source_file_count; i++) free(session->source_files[i]);
-  for (u32 w = 0; w < kWatchWindowCount; w++) free(session->watches[w].rows);
+  for (u32 w = 0; w < kWatchWindowCount; w++) {
+    WatchList *list = &session->watches[w];
+    for (u32 r = 0; r < list->count; r++) free(list->rows[r]);
+    free(list->rows);
+  }
   free(session->targets);
   free(session->breakpoints);
   free(session->source_files);
@@ -96,10 +117,11 @@ void SessionFree(Session *session) { SessionReset(session); }
 int SessionAddTarget(Session *session, const char *command, const char *arguments,
                      const char *working_directory, u32 *index) {
   if (!Grow((void **)&session->targets, &session->target_capacity, session->target_count + 1,
-            sizeof(TargetCommand), 4))
+            sizeof(TargetCommand *), 4))
     return kSessionNoMemory;
-  TargetCommand *t = &session->targets[session->target_count];
-  memset(t, 0, sizeof(*t));
+  TargetCommand *t = (TargetCommand *)NewRow(sizeof(TargetCommand));
+  if (!t) return kSessionNoMemory;
+  session->targets[session->target_count] = t;
   t->halt_at_nominal_entry = 1;
   TextReplace(&t->command, command);
   TextReplace(&t->arguments, arguments);
@@ -112,9 +134,9 @@ int SessionAddTarget(Session *session, const char *command, const char *argument
 
 int SessionRemoveTarget(Session *session, u32 index) {
   if (index >= session->target_count) return kSessionBadArgument;
-  TargetCommandFree(&session->targets[index]);
+  TargetCommandFree(session->targets[index]);
   memmove(&session->targets[index], &session->targets[index + 1],
-          (session->target_count - index - 1) * sizeof(TargetCommand));
+          (session->target_count - index - 1) * sizeof(TargetCommand *));
   session->target_count--;
   if (session->current_target > index || session->current_target >= session->target_count)
     session->current_target = session->current_target ? session->current_target - 1 : 0;
@@ -124,7 +146,7 @@ int SessionRemoveTarget(Session *session, u32 index) {
 
 TargetCommand *SessionCurrentTarget(Session *session) {
   if (session->current_target >= session->target_count) return nullptr;
-  return &session->targets[session->current_target];
+  return session->targets[session->current_target];
 }
 
 // [SECTION] Breakpoints
@@ -133,10 +155,11 @@ int SessionAddBreakpoint(Session *session, u32 kind, const char *place, u32 line
                          u32 *index) {
   if (kind > kBreakpointProcessor) return kSessionBadArgument;
   if (!Grow((void **)&session->breakpoints, &session->breakpoint_capacity, session->breakpoint_count + 1,
-            sizeof(Breakpoint), 8))
+            sizeof(Breakpoint *), 8))
     return kSessionNoMemory;
-  Breakpoint *b = &session->breakpoints[session->breakpoint_count];
-  memset(b, 0, sizeof(*b));
+  Breakpoint *b = (Breakpoint *)NewRow(sizeof(Breakpoint));
+  if (!b) return kSessionNoMemory;
+  session->breakpoints[session->breakpoint_count] = b;
   b->kind = kind;
   if (kind != kBreakpointAddress) TextReplace(&b->place, place);
   b->line = kind == kBreakpointSourceLine ? line : 0;
@@ -152,9 +175,9 @@ int SessionAddBreakpoint(Session *session, u32 kind, const char *place, u32 line
 
 int SessionRemoveBreakpoint(Session *session, u32 index) {
   if (index >= session->breakpoint_count) return kSessionBadArgument;
-  BreakpointFree(&session->breakpoints[index]);
+  BreakpointFree(session->breakpoints[index]);
   memmove(&session->breakpoints[index], &session->breakpoints[index + 1],
-          (session->breakpoint_count - index - 1) * sizeof(Breakpoint));
+          (session->breakpoint_count - index - 1) * sizeof(Breakpoint *));
   session->breakpoint_count--;
   session->modified = 1;
   return kSessionOk;
@@ -162,7 +185,7 @@ int SessionRemoveBreakpoint(Session *session, u32 index) {
 
 s32 SessionFindSourceLineBreakpoint(const Session *session, const char *path, u32 line) {
   for (u32 i = 0; i < session->breakpoint_count; i++) {
-    const Breakpoint *b = &session->breakpoints[i];
+    const Breakpoint *b = session->breakpoints[i];
     if (b->kind == kBreakpointSourceLine && b->line == line && TextEqualNoCase(b->place, path)) return (s32)i;
   }
   return -1;
@@ -173,7 +196,7 @@ u32 SessionRemoveFunctionBreakpoints(Session *session, const char *name, Breakpo
   u32 count = 0;
   u32 i = 0;
   while (i < session->breakpoint_count) {  // no advance after a removal: the next one moved into i
-    const Breakpoint *b = &session->breakpoints[i];
+    const Breakpoint *b = session->breakpoints[i];
     if (b->kind == kBreakpointFunction && TextEqual(b->place, name)) {
       if (removed) removed(user, b);
       SessionRemoveBreakpoint(session, i);
@@ -190,12 +213,41 @@ u32 SessionRemoveFunctionBreakpoints(Session *session, const char *name, Breakpo
 int WatchListReserve(WatchList *list, u32 count) {
   u32 wanted = count < kWatchRowMinCapacity ? kWatchRowMinCapacity : count;
   if (wanted <= list->capacity) return kSessionOk;
-  WatchRow *grown = (WatchRow *)realloc(list->rows, (size_t)wanted * sizeof(WatchRow));
+  WatchRow **grown = (WatchRow **)realloc(list->rows, (size_t)wanted * sizeof(WatchRow *));
   if (!grown) return kSessionNoMemory;
-  memset(grown + list->capacity, 0, (size_t)(wanted - list->capacity) * sizeof(WatchRow));
   list->rows = grown;
   list->capacity = wanted;
   return kSessionOk;
+}
+
+WatchRow *WatchListAppend(WatchList *list) {
+  if (list->count == 0xFFFFFFFFu) return nullptr;
+  if (list->count >= list->capacity) {
+    u64 next = list->capacity ? (u64)list->capacity * 2 : kWatchRowMinCapacity;
+    if (WatchListReserve(list, (u32)MinU64(next, 0xFFFFFFFFu)) != kSessionOk) return nullptr;
+  }
+  WatchRow *row = (WatchRow *)NewRow(sizeof(WatchRow));
+  if (row) list->rows[list->count++] = row;
+  return row;
+}
+
+Breakpoint *SessionFindBreakpoint(Session *session, u32 id) {
+  for (u32 i = 0; i < session->breakpoint_count; i++)
+    if (session->breakpoints[i]->id == id) return session->breakpoints[i];
+  return nullptr;
+}
+
+WatchRow *SessionFindWatchRow(Session *session, u32 window, u32 id) {
+  if (window >= kWatchWindowCount) return nullptr;
+  WatchList *list = &session->watches[window];
+  for (u32 r = 0; r < list->count; r++)
+    if (list->rows[r]->id == id) return list->rows[r];
+  return nullptr;
+}
+
+void SessionClearBreakpointRuntime(Session *session) {
+  for (u32 i = 0; i < session->breakpoint_count; i++)
+    memset(&session->breakpoints[i]->runtime, 0, sizeof(BreakpointRuntime));
 }
 
 static void SetRowText(char *buffer, const char *text) {
@@ -205,7 +257,7 @@ static void SetRowText(char *buffer, const char *text) {
 
 int SessionSetWatchRow(Session *session, u32 window, u32 row, const char *expression, const char *comment) {
   if (window >= kWatchWindowCount || row >= session->watches[window].count) return kSessionBadArgument;
-  WatchRow *r = &session->watches[window].rows[row];
+  WatchRow *r = session->watches[window].rows[row];
   SetRowText(r->expression, expression);
   SetRowText(r->comment, comment);
   session->modified = 1;
@@ -216,11 +268,7 @@ int SessionAddWatchRow(Session *session, u32 window, const char *expression, con
   if (window >= kWatchWindowCount) return kSessionBadArgument;
   WatchList *list = &session->watches[window];
   if (list->count == 0xFFFFFFFFu) return kSessionBadArgument;
-  if (list->count >= list->capacity) {
-    u64 next = list->capacity ? (u64)list->capacity * 2 : kWatchRowMinCapacity;
-    if (WatchListReserve(list, (u32)MinU64(next, 0xFFFFFFFFu)) != kSessionOk) return kSessionNoMemory;
-  }
-  list->count++;
+  if (!WatchListAppend(list)) return kSessionNoMemory;
   return SessionSetWatchRow(session, window, list->count - 1, expression, comment);
 }
 
@@ -257,7 +305,7 @@ const char *SessionDifference(const Session *a, const Session *b) {
   if (a->target_count != b->target_count) return "target command count";
   if (a->target_count && a->current_target != b->current_target) return "current target command";
   for (u32 i = 0; i < a->target_count; i++) {
-    const TargetCommand *x = &a->targets[i], *y = &b->targets[i];
+    const TargetCommand *x = a->targets[i], *y = b->targets[i];
     if (!TextEqual(x->command, y->command)) return "target command";
     if (!TextEqual(x->arguments, y->arguments)) return "target arguments";
     if (!TextEqual(x->working_directory, y->working_directory)) return "target working directory";
@@ -267,7 +315,7 @@ const char *SessionDifference(const Session *a, const Session *b) {
   }
   if (a->breakpoint_count != b->breakpoint_count) return "breakpoint count";
   for (u32 i = 0; i < a->breakpoint_count; i++) {
-    const Breakpoint *x = &a->breakpoints[i], *y = &b->breakpoints[i];
+    const Breakpoint *x = a->breakpoints[i], *y = b->breakpoints[i];
     if (x->kind != y->kind) return "breakpoint kind";
     if (!TextEqual(x->place, y->place)) return "breakpoint place";
     if (x->line != y->line) return "breakpoint line";
@@ -281,8 +329,8 @@ const char *SessionDifference(const Session *a, const Session *b) {
     const WatchList *x = &a->watches[w], *y = &b->watches[w];
     if (x->count != y->count) return "watch row count";
     for (u32 r = 0; r < x->count; r++) {
-      if (strcmp(x->rows[r].expression, y->rows[r].expression) != 0) return "watch expression";
-      if (strcmp(x->rows[r].comment, y->rows[r].comment) != 0) return "watch comment";
+      if (strcmp(x->rows[r]->expression, y->rows[r]->expression) != 0) return "watch expression";
+      if (strcmp(x->rows[r]->comment, y->rows[r]->comment) != 0) return "watch comment";
     }
   }
   if (a->source_file_count != b->source_file_count) return "source file count";

@@ -5,13 +5,13 @@
 // [SECTION] Defaults
 // [SECTION] Reading
 // [SECTION] Writing
-#include "app/settings.h"
+#include "model/settings.h"
 
 #include <stddef.h>
 #include <stdio.h>
 #include <string.h>
 
-#include "app/session.h"
+#include "model/session.h"
 
 // [SECTION] Sections
 

@@ -5,7 +5,7 @@
 // [SECTION] Reader
 // [SECTION] Writer
 // [SECTION] Files
-#include "app/session_file.h"
+#include "model/session_file.h"
 
 #include <stdio.h>
 #include <stdlib.h>
@@ -106,10 +106,10 @@ static bool ReadWatchTexts(Reader *r, WatchList *list, bool comments) {
     text[length] = 0;
     if (!list) continue;
     if (comments) {
-      if (i < list->count) memcpy(list->rows[i].comment, text, (size_t)length + 1);
+      if (i < list->count) memcpy(list->rows[i]->comment, text, (size_t)length + 1);
     } else {
-      if (list->count >= list->capacity && WatchListReserve(list, list->count + 1) != kSessionOk) return false;
-      WatchRow *row = &list->rows[list->count++];
+      WatchRow *row = WatchListAppend(list);
+      if (!row) return false;
       memcpy(row->expression, text, (size_t)length + 1);
       row->comment[0] = 0;
     }
@@ -178,7 +178,7 @@ static bool ReadSection4(Reader *r) {
     if (ok) ok = SessionAddBreakpoint(r->session, kind, place, line, address, &index) == kSessionOk;
     free(place);
     if (!ok) return false;
-    Breakpoint *b = &r->session->breakpoints[index];
+    Breakpoint *b = r->session->breakpoints[index];
     b->enabled = (kind == kBreakpointFunction || kind == kBreakpointSourceLine);
   }
   return true;
@@ -193,7 +193,7 @@ static bool ReadPerBreakpoint(Reader *r, PerBreakpointField field) {
   if (!ReadU32(&r->cursor, &count)) return false;
   Session *s = r->session;
   for (u32 i = 0; i < count; i++) {
-    Breakpoint *b = i < s->breakpoint_count ? &s->breakpoints[i] : nullptr;
+    Breakpoint *b = i < s->breakpoint_count ? s->breakpoints[i] : nullptr;
     if (field == kFieldSize) {
       u32 size;
       if (!ReadU32(&r->cursor, &size)) return false;
@@ -230,9 +230,9 @@ static bool ReadSection8(Reader *r) {
     return false;
   }
   if (s->target_count) {
-    free(s->targets[0].environment);
-    s->targets[0].environment = environment;
-    s->targets[0].inherit_from_parent = inherit != 0;
+    free(s->targets[0]->environment);
+    s->targets[0]->environment = environment;
+    s->targets[0]->inherit_from_parent = inherit != 0;
   }
   return true;
 }
@@ -250,8 +250,8 @@ static bool ReadSection9(Reader *r) {
               ReadOwnedString(&r->cursor, &environment) && ReadU8(&r->cursor, &inherit) &&
               SessionAddTarget(r->session, command, arguments, directory, &index) == kSessionOk;
     if (ok) {
-      r->session->targets[index].environment = environment;
-      r->session->targets[index].inherit_from_parent = inherit != 0;
+      r->session->targets[index]->environment = environment;
+      r->session->targets[index]->inherit_from_parent = inherit != 0;
       environment = nullptr;
     }
     free(command);
@@ -286,7 +286,7 @@ static bool ReadSection12(Reader *r) {
   Session *s = r->session;
   u32 n = count < s->breakpoint_count ? count : s->breakpoint_count;
   for (u32 i = 0; i < n; i++) {
-    Breakpoint *b = &s->breakpoints[i];
+    Breakpoint *b = s->breakpoints[i];
     if (b->kind != kBreakpointProcessor) continue;
     char *expression;
     u32 size, access;
@@ -312,7 +312,7 @@ static bool ReadSection15(Reader *r) {
   for (u32 i = 0; i < count; i++) {
     u8 halt;
     if (!ReadU8(&r->cursor, &halt)) return false;
-    if (i < r->session->target_count) r->session->targets[i].halt_at_nominal_entry = halt != 0;
+    if (i < r->session->target_count) r->session->targets[i]->halt_at_nominal_entry = halt != 0;
   }
   return true;
 }
@@ -406,7 +406,7 @@ static bool Writable(const Breakpoint *b) { return b->kind <= kBreakpointProcess
 
 static u32 WritableBreakpointCount(const Session *s) {
   u32 n = 0;
-  for (u32 i = 0; i < s->breakpoint_count; i++) n += Writable(&s->breakpoints[i]);
+  for (u32 i = 0; i < s->breakpoint_count; i++) n += Writable(s->breakpoints[i]);
   return n;
 }
 
@@ -417,7 +417,7 @@ static void PutTargetTail(SessionBytes *out, const TargetCommand *t) {
 
 int SessionWriteToMemory(const Session *s, SessionBytes *out) {
   memset(out, 0, sizeof(*out));
-  const TargetCommand *first = s->target_count ? &s->targets[0] : nullptr;
+  const TargetCommand *first = s->target_count ? s->targets[0] : nullptr;
   u32 n = WritableBreakpointCount(s);
   Put(out, kMagic, 4);
   PutString(out, first ? first->command : nullptr);  // 2
@@ -427,7 +427,7 @@ int SessionWriteToMemory(const Session *s, SessionBytes *out) {
   for (u32 i = 0; i < s->source_file_count; i++) PutString(out, s->source_files[i]);
   PutU32(out, n);  // 4
   for (u32 i = 0; i < s->breakpoint_count; i++) {
-    const Breakpoint *b = &s->breakpoints[i];
+    const Breakpoint *b = s->breakpoints[i];
     if (!Writable(b)) continue;
     PutU32(out, 0);
     PutU32(out, b->kind);
@@ -440,13 +440,13 @@ int SessionWriteToMemory(const Session *s, SessionBytes *out) {
   }
   const WatchList *list = &s->watches[0];  // 5
   PutU32(out, list->count);
-  for (u32 r = 0; r < list->count; r++) PutRowText(out, list->rows[r].expression);
+  for (u32 r = 0; r < list->count; r++) PutRowText(out, list->rows[r]->expression);
   PutU32(out, n);  // 6
   for (u32 i = 0; i < s->breakpoint_count; i++)
-    if (Writable(&s->breakpoints[i])) PutU32(out, s->breakpoints[i].size);
+    if (Writable(s->breakpoints[i])) PutU32(out, s->breakpoints[i]->size);
   PutU32(out, n);  // 7
   for (u32 i = 0; i < s->breakpoint_count; i++)
-    if (Writable(&s->breakpoints[i])) PutString(out, s->breakpoints[i].condition);
+    if (Writable(s->breakpoints[i])) PutString(out, s->breakpoints[i]->condition);
   if (first) {  // 8
     PutTargetTail(out, first);
   } else {
@@ -455,7 +455,7 @@ int SessionWriteToMemory(const Session *s, SessionBytes *out) {
   }
   PutU32(out, s->target_count);  // 9
   for (u32 i = 1; i < s->target_count; i++) {
-    const TargetCommand *t = &s->targets[i];
+    const TargetCommand *t = s->targets[i];
     PutString(out, t->command);
     PutString(out, t->arguments);
     PutString(out, t->working_directory);
@@ -466,11 +466,11 @@ int SessionWriteToMemory(const Session *s, SessionBytes *out) {
   for (u32 w = 1; w < kWatchWindowCount; w++) {
     list = &s->watches[w];
     PutU32(out, list->count);
-    for (u32 r = 0; r < list->count; r++) PutRowText(out, list->rows[r].expression);
+    for (u32 r = 0; r < list->count; r++) PutRowText(out, list->rows[r]->expression);
   }
   PutU32(out, n);  // 12
   for (u32 i = 0; i < s->breakpoint_count; i++) {
-    const Breakpoint *b = &s->breakpoints[i];
+    const Breakpoint *b = s->breakpoints[i];
     if (b->kind != kBreakpointProcessor) continue;
     PutString(out, b->place);
     PutU32(out, b->size);
@@ -478,14 +478,14 @@ int SessionWriteToMemory(const Session *s, SessionBytes *out) {
   }
   PutU32(out, n);  // 13
   for (u32 i = 0; i < s->breakpoint_count; i++)
-    if (Writable(&s->breakpoints[i])) PutU8(out, s->breakpoints[i].enabled != 0);
+    if (Writable(s->breakpoints[i])) PutU8(out, s->breakpoints[i]->enabled != 0);
   for (u32 w = 0; w < kWatchWindowCount; w++) {  // 14
     list = &s->watches[w];
     PutU32(out, list->count);
-    for (u32 r = 0; r < list->count; r++) PutRowText(out, list->rows[r].comment);
+    for (u32 r = 0; r < list->count; r++) PutRowText(out, list->rows[r]->comment);
   }
   PutU32(out, s->target_count);  // 15
-  for (u32 i = 0; i < s->target_count; i++) PutU8(out, s->targets[i].halt_at_nominal_entry != 0);
+  for (u32 i = 0; i < s->target_count; i++) PutU8(out, s->targets[i]->halt_at_nominal_entry != 0);
   if (out->failed) {
     SessionBytesFree(out);
     return kSessionFileNoMemory;

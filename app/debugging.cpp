@@ -1,0 +1,136 @@
+#include "app/debugging.h"
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "engine/engine.h"
+#include "ui/engine_event_text.h"
+#include "ui/stop_reason.h"
+
+enum { kTerminateExitCode = 0x7E57, kEnvironmentPairsMax = 512, kEventTextCapacity = 4096 };
+
+static bool g_awaiting_first_run;
+
+int DebuggingStart(AppState *app, u32 reason, void (*wake)(void *), void *wake_user) {
+  TargetCommand *t = SessionCurrentTarget(&app->session);
+  if (app->target || !t || !t->command || !t->command[0]) return kEngineNoTarget;
+  if (app->settings.auto_clear_output_window) OutputClear(&app->output);
+
+  // The environment text is split in place, so the launch gets a copy of its own.
+  char *environment = TextDuplicateZ(t->environment);
+  static EnvironmentPair pairs[kEnvironmentPairsMax];
+  LaunchDescription launch = {};
+  launch.executable = t->command;
+  launch.arguments = t->arguments;
+  launch.working_directory = t->working_directory;
+  launch.environment = pairs;
+  launch.environment_count = environment ? LaunchSplitEnvironment(environment, pairs, kEnvironmentPairsMax) : 0;
+  launch.inherit_from_parent = t->inherit_from_parent;
+  Target *target = nullptr;
+  u32 process_id = 0;
+  int result = EngineStartLaunch(&launch, wake, wake_user, &target, &process_id);
+  free(environment);
+  if (result != kEngineOk) {
+    char line[512];
+    snprintf(line, sizeof line, "Unable to debug process: %s\n", EngineStartResultText(result));
+    OutputAppendZ(&app->output, line);
+    return result;
+  }
+  app->target = target;
+  app->process_id = process_id;
+  app->attached = 0;
+  app->debug_state = kDebugRunning;  // the menus of the next frame already show it running
+  app->stop_reason = reason;
+  app->run_started_by = reason;
+  g_awaiting_first_run = true;
+  return kEngineOk;
+}
+
+bool DebuggingAwaitingFirstRun(const AppState *app) { return app->target && g_awaiting_first_run; }
+
+int DebuggingContinue(AppState *app, u32 reason) {
+  if (!app->target || app->debug_state != kDebugSuspended) return kEngineNotSuspended;
+  int result = EngineRun(app->target);
+  if (result == kEngineOk) {
+    app->debug_state = kDebugRunning;
+    app->stop_reason = reason;
+    app->run_started_by = reason;
+  }
+  return result;
+}
+
+int DebuggingStop(AppState *app) {
+  if (!app->target) return kEngineNoTarget;
+  int result = app->attached ? EngineStopDebugging(app->target) : EngineTerminate(app->target, kTerminateExitCode);
+  if (result != kEngineOk) {
+    char line[96];
+    snprintf(line, sizeof line, "Unable to stop debugging (result %d)\n", result);
+    OutputAppendZ(&app->output, line);
+  }
+  return result;
+}
+
+int DebuggingBreak(AppState *app, u32 reason) {
+  if (!app->target || app->debug_state != kDebugRunning) return kEngineSystemCallFailed;
+  app->run_started_by = reason;
+  return EngineBreak(app->target);
+}
+
+static void RunEnded(AppState *app, u32 exit_code) {
+  EngineRelease(app->target);
+  app->target = nullptr;
+  app->debug_state = kDebugNone;
+  app->has_run = 1;
+  app->last_exit_code = exit_code;
+  g_awaiting_first_run = false;
+  SessionClearBreakpointRuntime(&app->session);
+}
+
+static void Stopped(AppState *app, u32 reason) {
+  app->debug_state = kDebugSuspended;
+  app->stop_reason = reason;
+}
+
+bool DebuggingDrainEvents(AppState *app) {
+  if (!app->target) return false;
+  // The engine holds a new launch at its start; let it run once it serves commands.
+  if (g_awaiting_first_run && EngineStoppedState(app->target) == 0) {
+    if (EngineRun(app->target) == kEngineOk) g_awaiting_first_run = false;
+  }
+  OutputOptions options = {app->settings.show_module_load, app->settings.show_module_unload,
+                           app->settings.show_thread_exit, app->settings.show_process_exit};
+  static char text[kEventTextCapacity];
+  EngineEvent e;
+  while (app->target && EnginePopEvent(app->target, &e) == 0 && e.kind != kEventNone) {
+    u32 length = EngineEventText(&e, &options, app->process_id, text, sizeof text);
+    if (length) OutputAppend(&app->output, text, length);
+    switch (e.kind) {
+      case kEventStopped: {
+        if (g_awaiting_first_run) break;  // the hold of a new launch, not a stop of the user's
+        u32 reason = StopReasonOfEngineStop(e.stopped.reason, app->run_started_by);
+        if (reason != kStopReasonNone) Stopped(app, reason);
+        break;
+      }
+      case kEventException:
+        Stopped(app, kStopReasonException);
+        break;
+      case kEventBreakpointHit:
+        Stopped(app, kStopReasonUserBreakpoint);
+        break;
+      case kEventProcessorBreakpointHit:
+        Stopped(app, kStopReasonProcessorBreakpoint);
+        break;
+      case kEventModuleUnloaded:
+        TargetModuleRelease(app->target, e.module.module);
+        break;
+      case kEventProcessExited:
+        RunEnded(app, e.process.exit_code);
+        return true;
+      case kEventDetached:
+        RunEnded(app, 0);
+        return true;
+    }
+  }
+  return false;
+}

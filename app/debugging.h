@@ -1,0 +1,18 @@
+// The program's side of a debugging run: starting the session's target command through the engine,
+// stopping it, and the per-frame drain of the engine's events into AppState and the output window.
+// UI thread only.
+#pragma once
+#include "model/app_state.h"
+
+// Launches the session's current target command; the result code of the engine (0 on success).
+// A failure is written to the output window as "Unable to debug process: %s\n".
+int DebuggingStart(AppState *app, u32 reason, void (*wake)(void *), void *wake_user);
+int DebuggingContinue(AppState *app, u32 reason);
+// Detaches from an attached process, terminates a launched one.
+int DebuggingStop(AppState *app);
+int DebuggingBreak(AppState *app, u32 reason);
+// Pops every queued engine event. True when the run ended during this call (the caller then
+// carries out the pending action).
+bool DebuggingDrainEvents(AppState *app);
+// A launch is held by the engine at its start until the first run: true while that is so.
+bool DebuggingAwaitingFirstRun(const AppState *app);

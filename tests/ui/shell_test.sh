@@ -1,0 +1,162 @@
+#!/usr/bin/env bash
+# kestrune.exe as a user meets it, on a virtual display: each step asks the program (through its
+# test hook) for the text of every shown window, asserts on that text and keeps a screenshot beside
+# it in OUT_DIR. Steps: the first start builds the default layout; F5 debugs the demo and the output
+# window shows its module loads, debug strings and exit; "stop-debugging" from a second instance
+# stops a run; a window shown from the Window menu and the layout survive a restart; a corrupt ini
+# starts cleanly with defaults; a second instance forwards open-session.
+# usage: shell_test.sh WINE_RUN KESTRUNE_EXE DEMO_EXE OUT_DIR
+set -u
+wine_run=$1 exe=$2 demo=$3 out=$4
+rm -rf "$out"
+mkdir -p "$out/settings" "$out/dumps"
+settings="$out/settings"
+export KTRN_TEST_DUMP_DIR="Z:$out/dumps"
+
+fail() { echo "FAIL: $*"; exit 1; }
+
+exec 5< <(Xvfb -displayfd 1 -screen 0 1280x800x24 -nolisten tcp 2>/dev/null)
+xvfb_pid=$!
+read -r -t 20 display <&5 || fail "Xvfb did not start"
+export DISPLAY=":$display"
+app_pid=
+cleanup() {
+  [ -n "$app_pid" ] && kill "$app_pid" 2>/dev/null
+  kill "$xvfb_pid" 2>/dev/null
+}
+trap cleanup EXIT
+
+window=
+start() {  # start [ARGS...]: kestrune.exe with our settings folder; waits for its window
+  "$wine_run" "$exe" --settings "Z:$settings" "$@" &
+  app_pid=$!
+  window=
+  for _ in $(seq 1 120); do
+    window=$(xdotool search --name " - Kestrune\$" 2>/dev/null | head -n 1)
+    [ -n "$window" ] && break
+    kill -0 "$app_pid" 2>/dev/null || fail "kestrune.exe ended before showing its window"
+    sleep 0.5
+  done
+  [ -n "$window" ] || fail "no Kestrune window within 60 s"
+  xdotool windowfocus --sync "$window" 2>/dev/null
+}
+
+# dump STEP: the windows' text of one frame into $out/dumps/STEP.txt, and a screenshot beside it.
+dump() {
+  local step=$1 file="$out/dumps/$1.txt"
+  rm -f "$file"
+  printf '%s' "$step" > "$out/dumps/request.part"
+  mv "$out/dumps/request.part" "$out/dumps/request"
+  for _ in $(seq 1 100); do
+    [ -f "$file" ] && break
+    sleep 0.1
+  done
+  [ -f "$file" ] || fail "no text dump for step $step"
+  import -window "$window" "$out/$step.png" 2>/dev/null
+}
+
+# wait_for STEP TEXT [SECONDS]: dumps until TEXT shows.
+wait_for() {
+  local step=$1 text=$2 limit=${3:-30}
+  for _ in $(seq 1 $((limit * 2))); do
+    dump "$step"
+    grep -qF -- "$text" "$out/dumps/$step.txt" && return 0
+    sleep 0.5
+  done
+  fail "step $step: '$text' never shown"
+}
+
+expect() {  # expect STEP TEXT...: every TEXT in the step's dump
+  local step=$1; shift
+  for text in "$@"; do grep -qF -- "$text" "$out/dumps/$step.txt" || fail "step $step: '$text' not shown"; done
+}
+expect_not() {
+  local step=$1; shift
+  for text in "$@"; do grep -qF -- "$text" "$out/dumps/$step.txt" && fail "step $step: '$text' shown"; done
+  return 0
+}
+
+quit() {  # Session > Exit, then the program must end with 0
+  xdotool mousemove --window "$window" 36 10 click 1
+  sleep 0.5
+  xdotool mousemove --window "$window" 25 212 click 1
+  for _ in $(seq 1 40); do
+    kill -0 "$app_pid" 2>/dev/null || break
+    sleep 0.5
+  done
+  kill -0 "$app_pid" 2>/dev/null && fail "the program did not close"
+  wait "$app_pid"
+  local status=$?
+  app_pid=
+  [ "$status" = 0 ] || fail "exit code $status"
+}
+
+key() { xdotool windowfocus --sync "$window" 2>/dev/null; xdotool key --delay 60 "$@"; }
+
+ini="$settings/imgui180.ini"
+
+# 1. First start: no ini file, so the default layout: the lists, the output and Watch 1 shown.
+start "Z:$demo" 30
+wait_for first-start "[window Output]"
+expect first-start "Session" "Control" "Window" "[window Threads]" "[window Modules]" "[window Watch 1]"
+expect_not first-start "[window Watch 2]" "[window Memory 1]" "[window Registers]"
+[ "$(xdotool getwindowname "$window")" = "demo.exe - Kestrune" ] || fail "title is '$(xdotool getwindowname "$window")'"
+
+# 2. F5 starts the demo (here for 30 s): module loads and its debug strings. A second instance
+# with "stop-debugging" hands the command to this one through the channel, which ends the run.
+key F5
+wait_for f5-running "second 1:" 60
+expect f5-running "Module loaded:" "demo.exe (symbols loaded)" "ntdll.dll" "[EXECUTING]"
+"$wine_run" "$exe" stop-debugging || fail "the forwarding instance failed"
+wait_for shift-f5 "Program halted with exit code 0x00007E57" 30
+expect shift-f5 "Process exited: with exit code 32343 (0x7e57)"
+expect_not shift-f5 "second 30:"
+
+# 3. Window > Registers shows the registers window; it and the layout survive a restart.
+xdotool mousemove --window "$window" 256 10 click 1
+sleep 0.5
+dump window-menu
+expect window-menu "Registers" "Ctrl+L, Ctrl+R"
+xdotool mousemove --window "$window" 265 272 click 1
+wait_for registers-shown "[window Registers]"
+quit
+[ -f "$ini" ] || fail "no ini file written"
+grep -q '^\[Docking\]\[Data\]' "$ini" || fail "the ini file holds no docking data"
+grep -A1 '^\[Kestrune\]\[RegistersWindow\]' "$ini" | grep -q '^ShowWnd=1' || fail "the registers window is not saved as shown"
+
+# 4. After the restart: the same windows; F5 runs the demo (2 s) to its exit line.
+start "Z:$demo" 2
+wait_for restarted "[window Registers]"
+expect restarted "[window Output]" "[window Threads]" "[window Watch 1]"
+key F5
+wait_for f5-exit "Process exited: with exit code 0 (0x0)" 60
+expect f5-exit "second 1:" "second 2:" "Program halted with exit code 0"
+quit
+
+# 5. A corrupt ini: the program starts with its defaults and writes a clean file again.
+head -c 3000 /dev/urandom > "$ini"
+printf '\n[Kestrune][WindowPos]\nx=abc\n[Kestrune][Watch-9]\nShowWnd=1\n[Docking][Data]\nDockSpace ID=zz\n' >> "$ini"
+start "Z:$demo" 2
+wait_for corrupt-ini "Control"
+expect corrupt-ini "[window Output]"
+
+# 6. A second instance with open-session: the running one opens the session (a file that ends after
+# its first target command, as old files may) and takes its name; F5 then runs its program.
+python3 - "$out/forwarded.ktrn" "Z:$demo" <<'PY'
+import struct, sys
+text = lambda s: struct.pack('<I', len(s)) + s.encode()
+open(sys.argv[1], 'wb').write(b'KTRN' + text(sys.argv[2]) + text('1') + text(''))
+PY
+"$wine_run" "$exe" open-session "Z:$out/forwarded.ktrn" || fail "the forwarding instance failed"
+for _ in $(seq 1 20); do
+  [ "$(xdotool getwindowname "$window")" = "forwarded.ktrn - Kestrune" ] && break
+  sleep 0.5
+done
+[ "$(xdotool getwindowname "$window")" = "forwarded.ktrn - Kestrune" ] || fail "title is '$(xdotool getwindowname "$window")'"
+key F5
+wait_for forwarded-session-run "second 1: " 60
+expect_not forwarded-session-run "second 2:"
+quit
+grep -q '^\[Kestrune\]\[Other\]' "$ini" || fail "the ini file was not written again after a corrupt one"
+
+echo "PASS ($(ls "$out"/*.png | wc -l) screenshots and their dumps in $out)"
