@@ -129,7 +129,7 @@ static u64 Resolve(TargetModule *module, BreakpointLocation *bp) {
   }
   if (symbols->status != kSymbolsLoaded) return 0;
   if (bp->kind == kBreakpointFunction) return ResolveFunction(symbols, bp->place, &bp->argument_list);
-  if (bp->kind == kBreakpointLine) return ResolveLine(symbols, bp->place, bp->line);
+  if (bp->kind == kBreakpointSourceLine) return ResolveLine(symbols, bp->place, bp->line);
   return 0;
 }
 
@@ -221,7 +221,7 @@ void BreakpointsDisarmAll(Target *target) {
 
 void BreakpointsOnModuleLoad(Target *target, TargetModule *module) {
   for (BreakpointLocation *b = target->breakpoints; b; b = b->next) {
-    if (!b->pending || (b->kind != kBreakpointFunction && b->kind != kBreakpointLine)) continue;
+    if (!b->pending || (b->kind != kBreakpointFunction && b->kind != kBreakpointSourceLine)) continue;
     if (Bind(target, b, module, nullptr) == kEngineOk && !b->pending) PostBreakpointEvent(target, kEventBreakpointBound, b);
   }
 }
@@ -309,7 +309,7 @@ EngineResult EngineAddBreakpoint(Target *target, const BreakpointWanted *wanted,
   if (!target || !wanted || !out || !target->breakpoint_pool || !target->wait_objects[kWaitEngineWaiting])
     return kEngineNoTarget;
   if (target->exited || target->detached) return kEngineNoProcess;
-  bool named = wanted->kind == kBreakpointFunction || wanted->kind == kBreakpointLine;
+  bool named = wanted->kind == kBreakpointFunction || wanted->kind == kBreakpointSourceLine;
   if (!named && wanted->kind != kBreakpointAddress) return kEngineNoTarget;
   if (named && (!wanted->place || !wanted->place[0])) return kEngineNoTarget;
   u64 place_length = named ? strnlen(wanted->place, kBreakpointPlaceCapacity) : 0;

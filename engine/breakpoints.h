@@ -10,20 +10,8 @@
 #include "engine/engine_event.h"
 #include "engine/engine_result.h"
 #include "expr/expr_node.h"
+#include "model/breakpoint_kind.h"
 
-enum BreakpointKind : u32 {
-  kBreakpointFunction = 0,
-  kBreakpointLine = 1,
-  kBreakpointAddress = 2,
-  kBreakpointProcessor = 3,
-};
-
-// What a processor breakpoint watches for.
-enum BreakpointAccess : u32 {
-  kAccessWrite = 0,
-  kAccessReadWrite = 1,
-  kAccessExecute = 2,
-};
 
 enum : u32 {
   kBreakpointPoolCount = 1024,

@@ -7,6 +7,7 @@
 // list grows or shrinks around it. Each row also carries an id, unique within the process, that
 // the windows and the engine's results use to find it again after the list changed.
 #pragma once
+#include "model/breakpoint_kind.h"
 #include "base/types.h"
 
 // [SECTION] Limits
@@ -31,13 +32,6 @@ typedef struct TargetCommand {
 } TargetCommand;
 
 // [SECTION] Breakpoints
-enum BreakpointKind {
-  kBreakpointFunction = 0,
-  kBreakpointSourceLine = 1,
-  kBreakpointAddress = 2,
-  kBreakpointProcessor = 3,
-};
-enum ProcessorAccess { kAccessWrite = 0, kAccessReadWrite = 1, kAccessExecute = 2 };
 
 // What a breakpoint is while a target runs; never saved. The engine keeps its own record of each
 // bound place (struct BreakpointLocation, engine side); the model holds only a pointer to it.

@@ -63,9 +63,9 @@ TEST(EngineBreakpoints, ThreeKindsInTheExecutable) {
   ASSERT_EQ(WaitStopped(t, seen).event.stopped.reason, (u32)kStopProgramBreakpoint);
   int work_line = MarkerLine("WORK_LINE"), total_line = MarkerLine("WORK_TOTAL_LINE");
   BreakpointLocation *function = Add(t, kBreakpointFunction, "BreakWork", 0);
-  BreakpointLocation *line = Add(t, kBreakpointLine, kTargetSource, (u32)total_line);
+  BreakpointLocation *line = Add(t, kBreakpointSourceLine, kTargetSource, (u32)total_line);
   // The address of WORK_LINE, through a line breakpoint taken out again.
-  BreakpointLocation *probe = Add(t, kBreakpointLine, kTargetSource, (u32)work_line);
+  BreakpointLocation *probe = Add(t, kBreakpointSourceLine, kTargetSource, (u32)work_line);
   ASSERT_TRUE(function && line && probe);
   u64 work_line_address = probe->address;
   EXPECT_EQ(EngineRemoveBreakpoint(t, probe), 0);
@@ -82,7 +82,7 @@ TEST(EngineBreakpoints, ThreeKindsInTheExecutable) {
   EXPECT_EQ((int)line->location.line, total_line);
   EXPECT_EQ((int)address->location.line, work_line);
   // Two breakpoints never share an int3; an address outside every module makes nothing.
-  BreakpointWanted wanted = {kBreakpointLine, kTargetSource, (u32)total_line};
+  BreakpointWanted wanted = {kBreakpointSourceLine, kTargetSource, (u32)total_line};
   BreakpointLocation *existing = nullptr;
   EXPECT_EQ(EngineAddBreakpoint(t, &wanted, &existing), 20);
   EXPECT_EQ(existing, line);
@@ -125,7 +125,7 @@ TEST(EngineBreakpoints, PendingInADllLoadedLater) {
   ASSERT_NE(t, nullptr);
   int twice_line = MarkerLine("PLUGIN_TWICE_LINE", kPluginSource);
   BreakpointLocation *function = Add(t, kBreakpointFunction, "PluginTwice", 0);
-  BreakpointLocation *line = Add(t, kBreakpointLine, kPluginSource, (u32)twice_line);
+  BreakpointLocation *line = Add(t, kBreakpointSourceLine, kPluginSource, (u32)twice_line);
   BreakpointLocation *address = nullptr;
   ASSERT_TRUE(function && line);
   EXPECT_EQ(function->pending, 1);
@@ -170,7 +170,7 @@ TEST(EngineBreakpoints, ConditionsAndEnabling) {
   Seen seen;
   ASSERT_EQ(WaitStopped(t, seen).event.stopped.reason, (u32)kStopProgramBreakpoint);
   BreakpointLocation *conditioned = Add(t, kBreakpointFunction, "BreakWork", 0, 0, "n > 0");
-  BreakpointLocation *disabled = Add(t, kBreakpointLine, kTargetSource, (u32)MarkerLine("WORK_TOTAL_LINE"));
+  BreakpointLocation *disabled = Add(t, kBreakpointSourceLine, kTargetSource, (u32)MarkerLine("WORK_TOTAL_LINE"));
   ASSERT_TRUE(conditioned && disabled);
   EXPECT_EQ(conditioned->condition_parse_failed, 0);
   EXPECT_NE(conditioned->condition_tree, nullptr);
@@ -256,7 +256,7 @@ TEST(EngineBreakpoints, DetachWithBreakpointsSet) {
     Seen seen;
     ASSERT_EQ(WaitStopped(t, seen).event.stopped.reason, (u32)kStopProgramBreakpoint);
     ASSERT_NE(Add(t, kBreakpointFunction, "BreakWork", 0), nullptr);
-    ASSERT_NE(Add(t, kBreakpointLine, kTargetSource, (u32)MarkerLine("WORK_TOTAL_LINE")), nullptr);
+    ASSERT_NE(Add(t, kBreakpointSourceLine, kTargetSource, (u32)MarkerLine("WORK_TOTAL_LINE")), nullptr);
     EXPECT_EQ(EngineRun(t), 0);
     bool asked = false;
     DriveToEnd(t, seen, [&](Target *target, const SeenEvent &e) {

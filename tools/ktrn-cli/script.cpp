@@ -262,7 +262,7 @@ static bool CommandBreak(Cli *cli, const ScriptArguments *args) {
     }
     memcpy(file, place, colon - place);
     file[colon - place] = 0;
-    wanted.kind = kBreakpointLine;
+    wanted.kind = kBreakpointSourceLine;
     wanted.place = file;
     wanted.line = (u32)number;
   } else {

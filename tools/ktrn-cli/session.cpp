@@ -81,7 +81,7 @@ void CliPrintBreakpoint(Cli *cli, const BreakpointLocation *bp) {
   if (bp->pending) {
     // What was asked for, until a module has it.
     if (bp->kind == kBreakpointFunction) snprintf(place.function, sizeof place.function, "%s", bp->place);
-    if (bp->kind == kBreakpointLine) snprintf(place.file_line, sizeof place.file_line, "%s:%u", bp->place, bp->line);
+    if (bp->kind == kBreakpointSourceLine) snprintf(place.file_line, sizeof place.file_line, "%s:%u", bp->place, bp->line);
     if (bp->kind == kBreakpointAddress) snprintf(address, sizeof address, "0x%016llx", (unsigned long long)bp->requested_address);
   } else {
     PlaceOfLocation(cli, &bp->location, bp->address, &place);
