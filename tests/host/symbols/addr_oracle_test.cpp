@@ -13,52 +13,6 @@
 
 namespace {
 
-// [SECTION] The image as llvm-objdump sees it
-
-struct Layout {
-  uint64_t image_base = 0;
-  std::vector<uint32_t> section_rvas;  // by section number - 1
-  std::vector<uint32_t> instructions;  // rvas of instruction starts, ascending
-};
-
-// Instruction starts of llvm-objdump's linear sweep (of the whole image, or of the range that
-// range_options give), appended to out in ascending order.
-bool Disassemble(const std::string &exe, const std::string &range_options, uint64_t image_base,
-                 std::vector<uint32_t> *out) {
-  CommandResult code = RunCommand("llvm-objdump-14 -d --no-show-raw-insn " + range_options + " " + Quote(exe) + " 2>&1");
-  if (code.exit_status != 0) return false;
-  size_t before = out->size();
-  for (const std::string &line : SplitLines(code.output)) {
-    unsigned long long va;
-    char colon;
-    if (sscanf(line.c_str(), " %llx%c", &va, &colon) == 2 && colon == ':' && va >= image_base)
-      out->push_back((uint32_t)(va - image_base));
-  }
-  return out->size() > before;
-}
-
-bool ReadLayout(const std::string &exe, Layout *out, std::string *failure) {
-  CommandResult headers = RunCommand("llvm-objdump-14 -h -p " + Quote(exe) + " 2>&1");
-  if (headers.exit_status != 0) return *failure = "llvm-objdump -h -p failed", false;
-  std::vector<uint64_t> vmas;
-  for (const std::string &line : SplitLines(headers.output)) {
-    unsigned long long base;
-    unsigned index;
-    char name[64];
-    unsigned long long size, vma;
-    if (sscanf(line.c_str(), "ImageBase %llx", &base) == 1) out->image_base = base;
-    else if (sscanf(line.c_str(), " %u %63s %llx %llx", &index, name, &size, &vma) == 4 && index == vmas.size())
-      vmas.push_back(vma);
-  }
-  if (!out->image_base || vmas.empty()) return *failure = "no image base or sections in llvm-objdump's headers", false;
-  for (uint64_t vma : vmas) out->section_rvas.push_back((uint32_t)(vma - out->image_base));
-
-  if (!Disassemble(exe, "", out->image_base, &out->instructions))
-    return *failure = "no instructions in llvm-objdump's disassembly", false;
-  std::sort(out->instructions.begin(), out->instructions.end());
-  return true;
-}
-
 // The linear sweep runs out of step after data in the code section (jump tables, which this
 // toolchain puts there); a procedure whose start the sweep missed is disassembled again from its
 // own start.

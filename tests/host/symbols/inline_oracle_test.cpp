@@ -14,37 +14,15 @@
 #include <algorithm>
 #include <map>
 
-#include "test_files.h"
-#include "run_command.h"
+#include "oracle.h"
 
 namespace {
-
-const std::string kTargetsDir = KTRN_TARGETS_DIR;
-const std::string kTool = KTRN_PDB_TOOL;
 
 struct FrameLine {
   std::string function, file;
   unsigned line = 0;
   unsigned module = 0, record = 0;  // ours only: the record that opens the frame's function
 };
-
-// [SECTION] The image and its procedures
-
-std::vector<uint32_t> InstructionRvas(const std::string &exe) {
-  std::vector<uint32_t> rvas;
-  CommandResult headers = RunCommand("llvm-objdump-14 -p " + Quote(exe));
-  unsigned long long base = 0;
-  for (const std::string &line : SplitLines(headers.output)) sscanf(line.c_str(), "ImageBase %llx", &base);
-  CommandResult code = RunCommand("llvm-objdump-14 -d --no-show-raw-insn " + Quote(exe));
-  for (const std::string &line : SplitLines(code.output)) {
-    unsigned long long va;
-    char colon;
-    if (base && sscanf(line.c_str(), " %llx%c", &va, &colon) == 2 && colon == ':' && va >= base)
-      rvas.push_back((uint32_t)(va - base));
-  }
-  std::sort(rvas.begin(), rvas.end());
-  return rvas;
-}
 
 // [SECTION] Inline sites as llvm-pdbutil prints them
 
@@ -225,29 +203,28 @@ std::string Describe(const std::vector<FrameLine> &frames) {
 void ExpectInlineFramesAgree(const std::string &exe, unsigned every) {
   SCOPED_TRACE(exe);
   std::string pdb = exe.substr(0, exe.size() - 4) + ".pdb";
-  std::vector<uint32_t> all = InstructionRvas(exe);
-  ASSERT_FALSE(all.empty());
+  Layout layout;
+  std::string failure;
+  ASSERT_TRUE(ReadLayout(exe, &layout, &failure)) << failure;
   std::vector<uint32_t> rvas;
-  for (size_t i = 0; i < all.size(); i += every) rvas.push_back(all[i]);
+  for (size_t i = 0; i < layout.instructions.size(); i += every) rvas.push_back(layout.instructions[i]);
   std::vector<PrintedModule> printed = ReadSites(pdb);
 
   int compared = 0, inlined = 0, late_rows = 0, differences = 0;
   for (size_t first = 0; first < rvas.size(); first += 2000) {
     size_t last = std::min(rvas.size(), first + 2000);
-    std::string ours_command = Quote(kTool) + " inline " + Quote(exe), addr_command = Quote(kTool) + " addr " + Quote(exe);
-    std::string input;
+    std::string addresses, input;
     for (size_t i = first; i < last; i++) {
       char text[16];
       snprintf(text, sizeof(text), "%X", rvas[i]);
-      ours_command += std::string(" ") + text, addr_command += std::string(" ") + text;
-      input += std::string("0x") + text + "\n";
+      addresses += std::string(" ") + text, input += std::string("0x") + text + "\n";
     }
     std::string input_path = "/tmp/ktrn-inline-oracle-" + std::to_string(getpid()) + ".txt";
     FILE *f = fopen(input_path.c_str(), "w");
     ASSERT_TRUE(f);
     fputs(input.c_str(), f);
     fclose(f);
-    CommandResult ours = RunCommand(ours_command), addr = RunCommand(addr_command);
+    CommandResult ours = PdbTool({"inline", exe}, addresses), addr = PdbTool({"addr", exe}, addresses);
     CommandResult theirs = RunCommand("llvm-symbolizer-14 --obj=" + Quote(exe) +
                                       " --relative-address --inlines --functions=short --output-style=JSON < " +
                                       Quote(input_path));
@@ -314,13 +291,13 @@ void ExpectInlineFramesAgree(const std::string &exe, unsigned every) {
 
 // The frames program optimised, by clang for mingw and by clang-cl: every instruction.
 TEST(InlineOracle, OptimisedTestProgramsAgreeWithLlvmSymbolizer) {
-  ASSERT_FALSE(kTargetsDir.empty());
-  for (const char *name : {"frames_o2.exe", "frames_msvc_o2.exe"}) ExpectInlineFramesAgree(kTargetsDir + "/" + name, 1);
+  ASSERT_FALSE(TargetsDir().empty());
+  for (const char *name : {"frames_o2.exe", "frames_msvc_o2.exe"}) ExpectInlineFramesAgree(TargetFile(name), 1);
 }
 
 // Our own optimised programs: every 16th instruction of kestrune.exe, every 2nd of ktrn-pdb.exe.
 TEST(InlineOracle, OwnProgramsAgreeWithLlvmSymbolizer) {
-  ASSERT_FALSE(kTargetsDir.empty());
-  ExpectInlineFramesAgree(kTargetsDir + "/../../bin/kestrune.exe", 16);
-  ExpectInlineFramesAgree(kTargetsDir + "/../../bin/ktrn-pdb.exe", 2);
+  ASSERT_FALSE(TargetsDir().empty());
+  ExpectInlineFramesAgree(OwnProgramFile("kestrune.exe"), 16);
+  ExpectInlineFramesAgree(OwnProgramFile("ktrn-pdb.exe"), 2);
 }

@@ -13,18 +13,11 @@
 #include <map>
 #include <set>
 
-#include "test_files.h"
-#include "run_command.h"
-#include "symbols/pdb_error.h"
-#include "symbols/pdb_file.h"
+#include "oracle.h"
 #include "symbols/pdb_type_records.h"
 #include "symbols/type_names.h"
 
 namespace {
-
-const std::string kTargetsDir = KTRN_TARGETS_DIR;
-const std::string kTool = KTRN_PDB_TOOL;
-const std::string kCorpus = std::string(KTRN_DATA_DIR) + "/pdb-corpus/";
 
 // [SECTION] llvm-pdbutil's records
 
@@ -367,12 +360,9 @@ void ExpectLocalsAgree(const std::string &pdb_path, size_t most_addresses) {
   std::string failure;
   std::vector<std::vector<Record>> modules = ReadSymbols(pdb_path, &failure);
   ASSERT_TRUE(failure.empty()) << failure;
-  SymbolArena arena = {};
-  PdbFile pdb;
-  PdbSummary summary;
-  CodeViewIdentity none = {};
-  ASSERT_EQ(PdbOpen(&arena, &none, pdb_path.c_str(), true, &pdb, &summary), kPdbOk);
-  Context c = {&pdb.types, pdb.dbi.machine == 0x14C};
+  OpenedPdb opened(pdb_path);
+  ASSERT_EQ(opened.status, kPdbOk);
+  Context c = {&opened.pdb.types, opened.pdb.dbi.machine == 0x14C};
 
   std::vector<ModuleScopes> scopes;
   std::vector<std::string> queries;
@@ -390,20 +380,18 @@ void ExpectLocalsAgree(const std::string &pdb_path, size_t most_addresses) {
   if (queries.size() > most_addresses) {
     std::vector<std::string> sample;
     std::vector<unsigned> sample_module;
-    for (size_t k = 0; k < most_addresses; k++) {
-      size_t i = k * queries.size() / most_addresses;
+    for (size_t k = 0, i = 0; k < most_addresses; i = ++k * queries.size() / most_addresses)
       sample.push_back(queries[i]), sample_module.push_back(query_module[i]);
-    }
     queries.swap(sample), query_module.swap(sample_module);
   }
   ASSERT_FALSE(queries.empty());
 
   int differences = 0, variables = 0, frames_seen = 0, unknown_storage = 0;
   for (size_t first = 0; first < queries.size(); first += 400) {
-    std::string command = Quote(kTool) + " locals " + Quote(pdb_path);
     size_t last = std::min(queries.size(), first + 400);
-    for (size_t i = first; i < last; i++) command += " " + queries[i];
-    CommandResult ours = RunCommand(command);
+    std::string addresses;
+    for (size_t i = first; i < last; i++) addresses += " " + queries[i];
+    CommandResult ours = PdbTool({"locals", pdb_path}, addresses);
     ASSERT_EQ(ours.exit_status, 0);
     // Group our lines: per address, its frames.
     std::map<std::string, std::vector<Frame>> by_address;
@@ -454,8 +442,6 @@ void ExpectLocalsAgree(const std::string &pdb_path, size_t most_addresses) {
   EXPECT_EQ(differences, 0);
   printf("%s: %zu addresses, %d frames, %d variables (%d whose gaps llvm-pdbutil does not print in full)\n",
          pdb_path.c_str(), queries.size(), frames_seen, variables, unknown_storage);
-  MsfClose(&pdb.msf);
-  SymbolArenaRelease(&arena);
 }
 
 }  // namespace
@@ -463,17 +449,17 @@ void ExpectLocalsAgree(const std::string &pdb_path, size_t most_addresses) {
 // The test programs: the frames program built by clang and clang-cl, unoptimised and optimised,
 // and every other program the tests debug.
 TEST(LocalsOracle, TestProgramsAgreeWithLlvmPdbutil) {
-  ASSERT_FALSE(kTargetsDir.empty());
-  std::vector<std::string> pdbs = FilesIn(kTargetsDir, ".pdb");
+  ASSERT_FALSE(TargetsDir().empty());
+  std::vector<std::string> pdbs = FilesIn(TargetsDir(), ".pdb");
   for (const char *name : {"frames_o0.pdb", "frames_o2.pdb", "frames_msvc_od.pdb", "frames_msvc_o2.pdb"})
-    EXPECT_NE(std::find(pdbs.begin(), pdbs.end(), kTargetsDir + "/" + name), pdbs.end()) << name;
+    EXPECT_NE(std::find(pdbs.begin(), pdbs.end(), TargetFile(name)), pdbs.end()) << name;
   for (const std::string &pdb : pdbs) ExpectLocalsAgree(pdb, 4000);
 }
 
 // Our own optimised programs: a sample of the addresses of the largest.
 TEST(LocalsOracle, OwnProgramsAgreeWithLlvmPdbutil) {
-  ASSERT_FALSE(kTargetsDir.empty());
-  for (const char *name : {"kestrune.pdb", "ktrn-pdb.pdb"}) ExpectLocalsAgree(kTargetsDir + "/../../bin/" + name, 3000);
+  ASSERT_FALSE(TargetsDir().empty());
+  for (const char *name : {"kestrune.pdb", "ktrn-pdb.pdb"}) ExpectLocalsAgree(OwnProgramFile(name), 3000);
 }
 
 // PDBs written by MSVC (x64 and x86): S_REGREL32, S_BPREL32, S_REGISTER, full-scope frame ranges,
@@ -483,5 +469,5 @@ TEST(LocalsOracle, CorpusPdbsAgreeWithLlvmPdbutil) {
                            "rz_pdb_exceptions-test.pdb", "rz_pdb_vs2019_cpp_override.pdb", "rz_pdb_Project1.pdb",
                            "rz_pe_microsoft_seh_tests_x64_xcpt4.pdb", "rz_pe_microsoft_seh_tests_x86_xcpt4.pdb",
                            "r2_r_bp.pdb", "r2_r_cons.pdb"})
-    ExpectLocalsAgree(kCorpus + name, 3000);
+    ExpectLocalsAgree(CorpusFile(name), 3000);
 }

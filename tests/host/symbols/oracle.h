@@ -23,6 +23,20 @@ std::string OwnProgramFile(const std::string &name);  // kestrune and ktrn-pdb's
 // ktrn-pdb with the arguments, each quoted; shell_tail (redirections) is appended as it is.
 CommandResult PdbTool(std::initializer_list<std::string> arguments, const std::string &shell_tail = "");
 
+// [SECTION] llvm-objdump
+
+struct Layout {
+  uint64_t image_base = 0;
+  std::vector<uint32_t> section_rvas;  // by section number - 1
+  std::vector<uint32_t> instructions;  // rvas of instruction starts, ascending
+};
+// Instruction starts of llvm-objdump's linear sweep (of the whole image, or of the range that
+// range_options give), appended to out in ascending order.
+bool Disassemble(const std::string &exe, const std::string &range_options, uint64_t image_base,
+                 std::vector<uint32_t> *out);
+// The image base, the section rvas and the sorted instruction starts of the whole image.
+bool ReadLayout(const std::string &exe, Layout *out, std::string *failure);
+
 // [SECTION] llvm-pdbutil
 
 struct OracleDump {
