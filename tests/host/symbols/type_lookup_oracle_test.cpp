@@ -9,17 +9,11 @@
 
 #include <set>
 
-#include "test_files.h"
-#include "run_command.h"
-#include "symbols/pdb_error.h"
-#include "symbols/pdb_file.h"
+#include "oracle.h"
 #include "symbols/pdb_type_lookup.h"
 #include "symbols/type_names.h"
 
 namespace {
-
-const std::string kTargetsDir = KTRN_TARGETS_DIR;
-const std::string kTool = KTRN_PDB_TOOL;
 
 // "  0x1004 | LF_STRUCTURE [size = 40] `frames::Pair`" and the other tag kinds.
 std::set<std::string> TagNames(const std::string &pdb) {
@@ -48,15 +42,13 @@ std::string Name(const PdbTypes *types, u32 index) {
 }  // namespace
 
 TEST(TypePointers, EveryNamedTypeAndPointersToItAreFound) {
-  ASSERT_FALSE(kTargetsDir.empty());
+  ASSERT_FALSE(TargetsDir().empty());
   int named = 0;
-  for (const std::string &pdb : FilesIn(kTargetsDir, ".pdb")) {
+  for (const std::string &pdb : FilesIn(TargetsDir(), ".pdb")) {
     SCOPED_TRACE(pdb);
-    SymbolArena arena = {};
-    PdbFile file;
-    PdbSummary summary;
-    CodeViewIdentity none = {};
-    ASSERT_EQ(PdbOpen(&arena, &none, pdb.c_str(), true, &file, &summary), kPdbOk);
+    OpenedPdb opened(pdb);
+    ASSERT_EQ(opened.status, kPdbOk);
+    PdbFile &file = opened.pdb;
     const PdbTypes *types = &file.types;
     for (const std::string &name : TagNames(pdb)) {
       named++;
@@ -74,18 +66,15 @@ TEST(TypePointers, EveryNamedTypeAndPointersToItAreFound) {
         pointer_to = pointer;
       }
     }
-    MsfClose(&file.msf);
-    SymbolArenaRelease(&arena);
   }
   EXPECT_GT(named, 100);
 }
 
 TEST(TypePointers, DeclaredOnlyTypeIsFoundThroughItsForwardReference) {
-  ASSERT_FALSE(kTargetsDir.empty());
+  ASSERT_FALSE(TargetsDir().empty());
   for (const char *program : {"frames_o0", "frames_msvc_o2"}) {
-    std::string pdb = kTargetsDir + "/" + program + ".pdb";
-    CommandResult type = RunCommand(Quote(kTool) + " type " + Quote(pdb) + " Lonely");
-    CommandResult pointer = RunCommand(Quote(kTool) + " type " + Quote(pdb) + " 'Lonely *'");
+    std::string pdb = TargetFile(std::string(program) + ".pdb");
+    CommandResult type = PdbTool({"type", pdb, "Lonely"}), pointer = PdbTool({"type", pdb, "Lonely *"});
     ASSERT_EQ(type.exit_status, 0) << program;
     ASSERT_EQ(pointer.exit_status, 0) << program;
     EXPECT_NE(type.output.find("\tstruct\t0\tLonely\n"), std::string::npos) << type.output;
@@ -94,15 +83,13 @@ TEST(TypePointers, DeclaredOnlyTypeIsFoundThroughItsForwardReference) {
 }
 
 TEST(TypeTexts, BitFieldsShowTheirBits) {
-  ASSERT_FALSE(kTargetsDir.empty());
+  ASSERT_FALSE(TargetsDir().empty());
   int fields = 0;
-  for (const std::string &pdb : FilesIn(kTargetsDir, ".pdb")) {
+  for (const std::string &pdb : FilesIn(TargetsDir(), ".pdb")) {
     SCOPED_TRACE(pdb);
-    SymbolArena arena = {};
-    PdbFile file;
-    PdbSummary summary;
-    CodeViewIdentity none = {};
-    ASSERT_EQ(PdbOpen(&arena, &none, pdb.c_str(), true, &file, &summary), kPdbOk);
+    OpenedPdb opened(pdb);
+    ASSERT_EQ(opened.status, kPdbOk);
+    PdbFile &file = opened.pdb;
     CommandResult run = RunCommand("llvm-pdbutil-14 dump -types " + Quote(pdb));
     std::vector<std::string> lines = SplitLines(run.output);
     for (size_t i = 0; i + 1 < lines.size(); i++) {
@@ -116,8 +103,6 @@ TEST(TypeTexts, BitFieldsShowTheirBits) {
                                                                         std::to_string(offset + bits - 1) + ")");
       EXPECT_EQ(Name(&file.types, index), expected) << std::hex << index;
     }
-    MsfClose(&file.msf);
-    SymbolArenaRelease(&arena);
   }
   EXPECT_GT(fields, 10);
 }
