@@ -3,8 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "pdb_builder.h"
-#include "symbols/pdb_error.h"
-#include "symbols/pdb_file.h"
+#include "opened_pdb.h"
 
 namespace {
 
@@ -36,17 +35,13 @@ TEST(Constants, NameFollowsTheNumericLeafOfEveryKind) {
   PdbSpec spec;
   for (const auto &c : cases) spec.globals.push_back(ConstantRecord(0x74, c.leaf, c.name));
   std::string path = WriteTempFile(BuildPdb(spec), "constants.pdb");
-  SymbolArena arena = {};
-  PdbFile pdb;
-  PdbSummary summary;
-  CodeViewIdentity none = {};
-  ASSERT_EQ(PdbOpen(&arena, &none, path.c_str(), true, &pdb, &summary), kPdbOk);
+  OpenedPdb opened(path);
+  ASSERT_EQ(opened.status, kPdbOk);
+  PdbFile &pdb = opened.pdb;
   EXPECT_EQ(pdb.globals.constant_count, KTRN_ARRAY_COUNT(cases));
   for (const auto &c : cases) {
     const u8 *record = PdbFindConstant(&pdb.globals, c.name);
     ASSERT_TRUE(record) << c.name;
     EXPECT_STREQ(PdbGlobalRecordName(record), c.name);
   }
-  MsfClose(&pdb.msf);
-  SymbolArenaRelease(&arena);
 }

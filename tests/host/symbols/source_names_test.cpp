@@ -4,8 +4,7 @@
 
 #include "base/hash.h"
 #include "pdb_builder.h"
-#include "symbols/pdb_error.h"
-#include "symbols/pdb_file.h"
+#include "opened_pdb.h"
 
 namespace {
 
@@ -37,19 +36,15 @@ TEST(SourceNames, PathsOfOneHashAreToldApartByTheirNames) {
     m.c13 = c13;
     spec.modules.push_back(m);
     std::string path = WriteTempFile(BuildPdb(spec), "source_names.pdb");
-    SymbolArena arena = {};
-    PdbFile pdb;
-    PdbSummary summary;
-    CodeViewIdentity none = {};
-    ASSERT_EQ(PdbOpen(&arena, &none, path.c_str(), true, &pdb, &summary), kPdbOk);
+    OpenedPdb opened(path);
+    ASSERT_EQ(opened.status, kPdbOk);
+    PdbFile &pdb = opened.pdb;
     EXPECT_EQ(pdb.source_files.used, 2u);
     EXPECT_EQ(PdbFindSourceFile(&pdb.source_files, kFirst), kFirstOffset);
     EXPECT_EQ(PdbFindSourceFile(&pdb.source_files, "C:/SRC/F1505110.C"), kSecondOffset);
     const PdbLineEntry *second = PdbAddressOfLine(&pdb.lines, PdbFindSourceFile(&pdb.source_files, kSecond), 20);
     ASSERT_TRUE(second);
     EXPECT_EQ(second->offset, 0x110u);
-    MsfClose(&pdb.msf);
-    SymbolArenaRelease(&arena);
   }
 }
 
