@@ -5,8 +5,7 @@
 #include <string>
 
 #include "base/os.h"
-#include "symbols/pdb_error.h"
-#include "symbols/pdb_file.h"
+#include "opened_pdb.h"
 
 namespace {
 
@@ -18,14 +17,9 @@ struct LoadOnThread {
 
 void LoadAndRelease(void *context) {
   LoadOnThread *load = (LoadOnThread *)context;
-  SymbolArena arena = {};
-  PdbFile pdb;
-  PdbSummary summary;
-  CodeViewIdentity none = {};
-  load->status = PdbOpen(&arena, &none, load->path.c_str(), true, &pdb, &summary);
+  OpenedPdb opened(load->path);  // released on return, still on this thread
+  load->status = opened.status;
   load->used_scratch = ScratchState()->newest != nullptr;
-  MsfClose(&pdb.msf);
-  SymbolArenaRelease(&arena);
 }
 
 }  // namespace
