@@ -148,6 +148,28 @@ static bool WalkAnnotations(const u8 *at, const u8 *end, u32 first_line, u32 fir
   return !s.stopped;
 }
 
+typedef struct ExtentState {
+  u32 start, end;
+  bool any;
+} ExtentState;
+
+static bool WidenExtent(void *user, const InlineRow *row) {
+  ExtentState *e = (ExtentState *)user;
+  if (!e->any || row->start < e->start) e->start = row->start;
+  if (!e->any || row->end > e->end) e->end = row->end;
+  e->any = true;
+  return true;
+}
+
+bool InlineSiteRecordExtent(const u8 *record, u32 *start, u32 *end) {
+  u32 bytes = ReadU16(record) + 2u;
+  u32 at = ReadU16(record + 2) == kS_INLINESITE2 ? kInlineSite2SymAnnotations : kInlineSiteSymAnnotations;
+  ExtentState e = {0, 0, false};
+  if (bytes >= at) WalkAnnotations(record + at, record + bytes, 0, 0, WidenExtent, &e);
+  *start = e.start, *end = e.end;
+  return e.any;
+}
+
 // [SECTION] Sites
 
 static const PdbModuleSymbols *ModuleOf(const PdbFile *pdb, const PdbInlineScope *site) {
@@ -208,6 +230,7 @@ static bool StopAtOffset(void *user, const InlineRow *row) {
 }
 
 bool PdbInlineSiteContains(const PdbFile *pdb, const PdbInlineScope *site, u32 offset) {
+  if (offset < site->code_start || offset >= site->code_end) return false;
   RowSearch search = {offset, false, {}};
   PdbInlineSiteRows(pdb, site, StopAtOffset, &search);
   return search.found;

@@ -18,6 +18,10 @@ typedef bool (*InlineRowFn)(void *user, const InlineRow *row);  // false stops t
 // malformed (the rows before the fault were given) or fn stopped the walk.
 bool PdbInlineSiteRows(const PdbFile *pdb, const PdbInlineScope *site, InlineRowFn fn, void *user);
 
+// The smallest range of code offsets (from the procedure's start) that holds every row of the
+// site whose record this is; false (and an empty range) when the annotations give no row.
+bool InlineSiteRecordExtent(const u8 *record, u32 *start, u32 *end);
+
 // Whether the site's code holds the offset (counted from the procedure's start).
 bool PdbInlineSiteContains(const PdbFile *pdb, const PdbInlineScope *site, u32 offset);
 // The line and the file's checksum record of the row that holds the offset; false when none does

@@ -6,6 +6,7 @@
 #include "symbols/cv_registers.h"
 #include "symbols/pdb_alloc.h"
 #include "symbols/pdb_error.h"
+#include "symbols/pdb_inline.h"
 #include "symbols/pdb_kinds.h"
 #include "symbols/pdb_record.h"
 
@@ -142,6 +143,8 @@ static u32 BuildProcedure(ScopeBuild *b, const PdbModuleSymbols *module, u32 mod
         site->record = r;
         site->parent = current;
         site->procedure = index;
+        // Its extent, so that address lookups decode only the sites that may hold an address.
+        InlineSiteRecordExtent(r, &site->code_start, &site->code_end);
         procedure->inline_count++;
         current = kPdbInlineScope | site_index;
       } break;

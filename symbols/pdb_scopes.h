@@ -64,6 +64,7 @@ typedef struct PdbInlineScope {
   PdbScopeLocals locals;
   PdbScopeRef parent;
   u32 procedure;
+  u32 code_start, code_end;  // offsets from the procedure's start that bound all of the site's code
 } PdbInlineScope;
 
 // One slot of the procedure name table; index_plus_one 0 = empty.

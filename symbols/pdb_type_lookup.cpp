@@ -211,12 +211,18 @@ u32 PdbFindTypeRecord(const PdbTypes *types, const char *name, u32 length) {
 }
 
 u32 PdbFindForwardOnly(const PdbTypes *types, const char *name, u32 length) {
+  if (!types->forward_count || length == 0) return 0;
   TypeText wanted = {name, length};
-  for (u32 i = 0; i < types->count; i++) {
-    const u8 *r = PdbTypeRecord(types, types->first_index + i);
-    if (!r || !TypeLeafIsTag(ReadU16(r + 2)) || !TypeRecordNameEquals(r, ReadU16(r) + 2u, wanted)) continue;
-    TypeRecord t;
-    if (PdbDecodeTypeBytes(r, ReadU16(r) + 2u, &t) && (t.properties & kTypePropForwardRef)) return types->first_index + i;
+  u64 key = (u64)PdbNameHashV1(name, length) << 32;
+  u32 lo = 0, hi = types->forward_count;
+  while (lo < hi) {
+    u32 mid = lo + (hi - lo) / 2;
+    if (types->forwards[mid] < key) lo = mid + 1;
+    else hi = mid;
+  }
+  for (u32 k = lo; k < types->forward_count && (types->forwards[k] >> 32) == (key >> 32); k++) {
+    const u8 *r = PdbTypeRecord(types, (u32)types->forwards[k]);
+    if (r && TypeRecordNameEquals(r, ReadU16(r) + 2u, wanted)) return (u32)types->forwards[k];
   }
   return 0;
 }

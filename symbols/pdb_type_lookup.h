@@ -48,8 +48,8 @@ u32 PdbTypePointerTo(const PdbTypes *types, u32 type_index);
 // over a forward reference. 0 when none.
 u32 PdbFindTypeRecord(const PdbTypes *types, const char *name, u32 length);
 // A class, structure, union or enumeration that the stream holds only as a forward reference (a
-// type the program declares and never defines): writers hash such records by their bytes, so no
-// name bucket holds them, and they are searched record by record. 0 when none has that name.
+// type the program declares and never defines), through the forward-reference index. 0 when none
+// has that name.
 u32 PdbFindForwardOnly(const PdbTypes *types, const char *name, u32 length);
 
 // A type named as a user writes it: built-in spellings ("int", "unsigned long long", "u64"),

@@ -5,6 +5,7 @@
 #include "symbols/pdb_alloc.h"
 #include "symbols/pdb_error.h"
 #include "symbols/pdb_raw.h"
+#include "symbols/pdb_type_records.h"
 
 u32 PdbNameHashV1(const char *name, u32 length) {
   const u8 *p = (const u8 *)name;
@@ -116,12 +117,15 @@ bool PdbBuildTypeBuckets(SymbolArena *arena, const u32 *values, u32 bucket_count
 
 // [SECTION] Record offsets, computed as the bytes arrive
 typedef struct TypeIndexer {
-  u32 at;    // byte offset of the next record
-  u32 next;  // its position in index order
+  u32 at;       // byte offset of the next record
+  u32 next;     // its position in index order
+  u32 checked;  // records before this one were looked at for forward references
+  u32 forward_count;
+  u64 *forwards;  // (name hash << 32 | type index) of the forward references met; null: not kept
 } TypeIndexer;
 
 static PdbError BeginIndex(SymbolArena *arena, const u8 *records, u32 record_bytes, u32 first_index, u32 end_index,
-                      TypeIndexer *indexer, PdbTypes *out) {
+                           bool keep_forwards, TypeIndexer *indexer, PdbTypes *out) {
   out->records = records;
   out->record_bytes = record_bytes;
   out->first_index = first_index;
@@ -131,11 +135,43 @@ static PdbError BeginIndex(SymbolArena *arena, const u8 *records, u32 record_byt
   out->offsets = (u32 *)PdbAllocate(arena, (u64)count * 4 + 4);
   if (!out->offsets) return kPdbUnreadable;
   out->count = count;
-  indexer->at = indexer->next = 0;
+  memset(indexer, 0, sizeof(*indexer));
+  // Scratch for the worst case; only the pages that forward references fill are touched.
+  if (keep_forwards) indexer->forwards = (u64 *)ScratchAllocate((u64)count * 8 + 8);
+  if (keep_forwards && !indexer->forwards) return kPdbUnreadable;
   return kPdbOk;
 }
 
-// Indexes the records whose length field lies in the first `available` bytes.
+// A class, structure, union or enumeration that is a forward reference: its name's hash is kept.
+static void NoteForward(TypeIndexer *indexer, const PdbTypes *out, u32 position, const u8 *r, u32 bytes) {
+  u32 properties;
+  switch (ReadU16(r + kTypeRecordLeaf)) {
+    case kLF_CLASS: case kLF_STRUCTURE: case kLF_INTERFACE:
+      if (bytes < kClassSize) return;
+      properties = ReadU16(r + kClassProperties);
+      break;
+    case kLF_UNION:
+      if (bytes < kUnionSize) return;
+      properties = ReadU16(r + kUnionProperties);
+      break;
+    case kLF_ENUM:
+      if (bytes < kEnumName) return;
+      properties = ReadU16(r + kEnumProperties);
+      break;
+    case kLF_CLASS2: case kLF_STRUCTURE2:
+      if (bytes < kClass2Size) return;
+      properties = ReadU32(r + kClass2Properties);
+      break;
+    default: return;
+  }
+  TypeRecord t;
+  if (!(properties & kTypePropForwardRef) || !PdbDecodeTypeBytes(r, bytes, &t) || !t.name.length) return;
+  indexer->forwards[indexer->forward_count++] =
+      (u64)PdbNameHashV1(t.name.text, t.name.length) << 32 | (out->first_index + position);
+}
+
+// Indexes the records whose length field lies in the first `available` bytes, and looks at those
+// that lie there whole for forward references while their bytes are still in the cache.
 static void IndexAvailable(TypeIndexer *indexer, u32 available, PdbTypes *out) {
   u32 at = indexer->at, i = indexer->next, count = out->count;
   u32 *offsets = out->offsets;
@@ -145,11 +181,48 @@ static void IndexAvailable(TypeIndexer *indexer, u32 available, PdbTypes *out) {
     at += ReadU16(records + at) + 2u;
   }
   indexer->at = at, indexer->next = i;
+  if (!indexer->forwards) return;
+  u32 k = indexer->checked;
+  for (; k < i; k++) {
+    u32 o = offsets[k], bytes = ReadU16(records + o) + 2u;
+    if ((u64)o + bytes > available) break;
+    if (bytes >= 4) NoteForward(indexer, out, k, records + o, bytes);
+  }
+  indexer->checked = k;
 }
 
 // Indices the walk did not reach have no record.
 static void EndIndex(const TypeIndexer *indexer, PdbTypes *out) {
   memset(out->offsets + indexer->next, 0xFF, (u64)(out->count - indexer->next) * 4);
+}
+
+// The forward references, sorted by name hash for a binary search (an LSD radix sort on the hash,
+// 16 bits a pass, through scratch).
+static PdbError KeepForwards(SymbolArena *arena, const TypeIndexer *indexer, PdbTypes *out) {
+  u32 n = indexer->forward_count;
+  if (!n) return kPdbOk;
+  u64 *sorted = (u64 *)PdbAllocate(arena, (u64)n * 8);
+  u64 *other = (u64 *)ScratchAllocate((u64)n * 8);
+  u32 *counts = (u32 *)ScratchAllocate(65536 * 4);
+  if (!sorted || !other || !counts) return kPdbUnreadable;
+  const u64 *from = indexer->forwards;
+  u64 *to = other;
+  for (int shift = 32; shift < 64; shift += 16) {
+    if (shift == 48) to = sorted;
+    memset(counts, 0, 65536 * 4);
+    for (u32 k = 0; k < n; k++) counts[from[k] >> shift & 0xFFFF]++;
+    u32 sum = 0;
+    for (u32 d = 0; d < 65536; d++) {
+      u32 c = counts[d];
+      counts[d] = sum;
+      sum += c;
+    }
+    for (u32 k = 0; k < n; k++) to[counts[from[k] >> shift & 0xFFFF]++] = from[k];
+    from = to;
+  }
+  out->forwards = sorted;
+  out->forward_count = n;
+  return kPdbOk;
 }
 
 PdbError PdbLoadTypes(SymbolArena *arena, const MsfFile *msf, const PdbStringTable *strings, PdbTypes *out) {
@@ -175,29 +248,38 @@ PdbError PdbLoadTypeStream(SymbolArena *arena, const MsfFile *msf, u32 stream_in
   u32 record_bytes = size - (u32)sizeof(TpiStreamHeader);
   u8 *records = (u8 *)PdbAllocate(arena, (u64)record_bytes + 8);
   if (!records) return kPdbUnreadable;
+  // Ids are found by index only; types also by name, forward references included.
+  ScratchBegin();
   TypeIndexer indexer;
-  error = BeginIndex(arena, records, record_bytes, first_index, end_index, &indexer, out);
-  if (error) return error;
+  error = BeginIndex(arena, records, record_bytes, first_index, end_index, strings != nullptr, &indexer, out);
   // Read in chunks and index each while it is still in the cache.
-  for (u32 done = 0; done < record_bytes;) {
+  for (u32 done = 0; !error && done < record_bytes;) {
     u32 chunk = record_bytes - done < kTypeReadChunkBytes ? record_bytes - done : kTypeReadChunkBytes;
     error = MsfReadStream(msf, stream, records + done, chunk, (u32)sizeof(TpiStreamHeader) + done);
-    if (error) return error;
     done += chunk;
-    IndexAvailable(&indexer, done, out);
+    if (!error) IndexAvailable(&indexer, done, out);
   }
-  memset(records + record_bytes, 0, 8);
-  EndIndex(&indexer, out);
+  if (!error) {
+    memset(records + record_bytes, 0, 8);
+    EndIndex(&indexer, out);
+    error = KeepForwards(arena, &indexer, out);
+  }
+  ScratchEnd();
+  if (error) return error;
   if (strings) LoadHashIndex(arena, msf, &header, strings, out);
   return kPdbOk;
 }
 
 PdbError PdbIndexTypeRecords(SymbolArena *arena, const u8 *records, u32 record_bytes, u32 first_index, u32 end_index,
                         PdbTypes *out) {
+  ScratchBegin();
   TypeIndexer indexer;
-  PdbError error = BeginIndex(arena, records, record_bytes, first_index, end_index, &indexer, out);
-  if (error) return error;
-  IndexAvailable(&indexer, record_bytes, out);
-  EndIndex(&indexer, out);
-  return kPdbOk;
+  PdbError error = BeginIndex(arena, records, record_bytes, first_index, end_index, true, &indexer, out);
+  if (!error) {
+    IndexAvailable(&indexer, record_bytes, out);
+    EndIndex(&indexer, out);
+    error = KeepForwards(arena, &indexer, out);
+  }
+  ScratchEnd();
+  return error;
 }

@@ -20,6 +20,12 @@ typedef struct PdbTypes {
   u32 bucket_count;      // 0 when no hash index was built
   u64 *buckets;          // per bucket: start in the list (low 32 bits), entry count (high 32 bits)
   u32 *bucket_list;      // type indices grouped by bucket
+  // Forward references of classes, structures, unions and enumerations by name (writers hash them
+  // by their bytes, so no name bucket holds them): (version-1 string hash of the name << 32 | type
+  // index), sorted.
+  u64 *forwards;
+  u32 forward_count;
+  u32 padding;
 } PdbTypes;
 
 // 0, kPdbBadFormat for a type stream shorter than its header, or kPdbUnreadable. A missing or

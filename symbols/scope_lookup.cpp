@@ -70,9 +70,7 @@ static PdbScopeRef FunctionOf(const PdbScopes *scopes, PdbScopeRef scope) {
   return PdbScopeIsInline(scope) ? scope : kPdbNoBlock;
 }
 
-void PdbScopeChainAt(const PdbFile *pdb, const PdbProcScope *procedure, u32 section, u32 offset, s32 mode,
-                     ScopeChain *out) {
-  (void)section;
+void PdbScopeChainAt(const PdbFile *pdb, const PdbProcScope *procedure, u32 offset, s32 mode, ScopeChain *out) {
   memset(out, 0, sizeof(*out));
   const PdbScopes *scopes = &pdb->scopes;
   out->block = InnermostBlock(scopes, procedure, offset, mode > 0);
@@ -130,9 +128,6 @@ void FindScopeAtAddress(const ModuleSymbols *module, ScopeQueryContext *context,
       memcpy(context->procedure_name, name, length);
       context->procedure_name[length] = 0;
     }
-    if (mode >= 0) {
-      PdbScopeChainAt(pdb, procedure, section, offset, mode, &out->chain);
-      out->block = out->chain.block;
-    }
+    if (mode >= 0) out->block = InnermostBlock(&pdb->scopes, procedure, offset, mode > 0);
   }
 }

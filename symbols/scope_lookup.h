@@ -28,7 +28,6 @@ typedef struct ScopeAtAddress {
   u32 line;                       // 0 when none
   u32 section;                    // 1-based section number; 0 when outside every section
   u32 offset;                     // within that section
-  ScopeChain chain;               // blocks and inline sites (not filled in procedure-only mode)
 } ScopeAtAddress;
 
 enum ScopeMode : s32 {
@@ -42,16 +41,16 @@ enum ScopeMode : s32 {
 void FindScopeAtAddress(const ModuleSymbols *module, ScopeQueryContext *context, u64 address, s32 mode,
                         ScopeAtAddress *out);
 
-// The scope chain of the procedure at (section, offset); mode as above (a return address is looked
-// up as the call before it). The procedure must hold the address.
+// The scope chain of the procedure at an offset in its section, asked apart from the lookup above
+// since it decodes inline sites, which only frames and variables need. mode as above (a return
+// address is looked up as the call before it). The procedure must hold the address.
 //
 // Frames: frame 0 is the innermost, the function of inlines[0] when there is one; frame
 // inline_count is the procedure. A frame's scopes are the blocks of its function that hold the
 // address and the function's own scope; compilers may place an inline site beside the block that
 // holds the call rather than inside it, so a frame's blocks are found by address, not through the
 // inline site's parents.
-void PdbScopeChainAt(const PdbFile *pdb, const PdbProcScope *procedure, u32 section, u32 offset, s32 mode,
-                     ScopeChain *out);
+void PdbScopeChainAt(const PdbFile *pdb, const PdbProcScope *procedure, u32 offset, s32 mode, ScopeChain *out);
 // The scope that opens a frame's function (kPdbNoBlock: the procedure), and the innermost block of
 // that function holding the address (the root itself when none does).
 PdbScopeRef ScopeChainFrameRoot(const PdbScopes *scopes, const ScopeChain *chain, u32 frame);

@@ -4,7 +4,8 @@
 // - one million random addresses through FindScopeAtAddress, exact mode (procedure, innermost
 //   block, line) and procedure-and-line mode: nine in ten inside a random procedure, one in ten
 //   anywhere in the image (gaps, data, headers);
-// - the same addresses again, with the innermost frame's locals and parameters listed;
+// - the same addresses again, with the chain of inlined frames and the innermost frame's locals
+//   and parameters listed;
 // - one million line-to-address queries as a line breakpoint makes them: a source path through
 //   the path hash to its file, then the ten-line search from a line up to 12 before a line with
 //   code.
@@ -114,11 +115,13 @@ int main(int argc, char **argv) {
 
   // Locals at an address: the scope lookup, then the innermost frame's variables with their places.
   u64 variables = 0;
+  ScopeChain chain;
   start = OsTimeMicroseconds(), cpu = ThreadCpuNanoseconds();
   for (u32 rva : rvas) {
     FindScopeAtAddress(&module, nullptr, module.load_base + rva, kScopeExact, &scope);
-    if (scope.procedure)
-      PdbForEachLocal(&module.pdb, scope.procedure, &scope.chain, scope.section, scope.offset, 0, CountLocal, &variables);
+    if (!scope.procedure) continue;
+    PdbScopeChainAt(&module.pdb, scope.procedure, scope.offset, kScopeExact, &chain);
+    PdbForEachLocal(&module.pdb, scope.procedure, &chain, scope.section, scope.offset, 0, CountLocal, &variables);
   }
   double locals_ns = (double)(OsTimeMicroseconds() - start) * 1000.0 / kQueries;
   double locals_cpu_ns = (double)(ThreadCpuNanoseconds() - cpu) / kQueries;

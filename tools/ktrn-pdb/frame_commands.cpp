@@ -161,7 +161,7 @@ int CommandLocals(int argc, char **argv) {
       continue;
     }
     ScopeChain chain;
-    PdbScopeChainAt(pdb, procedure, section, offset, kScopeExact, &chain);
+    PdbScopeChainAt(pdb, procedure, offset, kScopeExact, &chain);
     for (u32 frame = 0; frame <= chain.inline_count; frame++) {
       FrameName(pdb, procedure, &chain, frame, name, sizeof(name));
       u32 module = 0, record = 0;
@@ -195,7 +195,7 @@ int CommandInline(int argc, char **argv) {
       continue;
     }
     ScopeChain chain;
-    PdbScopeChainAt(pdb, procedure, section, offset, kScopeExact, &chain);
+    PdbScopeChainAt(pdb, procedure, offset, kScopeExact, &chain);
     u32 start = ReadU32(procedure->record + kProcSymOffset);
     for (u32 frame = 0; frame <= chain.inline_count; frame++) {
       FrameName(pdb, procedure, &chain, frame, name, sizeof(name));

@@ -64,7 +64,7 @@ static void PrintAddress(const ModuleSymbols *module, u32 rva) {
     const PdbFile *pdb = &module->pdb;
     u32 start = ReadU32(scope.procedure->record + kProcSymOffset);
     ScopeChain chain;
-    PdbScopeChainAt(pdb, scope.procedure, scope.section, scope.offset, kScopeExact, &chain);
+    PdbScopeChainAt(pdb, scope.procedure, scope.offset, kScopeExact, &chain);
     if (chain.inline_count) {
       static char name[4096];
       PdbInlineeName(pdb, PdbInlineSiteInlinee(chain.inlines[0]), name, sizeof(name));

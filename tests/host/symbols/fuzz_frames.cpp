@@ -39,7 +39,7 @@ bool CountRow(void *user, const InlineRow *row) {
 
 void AskAt(const PdbFile *pdb, const PdbProcScope *procedure, u32 section, u32 offset, s32 mode) {
   ScopeChain chain;
-  PdbScopeChainAt(pdb, procedure, section, offset, mode, &chain);
+  PdbScopeChainAt(pdb, procedure, offset, mode, &chain);
   Visit visit = {pdb, 0};
   u32 start = ReadU32(procedure->record + kProcSymOffset);
   char name[256];
