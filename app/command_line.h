@@ -1,7 +1,7 @@
 // The start-up command line that is not a command word: "-g" and "-q", then a session file or a
 // program to debug followed by that program's own arguments.
 #pragma once
-#include "model/session.h"
+#include "app/session.h"
 
 enum { kStartupPathCapacity = 4096 };
 

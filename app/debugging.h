@@ -2,7 +2,7 @@
 // stopping it, and the per-frame drain of the engine's events into AppState and the output window.
 // UI thread only.
 #pragma once
-#include "model/app_state.h"
+#include "app/app_state.h"
 
 // Launches the session's current target command; the result code of the engine (0 on success).
 // A failure is written to the output window as "Unable to debug process: %s\n".

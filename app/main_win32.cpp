@@ -30,7 +30,7 @@
 #include "app/debugging.h"
 #include "app/renderer_d3d11.h"
 #include "app/test_hook.h"
-#include "model/session_file.h"
+#include "app/session_file.h"
 #include "ui/main_frame.h"
 #include "ui/stop_reason.h"
 

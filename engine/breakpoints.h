@@ -10,7 +10,7 @@
 #include "engine/engine_event.h"
 #include "engine/engine_result.h"
 #include "expr/expr_node.h"
-#include "model/breakpoint_kind.h"
+#include "engine/breakpoint_kind.h"
 
 
 enum : u32 {

@@ -3,7 +3,7 @@
 // model; what needs the engine or the operating system it leaves as requests in MainFrameRequests
 // for the program to carry out after the frame.
 #pragma once
-#include "model/app_state.h"
+#include "app/app_state.h"
 
 // What the user asked for during the frame.
 struct MainFrameRequests {

@@ -7,7 +7,7 @@
 #include <stdio.h>
 #include <string.h>
 
-#include "model/session_file.h"
+#include "app/session_file.h"
 
 static const char *const kKindNames[] = {"function", "source line", "address", "processor"};
 static const char *const kAccessNames[] = {"write", "read/write", "execute"};

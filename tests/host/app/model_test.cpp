@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "model/app_state.h"
+#include "app/app_state.h"
 #include "test_util.h"
 
 namespace {

@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "model/settings.h"
+#include "app/settings.h"
 #include "test_files.h"
 
 namespace {

@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "model/session_file.h"
+#include "app/session_file.h"
 #include "base/os.h"
 #include "byte_writer.h"
 

@@ -3,7 +3,7 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include "model/session_file.h"
+#include "app/session_file.h"
 
 static bool OpenSome(void *user, const char *path) { return (strlen(path) & 3) != 1; }
 static void Ignore(void *user, const char *text) {}

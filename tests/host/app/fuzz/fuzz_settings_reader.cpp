@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "model/settings.h"
+#include "app/settings.h"
 
 static std::string Write(const Settings *s) {
   std::string text;

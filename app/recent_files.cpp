@@ -1,9 +1,9 @@
 // The recent-sessions list.
-#include "model/recent_files.h"
+#include "app/recent_files.h"
 
 #include <string.h>
 
-#include "model/session.h"
+#include "app/session.h"
 #include "base/os.h"
 
 int RecentFilesAdd(RecentFiles *recent, const char *path) {

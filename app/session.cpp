@@ -1,5 +1,5 @@
 // The session model: owned texts and growable arrays on the C heap.
-#include "model/session.h"
+#include "app/session.h"
 
 #include <stdlib.h>
 #include <string.h>

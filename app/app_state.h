@@ -4,8 +4,8 @@
 // it at start-up, drives the engine with it and saves it. No Dear ImGui and no Windows types here.
 #pragma once
 #include "base/types.h"
-#include "model/session.h"
-#include "model/settings.h"
+#include "app/session.h"
+#include "app/settings.h"
 
 enum { kAppPathCapacity = 260, kAppIniPathCapacity = 280, kAppTitleCapacity = 300 };
 

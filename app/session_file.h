@@ -21,8 +21,8 @@
 //   14  for each of the eight watch windows: row count, row comments
 //   15  target command count, each one's halt-at-nominal-entry-point byte
 #pragma once
-#include "model/recent_files.h"
-#include "model/session.h"
+#include "app/recent_files.h"
+#include "app/session.h"
 
 enum SessionFileResult {
   kSessionFileOk = 0,

@@ -1,4 +1,4 @@
-#include "model/app_state.h"
+#include "app/app_state.h"
 
 #include <stdio.h>
 #include <stdlib.h>

@@ -5,13 +5,13 @@
 // [SECTION] Defaults
 // [SECTION] Reading
 // [SECTION] Writing
-#include "model/settings.h"
+#include "app/settings.h"
 
 #include <stddef.h>
 #include <stdio.h>
 #include <string.h>
 
-#include "model/session.h"
+#include "app/session.h"
 
 // [SECTION] Sections
 

@@ -5,7 +5,7 @@
 // [SECTION] Reader
 // [SECTION] Writer
 // [SECTION] Files
-#include "model/session_file.h"
+#include "app/session_file.h"
 
 #include <stdio.h>
 #include <stdlib.h>

@@ -7,7 +7,7 @@
 // list grows or shrinks around it. Each row also carries an id, unique within the process, that
 // the windows and the engine's results use to find it again after the list changed.
 #pragma once
-#include "model/breakpoint_kind.h"
+#include "engine/breakpoint_kind.h"
 #include "base/types.h"
 
 // [SECTION] Limits

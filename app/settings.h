@@ -6,7 +6,7 @@
 // Dear ImGui: the program registers a thin adapter under the type name "Kestrune" that forwards
 // to them.
 #pragma once
-#include "model/recent_files.h"
+#include "app/recent_files.h"
 #include "base/types.h"
 
 enum {
