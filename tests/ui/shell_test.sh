@@ -13,7 +13,12 @@ mkdir -p "$out/settings" "$out/dumps"
 settings="$out/settings"
 export KTRN_TEST_DUMP_DIR="Z:$out/dumps"
 
-fail() { echo "FAIL: $*"; exit 1; }
+last_dump=
+fail() {
+  echo "FAIL: $*"
+  [ -n "$last_dump" ] && [ -f "$last_dump" ] && { echo "--- last text dump:"; cat "$last_dump"; }
+  exit 1
+}
 
 exec 5< <(Xvfb -displayfd 1 -screen 0 1280x800x24 -nolisten tcp 2>/dev/null)
 xvfb_pid=$!
@@ -52,18 +57,24 @@ dump() {
     sleep 0.1
   done
   [ -f "$file" ] || fail "no text dump for step $step"
+  last_dump=$file
   import -window "$window" "$out/$step.png" 2>/dev/null
 }
 
-# wait_for STEP TEXT [SECONDS]: dumps until TEXT shows.
-wait_for() {
-  local step=$1 text=$2 limit=${3:-30}
+# shows_within STEP TEXT SECONDS: dumps until TEXT shows; false when it did not in time.
+shows_within() {
+  local step=$1 text=$2 limit=$3
   for _ in $(seq 1 $((limit * 2))); do
     dump "$step"
     grep -qF -- "$text" "$out/dumps/$step.txt" && return 0
     sleep 0.5
   done
-  fail "step $step: '$text' never shown"
+  return 1
+}
+
+# wait_for STEP TEXT [SECONDS]: dumps until TEXT shows.
+wait_for() {
+  shows_within "$1" "$2" "${3:-30}" || fail "step $1: '$2' never shown"
 }
 
 expect() {  # expect STEP TEXT...: every TEXT in the step's dump
@@ -93,6 +104,18 @@ quit() {  # Session > Exit, then the program must end with 0
 
 key() { xdotool windowfocus --sync "$window" 2>/dev/null; xdotool key --delay 60 "$@"; }
 
+# press_until STEP TEXT KEY: presses KEY until TEXT shows. On a loaded machine a key sent while
+# Wine is still settling the window's focus can be lost, so a key whose effect does not show within
+# 20 s is pressed again (at most three times; the keys used here do nothing when pressed twice).
+press_until() {
+  local step=$1 text=$2 key_name=$3
+  for _ in 1 2 3; do
+    key "$key_name"
+    shows_within "$step" "$text" 20 && return 0
+  done
+  fail "step $step: '$text' never shown after pressing $key_name three times"
+}
+
 ini="$settings/imgui180.ini"
 
 # 1. First start: no ini file, so the default layout: the lists, the output and Watch 1 shown.
@@ -104,7 +127,7 @@ expect_not first-start "[window Watch 2]" "[window Memory 1]" "[window Registers
 
 # 2. F5 starts the demo (here for 30 s): module loads and its debug strings. A second instance
 # with "stop-debugging" hands the command to this one through the channel, which ends the run.
-key F5
+press_until f5-running "Module loaded:" F5
 wait_for f5-running "second 1:" 60
 expect f5-running "Module loaded:" "demo.exe (symbols loaded)" "ntdll.dll" "[EXECUTING]"
 "$wine_run" "$exe" stop-debugging || fail "the forwarding instance failed"
@@ -128,7 +151,7 @@ grep -A1 '^\[Kestrune\]\[RegistersWindow\]' "$ini" | grep -q '^ShowWnd=1' || fai
 start "Z:$demo" 2
 wait_for restarted "[window Registers]"
 expect restarted "[window Output]" "[window Threads]" "[window Watch 1]"
-key F5
+press_until f5-exit "Module loaded:" F5
 wait_for f5-exit "Process exited: with exit code 0 (0x0)" 60
 expect f5-exit "second 1:" "second 2:" "Program halted with exit code 0"
 quit
@@ -153,7 +176,7 @@ for _ in $(seq 1 20); do
   sleep 0.5
 done
 [ "$(xdotool getwindowname "$window")" = "forwarded.ktrn - Kestrune" ] || fail "title is '$(xdotool getwindowname "$window")'"
-key F5
+press_until forwarded-session-run "Module loaded:" F5
 wait_for forwarded-session-run "second 1: " 60
 expect_not forwarded-session-run "second 2:"
 quit
