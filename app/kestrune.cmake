@@ -1,5 +1,5 @@
 # kestrune.exe: the program itself (Windows build only). Its shaders are compiled at build time by
-# ktrn-shaderc under Wine and embedded, with the icon, as resources.
+# ktrn-shaderc under Wine and embedded, with the icon and the symbol font, as resources.
 set(KTRN_GEN_DIR ${CMAKE_CURRENT_BINARY_DIR}/generated)
 file(MAKE_DIRECTORY ${KTRN_GEN_DIR})
 
@@ -14,11 +14,16 @@ add_custom_command(
   COMMAND python3 ${KTRN_ROOT}/scripts/make_icon.py ${KTRN_GEN_DIR}/kestrune.ico
   DEPENDS ${KTRN_ROOT}/scripts/make_icon.py
   COMMENT "Drawing the program icon")
+add_custom_command(
+  OUTPUT ${KTRN_GEN_DIR}/symbols.ttf
+  COMMAND python3 ${KTRN_ROOT}/scripts/make_symbol_font.py ${KTRN_GEN_DIR}/symbols.ttf
+  DEPENDS ${KTRN_ROOT}/scripts/make_symbol_font.py
+  COMMENT "Drawing the symbol font")
 set_source_files_properties(resources/kestrune.rc PROPERTIES
-  OBJECT_DEPENDS "${KTRN_GEN_DIR}/ui_vs.dxbc;${KTRN_GEN_DIR}/ui_ps.dxbc;${KTRN_GEN_DIR}/kestrune.ico")
+  OBJECT_DEPENDS "${KTRN_GEN_DIR}/ui_vs.dxbc;${KTRN_GEN_DIR}/ui_ps.dxbc;${KTRN_GEN_DIR}/kestrune.ico;${KTRN_GEN_DIR}/symbols.ttf")
 
 enable_language(RC)
-add_executable(kestrune WIN32 main_win32.cpp debugging.cpp test_hook.cpp renderer_d3d11.cpp resources/kestrune.rc)
+add_executable(kestrune WIN32 main_win32.cpp debugging.cpp fonts.cpp test_hook.cpp renderer_d3d11.cpp resources/kestrune.rc)
 target_include_directories(kestrune PRIVATE ${KTRN_GEN_DIR})
 target_compile_options(kestrune PRIVATE $<$<COMPILE_LANGUAGE:CXX>:${KTRN_WARNINGS}>)
 target_link_libraries(kestrune PRIVATE ktrn_ui ktrn_ui_text ktrn_engine ktrn_app_formats ktrn_model ktrn_base imgui d3d11 dxgi uuid dxguid ole32 shell32 comdlg32)

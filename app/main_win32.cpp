@@ -28,6 +28,7 @@
 #include "app/command_line.h"
 #include "app/command_words.h"
 #include "app/debugging.h"
+#include "app/fonts.h"
 #include "app/renderer_d3d11.h"
 #include "app/test_hook.h"
 #include "app/session_file.h"
@@ -41,7 +42,7 @@ static const wchar_t kProductName[] = L"Kestrune";
 static const char kInstanceMutexName[] = "ktrninstancerunningmtx";
 static const char kCommandMappingName[] = "ktrncommandbufname";
 static const char kCommandMessageName[] = "ktrncommandbufmsg";
-enum { kIconResource = 103, kVertexShaderResource = 104, kPixelShaderResource = 105 };
+enum { kIconResource = 103, kVertexShaderResource = 104, kPixelShaderResource = 105, kSymbolFontResource = 106 };
 enum { kTestHookTimer = 1, kFirstRunTimer = 2 };
 enum { kReasonStartCommand = 14 };
 
@@ -52,6 +53,8 @@ struct Program {
   HWND window;
   Renderer renderer;
   MainFrameState frame;
+  SymbolFont symbol_font;
+  bool fonts_need_rebuild;  // a font setting or the window's display scale changed
   bool test_hook;
 };
 
@@ -408,8 +411,18 @@ static void CarryOutRequests(Program *program) {
   if (r->quit) PostMessageW(program->window, WM_CLOSE, 0, 0);
 }
 
+// The atlas again from the settings at the window's display scale, and its texture.
+static void RebuildFonts(Program *program) {
+  float scale = ImGui_ImplWin32_GetDpiScaleForHwnd(program->window);
+  FontsBuilt fonts = FontsBuild(&program->app, &program->symbol_font, scale > 0 ? scale : 1.0f);
+  program->frame.text_font = fonts.text;
+  if (program->renderer.device) RendererRebuildFontTexture(&program->renderer);
+  program->fonts_need_rebuild = false;
+}
+
 static void DrawFrame(Program *program) {
   if (!program->renderer.device) return;
+  if (program->fonts_need_rebuild) RebuildFonts(program);
   ImGui_ImplWin32_NewFrame();
   ImGui::NewFrame();
   TestHookBeginFrame();
@@ -473,6 +486,14 @@ static LRESULT CALLBACK MainWindowProc(HWND window, UINT message, WPARAM w, LPAR
       break;
     case WM_ERASEBKGND:
       return 1;
+    case WM_DPICHANGED:  // fonts again at the new scale; the window takes the size Windows suggests
+      if (program) {
+        program->fonts_need_rebuild = true;
+        const RECT *suggested = (const RECT *)l;
+        SetWindowPos(window, nullptr, suggested->left, suggested->top, suggested->right - suggested->left,
+                     suggested->bottom - suggested->top, SWP_NOZORDER | SWP_NOACTIVATE);
+      }
+      return 0;
     case WM_SYSCOMMAND:
       if ((w & 0xFFF0) == SC_KEYMENU) return 0;  // Alt must not open the system menu
       break;
@@ -551,6 +572,7 @@ int WINAPI wWinMain(HINSTANCE instance, HINSTANCE, PWSTR, int show_command) {
   }
 
   CoInitialize(nullptr);
+  ImGui_ImplWin32_EnableDpiAwareness();  // real pixels and WM_DPICHANGED, not a stretched bitmap
   AppStateInit(app);
   program->test_hook = TestHookInit();
   if (argv) TakeArguments(program, argc, argv);
@@ -581,6 +603,9 @@ int WINAPI wWinMain(HINSTANCE instance, HINSTANCE, PWSTR, int show_command) {
                                     app->placement.width, app->placement.height, nullptr, nullptr, instance, nullptr);
   UpdateTitle(program);
   ImGui_ImplWin32_Init(program->window);
+
+  program->symbol_font.data = FindRawResource(kSymbolFontResource, &program->symbol_font.size);
+  RebuildFonts(program);  // before the renderer, which uploads the atlas
 
   RendererShaders shaders = {};
   HRESULT hr = E_FAIL;

@@ -12,6 +12,7 @@
 #include <string.h>
 
 #include "ui/output_window.h"
+#include "ui/run_control_glyphs.h"
 #include "ui/stop_reason.h"
 #include "ui/text_capture.h"
 
@@ -122,33 +123,33 @@ static void DrawControlMenu(AppState *app, MainFrameState *state) {
   MainFrameRequests *r = &state->requests;
   u32 d = app->debug_state;
   if (d == kDebugNone) {
-    if (ImGui::MenuItem("Start Debugging", "F5", false, CanStart(app))) {
+    if (ImGui::MenuItem(KTRN_GLYPH_CONTINUE " Start Debugging", "F5", false, CanStart(app))) {
       r->start_debugging = true;
       r->start_reason = 5;
     }
-  } else if (ImGui::MenuItem("Continue", "F5", false, d == kDebugSuspended)) {
+  } else if (ImGui::MenuItem(KTRN_GLYPH_CONTINUE " Continue", "F5", false, d == kDebugSuspended)) {
     r->continue_run = true;
     r->continue_reason = 33;
   }
   if (d == kDebugNone)
-    ImGui::MenuItem("Stop Debugging", "Shift+F5", false, false);
-  else if (ImGui::MenuItem(app->attached ? "Stop Debugging (Detach)" : "Stop Debugging (Terminate)", "Shift+F5"))
+    ImGui::MenuItem(KTRN_GLYPH_STOP " Stop Debugging", "Shift+F5", false, false);
+  else if (ImGui::MenuItem(app->attached ? KTRN_GLYPH_STOP " Stop Debugging (Detach)" : KTRN_GLYPH_STOP " Stop Debugging (Terminate)", "Shift+F5"))
     r->stop_debugging = true;
-  if (ImGui::MenuItem("Restart", "Ctrl+Shift+F5", false, d != kDebugNone && !app->attached)) {
+  if (ImGui::MenuItem(KTRN_GLYPH_RESTART " Restart", "Ctrl+Shift+F5", false, d != kDebugNone && !app->attached)) {
     r->restart = true;
     r->restart_reason = 15;
   }
-  if (ImGui::MenuItem("Break", "Ctrl+Shift+X", false, d == kDebugRunning)) {
+  if (ImGui::MenuItem(KTRN_GLYPH_BREAK " Break", "Ctrl+Shift+X", false, d == kDebugRunning)) {
     r->break_in = true;
     r->break_reason = kStopReasonBreakMenu;
   }
   ImGui::Separator();
   // Stepping waits for the engine's stepping operations.
-  ImGui::MenuItem("Step Into (Line)", "F11", false, false);
-  ImGui::MenuItem("Step Into (Instruction)", nullptr, false, false);
-  ImGui::MenuItem("Step Over (Line)", "F10", false, false);
-  ImGui::MenuItem("Step Over (Instruction)", nullptr, false, false);
-  ImGui::MenuItem("Step Out", "Shift+F11", false, false);
+  ImGui::MenuItem(KTRN_GLYPH_STEP_INTO " Step Into (Line)", "F11", false, false);
+  ImGui::MenuItem(KTRN_GLYPH_STEP_INTO_INSTRUCTION " Step Into (Instruction)", nullptr, false, false);
+  ImGui::MenuItem(KTRN_GLYPH_STEP_OVER " Step Over (Line)", "F10", false, false);
+  ImGui::MenuItem(KTRN_GLYPH_STEP_OVER_INSTRUCTION " Step Over (Instruction)", nullptr, false, false);
+  ImGui::MenuItem(KTRN_GLYPH_STEP_OUT " Step Out", "Shift+F11", false, false);
   ImGui::EndMenu();
 }
 

@@ -23,8 +23,11 @@ struct MainFrameRequests {
   bool quit;             // "Exit"
 };
 
+struct ImFont;
+
 struct MainFrameState {
   MainFrameRequests requests;  // cleared at the start of each frame
+  ImFont *text_font;           // source and disassembly text (the UI font is Dear ImGui's default)
   unsigned frame_count;
   bool show_about;
   bool chord_armed;      // Ctrl+L was pressed: the next Ctrl+key picks a window

@@ -159,9 +159,10 @@ quit
 # 5. A corrupt ini: the program starts with its defaults and writes a clean file again.
 head -c 3000 /dev/urandom > "$ini"
 printf '\n[Kestrune][WindowPos]\nx=abc\n[Kestrune][Watch-9]\nShowWnd=1\n[Docking][Data]\nDockSpace ID=zz\n' >> "$ini"
+printf '[Kestrune][Style]\nUiFontName=Z:\\no\\such.ttf\n' >> "$ini"  # a font that is not there: reported
 start "Z:$demo" 2
 wait_for corrupt-ini "Control"
-expect corrupt-ini "[window Output]"
+expect corrupt-ini "[window Output]" 'ERROR: Unable to open UI font file "Z:\no\such.ttf". Using default font.'
 
 # 6. A second instance with open-session: the running one opens the session (a file that ends after
 # its first target command, as old files may) and takes its name; F5 then runs its program.
