@@ -1,0 +1,25 @@
+// Start-up and per-frame cost, measured inside the program for the benchmarks (bench/ui). Off
+// unless KTRN_BENCH_FRAMES is set; then the program draws that many frames, measures the CPU time
+// they took, lets the loop run untouched for KTRN_BENCH_IDLE_MS more (CPU while idle), writes one
+// line of results to the file KTRN_BENCH_OUT and asks to quit. The bare window of bench/ui uses the
+// same probe, so both sides are measured alike.
+#pragma once
+#include "base/types.h"
+
+struct FrameProbe {
+  u32 frames_wanted;  // 0: the probe is off
+  u32 frames_drawn;
+  u32 idle_ms;
+  u64 first_frame_us;  // from the process's creation to the end of the first presented frame
+  u64 cpu_at_first_frame_us;
+  u64 cpu_after_frames_us;
+  u64 wall_after_frames_us;
+  char out_path[260];
+};
+
+// Reads the environment; false when the probe is off.
+bool FrameProbeInit(FrameProbe *probe);
+// The number of output lines to fill in before measuring (KTRN_BENCH_OUTPUT_LINES), 0 when unset.
+u32 FrameProbeOutputLines();
+// After every presented frame; true once the results are written and the program should quit.
+bool FrameProbeAfterFrame(FrameProbe *probe);

@@ -1,0 +1,50 @@
+#!/usr/bin/env bash
+# kestrune.exe beside a bare Dear ImGui + Direct3D 11 window, under Wine on a private Xvfb display:
+# start-up to the first presented frame, CPU per frame, and CPU while left idle. Each round runs
+# the bare window, kestrune.exe with an empty output window and kestrune.exe with OUTPUT_LINES
+# lines in it, in that order; the medians of the rounds are printed.
+#   bench/ui/run.sh [BUILD_DIR] [ROUNDS] [FRAMES] [IDLE_MS] [OUTPUT_LINES]
+set -eu
+build=$(cd "${1:-build/win}" && pwd)
+rounds=${2:-5} frames=${3:-300} idle_ms=${4:-3000} lines=${5:-100000}
+nice -n 10 ninja -C "$build" -j2 kestrune bench_bare_window >/dev/null
+work=$(mktemp -d)
+exec 5< <(Xvfb -displayfd 1 -screen 0 1280x800x24 -nolisten tcp 2>/dev/null)
+xvfb_pid=$!
+trap 'kill $xvfb_pid 2>/dev/null; rm -rf "$work"' EXIT
+read -r -t 20 display <&5
+export DISPLAY=":$display" KTRN_BENCH_FRAMES=$frames KTRN_BENCH_IDLE_MS=$idle_ms
+gen="$build/app/generated"
+"$build/wine-run.sh" "$build/bin/kestrune.exe" --settings "Z:$work/warm" -q >/dev/null 2>&1 &  # warm Wine up
+warm_pid=$!
+sleep 5; kill $warm_pid 2>/dev/null || true; wait $warm_pid 2>/dev/null || true
+
+run() {  # run NAME COMMAND...: one measured run; its result line is appended to $work/NAME
+  local name=$1; shift
+  rm -f "$work/out.txt"
+  KTRN_BENCH_OUT="Z:$work/out.txt" timeout 120 "$@" >/dev/null 2>&1 || true
+  [ -f "$work/out.txt" ] && cat "$work/out.txt" >> "$work/$name" || echo "failed" >> "$work/$name"
+}
+for round in $(seq 1 "$rounds"); do
+  run bare "$build/wine-run.sh" "$build/bin/bench_bare_window.exe" "Z:$gen/ui_vs.dxbc" "Z:$gen/ui_ps.dxbc"
+  rm -rf "$work/settings"; mkdir -p "$work/settings"
+  run kestrune "$build/wine-run.sh" "$build/bin/kestrune.exe" --settings "Z:$work/settings"
+  rm -rf "$work/settings"; mkdir -p "$work/settings"
+  KTRN_BENCH_OUTPUT_LINES=$lines run kestrune_output "$build/wine-run.sh" "$build/bin/kestrune.exe" --settings "Z:$work/settings"
+done
+
+echo "UI benchmark: $rounds rounds, $frames frames measured, then $idle_ms ms idle; medians (load $(cut -d' ' -f1-3 /proc/loadavg))"
+printf '%-34s %16s %18s %18s %18s\n' "program" "first frame (ms)" "CPU per frame (us)" "CPU while idle (%)" "idle frames per s"
+for name in bare kestrune kestrune_output; do
+  label=$name
+  [ "$name" = kestrune_output ] && label="kestrune, $lines output lines"
+  python3 - "$work/$name" "$label" <<'PY'
+import statistics, sys
+rows = [dict(zip(l.split()[::2], map(float, l.split()[1::2]))) for l in open(sys.argv[1]) if l.strip() != "failed"]
+if not rows:
+    print("%-34s %s" % (sys.argv[2], "every run failed")); sys.exit()
+m = lambda k: statistics.median(r[k] for r in rows)
+print("%-34s %16.1f %18.1f %18.1f %18.1f" % (sys.argv[2], m("first_frame_ms"), m("cpu_per_frame_us"),
+      m("idle_cpu_percent"), m("idle_frames_per_s")))
+PY
+done
