@@ -143,76 +143,71 @@ static bool PrintLocal(void *user, const LocalVariable *v) {
   return true;
 }
 
-int CommandLocals(int argc, char **argv) {
+// One frame of the inline chain at an address, as both commands print it.
+struct AddressFrame {
+  const PdbFile *pdb;
+  const PdbProcScope *procedure;
+  const ScopeChain *chain;
+  u32 section, offset, frame;
+  const char *name;
+  u32 module, record;  // where the frame's procedure or inline site record lives
+};
+typedef void (*AddressFrameFn)(const AddressFrame *frame);
+
+// Opens the image, then for each address: its inline chain, innermost frame first.
+static int ForEachAddressFrame(int argc, char **argv, AddressFrameFn print) {
   FrameSource source;
   if (!OpenSource(argv[0], &source)) return kExitLoadFailed;
   if (!ParseAll(&source, argc, argv)) {
     CloseSource(&source);
     return kExitUsage;
   }
-  const PdbFile *pdb = source.pdb;
   static char name[kNameBytes];
+  AddressFrame f = {};
+  f.pdb = source.pdb;
   for (int i = 1; i < argc; i++) {
-    u32 section = 0, offset = 0;
-    ParseAddress(&source, argv[i], &section, &offset);
-    const PdbProcScope *procedure = PdbProcedureAt(&pdb->scopes, section, offset);
-    if (!procedure) {
-      printf("%04X:%08X ?\n", section, offset);
+    ParseAddress(&source, argv[i], &f.section, &f.offset);
+    f.procedure = PdbProcedureAt(&f.pdb->scopes, f.section, f.offset);
+    if (!f.procedure) {
+      printf("%04X:%08X ?\n", f.section, f.offset);
       continue;
     }
     ScopeChain chain;
-    PdbScopeChainAt(pdb, procedure, offset, kScopeExact, &chain);
-    for (u32 frame = 0; frame <= chain.inline_count; frame++) {
-      FrameName(pdb, procedure, &chain, frame, name, sizeof(name));
-      u32 module = 0, record = 0;
-      FrameRecord(pdb, procedure, &chain, frame, &module, &record);
-      printf("%04X:%08X frame %u %s (module %u record %u)\n", section, offset, frame, name, module, record);
-      PdbForEachLocal(pdb, procedure, &chain, section, offset, frame, PrintLocal, (void *)pdb);
+    PdbScopeChainAt(f.pdb, f.procedure, f.offset, kScopeExact, &chain);
+    f.chain = &chain;
+    for (f.frame = 0; f.frame <= chain.inline_count; f.frame++) {
+      FrameName(f.pdb, f.procedure, &chain, f.frame, name, sizeof(name));
+      f.name = name;
+      FrameRecord(f.pdb, f.procedure, &chain, f.frame, &f.module, &f.record);
+      print(&f);
     }
   }
   fflush(stdout);
   CloseSource(&source);
   return 0;
 }
+
+static void PrintFrameLocals(const AddressFrame *f) {
+  printf("%04X:%08X frame %u %s (module %u record %u)\n", f->section, f->offset, f->frame, f->name, f->module,
+         f->record);
+  PdbForEachLocal(f->pdb, f->procedure, f->chain, f->section, f->offset, f->frame, PrintLocal, (void *)f->pdb);
+}
+
+int CommandLocals(int argc, char **argv) { return ForEachAddressFrame(argc, argv, PrintFrameLocals); }
 
 // [SECTION] inline
 
-int CommandInline(int argc, char **argv) {
-  FrameSource source;
-  if (!OpenSource(argv[0], &source)) return kExitLoadFailed;
-  if (!ParseAll(&source, argc, argv)) {
-    CloseSource(&source);
-    return kExitUsage;
+static void PrintFrameLine(const AddressFrame *f) {
+  u32 line = 0;
+  const u8 *file = nullptr;
+  if (f->frame < f->chain->inline_count) {
+    u32 start = ReadU32(f->procedure->record + kProcSymOffset);
+    PdbInlineSiteLineAt(f->pdb, f->chain->inlines[f->frame], f->offset - start, &line, &file);
+  } else if (const PdbLineEntry *entry = PdbLineAtAddress(&f->pdb->lines, f->section, f->offset)) {
+    line = entry->line, file = entry->file;
   }
-  const PdbFile *pdb = source.pdb;
-  static char name[kNameBytes];
-  for (int i = 1; i < argc; i++) {
-    u32 section = 0, offset = 0;
-    ParseAddress(&source, argv[i], &section, &offset);
-    const PdbProcScope *procedure = PdbProcedureAt(&pdb->scopes, section, offset);
-    if (!procedure) {
-      printf("%04X:%08X ?\n", section, offset);
-      continue;
-    }
-    ScopeChain chain;
-    PdbScopeChainAt(pdb, procedure, offset, kScopeExact, &chain);
-    u32 start = ReadU32(procedure->record + kProcSymOffset);
-    for (u32 frame = 0; frame <= chain.inline_count; frame++) {
-      FrameName(pdb, procedure, &chain, frame, name, sizeof(name));
-      u32 line = 0;
-      const u8 *file = nullptr;
-      if (frame < chain.inline_count) {
-        PdbInlineSiteLineAt(pdb, chain.inlines[frame], offset - start, &line, &file);
-      } else if (const PdbLineEntry *entry = PdbLineAtAddress(&pdb->lines, section, offset)) {
-        line = entry->line, file = entry->file;
-      }
-      u32 module = 0, record = 0;
-      FrameRecord(pdb, procedure, &chain, frame, &module, &record);
-      printf("%04X:%08X #%u %s %s:%u (module %u record %u)\n", section, offset, frame, name,
-             file ? PdbStringAt(&pdb->strings, ReadU32(file)) : "?", line, module, record);
-    }
-  }
-  fflush(stdout);
-  CloseSource(&source);
-  return 0;
+  printf("%04X:%08X #%u %s %s:%u (module %u record %u)\n", f->section, f->offset, f->frame, f->name,
+         file ? PdbStringAt(&f->pdb->strings, ReadU32(file)) : "?", line, f->module, f->record);
 }
+
+int CommandInline(int argc, char **argv) { return ForEachAddressFrame(argc, argv, PrintFrameLine); }
