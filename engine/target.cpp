@@ -3,6 +3,7 @@
 #include "engine/target.h"
 
 #include "engine/evaluation_request.h"
+#include "engine/unwind.h"
 
 #include <string.h>
 
@@ -104,8 +105,10 @@ void TargetRelease(Target *target) {
   // Loaded modules, and unloaded ones that the UI has not given back (their events may have been
   // lost when it fell behind), still own their symbols.
   if (target->module_pool)
-    for (u32 i = 0; i < kModulePoolCount; i++)
+    for (u32 i = 0; i < kModulePoolCount; i++) {
       if (target->module_pool[i].symbols.arena.newest) UnloadModuleSymbols(&target->module_pool[i].symbols);
+      UnwindReleaseModule(&target->module_pool[i]);
+    }
   SymbolArenaRelease(&target->arena);
   memset(target, 0, sizeof *target);
 }
@@ -209,6 +212,7 @@ void TargetModuleRelease(Target *target, TargetModule *m) {
   if (!target || !m || !target->module_pool) return;
   if (m < target->module_pool || m >= target->module_pool + kModulePoolCount || !m->in_use) return;
   UnloadModuleSymbols(&m->symbols);
+  UnwindReleaseModule(m);
   m->in_use = 0;
   TicketLockAcquire(&target->lock);
   m->next = target->free_modules;

@@ -72,6 +72,11 @@ typedef struct TargetModule {
   u64 shadow_low_begin, shadow_low_end;    // inclusive bounds of the sanitizer's shadow memory
   u64 shadow_high_begin, shadow_high_end;
   u64 shadow_base;
+  // The exception directory, read from the target at its first use (engine/unwind.cpp).
+  const struct FunctionEntry *function_table;
+  u32 function_count;
+  u8 function_table_state;
+  u8 padding2[3];
 } TargetModule;
 
 static inline u64 TargetModuleBase(const TargetModule *m) { return m->symbols.load_base; }
