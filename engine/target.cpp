@@ -3,6 +3,7 @@
 #include "engine/target.h"
 
 #include "engine/evaluation_request.h"
+#include "engine/call_stack.h"
 #include "engine/unwind.h"
 
 #include <string.h>
@@ -102,6 +103,7 @@ EngineResult TargetInit(Target *target) {
 
 void TargetRelease(Target *target) {
   for (TargetThread *t = target->threads; t; t = t->next) SymbolArenaRelease(&t->arena);
+  CallStackRelease(target);
   // Loaded modules, and unloaded ones that the UI has not given back (their events may have been
   // lost when it fell behind), still own their symbols.
   if (target->module_pool)
@@ -155,6 +157,7 @@ void TargetThreadDestroy(Target *target, TargetThread *t) {
   if (target->current_thread == t) target->current_thread = nullptr;
   if (target->last_event_thread == t) target->last_event_thread = nullptr;
   SymbolArenaRelease(&t->arena);
+  CallStackReleaseThread(target, t);
   t->next = target->free_threads;
   t->previous = nullptr;
   target->free_threads = t;

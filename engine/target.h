@@ -134,6 +134,11 @@ typedef struct TargetThread {
   const void *ip_function;
   u64 ip_function_start;
   u64 ip_function_end;
+  // The call stack (engine/call_stack.h): this thread's part of the frame pool, valid for the
+  // stop counted in stack_stop (0: not built at this stop).
+  struct StackFrame *frames;
+  u32 frames_committed;  // bytes of the part committed
+  u32 stack_stop;
   u32 frame_count;
   s32 selected_frame;
   char name[kThreadNameCapacity];
@@ -258,6 +263,10 @@ typedef struct Target {
   u32 stop_generation; // counts visible stops; every stop event carries it, every command quotes it
   u64 stop_target_generation;      // the generation of the current (or last) visible stop
   u64 previous_stop_generation;    // the generation of the visible stop before it
+
+  // [call stacks] reserved at the first build (engine/call_stack.cpp)
+  u8 *frame_pool;      // kThreadPoolCount parts of kFramePoolThreadBytes, committed as used
+  u8 *collapse_table;  // 4 MiB: the return-address counts of a collapsing build
 
   // [memory caches]
   MemoryCache *caches[2];

@@ -4,6 +4,7 @@
 #include <string.h>
 
 #include "base/os.h"
+#include "engine/engine_internal.h"
 
 enum : u8 { kFunctionTableUnread = 0, kFunctionTableAbsent = 1, kFunctionTableRead = 2 };
 
@@ -17,8 +18,9 @@ void UnwindContextFromThread(const CONTEXT *context, UnwindContext *out) {
   memcpy(out->xmm, &context->Xmm0, sizeof out->xmm);
 }
 
+// The program's own bytes: an int3 of the engine's over an epilogue's ret must read as the ret.
 static bool ReadThroughCache(void *context, u64 address, void *buffer, u32 size) {
-  return TargetReadMemory((Target *)context, address, buffer, size);
+  return TargetReadProgramMemory((Target *)context, address, buffer, size);
 }
 
 UnwindMemory UnwindMemoryOfTarget(Target *target) {
@@ -48,11 +50,17 @@ static void LoadFunctionTable(Target *target, TargetModule *module) {
   module->function_table_state = kFunctionTableRead;
 }
 
-bool FindFunctionEntry(Target *target, TargetModule *module, u64 address, FunctionEntry *out) {
-  if (!module || address < TargetModuleBase(module) || address - TargetModuleBase(module) > 0xFFFFFFFFu) return false;
+const FunctionEntry *FindFunctionEntryIn(Target *target, TargetModule *module, u64 address) {
+  if (!module || address < TargetModuleBase(module) || address - TargetModuleBase(module) > 0xFFFFFFFFu) return nullptr;
   if (module->function_table_state == kFunctionTableUnread) LoadFunctionTable(target, module);
-  if (module->function_table_state != kFunctionTableRead) return false;
-  return FunctionEntrySearch(module->function_table, module->function_count, (u32)(address - TargetModuleBase(module)), out);
+  if (module->function_table_state != kFunctionTableRead) return nullptr;
+  return FunctionEntryAt(module->function_table, module->function_count, (u32)(address - TargetModuleBase(module)));
+}
+
+bool FindFunctionEntry(Target *target, TargetModule *module, u64 address, FunctionEntry *out) {
+  const FunctionEntry *entry = FindFunctionEntryIn(target, module, address);
+  if (entry) *out = *entry;
+  return entry != nullptr;
 }
 
 UnwindResult UnwindOneFrameIn(Target *target, TargetModule *module, UnwindContext *context) {

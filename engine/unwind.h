@@ -15,6 +15,9 @@ UnwindMemory UnwindMemoryOfTarget(Target *target);
 // module unloads. False when the module has no table or no entry holds the address.
 bool FindFunctionEntry(Target *target, TargetModule *module, u64 address, FunctionEntry *out);
 
+// The same entry in the module's table itself (it stays until the module is released); null for none.
+const FunctionEntry *FindFunctionEntryIn(Target *target, TargetModule *module, u64 address);
+
 // One unwind step at context->rip: the function's unwind codes when a module's function table has
 // an entry for it, else a leaf's pop of the return address (also for an address in no module).
 // On success the context holds the caller's registers and the return address as its rip.
