@@ -18,18 +18,21 @@ static bool ReadU64(const UnwindMemory *memory, u64 address, u64 *out) { return 
 
 // [SECTION] Function table search
 
-bool FunctionEntrySearch(const FunctionEntry *table, u32 count, u32 rva, FunctionEntry *out) {
+const FunctionEntry *FunctionEntryAt(const FunctionEntry *table, u32 count, u32 rva) {
   u32 low = 0, high = count;  // find the first entry that begins after rva
   while (low < high) {
     u32 middle = low + (high - low) / 2;
     if (table[middle].begin > rva) high = middle;
     else low = middle + 1;
   }
-  if (low == 0) return false;
-  const FunctionEntry *entry = &table[low - 1];
-  if (rva > entry->end) return false;
-  *out = *entry;
-  return true;
+  if (low == 0 || rva > table[low - 1].end) return nullptr;
+  return &table[low - 1];
+}
+
+bool FunctionEntrySearch(const FunctionEntry *table, u32 count, u32 rva, FunctionEntry *out) {
+  const FunctionEntry *entry = FunctionEntryAt(table, count, rva);
+  if (entry) *out = *entry;
+  return entry != nullptr;
 }
 
 // [SECTION] Reading unwind information

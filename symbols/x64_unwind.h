@@ -31,6 +31,8 @@ enum [[nodiscard]] UnwindResult : u32 {
 // end. The end is compared inclusively: an address one past a function's code is still taken as that
 // function's (a call as its last instruction returns there). False when none holds it.
 bool FunctionEntrySearch(const FunctionEntry *table, u32 count, u32 rva, FunctionEntry *out);
+// The same, the entry in the table itself; null when none holds rva.
+const FunctionEntry *FunctionEntryAt(const FunctionEntry *table, u32 count, u32 rva);
 
 // Unwinds the frame of the function that entry describes (image_base + its rvas), context->rip being
 // inside it: on success the context holds the caller's registers, its rip the return address.
