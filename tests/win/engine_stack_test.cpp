@@ -137,3 +137,36 @@ TEST(EngineStack, StackOverflowCollapsesAndTheSwitchWorks) {
     EndRun(t, seen);
   }
 }
+
+// Every frame's registers as the system's own unwinder gives them: stack_oNN registers prints, from
+// the stopped function, each caller's rip, rsp and non-volatile registers after RtlVirtualUnwind
+// ("frame RIP RSP RBP RBX RSI RDI R12 R13 R14 R15"); at -O2 the recursion keeps its values in
+// non-volatile registers, so each frame's come from a different save slot.
+TEST(EngineStack, RegistersOfEveryFrameAgreeWithTheSystemUnwinder) {
+  for (const char *program : {"stack_o0.exe", "stack_o2.exe"}) {
+    SCOPED_TRACE(program);
+    Target *t = Launch("registers", true, nullptr, program);
+    ASSERT_NE(t, nullptr);
+    Seen seen;
+    ASSERT_EQ(WaitStopped(t, seen).event.kind, (u32)kEventStopped);
+    std::vector<std::vector<u64>> printed;
+    for (const std::string &text : seen.debug_strings) {
+      if (text.rfind("frame ", 0) != 0) continue;
+      std::istringstream in(text.substr(6));
+      std::vector<u64> values;
+      for (std::string word; in >> word;) values.push_back(strtoull(word.c_str(), nullptr, 16));
+      if (values.size() == 10 && values[0]) printed.push_back(values);
+    }
+    const StackFrame *frames = nullptr;
+    u32 count = EngineThreadStack(t, t->current_thread, &frames);
+    ASSERT_GE(printed.size(), 9u);  // Mix 7 times, main, the runtime's start
+    EXPECT_EQ(count, printed.size()) << Describe(frames, count);
+    for (u32 i = 0; i < count && i < printed.size(); i++) {
+      const StackFrame &f = frames[i];
+      const u64 ours[10] = {f.ip, f.rsp, f.rbp, f.rbx, f.rsi, f.rdi, f.r12, f.r13, f.r14, f.r15};
+      for (u32 r = 0; r < 10; r++)
+        EXPECT_EQ(ours[r], printed[i][r]) << "frame " << i << " value " << r << " (rip rsp rbp rbx rsi rdi r12-r15)";
+    }
+    EndRun(t, seen);
+  }
+}

@@ -110,6 +110,44 @@ NOINLINE static void NullCaller(void) {
 }
 
 #if KTRN_CALLBACK
+#include <stdio.h>
+// [registers] the caller's frames with their registers, as the system's RtlVirtualUnwind gives
+// them, one debug string a frame: "frame RIP RSP RBP RBX RSI RDI R12 R13 R14 R15" (mingw builds
+// only: the freestanding one has no CONTEXT).
+NOINLINE static void PrintFrames(void) {
+  CONTEXT context;
+  RtlCaptureContext(&context);
+  for (int frame = 0; frame < 64 && context.Rip; frame++) {
+    DWORD64 base = 0;
+    PRUNTIME_FUNCTION function = RtlLookupFunctionEntry(context.Rip, &base, nullptr);
+    if (function) {
+      void *handler_data = nullptr;
+      DWORD64 establisher = 0;
+      RtlVirtualUnwind(UNW_FLAG_NHANDLER, base, context.Rip, function, &context, &handler_data, &establisher,
+                       nullptr);
+    } else {
+      context.Rip = *(DWORD64 *)context.Rsp;
+      context.Rsp += 8;
+    }
+    if (!base) break;  // outside every image
+    char line[256];
+    snprintf(line, sizeof line, "frame %llx %llx %llx %llx %llx %llx %llx %llx %llx %llx\n", context.Rip, context.Rsp,
+             context.Rbp, context.Rbx, context.Rsi, context.Rdi, context.R12, context.R13, context.R14, context.R15);
+    OutputDebugStringA(line);
+  }
+}
+// Values live across each call, so the optimised builds keep them in non-volatile registers.
+NOINLINE static long long Mix(int depth, long long a, long long b) {
+  long long c = a * 3 + depth, d = b ^ a, e = a + b + depth, f = d * 7 + c;
+  if (depth == 0) {
+    PrintFrames();
+    __debugbreak();
+    return c + d + e + f;
+  }
+  long long below = Mix(depth - 1, c, d);
+  return below + c * d + e * f + (e ^ f);
+}
+
 // [callback] the stop is in a function that the DLL called back.
 NOINLINE static int Callback(int value) {
   PrintChain();
@@ -132,6 +170,7 @@ static int Run(const char *mode) {
   if (Same(mode, "nullcall")) NullCaller();
 #if KTRN_CALLBACK
   if (Same(mode, "callback")) return CallThrough(Callback, 20);
+  if (Same(mode, "registers")) return (int)Mix(6, 0x1234, 0x5678);
 #endif
   return 0;
 }
