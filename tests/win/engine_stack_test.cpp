@@ -170,3 +170,31 @@ TEST(EngineStack, RegistersOfEveryFrameAgreeWithTheSystemUnwinder) {
     EndRun(t, seen);
   }
 }
+
+// Only the current thread's stack is built at the stop; another thread's when it is asked for, in
+// the same stop: eng_target int3 stops in main while a second thread waits in IdleThread.
+TEST(EngineStack, AnotherThreadsStackIsBuiltWhenAsked) {
+  Target *t = Launch("int3");
+  ASSERT_NE(t, nullptr);
+  Seen seen;
+  ASSERT_EQ(WaitStopped(t, seen).event.stopped.reason, (u32)kStopProgramBreakpoint);
+  TargetThread *idle = nullptr;
+  for (TargetThread *thread = t->threads; thread; thread = thread->next)
+    if (thread != t->current_thread) idle = thread;
+  ASSERT_NE(idle, nullptr);
+  EXPECT_EQ(t->current_thread->stack_stop, t->stop_generation);
+  EXPECT_NE(idle->stack_stop, t->stop_generation);
+  auto HasProcedure = [](const StackFrame *frames, u32 count, const char *name) {
+    for (u32 i = 0; i < count; i++)
+      if (frames[i].procedure && strcmp(PdbProcName(frames[i].procedure), name) == 0) return true;
+    return false;
+  };
+  const StackFrame *frames = nullptr;
+  u32 count = EngineThreadStack(t, idle, &frames);
+  EXPECT_TRUE(HasProcedure(frames, count, "IdleThread")) << Describe(frames, count);
+  EXPECT_EQ(idle->stack_stop, t->stop_generation);
+  count = EngineThreadStack(t, t->current_thread, &frames);
+  ASSERT_GT(count, 0u);
+  EXPECT_STREQ(PdbProcName(frames[0].procedure), "main");
+  EndRun(t, seen);
+}
