@@ -117,7 +117,7 @@ typedef struct ThreadContextSlot {
 typedef struct TargetThread {
   struct TargetThread *next;
   struct TargetThread *previous;
-  SymbolArena arena;  // the record's own blocks (call-stack data)
+  SymbolArena arena;  // the record's own blocks (its frames live in the Target's frame pool)
   struct Target *target;
   HANDLE handle;
   u64 tls_base;
