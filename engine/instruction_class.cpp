@@ -1,5 +1,6 @@
-// Instruction classes for line stepping, from Zydis's decoder in its minimal mode (no operands:
-// the category, the attributes and the length are all that stepping reads).
+// Instruction classes for line stepping, from Zydis's decoder without operands (the category, the
+// attributes and the length are all that stepping reads). Not in the decoder's minimal mode: that
+// mode leaves the REP prefix attributes unset.
 #include "engine/instruction_class.h"
 
 #include <Zydis/Zydis.h>
@@ -25,7 +26,6 @@ DecodedClass ClassifyInstruction(const u8 *bytes, u32 size) {
   // The decoder is a few bytes of settings: made on the stack, nothing kept between calls.
   ZydisDecoder decoder;
   if (ZYAN_FAILED(ZydisDecoderInit(&decoder, ZYDIS_MACHINE_MODE_LONG_64, ZYDIS_STACK_WIDTH_64))) return out;
-  (void)ZydisDecoderEnableMode(&decoder, ZYDIS_DECODER_MODE_MINIMAL, ZYAN_TRUE);
   ZydisDecodedInstruction instruction;
   u32 length = size < kMaxInstructionBytes ? size : kMaxInstructionBytes;
   if (ZYAN_FAILED(ZydisDecoderDecodeInstruction(&decoder, nullptr, bytes, length, &instruction))) return out;
@@ -37,6 +37,8 @@ DecodedClass ClassifyInstruction(const u8 *bytes, u32 size) {
     out.kind = kInstructionRepString;
   else if (instruction.meta.category == ZYDIS_CATEGORY_UNCOND_BR)
     out.kind = kInstructionUncondBranch;
+  else if (instruction.meta.category == ZYDIS_CATEGORY_RET)
+    out.kind = kInstructionReturn;
   else
     out.kind = kInstructionOther;
   return out;

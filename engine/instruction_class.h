@@ -1,6 +1,7 @@
 // What line stepping needs to know of one x86-64 instruction: whether it is a call, a repeated
 // string instruction (both run to their end under a temporary breakpoint behind them), or the
-// unconditional branch of an import thunk that step into passes through at a callee's entry.
+// unconditional branch of an import thunk that step into passes through at a callee's entry, or
+// a return (which ends a step out).
 // Pure decoding, no target: the host tests feed it real instruction bytes.
 #pragma once
 #include "base/types.h"
@@ -13,6 +14,7 @@ enum InstructionClass : u8 {
   kInstructionCall = 2,
   kInstructionRepString = 3,     // REP/REPE/REPNE with CMPS, SCAS, INS, LODS, MOVS, OUTS or STOS
   kInstructionUncondBranch = 4,  // jmp of any form
+  kInstructionReturn = 5,        // ret of any form
 };
 
 typedef struct DecodedClass {

@@ -169,6 +169,8 @@ static bool StillTheLine(Target *target, const CONTEXT *context, u64 p) {
 
 static u32 LineStepAt(Target *target, TargetThread *thread, CONTEXT *context, u64 p, bool beginning) {
   StepState *s = &target->step;
+  // A recursive function returns into itself: the step out ends at the frame's return, wherever.
+  if (s->returning) return StepStop(target, thread, kStopStepOut, p);
   if (!beginning && (p < s->range_start || p >= s->range_end)) {
     if (!StillTheLine(target, context, p)) return StepStop(target, thread, CompletionReason(s), p);
     TakeLine(target, p);
@@ -190,6 +192,7 @@ static u32 LineStepAt(Target *target, TargetThread *thread, CONTEXT *context, u6
     return kOutcomeContinue;
   }
   if (decoded.kind == kInstructionCall) s->entered_call = 1;
+  if (decoded.kind == kInstructionReturn && s->out_of_function) s->returning = 1;
   SetTrap(thread, context);
   return kOutcomeContinue;
 }
@@ -217,9 +220,9 @@ static u32 CalleeEntry(Target *target, TargetThread *thread, CONTEXT *context, u
 
 // Step out. FALLBACK until the one-frame virtual unwind of the call stack is used here: inside a
 // function the symbols bound, the rest of the function is stepped over (calls, recursive ones
-// included, run under the stack-bound temporary breakpoint) until the instruction pointer leaves
-// it, which is the return address in the caller; without a function the return address is read
-// at the stack pointer (a leaf) and no stack pointer is bound.
+// included, run under the stack-bound temporary breakpoint) until its return has run or the
+// instruction pointer leaves it (a tail jump); without a function the return address is read at
+// the stack pointer (a leaf) and no stack pointer is bound.
 static void BeginStepOut(Target *target, TargetThread *thread, CONTEXT *context) {
   StepState *s = &target->step;
   u64 p = context->Rip;

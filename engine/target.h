@@ -192,7 +192,8 @@ typedef struct StepState {
   u8 entered_call;        // step into: the next single step is at a callee's first instruction
   u8 reinsert_temporary;  // the temporary breakpoint was lifted for one instruction of a deeper frame
   u8 out_of_function;     // a step over the rest of the function: its completion is a step out
-  u8 padding_flags[3];
+  u8 returning;           // out_of_function: the instruction single-stepped now is the frame's return
+  u8 padding_flags[2];
   u32 thread_id;          // the stepping thread
   u64 range_start;        // the current line's code: [start, end)
   u64 range_end;

@@ -503,7 +503,9 @@ static bool CommandLaunchAndHalt(Cli *cli, const ScriptArguments *) {
 static bool CommandSetNext(Cli *cli, const ScriptArguments *args) {
   FileLine place;
   if (!FileLineArgument(cli, args->rest[0], place.file, sizeof place.file, &place.line)) return false;
-  EngineResult result = EngineSetNextStatement(cli->target, place.file, place.line);
+  // The stop was reported just before the engine waits for commands: the move waits for that.
+  EngineResult result = EngineWaitStopped(cli->target, kRefreshTimeoutMs);
+  if (result == kEngineOk) result = EngineSetNextStatement(cli->target, place.file, place.line);
   if (result != kEngineOk) {
     CliError(cli, "%s", CliResultText(result));
     return false;

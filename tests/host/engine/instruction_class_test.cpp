@@ -1,6 +1,6 @@
 // The instruction classes that line stepping acts on, for encodings as the processor manuals give
 // them and as compilers emit them (calls through import tables and registers, import thunks, the
-// REP string forms), beside look-alikes that must not count (mandatory F2/F3 prefixes of SSE, rep
+// REP string forms, returns), beside look-alikes that must not count (mandatory F2/F3 prefixes of SSE, rep
 // ret, pause) and byte runs that do not decode.
 #include <gtest/gtest.h>
 
@@ -34,14 +34,15 @@ static const ClassCase kCases[] = {
     {"stosq without rep", {0x48, 0xAB}, kInstructionOther, 2},
     {"movsd xmm0, xmm1 (F2 is mandatory)", {0xF2, 0x0F, 0x10, 0xC1}, kInstructionOther, 4},
     {"movss xmm0, xmm1 (F3 is mandatory)", {0xF3, 0x0F, 0x10, 0xC1}, kInstructionOther, 4},
-    {"rep ret", {0xF3, 0xC3}, kInstructionOther, 2},
+    {"rep ret", {0xF3, 0xC3}, kInstructionReturn, 2},
+    {"ret 8", {0xC2, 0x08, 0x00}, kInstructionReturn, 3},
     {"pause", {0xF3, 0x90}, kInstructionOther, 2},
     {"jmp [rip+disp] (import thunk)", {0xFF, 0x25, 0x00, 0x10, 0x00, 0x00}, kInstructionUncondBranch, 6},
     {"jmp rel32", {0xE9, 0x00, 0x01, 0x00, 0x00}, kInstructionUncondBranch, 5},
     {"jmp rel8", {0xEB, 0xFE}, kInstructionUncondBranch, 2},
     {"jmp rax", {0xFF, 0xE0}, kInstructionUncondBranch, 2},
     {"je rel8", {0x74, 0x02}, kInstructionOther, 2},
-    {"ret", {0xC3}, kInstructionOther, 1},
+    {"ret", {0xC3}, kInstructionReturn, 1},
     {"int3", {0xCC}, kInstructionOther, 1},
     {"push rbp; mov rbp, rsp", {0x55, 0x48, 0x89, 0xE5}, kInstructionOther, 1},
     {"mov eax, [rbp-4]", {0x8B, 0x45, 0xFC}, kInstructionOther, 3},
