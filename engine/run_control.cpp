@@ -69,18 +69,23 @@ static DecodedClass DecodeAt(Target *target, u64 address) {
   return ClassifyInstruction(bytes, n);
 }
 
-// The line of the step: its range and its code, read once.
-static void TakeLine(Target *target, u64 p) {
+// The code of the step's range, read once (and again only when the range grows past the copy).
+static void TakeRange(Target *target, u64 start, u64 end) {
   StepState *s = &target->step;
-  const PdbLineEntry *entry = LineEntryAt(target, p, &s->range_start);
-  s->line_file = entry ? entry->file : nullptr;
-  s->line = entry ? entry->line : 0;
-  if (entry) {
-    s->range_end = s->range_start + entry->length;
-  } else {
-    s->range_start = p;  // no line: the step is one instruction (calls stepped over as in a line)
-    s->range_end = p + 1;
+  bool copied = s->code_size && start >= s->range_start && end <= s->range_start + s->code_size;
+  if (copied) {
+    // The copy stays where it was read: only the range moves inside it.
+    u64 copy_start = s->range_start;
+    if (start != copy_start) {
+      memmove(s->code, s->code + (start - copy_start), s->code_size - (u32)(start - copy_start));
+      s->code_size -= (u32)(start - copy_start);
+    }
+    s->range_start = start;
+    s->range_end = end;
+    return;
   }
+  s->range_start = start;
+  s->range_end = end;
   u64 line_bytes = s->range_end - s->range_start;
   u32 size = (u32)MinU64(line_bytes + kMaxInstructionBytes, kStepCodeCapacity);
   if (!TargetReadProgramMemory(target, s->range_start, s->code, size)) {
@@ -88,6 +93,21 @@ static void TakeLine(Target *target, u64 p) {
     if (!TargetReadProgramMemory(target, s->range_start, s->code, size)) size = 0;
   }
   s->code_size = size;
+}
+
+// The line of the step: its range and its code.
+static void TakeLine(Target *target, u64 p) {
+  StepState *s = &target->step;
+  u64 start = 0;
+  const PdbLineEntry *entry = LineEntryAt(target, p, &start);
+  s->line_file = entry ? entry->file : nullptr;
+  s->line = entry ? entry->line : 0;
+  s->code_size = 0;
+  // No line: the step is one instruction (calls stepped over as in a line).
+  if (entry)
+    TakeRange(target, start, start + entry->length);
+  else
+    TakeRange(target, p, p + 1);
 }
 
 static void SetTrap(TargetThread *thread, CONTEXT *context) {
@@ -159,12 +179,19 @@ static u32 CompletionReason(const StepState *s) {
 // a temporary breakpoint behind it, anything else is single-stepped.
 // A line may have several entries in the line table (a loop's test and its increment): code that
 // leaves one entry for another of the same line in the same frame is still the line being stepped.
+// Entries that touch the range join it, so that a loop on one line is read once.
 static bool StillTheLine(Target *target, const CONTEXT *context, u64 p) {
   StepState *s = &target->step;
   if (!s->line_file || s->out_of_function || context->Rsp != s->start_sp) return false;
   u64 start = 0;
   const PdbLineEntry *entry = LineEntryAt(target, p, &start);
-  return entry && entry->line == s->line && entry->file == s->line_file;
+  if (!entry || entry->line != s->line || entry->file != s->line_file) return false;
+  u64 end = start + entry->length;
+  if (start <= s->range_end && end >= s->range_start)
+    TakeRange(target, MinU64(start, s->range_start), end > s->range_end ? end : s->range_end);
+  else
+    TakeLine(target, p);
+  return true;
 }
 
 static u32 LineStepAt(Target *target, TargetThread *thread, CONTEXT *context, u64 p, bool beginning) {
@@ -173,7 +200,6 @@ static u32 LineStepAt(Target *target, TargetThread *thread, CONTEXT *context, u6
   if (s->returning) return StepStop(target, thread, kStopStepOut, p);
   if (!beginning && (p < s->range_start || p >= s->range_end)) {
     if (!StillTheLine(target, context, p)) return StepStop(target, thread, CompletionReason(s), p);
-    TakeLine(target, p);
   }
   DecodedClass decoded = DecodeAt(target, p);
   if (decoded.kind == kInstructionUndecodable) {
