@@ -7,6 +7,7 @@
 // The model (threads, modules, registers, memory) may be read while the engine is stopped
 // (EngineStoppedState answers 0), under the model lock (see Reading the stopped target).
 #pragma once
+#include "engine/call_stack.h"
 #include "engine/evaluation_request.h"
 #include "engine/launch.h"
 #include "engine/target.h"
@@ -112,5 +113,9 @@ EngineResult EngineWriteRegisters(Target *target, TargetThread *thread);
 // The threads window's name of a thread priority ("Normal", "Highest", ...); "" for a value
 // without one.
 const char *EngineThreadPriorityName(s32 priority);
+// The thread's call stack at this stop, innermost first (marker rows included), and its count; 0
+// when not stopped or nothing could be unwound. The current thread's is built at every stop, another
+// thread's at its first request in the stop. Valid until the target runs.
+u32 EngineThreadStack(Target *target, TargetThread *thread, const StackFrame **out_frames);
 // Reads target memory at a stop (the program's own bytes). 26 when not stopped, 37 unreadable.
 EngineResult EngineReadMemory(Target *target, u64 address, void *buffer, u32 size);

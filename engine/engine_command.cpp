@@ -422,6 +422,16 @@ const CONTEXT *EngineThreadContext(Target *target, TargetThread *thread) {
   return context;
 }
 
+u32 EngineThreadStack(Target *target, TargetThread *thread, const StackFrame **out_frames) {
+  *out_frames = nullptr;
+  if (!thread || EngineLockStopped(target) != kEngineOk) return 0;
+  // Built here, on the user-interface thread, while the engine waits for a command and the model
+  // lock keeps it from working: a build never runs beside another.
+  u32 count = CallStackOfThread(target, thread, out_frames);
+  Unlock(target);
+  return count;
+}
+
 EngineResult EngineReadMemory(Target *target, u64 address, void *buffer, u32 size) {
   if (!buffer) return kEngineNoTarget;
   EngineResult state = EngineLockStopped(target);

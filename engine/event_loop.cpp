@@ -13,6 +13,7 @@
 // [SECTION] The loop
 #include <string.h>
 
+#include "engine/call_stack.h"
 #include "engine/engine_internal.h"
 #include "symbols/pdb_raw.h"
 #include "symbols/scope_lookup.h"
@@ -231,11 +232,29 @@ static void ApplySuspensions(Target *target) {
   }
 }
 
+// The selected frame's place: a return address is shown at its call.
+static void PostFrameSelected(Target *target, TargetThread *thread, s32 index) {
+  u64 address = CurrentIp(thread);
+  bool return_address = false;
+  if (thread->frames && (u32)index < thread->frame_count) {
+    address = thread->frames[index].ip;
+    return_address = thread->frames[index].return_address != 0;
+  }
+  EngineEvent event;
+  EngineMakeStopped(target, thread, kStopFrameSelected, address, index, &event);
+  if (return_address) EngineLocate(target, address, &event.stopped.location, true);
+  event.generation = target->stop_generation;
+  EnginePostEvent(target, &event);
+}
+
 // Thread states changed (also after registers were written or another thread was selected): the
 // views are brought up to date and the threads held or let go; the stop event comes before the
-// evaluation results.
+// evaluation results. Registers may have changed: the stacks are built again, the current
+// thread's now.
 static void ApplyThreadStates(Target *target) {
   for (TargetThread *t = target->threads; t; t = t->next) RefreshThreadSnapshot(target, t);
+  CallStackForgetAll(target);
+  if (target->current_thread) (void)CallStackBuild(target, target->current_thread);
   ApplySuspensions(target);
   EnginePostStopped(target, target->current_thread, kStopThreadStates, CurrentIp(target->current_thread), 0);
   EngineEvaluateRequests(target, true);
@@ -264,16 +283,20 @@ u32 EngineServeCommands(Target *target, bool held) {
           EngineEvaluateRequests(target, true);
           break;
         }
+        if (!t->frames || t->frames[index].collapsed) {  // a marker row is no frame to look at
+          EngineEvaluateRequests(target, true);
+          break;
+        }
         t->selected_frame = index;
-        // Frame 0 is the instruction pointer; deeper frames come with the call-stack builder.
-        EnginePostStopped(target, t, kStopFrameSelected, CurrentIp(t), index);
+        PostFrameSelected(target, t, index);
         break;
       }
       case kCommandRebuildStack: {
         TargetThread *t = target->current_thread;
         if (held || !t) break;
-        t->selected_frame = 0;
-        EnginePostStopped(target, t, kStopFrameSelected, CurrentIp(t), 0);
+        CallStackForgetAll(target);  // the collapsing switch may have changed
+        (void)CallStackBuild(target, t);
+        PostFrameSelected(target, t, 0);
         break;
       }
     }
@@ -287,11 +310,7 @@ u32 EngineServeCommands(Target *target, bool held) {
 // kept while the pointer stays inside that function.
 static void RefreshThreadSnapshot(Target *target, TargetThread *thread) {
   CONTEXT *context = ThreadContextGet(thread);
-  if (!context) {
-    thread->frame_count = 0;
-    return;
-  }
-  thread->frame_count = 1;
+  if (!context) return;
   thread->priority = GetThreadPriority(thread->handle);
   u64 ip = context->Rip;
   if (thread->ip_module && thread->ip_function_start <= ip && ip < thread->ip_function_end) return;
@@ -330,6 +349,8 @@ static void StopSequence(Target *target) {
     t->selected_frame = 0;
     RefreshThreadSnapshot(target, t);
   }
+  // The current thread's stack now; the others' when something asks for them.
+  if (target->current_thread) (void)CallStackBuild(target, target->current_thread);
   if (target->stop_event_held) {
     target->stop_event_held = 0;
     target->held_stop_event.generation = target->stop_generation;

@@ -15,6 +15,7 @@
 
 #include "engine/engine_internal.h"
 #include "engine/instruction_class.h"
+#include "engine/unwind.h"
 #include "symbols/pdb_raw.h"
 #include "symbols/scope_lookup.h"
 
@@ -244,14 +245,26 @@ static u32 CalleeEntry(Target *target, TargetThread *thread, CONTEXT *context, u
 
 // [SECTION] Entry points of the event loop
 
-// Step out. FALLBACK until the one-frame virtual unwind of the call stack is used here: inside a
-// function the symbols bound, the rest of the function is stepped over (calls, recursive ones
-// included, run under the stack-bound temporary breakpoint) until its return has run or the
-// instruction pointer leaves it (a tail jump); without a function the return address is read at
-// the stack pointer (a leaf) and no stack pointer is bound.
+// Step out: one frame unwound over the function table gives the return address and the caller's
+// stack pointer, to which the temporary breakpoint there is bound (a recursive call returning to
+// the same address deeper in the stack runs on); a function without unwind data (a leaf) has its
+// return address at the stack pointer, and no stack pointer is bound. A return address that holds
+// an int3 already (a user breakpoint) makes this a plain run that the breakpoint ends.
+// When the unwind fails, the rest of a function the symbols bound is stepped over (calls, recursive
+// ones included, run under the stack-bound temporary breakpoint) until its return has run or the
+// instruction pointer leaves it (a tail jump).
 static void BeginStepOut(Target *target, TargetThread *thread, CONTEXT *context) {
   StepState *s = &target->step;
   u64 p = context->Rip;
+  TargetModule *module = TargetFindModule(target, p);
+  FunctionEntry entry;
+  bool has_entry = module && FindFunctionEntry(target, module, p, &entry);
+  UnwindContext frame;
+  UnwindContextFromThread(context, &frame);
+  if (UnwindOneFrameIn(target, module, &frame) == kUnwindOk && frame.rip) {
+    if (PlaceTemporary(target, frame.rip, frame.gpr[kUnwindRsp], has_entry)) s->mode = kStepOut;
+    return;
+  }
   if (thread->ip_function_start <= p && p < thread->ip_function_end) {
     s->mode = kStepOver;
     s->out_of_function = 1;

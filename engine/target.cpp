@@ -3,6 +3,8 @@
 #include "engine/target.h"
 
 #include "engine/evaluation_request.h"
+#include "engine/call_stack.h"
+#include "engine/unwind.h"
 
 #include <string.h>
 
@@ -101,11 +103,14 @@ EngineResult TargetInit(Target *target) {
 
 void TargetRelease(Target *target) {
   for (TargetThread *t = target->threads; t; t = t->next) SymbolArenaRelease(&t->arena);
+  CallStackRelease(target);
   // Loaded modules, and unloaded ones that the UI has not given back (their events may have been
   // lost when it fell behind), still own their symbols.
   if (target->module_pool)
-    for (u32 i = 0; i < kModulePoolCount; i++)
+    for (u32 i = 0; i < kModulePoolCount; i++) {
       if (target->module_pool[i].symbols.arena.newest) UnloadModuleSymbols(&target->module_pool[i].symbols);
+      UnwindReleaseModule(&target->module_pool[i]);
+    }
   SymbolArenaRelease(&target->arena);
   memset(target, 0, sizeof *target);
 }
@@ -152,6 +157,7 @@ void TargetThreadDestroy(Target *target, TargetThread *t) {
   if (target->current_thread == t) target->current_thread = nullptr;
   if (target->last_event_thread == t) target->last_event_thread = nullptr;
   SymbolArenaRelease(&t->arena);
+  CallStackReleaseThread(target, t);
   t->next = target->free_threads;
   t->previous = nullptr;
   target->free_threads = t;
@@ -209,6 +215,7 @@ void TargetModuleRelease(Target *target, TargetModule *m) {
   if (!target || !m || !target->module_pool) return;
   if (m < target->module_pool || m >= target->module_pool + kModulePoolCount || !m->in_use) return;
   UnloadModuleSymbols(&m->symbols);
+  UnwindReleaseModule(m);
   m->in_use = 0;
   TicketLockAcquire(&target->lock);
   m->next = target->free_modules;

@@ -72,6 +72,11 @@ typedef struct TargetModule {
   u64 shadow_low_begin, shadow_low_end;    // inclusive bounds of the sanitizer's shadow memory
   u64 shadow_high_begin, shadow_high_end;
   u64 shadow_base;
+  // The exception directory, read from the target at its first use (engine/unwind.cpp).
+  const struct FunctionEntry *function_table;
+  u32 function_count;
+  u8 function_table_state;
+  u8 padding2[3];
 } TargetModule;
 
 static inline u64 TargetModuleBase(const TargetModule *m) { return m->symbols.load_base; }
@@ -129,6 +134,11 @@ typedef struct TargetThread {
   const void *ip_function;
   u64 ip_function_start;
   u64 ip_function_end;
+  // The call stack (engine/call_stack.h): this thread's part of the frame pool, valid for the
+  // stop counted in stack_stop (0: not built at this stop).
+  struct StackFrame *frames;
+  u32 frames_committed;  // bytes of the part committed
+  u32 stack_stop;
   u32 frame_count;
   s32 selected_frame;
   char name[kThreadNameCapacity];
@@ -315,6 +325,10 @@ typedef struct Target {
   u32 stop_generation; // counts visible stops; every stop event carries it, every command quotes it
   u64 stop_target_generation;      // the generation of the current (or last) visible stop
   u64 previous_stop_generation;    // the generation of the visible stop before it
+
+  // [call stacks] reserved at the first build (engine/call_stack.cpp)
+  u8 *frame_pool;      // kThreadPoolCount parts of kFramePoolThreadBytes, committed as used
+  u8 *collapse_table;  // 4 MiB: the return-address counts of a collapsing build
 
   // [memory caches]
   MemoryCache *caches[2];

@@ -72,6 +72,11 @@ typedef struct CliPlace {
   char file_line[1100];
 } CliPlace;
 void CliPlaceOfAddress(Cli *cli, u64 address, CliPlace *out);
+// The same for a call-stack frame, from the symbols its build found (a return address at its call).
+void CliPlaceOfFrame(const StackFrame *frame, CliPlace *out);
+// "#N | FUNCTION | FILE:LINE | 0xADDRESS" (prefix "#" or "frame "); a marker row as the call stack
+// window shows it: "#N | Collapsed %d frames (possible stack-overflow)".
+void CliPrintFrame(const char *prefix, u32 index, const StackFrame *frame);
 
 // The thread the registers and the thread commands act on: the thread of the last stop.
 TargetThread *CliStopThread(Cli *cli);

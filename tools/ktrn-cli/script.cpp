@@ -6,6 +6,7 @@
 // [SECTION] Arguments
 // [SECTION] Commands
 // [SECTION] Run control
+// [SECTION] Call stack
 // [SECTION] The command table
 // [SECTION] Running a script
 #include <ctype.h>
@@ -520,6 +521,49 @@ static bool CommandSetNext(Cli *cli, const ScriptArguments *args) {
   return true;
 }
 
+// [SECTION] Call stack
+
+// stack [THREAD]: the thread's frames, innermost first (the thread of the last stop by default).
+static bool CommandStack(Cli *cli, const ScriptArguments *args) {
+  TargetThread *thread = args->count ? ThreadArgument(cli, args->word[0]) : CliStopThread(cli);
+  if (!thread) {
+    if (!args->count) CliError(cli, "%s", CliResultText(kEngineNoCurrentThread));
+    return false;
+  }
+  const StackFrame *frames = nullptr;
+  u32 count = EngineThreadStack(cli->target, thread, &frames);
+  if (count == 0) {
+    CliError(cli, "no frames could be found for thread %u", thread->id);
+    return false;
+  }
+  for (u32 i = 0; i < count; i++) CliPrintFrame("#", i, &frames[i]);
+  return true;
+}
+
+// frame N: selects frame N of the current thread (the registers and locals follow it).
+static bool CommandFrame(Cli *cli, const ScriptArguments *args) {
+  TargetThread *thread = CliStopThread(cli);
+  const StackFrame *frames = nullptr;
+  u32 count = thread ? EngineThreadStack(cli->target, thread, &frames) : 0;
+  u64 index = 0;
+  if (!ParseNumber(args->word[0], &index) || index >= count) {
+    CliError(cli, "no frame %s (the stack has %u)", args->word[0], count);
+    return false;
+  }
+  if (frames[index].collapsed) {
+    CliError(cli, "frame %s is a row of collapsed frames", args->word[0]);
+    return false;
+  }
+  EngineResult result = EngineSelectFrame(cli->target, (s32)index);
+  if (result != kEngineOk) {
+    CliError(cli, "%s", CliResultText(result));
+    return false;
+  }
+  if (!AwaitRefresh(cli)) return false;
+  CliPrintFrame("frame ", (u32)index, &frames[index]);
+  return true;
+}
+
 // [SECTION] The command table
 
 static const ScriptCommand kScriptCommands[] = {
@@ -541,6 +585,8 @@ static const ScriptCommand kScriptCommands[] = {
     {"disable", "N", 1, 1, kNeedsProcess, CommandDisable},
     {"delete", "N", 1, 1, kNeedsProcess, CommandDelete},
     {"breakpoints", "", 0, 0, kNeedsProcess, CommandBreakpoints},
+    {"stack", "[TID|#N]", 0, 1, kNeedsStartedStop, CommandStack},
+    {"frame", "N", 1, 1, kNeedsStartedStop, CommandFrame},
     {"regs", "[general|avx|avx512]", 0, 1, kNeedsStartedStop, CommandRegs},
     {"set-reg", "NAME VALUE", 2, 2, kNeedsStartedStop, CommandSetReg},  // general registers, ymm0-15
     {"read", "ADDRESS COUNT", 2, 2, kNeedsStop, CommandRead},

@@ -42,6 +42,25 @@ void CliPlaceOfAddress(Cli *cli, u64 address, CliPlace *out) {
   if (scope.line_entry) FileLineText(module, scope.line_entry->file, scope.line, out);
 }
 
+void CliPlaceOfFrame(const StackFrame *frame, CliPlace *out) {
+  strcpy(out->function, "?");
+  strcpy(out->file_line, "?");
+  const TargetModule *module = frame->module;
+  if (!module || module->symbols.status != kSymbolsLoaded) return;
+  if (frame->procedure) snprintf(out->function, sizeof out->function, "%s", PdbProcName(frame->procedure));
+  if (frame->line_entry) FileLineText(module, frame->line_entry->file, frame->line, out);
+}
+
+void CliPrintFrame(const char *prefix, u32 index, const StackFrame *frame) {
+  if (frame->collapsed) {
+    printf("%s%u | Collapsed %u frames (possible stack-overflow)\n", prefix, index, frame->collapsed_count);
+    return;
+  }
+  CliPlace place;
+  CliPlaceOfFrame(frame, &place);
+  printf("%s%u | %s | %s | 0x%016llx\n", prefix, index, place.function, place.file_line, (unsigned long long)frame->ip);
+}
+
 // The place an event names: its line as the engine found it (for a return address, the call's
 // line), the function at the address the engine looked up.
 static void PlaceOfLocation(Cli *cli, const EngineSourceLocation *location, u64 address, CliPlace *out) {
