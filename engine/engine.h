@@ -53,7 +53,7 @@ EngineResult EngineSetNextStatement(Target *target, const char *path, u32 line);
 // kind 1 with the engine's reason (0 step over, 1 step into and instruction step, 2 step out,
 // 5 temporary breakpoint reached), unless something else stops the target first.
 // request: kRunStepOver, kRunStepInto, kRunStepOut or kRunStepInstruction (engine/target.h).
-// 27 without a current thread.
+// 27 without a current thread. A step out asked for while the target runs answers 0 and does nothing.
 EngineResult EngineStep(Target *target, u32 request);
 // Runs to the first of lines line..line+9 of the file that has code (23 when none).
 EngineResult EngineRunToLine(Target *target, const char *path, u32 line);

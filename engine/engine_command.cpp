@@ -345,6 +345,7 @@ EngineResult EngineStep(Target *target, u32 request) {
   if (request != kRunStepOver && request != kRunStepInto && request != kRunStepOut && request != kRunStepInstruction)
     return kEngineNoTarget;
   EngineResult state = EngineLockStopped(target);
+  if (state == kEngineNotSuspended && request == kRunStepOut) return kEngineOk;  // nothing to step out of
   if (state != kEngineOk) return NotStopped(state);
   if (!target->current_thread) {
     Unlock(target);

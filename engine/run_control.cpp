@@ -114,7 +114,7 @@ static void TakeLine(Target *target, u64 p) {
 static void SetTrap(TargetThread *thread, CONTEXT *context) {
   if (context->EFlags & kTrapFlag) return;
   context->EFlags |= kTrapFlag;
-  ThreadContextMarkDirty(thread, kContextDirty);
+  ThreadContextMarkDirty(thread, kContextControl);
 }
 
 static void ClearStep(Target *target) { memset(&target->step, 0, offsetof(StepState, code)); }
@@ -175,9 +175,6 @@ static u32 CompletionReason(const StepState *s) {
 
 // [SECTION] Line stepping
 
-// The step-over and step-into logic at p, the thread's next instruction: the step completes when p
-// has left the line; inside it, a call (step over) or a repeated string instruction (both) runs to
-// a temporary breakpoint behind it, anything else is single-stepped.
 // A line may have several entries in the line table (a loop's test and its increment): code that
 // leaves one entry for another of the same line in the same frame is still the line being stepped.
 // Entries that touch the range join it, so that a loop on one line is read once.
@@ -195,6 +192,9 @@ static bool StillTheLine(Target *target, const CONTEXT *context, u64 p) {
   return true;
 }
 
+// The step-over and step-into logic at p, the thread's next instruction: the step completes when p
+// has left the line; inside it, a call (step over) or a repeated string instruction (both) runs to
+// a temporary breakpoint behind it, anything else is single-stepped.
 static u32 LineStepAt(Target *target, TargetThread *thread, CONTEXT *context, u64 p, bool beginning) {
   StepState *s = &target->step;
   // A recursive function returns into itself: the step out ends at the frame's return, wherever.
@@ -338,7 +338,7 @@ bool EngineRunControlBreakpoint(Target *target, TargetThread *thread, u64 at, u3
   if (!context) return true;
   if (context->Rip == at + 1) {
     context->Rip = at;
-    ThreadContextMarkDirty(thread, kContextDirty);
+    ThreadContextMarkDirty(thread, kContextControl);
   }
   StepState *s = &target->step;
   bool stepping_thread = s->mode != kStepNone && thread->id == s->thread_id;

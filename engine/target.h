@@ -33,6 +33,7 @@ enum : u32 {
   kBreakInThreadCapacity = 16,
   kFullContextFlags = 0x10005F,  // every register group plus the extended state
   kPlainContextFlags = 0x10001F, // every register group, no extended state
+  kControlContextFlags = 0x100001,  // rip, rsp, rbp, flags, segments: what a step changes
 };
 
 // The wait objects, in their fixed order.
@@ -85,8 +86,9 @@ static inline u64 TargetModuleEnd(const TargetModule *m) { return m->symbols.ext
 // Which parts of a thread's context buffer differ from the thread's own registers.
 enum ContextDirty : u8 {
   kContextClean = 0,
-  kContextIpOnly = 1,  // only the instruction pointer: nothing to write when it is back as read
-  kContextDirty = 2,
+  kContextIpOnly = 1,   // only the instruction pointer: nothing to write when it is back as read
+  kContextControl = 2,  // only control registers (the trap flag of a step): written alone
+  kContextDirty = 3,
 };
 
 // The extended-state features located in a context buffer (the system's feature numbers beside).
