@@ -172,8 +172,10 @@ static bool StartContext(Target *target, TargetThread *thread, UnwindContext *ou
 static bool Step(Target *target, TargetModule *module, const FunctionEntry *function, UnwindContext *c) {
   u64 rsp = c->gpr[kUnwindRsp];
   UnwindMemory memory = UnwindMemoryOfTarget(target);
-  UnwindResult result = function ? VirtualUnwind(&memory, TargetModuleBase(module), function, c)
-                                 : UnwindLeaf(&memory, c);
+  UnwindResult result;
+  if (UnwindIsExceptionDispatcher(target, module, c->rip)) result = UnwindFromContextRecord(&memory, rsp, c);
+  else if (function) result = VirtualUnwind(&memory, TargetModuleBase(module), function, c);
+  else result = UnwindLeaf(&memory, c);
   // A caller's frame lies above its callee's: a step that does not move up is garbage.
   return result == kUnwindOk && c->gpr[kUnwindRsp] > rsp;
 }
@@ -183,8 +185,9 @@ static void WalkPlain(Target *target, TargetThread *thread, UnwindContext *c, bo
     TargetModule *module = TargetFindModule(target, c->rip);
     if (!module) break;
     if (!RecordFrame(thread, c, module, return_address)) break;
+    bool at_return = return_address;
     return_address = true;
-    if (!Step(target, module, FindFunctionEntryIn(target, module, c->rip), c)) break;
+    if (!Step(target, module, FindFunctionEntryIn(target, module, c->rip, at_return), c)) break;
   }
 }
 
@@ -210,6 +213,7 @@ static void WalkCollapsing(Target *target, TargetThread *thread, const UnwindCon
     return;
   }
   UnwindContext c = *start;
+  bool at_return = return_address;
   while (c.rip != 0) {
     CollapseValue *value = CollapseCount(&table, c.rip);
     TargetModule *module = nullptr;
@@ -219,12 +223,13 @@ static void WalkCollapsing(Target *target, TargetThread *thread, const UnwindCon
       function = value->function;
     } else {
       module = TargetFindModule(target, c.rip);
-      if (module) function = FindFunctionEntryIn(target, module, c.rip);
+      if (module) function = FindFunctionEntryIn(target, module, c.rip, at_return);
       if (value) {
         value->module_index = module ? (s32)(module - target->module_pool) : -1;
         value->function = function;
       }
     }
+    at_return = true;
     if (!module || !Step(target, module, function, &c)) break;
   }
 
@@ -235,7 +240,7 @@ static void WalkCollapsing(Target *target, TargetThread *thread, const UnwindCon
     TargetModule *module = value && value->module_index >= 0 ? &target->module_pool[value->module_index]
                                                              : TargetFindModule(target, c.rip);
     if (!module) break;
-    const FunctionEntry *function = value ? value->function : FindFunctionEntryIn(target, module, c.rip);
+    const FunctionEntry *function = value ? value->function : FindFunctionEntryIn(target, module, c.rip, return_address);
     bool repeated = value && value->count >= kCollapseRepeatCount;
     if (repeated && run > 0) {
       run++;

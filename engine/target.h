@@ -77,7 +77,9 @@ typedef struct TargetModule {
   const struct FunctionEntry *function_table;
   u32 function_count;
   u8 function_table_state;
-  u8 padding2[3];
+  u8 dispatcher_state;   // 0 not looked for; the exception dispatcher's rva below when found
+  u8 padding2[2];
+  u32 dispatcher_rva;    // ntdll's KiUserExceptionDispatcher (engine/unwind.cpp), 0 when none
 } TargetModule;
 
 static inline u64 TargetModuleBase(const TargetModule *m) { return m->symbols.load_base; }

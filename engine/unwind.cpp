@@ -1,10 +1,16 @@
 // Function tables read lazily from the target and one-frame unwinding over them.
+//
+// [SECTION] Function tables
+// [SECTION] The exception dispatcher
+// [SECTION] One frame
 #include "engine/unwind.h"
 
 #include <string.h>
 
 #include "base/os.h"
 #include "engine/engine_internal.h"
+
+// [SECTION] Function tables
 
 enum : u8 { kFunctionTableUnread = 0, kFunctionTableAbsent = 1, kFunctionTableRead = 2 };
 
@@ -50,21 +56,83 @@ static void LoadFunctionTable(Target *target, TargetModule *module) {
   module->function_table_state = kFunctionTableRead;
 }
 
-const FunctionEntry *FindFunctionEntryIn(Target *target, TargetModule *module, u64 address) {
+const FunctionEntry *FindFunctionEntryIn(Target *target, TargetModule *module, u64 address, bool return_address) {
   if (!module || address < TargetModuleBase(module) || address - TargetModuleBase(module) > 0xFFFFFFFFu) return nullptr;
   if (module->function_table_state == kFunctionTableUnread) LoadFunctionTable(target, module);
   if (module->function_table_state != kFunctionTableRead) return nullptr;
-  return FunctionEntryAt(module->function_table, module->function_count, (u32)(address - TargetModuleBase(module)));
+  return FunctionEntryAt(module->function_table, module->function_count, (u32)(address - TargetModuleBase(module)),
+                         return_address);
 }
 
 bool FindFunctionEntry(Target *target, TargetModule *module, u64 address, FunctionEntry *out) {
-  const FunctionEntry *entry = FindFunctionEntryIn(target, module, address);
+  const FunctionEntry *entry = FindFunctionEntryIn(target, module, address, false);
   if (entry) *out = *entry;
   return entry != nullptr;
 }
 
+// [SECTION] The exception dispatcher
+
+// The rva of an export of the image at base, through its export directory in target memory (its
+// name table is sorted, so a binary search); 0 when absent.
+static u32 FindExport(Target *target, u64 base, const char *wanted) {
+  enum : u32 { kPeHeaderOffset = 0x3C, kExportDirectoryOffset = 24 + 112, kExportDirectoryBytes = 40 };
+  u32 header = 0, directory[2] = {0, 0};
+  if (!TargetReadMemory(target, base + kPeHeaderOffset, &header, 4) ||
+      !TargetReadMemory(target, base + header + kExportDirectoryOffset, directory, 8) || !directory[0])
+    return 0;
+  u32 fields[kExportDirectoryBytes / 4];
+  if (!TargetReadMemory(target, base + directory[0], fields, sizeof fields)) return 0;
+  u32 name_count = fields[6], functions = fields[7], names = fields[8], ordinals = fields[9];
+  u32 low = 0, high = name_count;
+  while (low < high) {
+    u32 middle = low + (high - low) / 2, name_rva = 0;
+    char name[64];
+    if (!TargetReadMemory(target, base + names + 4ull * middle, &name_rva, 4)) return 0;
+    u32 length = 0;  // read a byte at a time up to the terminator: a name may end at a page's end
+    while (length + 1 < sizeof name && TargetReadMemory(target, base + name_rva + length, &name[length], 1) &&
+           name[length])
+      length++;
+    name[length] = 0;
+    int order = strcmp(name, wanted);
+    if (order == 0) {
+      u16 ordinal = 0;
+      u32 rva = 0;
+      if (!TargetReadMemory(target, base + ordinals + 2ull * middle, &ordinal, 2) ||
+          !TargetReadMemory(target, base + functions + 4ull * ordinal, &rva, 4))
+        return 0;
+      return rva;
+    }
+    if (order < 0) low = middle + 1;
+    else high = middle;
+  }
+  return 0;
+}
+
+bool UnwindIsExceptionDispatcher(Target *target, TargetModule *module, u64 address) {
+  if (!module || !module->symbols.name || _stricmp(module->symbols.name, "ntdll.dll") != 0) return false;
+  if (!module->dispatcher_state) {
+    module->dispatcher_state = 1;
+    module->dispatcher_rva = FindExport(target, TargetModuleBase(module), "KiUserExceptionDispatcher");
+  }
+  if (!module->dispatcher_rva || address < TargetModuleBase(module) + module->dispatcher_rva) return false;
+  // It ends where the next function with an entry begins (it is a few dozen bytes long).
+  u64 end = TargetModuleBase(module) + module->dispatcher_rva + 0x200;
+  if (module->function_table_state == kFunctionTableUnread) LoadFunctionTable(target, module);
+  for (u32 i = 0; i < module->function_count; i++)
+    if (module->function_table[i].begin > module->dispatcher_rva) {
+      end = MinU64(end, TargetModuleBase(module) + module->function_table[i].begin);
+      break;
+    }
+  return address < end;
+}
+
+// [SECTION] One frame
+
 UnwindResult UnwindOneFrameIn(Target *target, TargetModule *module, UnwindContext *context) {
   UnwindMemory memory = UnwindMemoryOfTarget(target);
+  // Before any unwind data of the dispatcher's own: such data gives back rip and rsp only.
+  if (UnwindIsExceptionDispatcher(target, module, context->rip))
+    return UnwindFromContextRecord(&memory, context->gpr[kUnwindRsp], context);
   FunctionEntry entry;
   if (!FindFunctionEntry(target, module, context->rip, &entry)) return UnwindLeaf(&memory, context);
   return VirtualUnwind(&memory, TargetModuleBase(module), &entry, context);

@@ -18,19 +18,19 @@ static bool ReadU64(const UnwindMemory *memory, u64 address, u64 *out) { return 
 
 // [SECTION] Function table search
 
-const FunctionEntry *FunctionEntryAt(const FunctionEntry *table, u32 count, u32 rva) {
+const FunctionEntry *FunctionEntryAt(const FunctionEntry *table, u32 count, u32 rva, bool return_address) {
   u32 low = 0, high = count;  // find the first entry that begins after rva
   while (low < high) {
     u32 middle = low + (high - low) / 2;
     if (table[middle].begin > rva) high = middle;
     else low = middle + 1;
   }
-  if (low == 0 || rva > table[low - 1].end) return nullptr;
+  if (low == 0 || rva > table[low - 1].end || (rva == table[low - 1].end && !return_address)) return nullptr;
   return &table[low - 1];
 }
 
 bool FunctionEntrySearch(const FunctionEntry *table, u32 count, u32 rva, FunctionEntry *out) {
-  const FunctionEntry *entry = FunctionEntryAt(table, count, rva);
+  const FunctionEntry *entry = FunctionEntryAt(table, count, rva, true);
   if (entry) *out = *entry;
   return entry != nullptr;
 }
@@ -279,6 +279,16 @@ UnwindResult UnwindLeaf(const UnwindMemory *memory, UnwindContext *context) {
   if (!ReadU64(memory, context->gpr[kUnwindRsp], &return_address)) return kUnwindUnreadable;
   context->rip = return_address;
   context->gpr[kUnwindRsp] += 8;
+  return kUnwindOk;
+}
+
+UnwindResult UnwindFromContextRecord(const UnwindMemory *memory, u64 record, UnwindContext *context) {
+  UnwindContext work = *context;
+  if (!ReadBytes(memory, record + kContextRecordGeneralOffset, work.gpr, sizeof work.gpr) ||
+      !ReadU64(memory, record + kContextRecordRipOffset, &work.rip) ||
+      !ReadBytes(memory, record + kContextRecordXmmOffset, work.xmm, sizeof work.xmm))
+    return kUnwindUnreadable;
+  *context = work;
   return kUnwindOk;
 }
 

@@ -27,17 +27,23 @@ enum [[nodiscard]] UnwindResult : u32 {
   kUnwindUnknownOperation = 0x8000FFFF,  // an operation code above 10, or codes that run past the count
 };
 
-// The entry of a function table (sorted by begin, as images keep it) that holds rva: begin <= rva <=
-// end. The end is compared inclusively: an address one past a function's code is still taken as that
-// function's (a call as its last instruction returns there). False when none holds it.
+// The entry of a function table (sorted by begin, as images keep it) that holds a return address:
+// begin <= rva <= end. The end is compared inclusively: an address one past a function's code is
+// still taken as that function's (a call as its last instruction returns there). False when none
+// holds it.
 bool FunctionEntrySearch(const FunctionEntry *table, u32 count, u32 rva, FunctionEntry *out);
-// The same, the entry in the table itself; null when none holds rva.
-const FunctionEntry *FunctionEntryAt(const FunctionEntry *table, u32 count, u32 rva);
+// The entry in the table itself; null when none holds rva. An instruction's own address (not
+// return_address) is compared with the end exclusively: the first byte after a function is the
+// next function's, which may be a leaf without an entry of its own.
+const FunctionEntry *FunctionEntryAt(const FunctionEntry *table, u32 count, u32 rva, bool return_address);
 
 // Unwinds the frame of the function that entry describes (image_base + its rvas), context->rip being
 // inside it: on success the context holds the caller's registers, its rip the return address.
 // On failure the context is left as it was.
 UnwindResult VirtualUnwind(const UnwindMemory *memory, u64 image_base, const FunctionEntry *entry,
                            UnwindContext *context);
+// The frame of the system's exception dispatcher, which runs on a CONTEXT record of the code that
+// raised (at its stack pointer): the caller's registers are the record's, all of them.
+UnwindResult UnwindFromContextRecord(const UnwindMemory *memory, u64 record, UnwindContext *context);
 // A function without unwind data (a leaf): its return address is at rsp.
 UnwindResult UnwindLeaf(const UnwindMemory *memory, UnwindContext *context);

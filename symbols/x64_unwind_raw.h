@@ -74,5 +74,13 @@ enum UnwindRegister : u32 {
   kUnwindRegisterCount = 16,
 };
 
+// The x64 CONTEXT record (winnt.h) where the exception dispatcher's frame keeps the registers of the
+// code that raised: the sixteen general registers in UnwindRegister order, then rip; XMM0-15.
+enum : u32 {
+  kContextRecordGeneralOffset = 0x78,  // Rax ... R15, 8 bytes each
+  kContextRecordRipOffset = 0xF8,
+  kContextRecordXmmOffset = 0x1A0,     // in the legacy save area at 0x100
+};
+
 // Bytes of an unwind information block at most: header, 256 code slots, a chained entry.
 enum : u32 { kUnwindInfoMaxBytes = 4 + 256 * 2 + kPeExceptionEntryBytes };

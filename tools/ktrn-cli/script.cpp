@@ -531,6 +531,8 @@ static bool CommandStack(Cli *cli, const ScriptArguments *args) {
     return false;
   }
   const StackFrame *frames = nullptr;
+  // The stop's event comes a moment before the engine serves commands: the stack is read then.
+  (void)EngineWaitStopped(cli->target, kRefreshTimeoutMs);
   u32 count = EngineThreadStack(cli->target, thread, &frames);
   if (count == 0) {
     CliError(cli, "no frames could be found for thread %u", thread->id);
@@ -544,6 +546,7 @@ static bool CommandStack(Cli *cli, const ScriptArguments *args) {
 static bool CommandFrame(Cli *cli, const ScriptArguments *args) {
   TargetThread *thread = CliStopThread(cli);
   const StackFrame *frames = nullptr;
+  (void)EngineWaitStopped(cli->target, kRefreshTimeoutMs);
   u32 count = thread ? EngineThreadStack(cli->target, thread, &frames) : 0;
   u64 index = 0;
   if (!ParseNumber(args->word[0], &index) || index >= count) {

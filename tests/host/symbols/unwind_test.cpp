@@ -199,19 +199,42 @@ TEST(VirtualUnwind, RestoresSavedXmmAndFollowsIndirectEntries) {
   EXPECT_EQ(kStack + 40, context.gpr[kUnwindRsp]);
 }
 
-TEST(FunctionEntrySearch, FindsTheEntryWithTheEndInclusive) {
+// A return address one past a function's end is still that function's; an instruction there is not
+// (it may be the first byte of a leaf that has no entry).
+TEST(FunctionEntrySearch, FindsTheEntryWithTheEndInclusiveForReturnAddresses) {
   const FunctionEntry table[] = {{0x1000, 0x1010, 1}, {0x1010, 0x1020, 2}, {0x1030, 0x1040, 3}};
-  const struct { u32 rva; u32 found; } cases[] = {
-      {0x0FFF, 0}, {0x1000, 1}, {0x100F, 1}, {0x1010, 2}, {0x1020, 2}, {0x1021, 0}, {0x1035, 3}, {0x1040, 3}, {0x1041, 0},
+  const struct { u32 rva; u32 as_return, as_instruction; } cases[] = {
+      {0x0FFF, 0, 0}, {0x1000, 1, 1}, {0x100F, 1, 1}, {0x1010, 2, 2}, {0x1020, 2, 0},
+      {0x1021, 0, 0}, {0x1035, 3, 3}, {0x1040, 3, 0}, {0x1041, 0, 0},
   };
   for (auto c : cases) {
     FunctionEntry out = {};
     bool found = FunctionEntrySearch(table, 3, c.rva, &out);
-    EXPECT_EQ(c.found != 0, found) << std::hex << c.rva;
-    if (found) EXPECT_EQ(c.found, out.unwind_info) << std::hex << c.rva;
+    EXPECT_EQ(c.as_return != 0, found) << std::hex << c.rva;
+    if (found) EXPECT_EQ(c.as_return, out.unwind_info) << std::hex << c.rva;
+    const FunctionEntry *exact = FunctionEntryAt(table, 3, c.rva, false);
+    EXPECT_EQ(c.as_instruction, exact ? exact->unwind_info : 0u) << std::hex << c.rva;
   }
   FunctionEntry out;
   EXPECT_FALSE(FunctionEntrySearch(table, 0, 0x1000, &out));
+}
+
+TEST(UnwindFromContextRecord, TakesEveryRegisterFromTheRecord) {
+  LeBytes record;
+  record.zero32(kContextRecordGeneralOffset / 4);
+  for (u32 r = 0; r < kUnwindRegisterCount; r++) record.u64(0x1000 + r);
+  record.u64(0x140007777ull).zero32((kContextRecordXmmOffset - kContextRecordRipOffset - 8) / 4);
+  for (u32 i = 0; i < 256; i++) record.u8(i);
+  FakeMemory memory;
+  memory.Put(kStack, record);
+  UnwindMemory reader = {FakeMemory::Read, &memory};
+  UnwindContext context = {};
+  ASSERT_EQ((u32)kUnwindOk, (u32)UnwindFromContextRecord(&reader, kStack, &context));
+  for (u32 r = 0; r < kUnwindRegisterCount; r++) EXPECT_EQ(0x1000u + r, context.gpr[r]);
+  EXPECT_EQ(0x140007777ull, context.rip);
+  EXPECT_EQ(7u, context.xmm[0][7]);
+  EXPECT_EQ(255u, context.xmm[15][15]);
+  EXPECT_EQ((u32)kUnwindUnreadable, (u32)UnwindFromContextRecord(&reader, kStack + 8, &context));
 }
 
 TEST(UnwindLeaf, PopsTheReturnAddressOrSaysUnreadable) {

@@ -1,0 +1,139 @@
+// The call stack against the program's own view of it: each mode of the stack programs prints its
+// return-address chain (RtlCaptureStackBackTrace) just before it stops, and the engine's frames at
+// the stop must be that chain, frame for frame, below the frame of the function that printed it.
+// Three builds: mingw -O0, mingw -O2 (no frame pointers) and clang-cl /O2 (MSVC ABI).
+#include <gtest/gtest.h>
+
+#include <stdlib.h>
+
+#include <sstream>
+
+#include "symbols/scope_lookup.h"
+#include "tests/win/engine_harness.h"
+
+// The last "chain" debug string, up to its first 0: Wine's backtrace goes on past the end of the
+// stack with whatever it finds there.
+static std::vector<u64> PrintedChain(const Seen &seen) {
+  std::vector<u64> chain;
+  for (const std::string &text : seen.debug_strings)
+    if (text.rfind("chain", 0) == 0) {
+      chain.clear();
+      std::istringstream in(text.substr(5));
+      for (std::string word; in >> word;) {
+        u64 address = strtoull(word.c_str(), nullptr, 16);
+        if (address == 0) break;
+        chain.push_back(address);
+      }
+    }
+  return chain;
+}
+
+static const PdbProcScope *ProcedureOfReturnAddress(Target *t, u64 address) {
+  TargetModule *module = TargetFindModule(t, address);
+  if (!module) return nullptr;
+  ScopeAtAddress scope;
+  FindScopeAtAddress(&module->symbols, nullptr, address, kScopeReturnAddress, &scope);
+  return scope.procedure;
+}
+
+static std::string Describe(const StackFrame *frames, u32 count) {
+  std::ostringstream out;
+  for (u32 i = 0; i < count; i++)
+    out << "#" << i << " " << std::hex << frames[i].ip << " rsp " << frames[i].rsp << " rbp " << frames[i].rbp << std::dec << " "
+        << (frames[i].procedure ? PdbProcName(frames[i].procedure) : frames[i].collapsed ? "(collapsed)" : "?") << "\n";
+  return out.str();
+}
+
+// The printer's frame is the first in the printing function, at an index in [first_min, first_max];
+// every frame below it is the chain's next address, and the stack ends where the chain ends.
+static void ExpectAgrees(Target *t, const StackFrame *frames, u32 count, const std::vector<u64> &chain, u32 first_min,
+                         u32 first_max) {
+  ASSERT_FALSE(chain.empty()) << "the program printed no chain";
+  const PdbProcScope *printer = ProcedureOfReturnAddress(t, chain[0]);
+  ASSERT_NE(printer, nullptr);
+  u32 k = 0;
+  while (k < count && frames[k].procedure != printer) k++;
+  ASSERT_LT(k, count) << "no frame in " << PdbProcName(printer) << "\n" << Describe(frames, count);
+  EXPECT_GE(k, first_min) << Describe(frames, count);
+  EXPECT_LE(k, first_max) << Describe(frames, count);
+  EXPECT_EQ(count, k + chain.size()) << Describe(frames, count);
+  for (size_t i = 1; i < chain.size() && k + i < count; i++)
+    EXPECT_EQ(frames[k + i].ip, chain[i]) << "frame " << k + i << "\n" << Describe(frames, count);
+}
+
+static void EndRun(Target *t, Seen &seen) {
+  EXPECT_EQ(EngineTerminate(t, 0), 0);
+  DriveToEnd(t, seen);
+}
+
+TEST(EngineStack, AgreesWithTheProgramsOwnChain) {
+  const struct {
+    const char *program, *mode;
+    u32 stop_kind;
+    u32 first_min, first_max;  // where the printing function's frame lies
+  } cases[] = {
+      {"stack_o0.exe", "recurse", kEventStopped, 0, 0},  {"stack_o2.exe", "recurse", kEventStopped, 0, 0},
+      {"stack_msvc.exe", "recurse", kEventStopped, 0, 0},
+      // The stop is in a function one call above the printer; at -O2 it has no unwind data.
+      {"stack_o0.exe", "leaf", kEventStopped, 1, 1},     {"stack_o2.exe", "leaf", kEventStopped, 1, 1},
+      {"stack_msvc.exe", "leaf", kEventStopped, 1, 1},
+      // In the vectored handler: the system's dispatch frames lie between it and the raiser.
+      {"stack_o0.exe", "exception", kEventStopped, 2, 8}, {"stack_o2.exe", "exception", kEventStopped, 2, 8},
+      {"stack_msvc.exe", "exception", kEventStopped, 2, 8},
+      {"stack_msvc.exe", "handler", kEventStopped, 0, 0},
+      // Through a function of stack_dll.dll and back.
+      {"stack_o0.exe", "callback", kEventStopped, 0, 0}, {"stack_o2.exe", "callback", kEventStopped, 0, 0},
+      // Stopped at instruction address 0: the caller is frame 0.
+      {"stack_o0.exe", "nullcall", kEventException, 0, 0}, {"stack_o2.exe", "nullcall", kEventException, 0, 0},
+      {"stack_msvc.exe", "nullcall", kEventException, 0, 0},
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(std::string(c.program) + " " + c.mode);
+    Target *t = Launch(c.mode, true, nullptr, c.program);
+    ASSERT_NE(t, nullptr);
+    Seen seen;
+    SeenEvent stop = WaitStopped(t, seen, c.stop_kind);
+    ASSERT_EQ(stop.event.kind, c.stop_kind);
+    const StackFrame *frames = nullptr;
+    u32 count = EngineThreadStack(t, t->current_thread, &frames);
+    ExpectAgrees(t, frames, count, PrintedChain(seen), c.first_min, c.first_max);
+    if (count) EXPECT_EQ(frames[0].return_address, strcmp(c.mode, "nullcall") == 0 ? 1 : 0);
+    EndRun(t, seen);
+  }
+}
+
+// A stack overflow: 1023 frames without collapsing; with it, the deepest frame, the first repeated
+// one, one marker row for the rest of the recursion, then the chain that the first level printed.
+TEST(EngineStack, StackOverflowCollapsesAndTheSwitchWorks) {
+  for (const char *program : {"stack_o0.exe", "stack_o2.exe", "stack_msvc.exe"}) {
+    SCOPED_TRACE(program);
+    Target *t = Launch("overflow", true, nullptr, program);
+    ASSERT_NE(t, nullptr);
+    Seen seen;
+    SeenEvent stop = WaitStopped(t, seen, kEventException);
+    ASSERT_EQ(stop.event.exception.code, 0xC00000FDu);
+    std::vector<u64> chain = PrintedChain(seen);
+    ASSERT_GE(chain.size(), 2u);
+    const PdbProcScope *overflow = ProcedureOfReturnAddress(t, chain[0]);
+    const StackFrame *frames = nullptr;
+    EXPECT_EQ(EngineThreadStack(t, t->current_thread, &frames), (u32)kMaxStackFrames);
+    for (u8 on : {1, 0, 1}) {
+      SeenEvent selected = StopAfter(t, seen, [&] { return EngineSetStackOverflowCollapsing(t, on); });
+      EXPECT_EQ(selected.event.stopped.frame, 0);
+      u32 count = EngineThreadStack(t, t->current_thread, &frames);
+      if (!on) {
+        EXPECT_EQ(count, (u32)kMaxStackFrames);
+        continue;
+      }
+      ASSERT_EQ(count, 3 + chain.size() - 1) << Describe(frames, count);
+      EXPECT_EQ(frames[0].procedure, overflow);
+      EXPECT_EQ(frames[1].procedure, overflow);
+      EXPECT_FALSE(frames[0].collapsed || frames[1].collapsed);
+      EXPECT_TRUE(frames[2].collapsed);
+      EXPECT_GT(frames[2].collapsed_count, 1000u);
+      EXPECT_EQ(frames[2].ip, 0u);
+      for (size_t i = 1; i < chain.size(); i++) EXPECT_EQ(frames[2 + i].ip, chain[i]) << Describe(frames, count);
+    }
+    EndRun(t, seen);
+  }
+}
