@@ -1,13 +1,6 @@
 # Third-party libraries, built as static libraries. Windows build only.
 #  - Dear ImGui's docking branch is vendored, unmodified, in third_party/imgui (see VENDORED.md there);
-#  - Zydis and Zycore come from the pinned Debian source packages that scripts/setup.sh unpacks into
-#    .deps (never committed).
-
-foreach(dir zydis zycore-c)
-  if(NOT EXISTS ${KTRN_DEPS_DIR}/${dir}/.unpacked)
-    message(FATAL_ERROR "${KTRN_DEPS_DIR}/${dir} is missing: run scripts/setup.sh first")
-  endif()
-endforeach()
+#  - Zydis and Zycore: cmake/Zydis.cmake (both builds).
 
 # Dear ImGui: the core and the Win32 platform backend (the renderer is our own, in app/).
 set(IMGUI_DIR ${KTRN_ROOT}/third_party/imgui)
@@ -19,21 +12,6 @@ target_include_directories(imgui SYSTEM PUBLIC ${IMGUI_DIR} ${IMGUI_DIR}/backend
 target_compile_definitions(imgui PUBLIC IMGUI_DISABLE_OBSOLETE_FUNCTIONS)
 target_link_libraries(imgui PUBLIC dwmapi imm32 gdi32)
 target_compile_options(imgui PRIVATE -w)
-
-# Zycore and Zydis: instruction decoding and Intel-syntax formatting.
-file(GLOB ZYCORE_SOURCES ${KTRN_DEPS_DIR}/zycore-c/src/*.c ${KTRN_DEPS_DIR}/zycore-c/src/API/*.c)
-add_library(zycore STATIC ${ZYCORE_SOURCES})
-target_include_directories(zycore SYSTEM PUBLIC ${KTRN_DEPS_DIR}/zycore-c/include)
-target_compile_definitions(zycore PUBLIC ZYCORE_STATIC_BUILD)
-target_compile_options(zycore PRIVATE -w)
-
-file(GLOB ZYDIS_SOURCES ${KTRN_DEPS_DIR}/zydis/src/*.c)
-add_library(zydis STATIC ${ZYDIS_SOURCES})
-target_include_directories(zydis SYSTEM PUBLIC ${KTRN_DEPS_DIR}/zydis/include)
-target_include_directories(zydis PRIVATE ${KTRN_DEPS_DIR}/zydis/src)
-target_compile_definitions(zydis PUBLIC ZYDIS_STATIC_BUILD)
-target_link_libraries(zydis PUBLIC zycore)
-target_compile_options(zydis PRIVATE -w)
 
 # GoogleTest for the tests that run under Wine, built from Debian's googletest source package.
 set(KTRN_GTEST_SRC /usr/src/googletest/googletest)

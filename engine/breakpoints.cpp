@@ -227,6 +227,11 @@ void BreakpointsOnModuleLoad(Target *target, TargetModule *module) {
 }
 
 void BreakpointsOnModuleUnload(Target *target, TargetModule *module) {
+  // The temporary breakpoint's int3 went with the image: its byte must not be written back later
+  // into whatever is mapped there next.
+  TemporaryBreakpoint *temporary = &target->temporary;
+  if (temporary->address >= TargetModuleBase(module) && temporary->address < TargetModuleEnd(module))
+    memset(temporary, 0, sizeof *temporary);
   for (BreakpointLocation *b = target->breakpoints; b; b = b->next) {
     if (b->pending || b->module != module || b->kind == kBreakpointProcessor) continue;
     for (TargetThread *t = target->threads; t; t = t->next)

@@ -49,6 +49,18 @@ EngineResult EngineSetPdbOverride(Target *target, const char *path);
 EngineResult EngineSetInstructionPointer(Target *target, u64 address);
 // Moves the current thread to the first of lines line..line+9 of the source file that has code.
 EngineResult EngineSetNextStatement(Target *target, const char *path, u32 line);
+// Run control, at a stop (26 while running). Each runs the target like EngineRun; its stop comes as
+// kind 1 with the engine's reason (0 step over, 1 step into and instruction step, 2 step out,
+// 5 temporary breakpoint reached), unless something else stops the target first.
+// request: kRunStepOver, kRunStepInto, kRunStepOut or kRunStepInstruction (engine/target.h).
+// 27 without a current thread. A step out asked for while the target runs answers 0 and does nothing.
+EngineResult EngineStep(Target *target, u32 request);
+// Runs to the first of lines line..line+9 of the file that has code (23 when none).
+EngineResult EngineRunToLine(Target *target, const char *path, u32 line);
+// Runs to the program's entry: the first of the nominal entry functions that a loaded module has
+// (WinMain, main, wWinMain, wmain, WinMainCRTStartup, wWinMainCRTStartup), else the main image's
+// entry point. Made for the launched program before its first run.
+EngineResult EngineRunToEntry(Target *target);
 // Adds an expression evaluated at every stop; its results come as events of kind 3. 33 for a text
 // of 256 characters or more, 37 when every request is taken.
 EngineResult EngineAddEvaluationRequest(Target *target, const char *text, void *cookie, EvaluationRequest **out);

@@ -12,6 +12,7 @@
 #include "engine/engine.h"
 #include "engine/engine_internal.h"
 #include "engine/engine_start.h"
+#include "symbols/pdb_raw.h"
 
 enum : u32 { kPathCapacity = 4096 };
 
@@ -306,8 +307,9 @@ EngineResult EngineSetNextStatement(Target *target, const char *path, u32 line) 
   return result;
 }
 
-static EngineResult NextStatementLocked(Target *target, const char *path, u32 line) {
-  if (!target->current_thread) return kEngineSystemCallFailed;
+// The first of lines line..line+9 of the file that has code, in the first loaded module that has
+// one; 0 when none.
+static u64 LineAddress(Target *target, const char *path, u32 line) {
   u64 address = 0;
   for (TargetModule *m = target->modules; m && !address; m = m->next) {
     const ModuleSymbols *symbols = &m->symbols;
@@ -318,8 +320,85 @@ static EngineResult NextStatementLocked(Target *target, const char *path, u32 li
     if (!entry || entry->section == 0 || entry->section > symbols->image.section_count) continue;
     address = symbols->load_base + symbols->image.sections[entry->section - 1].virtual_address + entry->offset;
   }
+  return address;
+}
+
+static EngineResult NextStatementLocked(Target *target, const char *path, u32 line) {
+  if (!target->current_thread) return kEngineSystemCallFailed;
+  u64 address = LineAddress(target, path, line);
   if (!address) return kEngineNoLineCode;
   return SetInstructionPointerLocked(target, address);
+}
+
+// [SECTION] Run control
+
+// With the model lock held: the request for the resume, then the run.
+static EngineResult RunWith(Target *target, u8 request, u64 address) {
+  target->run_request = request;
+  target->run_to_address = address;
+  Signal(target, kWaitRun);
+  Unlock(target);
+  return kEngineOk;
+}
+
+EngineResult EngineStep(Target *target, u32 request) {
+  if (request != kRunStepOver && request != kRunStepInto && request != kRunStepOut && request != kRunStepInstruction)
+    return kEngineNoTarget;
+  EngineResult state = EngineLockStopped(target);
+  if (state == kEngineNotSuspended && request == kRunStepOut) return kEngineOk;  // nothing to step out of
+  if (state != kEngineOk) return NotStopped(state);
+  if (!target->current_thread) {
+    Unlock(target);
+    return kEngineNoCurrentThread;
+  }
+  return RunWith(target, (u8)request, 0);
+}
+
+EngineResult EngineRunToLine(Target *target, const char *path, u32 line) {
+  if (!path) return kEngineNoTarget;
+  EngineResult state = EngineLockStopped(target);
+  if (state != kEngineOk) return NotStopped(state);
+  u64 address = LineAddress(target, path, line);
+  if (!address) {
+    Unlock(target);
+    return kEngineNoLineCode;
+  }
+  return RunWith(target, kRunToAddress, address);
+}
+
+// The start of the first procedure of that name in a loaded module's symbols; 0 when none.
+static u64 ProcedureAddress(Target *target, const char *name) {
+  for (TargetModule *m = target->modules; m; m = m->next) {
+    const ModuleSymbols *symbols = &m->symbols;
+    if (symbols->status != kSymbolsLoaded) continue;
+    const PdbProcScope *procedure = PdbFindProcedure(&symbols->pdb.scopes, name, nullptr);
+    if (!procedure) continue;
+    u32 offset = 0;
+    u16 section = 0;
+    memcpy(&offset, procedure->record + kProcSymOffset, 4);
+    memcpy(&section, procedure->record + kProcSymSection, 2);
+    if (section == 0 || section > symbols->image.section_count) continue;
+    return symbols->load_base + symbols->image.sections[section - 1].virtual_address + offset;
+  }
+  return 0;
+}
+
+EngineResult EngineRunToEntry(Target *target) {
+  static const char *const kNominalEntries[] = {"WinMain",           "main",
+                                                "wWinMain",          "wmain",
+                                                "WinMainCRTStartup", "wWinMainCRTStartup"};
+  EngineResult state = EngineLockStopped(target);
+  if (state != kEngineOk) return NotStopped(state);
+  u64 address = 0;
+  for (u32 i = 0; i < KTRN_ARRAY_COUNT(kNominalEntries) && !address; i++)
+    address = ProcedureAddress(target, kNominalEntries[i]);
+  if (!address && target->main_module && target->main_module->symbols.image.entry_rva)
+    address = target->main_image_base + target->main_module->symbols.image.entry_rva;
+  if (!address) {
+    Unlock(target);
+    return kEngineNoLineCode;
+  }
+  return RunWith(target, kRunToAddress, address);
 }
 
 EngineResult EngineQueueRequest(Target *target, const EngineRequest *request) {

@@ -62,6 +62,21 @@ void EngineServeBreakpointRequest(Target *target, const EngineRequest *request);
 BreakpointLocation *EngineTakeBreakpoint(Target *target);
 void EngineLinkBreakpoint(Target *target, BreakpointLocation *bp);
 
+// [SECTION] Run control (run_control.cpp)
+// The code of the source line at address, [start, end); false when no line has it.
+bool EngineLineRange(Target *target, u64 address, u64 *start, u64 *end);
+// Takes the run request at the resume that starts a run: a step's first decision, the temporary
+// breakpoint of a run to an address or a step out. After the held thread is prepared.
+void EngineRunControlBegin(Target *target);
+// A single step of the thread (after its breakpoint re-arm): claimed when run control asked for it.
+u32 EngineRunControlSingleStep(Target *target, TargetThread *thread, bool *claimed);
+// A breakpoint exception at no user breakpoint: true (and the outcome) when it is the temporary one.
+bool EngineRunControlBreakpoint(Target *target, TargetThread *thread, u64 at, u32 *outcome);
+// The temporary breakpoint out of target memory and forgotten.
+void EngineDropTemporary(Target *target);
+// Step state and temporary breakpoint cleared (every visible stop, a detach).
+void EngineRunControlClear(Target *target);
+
 // [SECTION] Processor breakpoints (processor_breakpoints.cpp)
 // Arms (kind 1) or disarms and frees (kind 2) a slot in every thread.
 void EngineServeProcessorRequest(Target *target, const EngineRequest *request);

@@ -139,6 +139,7 @@ static DWORD WINAPI EngineThreadMain(void *parameter) {
       return 0;
     }
     if (command == kCommandFailed) return 0;
+    EngineRunControlBegin(target);  // a launch that halts at the entry point places its breakpoint
   }
 
   // 9. The loop.

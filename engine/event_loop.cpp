@@ -338,6 +338,7 @@ static void RefreshThreadSnapshot(Target *target, TargetThread *thread) {
 // A visible stop: the model is rebuilt (object 0 clear), then the stop is reported and the
 // evaluation requests after it.
 static void StopSequence(Target *target) {
+  EngineRunControlClear(target);
   target->stop_generation++;
   target->previous_stop_generation = target->stop_target_generation;
   target->stop_target_generation = target->generation;
@@ -396,6 +397,7 @@ static void Resume(Target *target, bool after_stop) {
   if (after_stop) {
     for (TargetThread *t = target->threads; t; t = t->next) t->selected_frame = 0;
     PrepareHeldThread(target);
+    EngineRunControlBegin(target);
     ApplySuspensions(target);
   }
   for (TargetThread *t = target->threads; t; t = t->next) (void)ThreadContextFlush(t);
@@ -515,6 +517,7 @@ void EngineDetach(Target *target, bool event_pending) {
   bool drain = stepping_count > 0;
   for (BreakpointLocation *b = target->breakpoints; b; b = b->next) drain |= b->armed != 0;
   BreakpointsDisarmAll(target);
+  EngineRunControlClear(target);
   EngineDisarmAllSlots(target);
   PrepareHeldThread(target);
   if (TargetThread *t = target->event_thread) ClearTrapFlag(t);

@@ -270,6 +270,8 @@ static u32 HandleBreakpoint(Target *target, TargetThread *thread, const EXCEPTIO
   if (!thread || EngineIsBreakInThread(target, target->event.dwThreadId)) return HandleBreakIn(target);
   u64 at = (u64)(uintptr_t)record->ExceptionAddress;
   BreakpointLocation *bp = BreakpointAt(target, at);
+  u32 temporary_outcome = kOutcomeContinue;
+  if (!bp && EngineRunControlBreakpoint(target, thread, at, &temporary_outcome)) return temporary_outcome;
   u8 byte = 0;
   // An int3 of the engine's that the thread met before it was taken out (removed, disabled, or
   // lifted for another thread's step): the program's own byte is back, so the thread runs it.
@@ -285,6 +287,7 @@ static u32 HandleBreakpoint(Target *target, TargetThread *thread, const EXCEPTIO
   // While the run ends the program's own int3 is not reported and the target runs on to the
   // break-in or the exit that ends the run; a thread the engine holds meets it again once let go.
   if (target->ending || thread->suspended_by_engine) return kOutcomeContinue;
+  EngineRunControlClear(target);
   // The int3 is the program's own. The stop shows the int3 itself (the registers, when read, are
   // moved back to it); the resume steps past it.
   thread->int3_at_stop = at;
@@ -297,7 +300,8 @@ static u32 HandleBreakpoint(Target *target, TargetThread *thread, const EXCEPTIO
 }
 
 // A single-step exception goes through one chain: the int3 this thread stepped over is put back,
-// then a processor breakpoint may claim it; what no link claims is the program's own.
+// then a processor breakpoint may claim it, then run control (a step, the temporary breakpoint put
+// back); what no link claims is the program's own.
 static u32 HandleSingleStep(Target *target, TargetThread *thread, const EXCEPTION_DEBUG_INFO *info) {
   bool ours = false;
   if (thread && thread->rearm_address) {
@@ -307,6 +311,12 @@ static u32 HandleSingleStep(Target *target, TargetThread *thread, const EXCEPTIO
   bool processor = false;
   u32 outcome = EngineProcessorHit(target, thread, &processor);
   if (processor) {
+    target->continue_status = DBG_CONTINUE;
+    return outcome;
+  }
+  bool stepped = false;
+  outcome = EngineRunControlSingleStep(target, thread, &stepped);
+  if (stepped) {
     target->continue_status = DBG_CONTINUE;
     return outcome;
   }

@@ -33,6 +33,7 @@ enum : u32 {
   kBreakInThreadCapacity = 16,
   kFullContextFlags = 0x10005F,  // every register group plus the extended state
   kPlainContextFlags = 0x10001F, // every register group, no extended state
+  kControlContextFlags = 0x100001,  // rip, rsp, rbp, flags, segments: what a step changes
 };
 
 // The wait objects, in their fixed order.
@@ -87,8 +88,9 @@ static inline u64 TargetModuleEnd(const TargetModule *m) { return m->symbols.ext
 // Which parts of a thread's context buffer differ from the thread's own registers.
 enum ContextDirty : u8 {
   kContextClean = 0,
-  kContextIpOnly = 1,  // only the instruction pointer: nothing to write when it is back as read
-  kContextDirty = 2,
+  kContextIpOnly = 1,   // only the instruction pointer: nothing to write when it is back as read
+  kContextControl = 2,  // only control registers (the trap flag of a step): written alone
+  kContextDirty = 3,
 };
 
 // The extended-state features located in a context buffer (the system's feature numbers beside).
@@ -177,6 +179,60 @@ typedef struct ProcessorSlot {
 
 enum : u32 { kProcessorSlotCount = 4 };
 
+// How the target runs at the next resume (what the user asked for with the run); see run_control.cpp.
+enum RunRequest : u8 {
+  kRunPlain = 0,
+  kRunStepOver = 1,
+  kRunStepInto = 2,
+  kRunStepOut = 3,
+  kRunStepInstruction = 4,
+  kRunToAddress = 5,  // run_to_address: a temporary breakpoint there, no step
+};
+
+// The step under way (mode 0: none). Cleared together at every stop.
+enum StepMode : u8 {
+  kStepNone = 0,
+  kStepOver = 1,
+  kStepInto = 2,
+  kStepOut = 3,
+  kStepInstruction = 4,
+};
+
+enum : u32 { kStepCodeCapacity = 512 };
+
+typedef struct StepState {
+  u8 mode;                // StepMode
+  u8 over_call;           // a call (or repeated string instruction) runs to the temporary breakpoint
+  u8 entered_call;        // step into: the next single step is at a callee's first instruction
+  u8 reinsert_temporary;  // the temporary breakpoint was lifted for one instruction of a deeper frame
+  u8 out_of_function;     // a step over the rest of the function: its completion is a step out
+  u8 returning;           // out_of_function: the instruction single-stepped now is the frame's return
+  u8 padding_flags[2];
+  u32 thread_id;          // the stepping thread
+  u64 range_start;        // the current line's code: [start, end)
+  u64 range_end;
+  const u8 *line_file;    // the line stepped (its file's checksum record), null for an instruction range
+  u32 line;
+  u32 padding_line;
+  u64 start_sp;           // the stack pointer when the step began
+  // The line's code as the program has it, read once when the step begins (a line of more than
+  // kStepCodeCapacity bytes is read past this copy).
+  u32 code_size;
+  u32 padding;
+  u8 code[kStepCodeCapacity];
+} StepState;
+
+// The one temporary breakpoint of the target: behind a call being stepped over, at the return
+// address of a step out, at the cursor of a run to cursor, at the entry point.
+typedef struct TemporaryBreakpoint {
+  u64 address;   // 0: none
+  u64 bound_sp;  // the stack pointer the hit must have (recursion reaches the address deeper)
+  u8 sp_bound;
+  u8 armed;      // the int3 is in target memory
+  u8 saved_byte;
+  u8 padding[5];
+} TemporaryBreakpoint;
+
 typedef struct LaunchDescription LaunchDescription;
 
 typedef BOOL(WINAPI *WaitForDebugEventFn)(DEBUG_EVENT *, DWORD);
@@ -243,6 +299,14 @@ typedef struct Target {
   BreakpointLocation *breakpoint_pool;
   ProcessorSlot processor_slots[kProcessorSlotCount];
   struct EvaluationRequests *evaluation_requests;
+
+  // [run control] the request is written by the UI at a stop (under the model lock), the rest is
+  // the debugger thread's
+  u8 run_request;  // RunRequest, taken at the next resume
+  u8 padding_run[7];
+  u64 run_to_address;  // kRunToAddress: where the temporary breakpoint goes
+  StepState step;
+  TemporaryBreakpoint temporary;
 
   // [flags] written by the UI thread, read by the engine
   volatile u8 user_break_requested;  // a break the user asked for and has not seen yet

@@ -64,10 +64,18 @@ EngineResult ThreadContextFlush(TargetThread *thread) {
   if (!slot || slot->dirty == kContextClean) return kEngineOk;
   // Only the instruction pointer moved, and it is back where the system has it: nothing to write.
   bool unchanged = slot->dirty == kContextIpOnly && slot->context->Rip == slot->ip_as_read;
+  u8 dirty = slot->dirty;
   slot->dirty = kContextClean;
   if (unchanged) return kEngineOk;
   slot->ip_as_read = slot->context->Rip;
-  return SetThreadContext(thread->handle, slot->context) ? kEngineOk : kEngineSystemCallFailed;
+  // A moved instruction pointer or a step's trap flag changes the control registers alone: writing
+  // only them spares the system the rest (under Wine, the extended state).
+  CONTEXT *context = slot->context;
+  DWORD flags = context->ContextFlags;
+  if (dirty <= kContextControl) context->ContextFlags = kControlContextFlags;
+  BOOL written = SetThreadContext(thread->handle, context);
+  context->ContextFlags = flags;
+  return written ? kEngineOk : kEngineSystemCallFailed;
 }
 
 const char *EngineThreadPriorityName(s32 priority) {

@@ -10,6 +10,11 @@ enum StopReason : u32 {
   kStopReasonNone = 0,
   kStopReasonRunToCursorMenu = 1,
   kStopReasonRunToCursorKey = 2,
+  kStopReasonEntryStepIntoMenu = 8,  // a launch run to the entry point by Control|Step Into (Line)
+  kStopReasonStepIntoMenu = 18,
+  kStopReasonStepInstructionMenu = 21,
+  kStopReasonStepOutMenu = 24,
+  kStopReasonStepOverMenu = 27,
   kStopReasonContinueCommand = 36,   // the 'continue-execution' command (ktrn-cli's continue)
   kStopReasonAttached = 38,
   kStopReasonBreakMenu = 39,

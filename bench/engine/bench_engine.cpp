@@ -1,4 +1,4 @@
-// bench_engine [ROUNDS] [INT3_COUNT] [STRING_COUNT] [THREAD_COUNT] [HIT_COUNT]
+// bench_engine [ROUNDS] [INT3_COUNT] [STRING_COUNT] [THREAD_COUNT] [HIT_COUNT] [STEP_LOOP_ROUNDS]
 //
 // In one run, each workload alternately under minimal raw debug loops and under the engine; every
 // figure is the median of the rounds. Times run from the workload's first event to its last, so
@@ -19,7 +19,12 @@
 //    second, for a minimal raw loop that does the system work of a hit that goes on: move the
 //    instruction pointer back, put the byte back, single-step, write 0xCC again; and the engine with
 //    a function breakpoint on it, every hit a stop answered with run.
-// 4. The price of the system calls a stop makes, on a debuggee held at its first event.
+// 4. Single steps (bench_hits step N: a loop of N rounds on one source line between two breakpoint
+//    instructions of the program's own), steps per second, for a raw trap-flag loop (from the first
+//    int3 to the second, at every single step: read the control registers, set the trap flag, write
+//    them) and the engine stepping over that line (the program's first int3 a stop, then one step
+//    over, which single-steps every instruction of the loop and stops at the next line).
+// 5. The price of the system calls a stop makes, on a debuggee held at its first event.
 // The load average is printed before and after: under Wine every figure depends on it.
 //
 // [SECTION] Helpers
@@ -347,6 +352,67 @@ static double RawHitsRun(int count) {
   return span.PerEvent();
 }
 
+// The raw trap-flag loop: seconds per single step and the number of steps (the exit code must say
+// the loop's sum came out right).
+static double RawStepsRun(int count, int *steps) {
+  *steps = 0;
+  PROCESS_INFORMATION pi;
+  if (!CreateDebuggee("bench_hits.exe", "step " + std::to_string(count), &pi)) return -1;
+  ContextBuffer registers;
+  registers.Prepare(0x100001);  // CONTEXT_CONTROL: the instruction pointer and the flags
+  ThreadHandles threads;
+  int program_int3s = 0;
+  bool loader_breakpoint = true;
+  DWORD exit_code = 1;
+  double begin = 0, end = 0;
+  for (;;) {
+    DEBUG_EVENT ev;
+    if (!WaitForDebugEvent(&ev, INFINITE)) break;
+    DWORD status = DBG_CONTINUE;
+    threads.Note(ev);
+    CloseEventFiles(ev);
+    if (ev.dwDebugEventCode == EXCEPTION_DEBUG_EVENT) {
+      DWORD code = ev.u.Exception.ExceptionRecord.ExceptionCode;
+      HANDLE thread = threads.Find(ev.dwThreadId);
+      bool trap = false;
+      if (code == EXCEPTION_BREAKPOINT && loader_breakpoint) {
+        loader_breakpoint = false;
+      } else if (code == EXCEPTION_BREAKPOINT) {
+        if (++program_int3s == 1) {
+          begin = Now();
+          trap = true;
+        } else {
+          end = Now();
+          if (thread && registers.Read(thread)) {  // the trap flag set before the int3 ran goes
+            registers.context->EFlags &= ~0x100u;
+            SetThreadContext(thread, registers.context);
+          }
+        }
+      } else if (code == EXCEPTION_SINGLE_STEP && program_int3s == 1) {
+        ++*steps;
+        trap = true;
+      } else {
+        status = DBG_EXCEPTION_NOT_HANDLED;
+      }
+      if (trap && thread && registers.Read(thread)) {
+        registers.context->EFlags |= 0x100;
+        SetThreadContext(thread, registers.context);
+      }
+    } else if (ev.dwDebugEventCode == EXIT_PROCESS_DEBUG_EVENT) {
+      exit_code = ev.u.ExitProcess.dwExitCode;
+    }
+    ContinueDebugEvent(ev.dwProcessId, ev.dwThreadId, status);
+    if (ev.dwDebugEventCode == EXIT_PROCESS_DEBUG_EVENT) break;
+  }
+  CloseHandle(pi.hThread);
+  CloseHandle(pi.hProcess);
+  if (exit_code != 0 || program_int3s != 2 || *steps == 0) {
+    fprintf(stderr, "raw trap-flag loop: %d steps, %d int3s, exit code %lu\n", *steps, program_int3s, exit_code);
+    return -1;
+  }
+  return (end - begin) / *steps;
+}
+
 // [SECTION] The engine
 
 static void Wake(void *user) { SetEvent((HANDLE)user); }
@@ -450,6 +516,64 @@ static double EngineHitsRun(int count) {
     return -1;
   }
   return span.PerEvent();
+}
+
+// The engine stepping over the loop's line: seconds per single step (the target's debug events
+// between the step command and its stop) and the number of steps; the first int3 stop and the
+// step's stop must come as the program has them, and the exit code must say the sum is right.
+static double EngineStepsRun(int count, int *steps) {
+  static HANDLE wake = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+  *steps = 0;
+  std::string path = TargetProgram("bench_hits.exe");
+  std::string arguments = "step " + std::to_string(count);
+  LaunchDescription launch = {};
+  launch.executable = path.c_str();
+  launch.arguments = arguments.c_str();
+  Target *target = nullptr;
+  u32 pid = 0;
+  if (EngineStartLaunch(&launch, Wake, wake, &target, &pid) != 0) return -1;
+  if (EngineRun(target) != 0) {
+    (void)EngineTerminate(target, 1);
+    EngineRelease(target);
+    return -1;
+  }
+  int stops = 0;
+  bool step_completed = false;
+  u64 events_before = 0;
+  double begin = 0, end = 0;
+  u32 exit_code = 1;
+  for (bool done = false; !done;) {
+    WaitForSingleObject(wake, INFINITE);
+    EngineEvent e;
+    for (;;) {
+      (void)EnginePopEvent(target, &e);
+      if (e.kind == kEventNone) break;
+      if (e.kind == kEventStopped) {
+        (void)EngineWaitStopped(target, INFINITE);
+        if (++stops == 1) {  // the first int3: step over the loop's line
+          events_before = target->debug_events;
+          begin = Now();
+          (void)EngineStep(target, kRunStepOver);
+        } else {
+          if (stops == 2) {
+            end = Now();
+            *steps = (int)(target->debug_events - events_before);
+            step_completed = e.stopped.reason == kStopStepOver;
+          }
+          (void)EngineRun(target);
+        }
+      }
+      if (e.kind == kEventModuleUnloaded) TargetModuleRelease(target, e.module.module);
+      if (e.kind == kEventProcessExited) exit_code = e.process.exit_code;
+      if (e.kind == kEventProcessExited || e.kind == kEventDetached) done = true;
+    }
+  }
+  EngineRelease(target);
+  if (exit_code != 0 || !step_completed || *steps == 0) {
+    fprintf(stderr, "engine step: %d steps, %d stops, exit code %u\n", *steps, stops, exit_code);
+    return -1;
+  }
+  return (end - begin) / *steps;
 }
 
 // [SECTION] System calls
@@ -607,7 +731,31 @@ int main(int argc, char **argv) {
   PrintMicroseconds(engine_hit);
   printf(" | %.2f |\n", hit > 0 && engine_hit > 0 ? engine_hit / hit : 0);
 
-  // 4. System calls.
+  // 4. Single steps, alternating the raw loop and the engine.
+  int step_rounds_count = argc > 6 ? atoi(argv[6]) : 2000;
+  std::vector<double> raw_steps, engine_steps;
+  int raw_step_count = 0, engine_step_count = 0;
+  for (int r = 0; r < rounds; r++) {
+    for (int k = 0; k < 2; k++) {
+      if ((k == 0) == (r % 2 == 0))
+        raw_steps.push_back(RawStepsRun(step_rounds_count, &raw_step_count));
+      else
+        engine_steps.push_back(EngineStepsRun(step_rounds_count, &engine_step_count));
+    }
+  }
+  double raw_step = Median(raw_steps), engine_step = Median(engine_steps);
+  printf("\n| single steps (a %d-round loop on one line) | steps per run | steps per second | us per step | "
+         "/ raw loop (speed) |\n|---|---|---|---|---|\n",
+         step_rounds_count);
+  printf("| raw trap-flag loop: read the control registers, set the trap flag, write them | %d | %.0f | ",
+         raw_step_count, raw_step > 0 ? 1 / raw_step : 0);
+  PrintMicroseconds(raw_step);
+  printf(" | 1.00 |\n| the engine: one step over the line | %d | %.0f | ", engine_step_count,
+         engine_step > 0 ? 1 / engine_step : 0);
+  PrintMicroseconds(engine_step);
+  printf(" | %.2f |\n", raw_step > 0 && engine_step > 0 ? raw_step / engine_step : 0);
+
+  // 5. System calls.
   SystemCallCosts();
   printf("\n");
   PrintLoadAverage("after");

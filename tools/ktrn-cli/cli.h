@@ -56,6 +56,10 @@ void CliDrain(Cli *cli);
 void CliRunToEnd(Cli *cli);
 // Runs the stopped target (the run command) and waits for the next stop or the end.
 PumpResult CliContinue(Cli *cli);
+// The same for a run that an engine operation starts (a step, a run to a line): started_by is the
+// StopReason that the operation's stop texts are chosen by; false (and an error line) when the
+// engine refused it.
+bool CliRunBy(Cli *cli, u32 started_by, EngineResult (*start)(Cli *cli, const void *argument), const void *argument);
 
 // Prints "error: COMMAND: MESSAGE" (or "error: MESSAGE" outside a command) on one line.
 void CliError(Cli *cli, const char *format, ...) __attribute__((format(printf, 2, 3)));

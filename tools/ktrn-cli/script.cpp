@@ -5,6 +5,8 @@
 //
 // [SECTION] Arguments
 // [SECTION] Commands
+// [SECTION] Run control
+// [SECTION] Call stack
 // [SECTION] The command table
 // [SECTION] Running a script
 #include <ctype.h>
@@ -16,6 +18,7 @@
 #include "cli.h"
 #include "symbols/pdb_raw.h"
 #include "symbols/scope_lookup.h"
+#include "ui/stop_reason.h"
 
 enum : u32 {
   kScriptMaxArguments = 16,
@@ -430,6 +433,96 @@ static bool CommandKill(Cli *cli, const ScriptArguments *args) {
   return AwaitEnd(cli);
 }
 
+// [SECTION] Run control
+
+// FILE:LINE, split at the last ':' (a path may hold ':' of its own).
+static bool FileLineArgument(Cli *cli, const char *text, char *file, u32 file_capacity, u32 *line) {
+  const char *colon = strrchr(text, ':');
+  u64 number = 0;
+  if (!colon || colon == text || !ParseNumber(colon + 1, &number) || number == 0 || number > 0xFFFFFFFFull) {
+    CliError(cli, "'%s' is not FILE:LINE", text);
+    return false;
+  }
+  if ((u64)(colon - text) >= file_capacity) {
+    CliError(cli, "%s", CliResultText(kEngineTextTooLong));
+    return false;
+  }
+  memcpy(file, text, colon - text);
+  file[colon - text] = 0;
+  *line = (u32)number;
+  return true;
+}
+
+typedef struct FileLine {
+  char file[kBreakpointPlaceCapacity];
+  u32 line;
+} FileLine;
+
+static EngineResult StartStep(Cli *cli, const void *request) { return EngineStep(cli->target, *(const u32 *)request); }
+static EngineResult StartRunToLine(Cli *cli, const void *place) {
+  const FileLine *p = (const FileLine *)place;
+  return EngineRunToLine(cli->target, p->file, p->line);
+}
+static EngineResult StartRunToEntry(Cli *cli, const void *) { return EngineRunToEntry(cli->target); }
+
+// step into|over|out: by source line (out: to the caller).
+static bool CommandStep(Cli *cli, const ScriptArguments *args) {
+  static const struct {
+    const char *word;
+    u32 request;
+    u32 started_by;
+  } kSteps[] = {{"into", kRunStepInto, kStopReasonStepIntoMenu},
+                {"over", kRunStepOver, kStopReasonStepOverMenu},
+                {"out", kRunStepOut, kStopReasonStepOutMenu}};
+  for (const auto &s : kSteps)
+    if (!strcmp(args->word[0], s.word)) return CliRunBy(cli, s.started_by, StartStep, &s.request);
+  CliError(cli, "step into, over or out");
+  return false;
+}
+
+static bool CommandStepInstruction(Cli *cli, const ScriptArguments *) {
+  static const u32 request = kRunStepInstruction;
+  return CliRunBy(cli, kStopReasonStepInstructionMenu, StartStep, &request);
+}
+
+static bool CommandRunTo(Cli *cli, const ScriptArguments *args) {
+  FileLine place;
+  if (!FileLineArgument(cli, args->rest[0], place.file, sizeof place.file, &place.line)) return false;
+  return CliRunBy(cli, kStopReasonRunToCursorMenu, StartRunToLine, &place);
+}
+
+// launch-and-halt: the launched program, before its first run, runs to its entry point.
+static bool CommandLaunchAndHalt(Cli *cli, const ScriptArguments *) {
+  if (!cli->held) {
+    CliError(cli, "the program has started already");
+    return false;
+  }
+  return CliRunBy(cli, kStopReasonEntryStepIntoMenu, StartRunToEntry, nullptr);
+}
+
+// set-next FILE:LINE: the stopped thread goes on at that line; the stop line shows where.
+static bool CommandSetNext(Cli *cli, const ScriptArguments *args) {
+  FileLine place;
+  if (!FileLineArgument(cli, args->rest[0], place.file, sizeof place.file, &place.line)) return false;
+  // The stop was reported just before the engine waits for commands: the move waits for that.
+  EngineResult result = EngineWaitStopped(cli->target, kRefreshTimeoutMs);
+  if (result == kEngineOk) result = EngineSetNextStatement(cli->target, place.file, place.line);
+  if (result != kEngineOk) {
+    CliError(cli, "%s", CliResultText(result));
+    return false;
+  }
+  if (!AwaitRefresh(cli)) return false;
+  TargetThread *thread = CliStopThread(cli);
+  const CONTEXT *context = CliThreadContext(cli, thread);
+  CliPlace where = {"?", "?"};
+  if (context) CliPlaceOfAddress(cli, context->Rip, &where);
+  printf("stopped | %s | thread %u | %s | %s\n", StopReasonStoppedText(kStopReasonNextStatement, cli->started_by),
+         thread ? thread->id : 0, where.function, where.file_line);
+  return true;
+}
+
+// [SECTION] Call stack
+
 // stack [THREAD]: the thread's frames, innermost first (the thread of the last stop by default).
 static bool CommandStack(Cli *cli, const ScriptArguments *args) {
   TargetThread *thread = args->count ? ThreadArgument(cli, args->word[0]) : CliStopThread(cli);
@@ -479,6 +572,11 @@ static bool CommandFrame(Cli *cli, const ScriptArguments *args) {
 static const ScriptCommand kScriptCommands[] = {
     // name, arguments, min, max, needs, function
     {"continue", "", 0, 0, kNeedsStop, CommandContinue},
+    {"step", "into|over|out", 1, 1, kNeedsStartedStop, CommandStep},
+    {"stepi", "", 0, 0, kNeedsStartedStop, CommandStepInstruction},
+    {"run-to", "FILE:LINE", 1, kArgumentsRestOfLine, kNeedsStop, CommandRunTo},
+    {"set-next", "FILE:LINE", 1, kArgumentsRestOfLine, kNeedsStartedStop, CommandSetNext},
+    {"launch-and-halt", "", 0, 0, kNeedsStop, CommandLaunchAndHalt},
     {"threads", "", 0, 0, kNeedsStop, CommandThreads},
     {"freeze", "TID|#N", 1, 1, kNeedsStartedStop, CommandFreeze},
     {"thaw", "TID|#N", 1, 1, kNeedsStartedStop, CommandThaw},

@@ -276,6 +276,24 @@ void CliRunToEnd(Cli *cli) {
   }
 }
 
+bool CliRunBy(Cli *cli, u32 started_by, EngineResult (*start)(Cli *cli, const void *argument), const void *argument) {
+  if (EngineWaitStopped(cli->target, 10000) != 0) {
+    CliError(cli, "%s", CliResultText(kEngineNotSuspended));
+    return false;
+  }
+  EngineResult result = start(cli, argument);
+  if (result != kEngineOk) {
+    CliError(cli, "%s", CliResultText(result));
+    return false;
+  }
+  cli->started_by = started_by;
+  cli->stopped = 0;
+  cli->held = 0;
+  if (CliPump(cli, false, cli->stop_timeout_ms) != kPumpTimedOut) return true;
+  CliError(cli, "no stop within %g s (the program still runs)", cli->stop_timeout_ms / 1000.0);
+  return false;
+}
+
 PumpResult CliContinue(Cli *cli) {
   cli->started_by = kStopReasonContinueCommand;
   int result = Run(cli);

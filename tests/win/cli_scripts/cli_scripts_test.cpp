@@ -6,6 +6,8 @@
 //   {targets}        the folder of the test programs
 //   {source}         eng_target.cpp, as the test programs' PDBs name it
 //   {line:MARKER}    the line of eng_target.cpp whose comment holds MARKER
+//   {step_source}    eng_step.c (the stepping program), as its PDB names it
+//   {step:MARKER}    the line of eng_step.c whose comment holds MARKER
 //   {pid:MODE}       (arguments only) the id of an eng_target.exe started in MODE outside the debugger,
 //                    ended after the run
 // In expected lines: {n} stands for decimal digits, {x} for hexadecimal digits, {*} for any text,
@@ -43,8 +45,8 @@ static std::vector<std::string> Lines(const std::string &text) {
   return lines;
 }
 
-static int MarkerLine(const std::string &marker) {
-  std::ifstream in(std::string("Z:") + KTRN_SOURCE_DIR + "/tests/targets/engine/eng_target.cpp");
+static int MarkerLine(const char *file, const std::string &marker) {
+  std::ifstream in(std::string("Z:") + KTRN_SOURCE_DIR + "/tests/targets/engine/" + file);
   std::string line;
   for (int n = 1; std::getline(in, line); n++)
     if (line.find("// " + marker) != std::string::npos) return n;
@@ -100,8 +102,16 @@ static bool CommonSubstitution(const std::string &key, std::string *value) {
     *value = KTRN_SOURCE_DIR "/tests/targets/engine/eng_target.cpp";
     return true;
   }
+  if (key == "step_source") {
+    *value = KTRN_SOURCE_DIR "/tests/targets/engine/eng_step.c";
+    return true;
+  }
   if (key.compare(0, 5, "line:") == 0) {
-    *value = std::to_string(MarkerLine(key.substr(5)));
+    *value = std::to_string(MarkerLine("eng_target.cpp", key.substr(5)));
+    return true;
+  }
+  if (key.compare(0, 5, "step:") == 0) {
+    *value = std::to_string(MarkerLine("eng_step.c", key.substr(5)));
     return true;
   }
   return false;
