@@ -27,10 +27,13 @@ TEST(EngineThreads, FreezeAndSoloSeenThroughCountingThreads) {
   ASSERT_GE(WaitForKind(t, seen, kEventText), 0);
   unsigned long long address = 0;
   ASSERT_EQ(sscanf(seen.debug_strings[0].c_str(), "counts at %llx", &address), 1);
-  auto counter = [&](int index) {  // the counting threads in the order they were made
-    int n = 0;
-    for (TargetThread *th = t->threads; th; th = th->next)
-      if (!strcmp(th->name, "eng_target.exe!Counter") && n++ == index) return th;
+  auto counter = [&](int slot) {  // the counting thread of a slot, by the id the program told
+    for (const std::string &text : seen.debug_strings) {
+      int told = -1;
+      unsigned long id = 0;
+      if (sscanf(text.c_str(), "counter %d is thread %lu", &told, &id) == 2 && told == slot)
+        return TargetFindThread(t, (u32)id);
+    }
     return (TargetThread *)nullptr;
   };
   std::vector<LONG> before;

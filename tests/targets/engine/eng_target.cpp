@@ -379,12 +379,19 @@ int main(int argc, char **argv) {
     char line[64];
     snprintf(line, sizeof line, "counts at %p\n", (void *)g_counts);
     OutputDebugStringA(line);
-    CreateThread(nullptr, 0, Counter, (void *)0, 0, nullptr);
-    CreateThread(nullptr, 0, Counter, (void *)1, 0, nullptr);
+    // Each counter's thread id is told, since threads report their start in no fixed order.
+    auto start_counter = [&](int slot) {
+      DWORD id = 0;
+      CreateThread(nullptr, 0, Counter, (void *)(ULONG_PTR)slot, 0, &id);
+      snprintf(line, sizeof line, "counter %d is thread %lu\n", slot, (unsigned long)id);
+      OutputDebugStringA(line);
+    };
+    start_counter(0);
+    start_counter(1);
     for (int i = 0; i < 5; i++) {
       Sleep(100);
       __debugbreak();
-      if (i == 1) CreateThread(nullptr, 0, Counter, (void *)2, 0, nullptr);
+      if (i == 1) start_counter(2);
     }
     return 0;
   }
