@@ -57,10 +57,11 @@ EngineResult EngineSetNextStatement(Target *target, const char *path, u32 line);
 EngineResult EngineStep(Target *target, u32 request);
 // Runs to the first of lines line..line+9 of the file that has code (23 when none).
 EngineResult EngineRunToLine(Target *target, const char *path, u32 line);
-// Runs to the program's entry: the first of the nominal entry functions that a loaded module has
-// (WinMain, main, wWinMain, wmain, WinMainCRTStartup, wWinMainCRTStartup), else the main image's
-// entry point. Made for the launched program before its first run.
-EngineResult EngineRunToEntry(Target *target);
+// Runs to the program's entry: with nominal_entry (the session's "Nominal entry point"), the first
+// of the nominal entry functions that a loaded module has (WinMain, main, wWinMain, wmain,
+// WinMainCRTStartup, wWinMainCRTStartup), else, and always without it, the main image's entry
+// point. Made for the launched program before its first run.
+EngineResult EngineRunToEntry(Target *target, bool nominal_entry);
 // Adds an expression evaluated at every stop; its results come as events of kind 3. 33 for a text
 // of 256 characters or more, 37 when every request is taken.
 EngineResult EngineAddEvaluationRequest(Target *target, const char *text, void *cookie, EvaluationRequest **out);

@@ -383,14 +383,14 @@ static u64 ProcedureAddress(Target *target, const char *name) {
   return 0;
 }
 
-EngineResult EngineRunToEntry(Target *target) {
+EngineResult EngineRunToEntry(Target *target, bool nominal_entry) {
   static const char *const kNominalEntries[] = {"WinMain",           "main",
                                                 "wWinMain",          "wmain",
                                                 "WinMainCRTStartup", "wWinMainCRTStartup"};
   EngineResult state = EngineLockStopped(target);
   if (state != kEngineOk) return NotStopped(state);
   u64 address = 0;
-  for (u32 i = 0; i < KTRN_ARRAY_COUNT(kNominalEntries) && !address; i++)
+  for (u32 i = 0; nominal_entry && i < KTRN_ARRAY_COUNT(kNominalEntries) && !address; i++)
     address = ProcedureAddress(target, kNominalEntries[i]);
   if (!address && target->main_module && target->main_module->symbols.image.entry_rva)
     address = target->main_image_base + target->main_module->symbols.image.entry_rva;

@@ -463,7 +463,9 @@ static EngineResult StartRunToLine(Cli *cli, const void *place) {
   const FileLine *p = (const FileLine *)place;
   return EngineRunToLine(cli->target, p->file, p->line);
 }
-static EngineResult StartRunToEntry(Cli *cli, const void *) { return EngineRunToEntry(cli->target); }
+static EngineResult StartRunToEntry(Cli *cli, const void *nominal) {
+  return EngineRunToEntry(cli->target, *(const bool *)nominal);
+}
 
 // step into|over|out: by source line (out: to the caller).
 static bool CommandStep(Cli *cli, const ScriptArguments *args) {
@@ -491,13 +493,19 @@ static bool CommandRunTo(Cli *cli, const ScriptArguments *args) {
   return CliRunBy(cli, kStopReasonRunToCursorMenu, StartRunToLine, &place);
 }
 
-// launch-and-halt: the launched program, before its first run, runs to its entry point.
-static bool CommandLaunchAndHalt(Cli *cli, const ScriptArguments *) {
+// launch-and-halt [entry]: the launched program, before its first run, runs to its nominal entry
+// point (main, WinMain, ...), or with "entry" to the image's own entry point function.
+static bool CommandLaunchAndHalt(Cli *cli, const ScriptArguments *args) {
   if (!cli->held) {
     CliError(cli, "the program has started already");
     return false;
   }
-  return CliRunBy(cli, kStopReasonEntryStepIntoMenu, StartRunToEntry, nullptr);
+  static const bool kNominal = true, kImageEntry = false;
+  if (args->count == 1 && strcmp(args->word[0], "entry")) {
+    CliError(cli, "launch-and-halt [entry]");
+    return false;
+  }
+  return CliRunBy(cli, kStopReasonEntryStepIntoMenu, StartRunToEntry, args->count == 1 ? &kImageEntry : &kNominal);
 }
 
 // set-next FILE:LINE: the stopped thread goes on at that line; the stop line shows where.
@@ -576,7 +584,7 @@ static const ScriptCommand kScriptCommands[] = {
     {"stepi", "", 0, 0, kNeedsStartedStop, CommandStepInstruction},
     {"run-to", "FILE:LINE", 1, kArgumentsRestOfLine, kNeedsStop, CommandRunTo},
     {"set-next", "FILE:LINE", 1, kArgumentsRestOfLine, kNeedsStartedStop, CommandSetNext},
-    {"launch-and-halt", "", 0, 0, kNeedsStop, CommandLaunchAndHalt},
+    {"launch-and-halt", "[entry]", 0, 1, kNeedsStop, CommandLaunchAndHalt},
     {"threads", "", 0, 0, kNeedsStop, CommandThreads},
     {"freeze", "TID|#N", 1, 1, kNeedsStartedStop, CommandFreeze},
     {"thaw", "TID|#N", 1, 1, kNeedsStartedStop, CommandThaw},
