@@ -133,9 +133,51 @@ static u64 Resolve(TargetModule *module, BreakpointLocation *bp) {
   return 0;
 }
 
-// Binds a pending record in the module (every loaded module when null). kEngineOk whether it was
-// bound or stays pending; kEngineBreakpointExists when a live record has that address already
-// (out_existing names it); kEngineSystemCallFailed for an address no module section holds.
+// Fills a record's binding at address in module and writes its int3 when enabled; false when the
+// program's byte cannot be read (the bind fails silently).
+static bool BindAt(Target *target, BreakpointLocation *bp, TargetModule *module, u64 address) {
+  u8 byte = 0;
+  if (!TargetReadMemory(target, address, &byte, 1)) return false;
+  bp->saved_byte = byte;
+  bp->module = module;
+  bp->address = address;
+  bp->pending = 0;
+  EngineLocate(target, address, &bp->location);
+  if (bp->enabled) BreakpointArm(target, bp);
+  return true;
+}
+
+static bool HasBindingIn(Target *target, const BreakpointLocation *owner, const TargetModule *module) {
+  for (BreakpointLocation *b = target->breakpoints; b; b = b->next)
+    if ((b == owner || b->owner == owner) && !b->pending && b->module == module) return true;
+  return false;
+}
+
+// A line breakpoint's binding in one more module: a record of its own, owned by the user's record.
+// Nothing when the module lacks the line, already has a binding of it, or another breakpoint holds
+// the address; a full pool leaves that module without one.
+static void BindFurther(Target *target, BreakpointLocation *owner, TargetModule *module) {
+  if (HasBindingIn(target, owner, module)) return;
+  u64 address = Resolve(module, owner);
+  if (!address || BreakpointAt(target, address)) return;
+  BreakpointLocation *further = EngineTakeBreakpoint(target);
+  if (!further) return;
+  further->kind = owner->kind;
+  further->line = owner->line;
+  further->enabled = owner->enabled;
+  further->owner = owner;
+  memcpy(further->place, owner->place, sizeof further->place);
+  if (!BindAt(target, further, module, address)) {
+    GiveBack(target, further);
+    return;
+  }
+  EngineLinkBreakpoint(target, further);
+}
+
+// Binds a pending record in the module (every loaded module when null); a line breakpoint binds in
+// every module that has its line. kEngineOk whether it was bound or stays pending;
+// kEngineBreakpointExists when a live record has that address already (out_existing names the
+// user's record of it); kEngineSystemCallFailed for an address no module section holds.
 static EngineResult Bind(Target *target, BreakpointLocation *bp, TargetModule *only, BreakpointLocation **out_existing) {
   u64 address = 0;
   TargetModule *module = nullptr;
@@ -145,17 +187,12 @@ static EngineResult Bind(Target *target, BreakpointLocation *bp, TargetModule *o
   }
   if (!address) return bp->kind == kBreakpointAddress && !only ? kEngineSystemCallFailed : kEngineOk;
   if (BreakpointLocation *existing = BreakpointAt(target, address)) {
-    if (out_existing) *out_existing = existing;
+    if (out_existing) *out_existing = existing->owner ? existing->owner : existing;
     return kEngineBreakpointExists;
   }
-  u8 byte = 0;
-  if (!TargetReadMemory(target, address, &byte, 1)) return kEngineOk;  // the bind fails silently
-  bp->saved_byte = byte;
-  bp->module = module;
-  bp->address = address;
-  bp->pending = 0;
-  EngineLocate(target, address, &bp->location);
-  if (bp->enabled) BreakpointArm(target, bp);
+  if (!BindAt(target, bp, module, address)) return kEngineOk;
+  if (bp->kind == kBreakpointSourceLine && !only)
+    for (TargetModule *m = module->next; m; m = m->next) BindFurther(target, bp, m);
   return kEngineOk;
 }
 
@@ -193,13 +230,34 @@ bool TargetReadProgramMemory(Target *target, u64 address, void *buffer, u32 size
 }
 
 // Takes a record out: its int3 (never re-armed after a step), its place in the list, its pool slot.
-static void Remove(Target *target, BreakpointLocation *bp) {
+static void RemoveOne(Target *target, BreakpointLocation *bp) {
   BreakpointDisarm(target, bp);
   if (bp->kind == kBreakpointProcessor) EngineReleaseProcessorSlot(target, bp->slot);
   for (TargetThread *t = target->threads; t; t = t->next)
     if (t->rearm_address == bp->address && !bp->pending) t->rearm_address = 0;
   Unlink(target, bp);
   GiveBack(target, bp);
+}
+
+// The user's record with its bindings in further modules.
+static void Remove(Target *target, BreakpointLocation *bp) {
+  for (BreakpointLocation *b = target->breakpoints, *next; b; b = next) {
+    next = b->next;
+    if (b->owner == bp) RemoveOne(target, b);
+  }
+  RemoveOne(target, bp);
+}
+
+// Switches a user's record and its further bindings on or off.
+static void Enable(Target *target, BreakpointLocation *bp, u8 enabled) {
+  for (BreakpointLocation *b = target->breakpoints; b; b = b->next) {
+    if (b != bp && b->owner != bp) continue;
+    b->enabled = enabled ? 1 : 0;
+    if (b->enabled)
+      BreakpointArm(target, b);
+    else
+      BreakpointDisarm(target, b);
+  }
 }
 
 void EngineRearmAfterStep(Target *target, TargetThread *thread) {
@@ -220,10 +278,31 @@ void BreakpointsDisarmAll(Target *target) {
 // [SECTION] Module loads and unloads
 
 void BreakpointsOnModuleLoad(Target *target, TargetModule *module) {
+  // Records made here are linked at the head, behind the walk.
   for (BreakpointLocation *b = target->breakpoints; b; b = b->next) {
-    if (!b->pending || (b->kind != kBreakpointFunction && b->kind != kBreakpointSourceLine)) continue;
+    if (b->owner || (b->kind != kBreakpointFunction && b->kind != kBreakpointSourceLine)) continue;
+    if (!b->pending) {
+      if (b->kind == kBreakpointSourceLine) BindFurther(target, b, module);
+      continue;
+    }
     if (Bind(target, b, module, nullptr) == kEngineOk && !b->pending) PostBreakpointEvent(target, kEventBreakpointBound, b);
   }
+}
+
+// A further binding that outlives the module of its owner's takes the owner's place.
+static bool MoveFurtherBindingIntoOwner(Target *target, BreakpointLocation *owner) {
+  for (BreakpointLocation *b = target->breakpoints; b; b = b->next) {
+    if (b->owner != owner || b->pending || b->module == owner->module) continue;
+    owner->module = b->module;
+    owner->address = b->address;
+    owner->saved_byte = b->saved_byte;
+    owner->armed = b->armed;  // the int3 in memory is the same one
+    owner->location = b->location;
+    Unlink(target, b);
+    GiveBack(target, b);
+    return true;
+  }
+  return false;
 }
 
 void BreakpointsOnModuleUnload(Target *target, TargetModule *module) {
@@ -232,10 +311,21 @@ void BreakpointsOnModuleUnload(Target *target, TargetModule *module) {
   TemporaryBreakpoint *temporary = &target->temporary;
   if (temporary->address >= TargetModuleBase(module) && temporary->address < TargetModuleEnd(module))
     memset(temporary, 0, sizeof *temporary);
-  for (BreakpointLocation *b = target->breakpoints; b; b = b->next) {
+  for (BreakpointLocation *b = target->breakpoints, *next; b; b = next) {
+    next = b->next;
     if (b->pending || b->module != module || b->kind == kBreakpointProcessor) continue;
     for (TargetThread *t = target->threads; t; t = t->next)
       if (t->rearm_address == b->address) t->rearm_address = 0;
+    if (b->owner) {  // a further binding goes with its module, unreported
+      Unlink(target, b);
+      GiveBack(target, b);
+      continue;
+    }
+    if (MoveFurtherBindingIntoOwner(target, b)) {
+      next = target->breakpoints;  // the walk's next record may have been the one moved
+      PostBreakpointEvent(target, kEventBreakpointBound, b);
+      continue;
+    }
     PostBreakpointEvent(target, kEventBreakpointLost, b);
     b->pending = 1;
     b->armed = 0;  // the image and the int3 in it are gone
@@ -271,12 +361,7 @@ void EngineServeBreakpointRequest(Target *target, const EngineRequest *request) 
       if (IsLinked(target, bp)) Remove(target, bp);
       return;
     case kRequestEnableBreakpoint:
-      if (!IsLinked(target, bp)) return;
-      bp->enabled = request->slot;
-      if (bp->enabled)
-        BreakpointArm(target, bp);
-      else
-        BreakpointDisarm(target, bp);
+      if (IsLinked(target, bp)) Enable(target, bp, (u8)request->slot);
       return;
   }
 }
@@ -392,13 +477,7 @@ EngineResult EngineEnableBreakpoint(Target *target, BreakpointLocation *bp, u8 e
   EngineResult state = EngineLockStopped(target);
   if (state == kEngineOk) {
     bool linked = IsLinked(target, bp);
-    if (linked) {
-      bp->enabled = enabled ? 1 : 0;
-      if (bp->enabled)
-        BreakpointArm(target, bp);
-      else
-        BreakpointDisarm(target, bp);
-    }
+    if (linked) Enable(target, bp, enabled);
     EngineUnlockModel(target);
     return linked ? kEngineOk : kEngineUnknownBreakpoint;
   }

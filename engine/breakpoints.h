@@ -39,6 +39,10 @@ typedef struct BreakpointLocation {
   u32 size;           // processor breakpoints: 1, 2, 4 or 8 bytes
   u32 padding;
   u64 requested_address;  // address and processor breakpoints: the address asked for
+  // A line breakpoint binds in every module whose line table has its line: the user's record holds
+  // the first binding, and each further module gets a record of its own whose owner is the user's
+  // record (hits report the owner; removing or switching the owner takes these along).
+  struct BreakpointLocation *owner;
   struct TargetModule *module;  // bound: the module that holds the address
   u64 address;                  // bound: where the int3 goes
   EngineSourceLocation location;

@@ -242,7 +242,8 @@ static void RewindToInt3(TargetThread *thread, u64 at) {
 // A breakpoint of the user's was hit (the thread is back on its address). With a condition the hit
 // is counted; conditions are not evaluated yet, so every hit stops, as one whose condition could
 // not be evaluated does.
-static u32 BreakpointHit(Target *target, TargetThread *thread, BreakpointLocation *bp, u64 at) {
+static u32 BreakpointHit(Target *target, TargetThread *thread, BreakpointLocation *hit, u64 at) {
+  BreakpointLocation *bp = hit->owner ? hit->owner : hit;  // a further binding reports the user's record
   if (bp->condition[0]) bp->hit_count++;
   target->user_break_requested = 0;  // this stop answers a break the user waits for
   target->current_thread = thread;
@@ -252,7 +253,7 @@ static u32 BreakpointHit(Target *target, TargetThread *thread, BreakpointLocatio
   event.breakpoint.location_record = bp;
   event.breakpoint.address = at;
   event.breakpoint.thread_id = thread->id;
-  event.breakpoint.location = bp->location;
+  event.breakpoint.location = hit->location;
   EngineHoldStopEvent(target, &event);
   return kOutcomeStop;
 }

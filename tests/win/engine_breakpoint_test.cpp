@@ -161,6 +161,34 @@ TEST(EngineBreakpoints, PendingInADllLoadedLater) {
   EXPECT_EQ(seen.exit_code, 42u);
 }
 
+// A line of a header compiled into the program and into its DLL binds in both: in the program at
+// once, in the DLL when it loads (no event: the user's record is bound already). Every hit reports
+// the user's record, with the place that was hit; the DLL's binding goes quietly with the DLL.
+TEST(EngineBreakpoints, LineSharedByTheProgramAndItsDllBindsInBoth) {
+  Target *t = Launch("shared", false);
+  ASSERT_NE(t, nullptr);
+  const std::string header = KTRN_SOURCE_DIR "/tests/targets/engine/eng_shared.h";
+  int line = MarkerLine("SHARED_SCALE_LINE", header.c_str());
+  BreakpointLocation *bp = Add(t, kBreakpointSourceLine, header.c_str(), (u32)line);
+  ASSERT_NE(bp, nullptr);
+  EXPECT_EQ(bp->pending, 0);
+  Seen seen;
+  std::vector<std::string> hit_modules;
+  EXPECT_EQ(EngineRun(t), 0);
+  DriveToEnd(t, seen, [&](Target *target, const SeenEvent &e) {
+    ASSERT_EQ(EngineWaitStopped(target, 10000), 0);
+    if (e.event.kind == kEventBreakpointHit) {
+      EXPECT_EQ(e.event.breakpoint.location_record, bp);
+      EXPECT_EQ((int)e.event.breakpoint.location.line, line);
+      hit_modules.push_back(e.module_name);
+    }
+    EXPECT_EQ(EngineRun(target), 0);
+  });
+  EXPECT_EQ(hit_modules, (std::vector<std::string>{"eng_target.exe", "eng_plugin.dll", "eng_target.exe"}));
+  EXPECT_EQ(seen.Count(kEventBreakpointBound) + seen.Count(kEventBreakpointLost), 0);
+  EXPECT_EQ(seen.exit_code, 18u);  // 3 + 6 + 9: every call ran its own code
+}
+
 // Conditions are kept as text and parse state; evaluated they are not yet, so every hit of a
 // conditioned breakpoint stops (as one whose condition could not be evaluated does) and is counted.
 // A disabled breakpoint keeps its binding and its place but no int3.

@@ -1,11 +1,13 @@
 // The engine's test program: one mode per scenario, chosen by the first argument.
-//   threads | strings | av | avraw | shadow | div0 | overflow | nullcall | int3 | int3loop N | int3tick N | count | bp N | bpthreads N | bpspin | dll2 | ymm | priorities | data | drprobe | step | strloop N | spin | many N | env | cwd | dll
+//   threads | strings | av | avraw | shadow | div0 | overflow | nullcall | int3 | int3loop N | int3tick N | count | bp N | bpthreads N | bpspin | shared | dll2 | ymm | priorities | data | drprobe | step | strloop N | spin | many N | env | cwd | dll
 //   | cxx | cxxbad | unknown
 #include <windows.h>
 
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+
+#include "eng_shared.h"
 
 // [SECTION] Exceptions the program handles itself
 
@@ -276,12 +278,17 @@ static int Recurse(int depth) {
   return Recurse(depth + 1) + frame[0];
 }
 
-static int Dll(void) {
+// eng_plugin.dll from the program's own folder.
+static HMODULE LoadPlugin(void) {
   wchar_t path[MAX_PATH];
   DWORD n = GetModuleFileNameW(nullptr, path, MAX_PATH);
   while (n && path[n - 1] != L'\\') n--;
   wcscpy(path + n, L"eng_plugin.dll");
-  HMODULE plugin = LoadLibraryW(path);
+  return LoadLibraryW(path);
+}
+
+static int Dll(void) {
+  HMODULE plugin = LoadPlugin();
   if (!plugin) return 100;
   int (*answer)(void) = (int (*)(void))(void *)GetProcAddress(plugin, "PluginAnswer");
   int (*twice)(int) = (int (*)(int))(void *)GetProcAddress(plugin, "PluginTwice");
@@ -289,6 +296,16 @@ static int Dll(void) {
   FreeLibrary(plugin);
   OutputDebugStringA("plugin freed\n");
   return result;
+}
+
+// The line of eng_shared.h runs in the program, then in the plugin, then in the program again.
+static int SharedInBoth(void) {
+  int sum = SharedScale(1);
+  HMODULE plugin = LoadPlugin();
+  int (*scaled)(int) = plugin ? (int (*)(int))(void *)GetProcAddress(plugin, "PluginScaled") : nullptr;
+  sum += scaled ? scaled(2) : 100;
+  if (plugin) FreeLibrary(plugin);
+  return sum + SharedScale(3);  // 3 + 6 + 9
 }
 
 static int Env(void) {
@@ -404,6 +421,7 @@ int main(int argc, char **argv) {
       Sleep(1);
     }
   }
+  if (!strcmp(mode, "shared")) return SharedInBoth();
   if (!strcmp(mode, "dll2")) {
     int first = Dll(), second = Dll();
     return first + second;
