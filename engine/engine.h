@@ -74,8 +74,9 @@ EngineResult EngineQueueRequest(Target *target, const EngineRequest *request);
 // Each works at a stop (under the model lock) or, while the target runs, through the request
 // ring and a silent break-in: then the result says only that it was queued, and a breakpoint bound
 // later reports itself with kind 8.
-// Adds a function, line or address breakpoint: bound in the first loaded module that has the place,
-// else pending until one loads. 20 when a breakpoint sits at that address already (out names it),
+// Adds a function, line or address breakpoint: bound in the first loaded module that has the place
+// (a line in every module that has it, the later ones as records of the engine's own that report
+// through this one), else pending until one loads. 20 when a breakpoint sits at that address already (out names it),
 // 37 for an address no module section holds, 24 for a condition that does not parse (the
 // breakpoint is made, its condition kept as text with the parse error), 33 for a text too long.
 EngineResult EngineAddBreakpoint(Target *target, const BreakpointWanted *wanted, BreakpointLocation **out);
