@@ -12,6 +12,7 @@
 #include <string.h>
 
 #include "ui/output_window.h"
+#include "ui/session_dialogs.h"
 #include "ui/stop_reason.h"
 #include "ui/text_capture.h"
 
@@ -105,13 +106,15 @@ static void DrawSessionMenu(AppState *app, MainFrameState *state) {
     if (s->recent_files.count == 0) ImGui::MenuItem("Empty", nullptr, false, false);
     for (u32 i = 0; i < s->recent_files.count; i++)
       if (ImGui::MenuItem(s->recent_files.paths[i])) r->open_recent = s->recent_files.paths[i];
+    ImGui::Separator();
+    if (ImGui::MenuItem("Clear", nullptr, false, s->recent_files.count != 0)) r->clear_recent = true;
     ImGui::EndMenu();
   }
   ImGui::Separator();
-  // Not built yet: the target command editor and the attach dialog.
-  ImGui::MenuItem("Application and Parameters###achr", nullptr, false, false);
-  ImGui::MenuItem("Attach to Process...", "Shift+F6", false, false);
-  ImGui::MenuItem("Reattach to Process...", "Ctrl+Shift+F6", false, false);
+  if (ImGui::MenuItem("Application and Parameters###achr")) state->show_target_editor = true;
+  if (ImGui::MenuItem("Attach to Process...", "Shift+F6")) state->show_attach = true;
+  if (ImGui::MenuItem("Reattach to Process...", "Ctrl+Shift+F6", false, state->reattach_name && state->reattach_name[0]))
+    r->reattach = true;
   ImGui::Separator();
   if (ImGui::MenuItem("Exit")) r->quit = true;
   ImGui::EndMenu();
@@ -164,7 +167,34 @@ static void DrawWindowMenu(AppState *app) {
   ImGui::EndMenu();
 }
 
-static void DrawMoreMenu(AppState *app) {
+// Each slot: "Load" (what choosing a slot does), "Save Layout" with its name and "Save", "Delete".
+static void DrawLayoutSlots(MainFrameState *state) {
+  SavedLayouts *layouts = state->layouts;
+  if (!layouts) return;
+  MainFrameRequests *r = &state->requests;
+  for (u32 slot = 0; slot < kSavedLayoutCount; slot++) {
+    char label[kSavedLayoutNameCapacity + 16];
+    snprintf(label, sizeof label, "%s##layout%u", layouts->names[slot], slot);
+    if (!ImGui::BeginMenu(label)) continue;
+    if (ImGui::MenuItem("Load", nullptr, false, layouts->saved[slot] != 0)) r->load_layout = slot + 1;
+    if (ImGui::BeginMenu("Save Layout")) {
+      if (ImGui::IsWindowAppearing()) snprintf(state->layout_name, sizeof state->layout_name, "%s", layouts->names[slot]);
+      ImGui::SetNextItemWidth(160);
+      ImGui::InputText("##layoutinput", state->layout_name, sizeof state->layout_name);
+      ImGui::SameLine();
+      if (ImGui::Button("Save") && state->layout_name[0]) {
+        r->save_layout = slot + 1;
+        r->layout_name = state->layout_name;
+        ImGui::CloseCurrentPopup();
+      }
+      ImGui::EndMenu();
+    }
+    if (ImGui::MenuItem("Delete", nullptr, false, layouts->saved[slot] != 0)) r->delete_layout = slot + 1;
+    ImGui::EndMenu();
+  }
+}
+
+static void DrawMoreMenu(AppState *app, MainFrameState *state) {
   if (!ImGui::BeginMenu("More")) return;
   Settings *s = &app->settings;
   if (ImGui::BeginMenu("Style")) {
@@ -176,6 +206,9 @@ static void DrawMoreMenu(AppState *app) {
     if (ImGui::MenuItem("Show Toolbar", nullptr, &toolbar)) s->show_toolbar = toolbar;
     ImGui::EndMenu();
   }
+  ImGui::Separator();
+  DrawLayoutSlots(state);
+  ImGui::Separator();
   if (ImGui::MenuItem("Restore Default Layout")) app->first_run_layout = 1;
   ImGui::EndMenu();
 }
@@ -192,7 +225,7 @@ static void DrawMenuBar(AppState *app, MainFrameState *state) {
   }
   DrawControlMenu(app, state);
   DrawWindowMenu(app);
-  DrawMoreMenu(app);
+  DrawMoreMenu(app, state);
   if (ImGui::BeginMenu("Help")) {
     if (ImGui::MenuItem("About Kestrune")) state->show_about = true;
     ImGui::EndMenu();
@@ -225,6 +258,10 @@ static void TakeShortcuts(AppState *app, MainFrameState *state) {
   }
   if (ImGui::IsKeyChordPressed(ImGuiMod_Ctrl | ImGuiKey_S)) r->save_session = true;
   if (ImGui::IsKeyChordPressed(ImGuiMod_Ctrl | ImGuiMod_Shift | ImGuiKey_O)) r->open_session = true;
+  if (ImGui::IsKeyChordPressed(ImGuiMod_Shift | ImGuiKey_F6)) state->show_attach = true;
+  if (ImGui::IsKeyChordPressed(ImGuiMod_Ctrl | ImGuiMod_Shift | ImGuiKey_F6) && state->reattach_name &&
+      state->reattach_name[0])
+    r->reattach = true;
   // Ctrl+L arms the window chords for two seconds.
   double now = ImGui::GetTime();
   if (ImGui::IsKeyChordPressed(ImGuiMod_Ctrl | ImGuiKey_L)) {
@@ -363,6 +400,8 @@ void DrawMainFrame(AppState *app, MainFrameState *state) {
   DrawStatusBar(app);
   DrawDockSpace(app);
   DrawToolWindows(app);
+  DrawTargetCommandEditor(app, state);
+  DrawAttachDialog(app, state);
   DrawAbout(state);
   TakeShortcuts(app, state);
   state->frame_count++;
