@@ -368,6 +368,7 @@ static void DrawStatusBar(AppState *app) {
       ImGui::EndMenuBar();
     }
     if (ImGui::BeginPopupContextWindow("##lowerstat")) {
+      TextCaptureWindow("status menu");
       Settings *s = &app->settings;
       if (ImGui::MenuItem(s->status_text_pos_top ? "Move to Bottom" : "Move to Top")) s->status_text_pos_top = !s->status_text_pos_top;
       bool pid = s->status_text_show_pid;

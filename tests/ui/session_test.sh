@@ -1,0 +1,150 @@
+#!/usr/bin/env bash
+# Sessions, settings and saved layouts as a user meets them, on a virtual display (the helpers of
+# ui_test_lib.sh: text dumps asserted on, a screenshot per step in OUT_DIR). Steps: closing with a
+# modified session asks to save, and Yes writes the file; Auto Save and the status text's place
+# survive a restart (and Auto Save then saves without asking); a layout saved in a slot, the
+# program restarted with another layout, the slot loaded brings the windows back; a damaged and a
+# foreign session file open with a clear message and are left as they were.
+# usage: session_test.sh WINE_RUN KESTRUNE_EXE DEMO_EXE OUT_DIR
+set -u
+wine_run=$1 exe=$2 demo=$3 out=$4
+. "$(dirname "$0")/ui_test_lib.sh"
+ini="$settings/imgui180.ini"
+work="$out/work.ktrn"
+
+# make_session FILE KIND: a session whose first target command runs the demo for a second.
+# whole: ends after its breakpoints (as an older file may); damaged: its breakpoint list is cut
+# inside a record and followed by bytes that are no record; foreign: not a session file at all.
+make_session() {
+  python3 - "$1" "$2" "Z:$demo" <<'PY'
+import struct, sys
+path, kind, demo = sys.argv[1:]
+text = lambda s: struct.pack('<I', len(s)) + s.encode()
+head = b'KTRN' + text(demo) + text('1') + text('') + struct.pack('<I', 0)
+data = {'whole': head + struct.pack('<I', 0),
+        'damaged': head + struct.pack('<I', 3) + text('') + struct.pack('<I', 0) + text('main') + b'\xff\xff\xff',
+        'foreign': b'NOPE' + bytes(range(256)) * 4}[kind]
+open(path, 'wb').write(data)
+PY
+}
+
+title() { xdotool getwindowname "$window"; }
+title_becomes() {  # title_becomes TEXT: within 15 s
+  for _ in $(seq 1 30); do
+    [ "$(title)" = "$1" ] && return 0
+    sleep 0.5
+  done
+  fail "title is '$(title)', not '$1'"
+}
+forward() { "$wine_run" "$exe" "$@" || fail "the forwarding instance failed ($*)"; }
+
+# 1. A modified session asks to be saved at close; Yes writes it.
+make_session "$work" whole
+start "Z:$work"
+wait_for opened "[window Output]"
+title_becomes "work.ktrn - Kestrune"
+forward add-breakpoint-at-function Modified
+title_becomes "work.ktrn* - Kestrune"
+menu 36 212  # Session > Exit
+prompt=
+for _ in $(seq 1 40); do
+  prompt=$(xdotool search --name '^Kestrune$' 2>/dev/null | head -n 1)
+  [ -n "$prompt" ] && break
+  sleep 0.5
+done
+[ -n "$prompt" ] || fail "no save prompt at close"
+import -window root "$out/save-prompt.png" 2>/dev/null
+kill -0 "$app_pid" 2>/dev/null || fail "the program closed without waiting for the answer"
+xdotool windowfocus --sync "$prompt" 2>/dev/null
+xdotool key --window "$prompt" Return  # Yes, the default button
+wait_exit
+grep -q Modified "$work" || fail "Yes did not save the session"
+
+# 2. Settings: Auto Save on, the status text moved to the bottom; both survive a restart.
+start "Z:$work"
+wait_for settings-before "[window Output]"
+menu 36 101  # Session > Auto Save
+xdotool mousemove --window "$window" 600 29 click 3
+sleep 0.5
+dump status-menu-top
+expect status-menu-top "Move to Bottom"
+xdotool mousemove --window "$window" 640 56 click 1
+quit
+grep -q '^AutoSaveEnabled=1' "$ini" || fail "Auto Save not written"
+grep -q '^StatusTextPosTop=0' "$ini" || fail "the status text's place not written"
+start "Z:$work"
+wait_for settings-after "[window Output]"
+height=$(xdotool getwindowgeometry "$window" | sed -n 's/.*Geometry: [0-9]*x\([0-9]*\).*/\1/p')
+xdotool mousemove --window "$window" 600 $((height - 10)) click 3
+sleep 0.5
+wait_for status-menu-bottom "Move to Top" 10
+key Escape
+# With Auto Save on, a named session is saved at close without a question.
+forward add-breakpoint-at-function AutoSaved
+title_becomes "work.ktrn* - Kestrune"
+quit
+grep -q AutoSaved "$work" || fail "Auto Save did not save the session"
+grep -q '^AutoSaveEnabled=1' "$ini" || fail "Auto Save lost after a restart"
+grep -q '^StatusTextPosTop=0' "$ini" || fail "the status text's place lost after a restart"
+
+# 3. Window > Registers, saved as slot 3 (More > Layout3 > Save Layout > Save); then hidden.
+start "Z:$work"
+wait_for layout-before "[window Output]"
+expect_not layout-before "[window Registers]"
+menu 256 272  # Window > Registers
+wait_for layout-registers "[window Registers]"
+xdotool mousemove --window "$window" 306 10 click 1
+sleep 0.5
+for at in "320 105" "500 105" "520 122" "600 122"; do
+  xdotool mousemove --window "$window" $at
+  sleep 0.5
+done
+dump layout-save-menu
+expect layout-save-menu "Save Layout" "Save"
+xdotool mousemove --window "$window" 778 126 click 1
+saved_layout="$settings/layout3.Layout3.ini"
+for _ in $(seq 1 20); do [ -f "$saved_layout" ] && break; sleep 0.5; done
+[ -f "$saved_layout" ] || fail "no layout file written"
+grep -q '^\[Docking\]\[Data\]' "$saved_layout" || fail "the layout holds no docking data"
+grep -A1 '^\[Kestrune\]\[RegistersWindow\]' "$saved_layout" | grep -q '^ShowWnd=1' || fail "the layout does not show the registers"
+grep -q '^\[Kestrune\]\[\(RecentFiles\|WindowPos\|Other\)\]' "$saved_layout" && fail "the layout holds preferences beyond the windows"
+menu 256 272  # Window > Registers again: hidden
+for _ in $(seq 1 20); do
+  dump layout-hidden
+  grep -qF "[window Registers]" "$out/dumps/layout-hidden.txt" || break
+  sleep 0.5
+done
+expect_not layout-hidden "[window Registers]"
+quit
+
+# 4. After a restart the registers stay hidden until the slot is loaded (More > Layout3 > Load).
+start "Z:$work"
+wait_for layout-restarted "[window Output]"
+expect_not layout-restarted "[window Registers]"
+xdotool mousemove --window "$window" 306 10 click 1
+sleep 0.5
+dump layout-slots
+expect layout-slots "Layout3" "Restore Default Layout"
+xdotool mousemove --window "$window" 320 105
+sleep 0.5
+xdotool mousemove --window "$window" 495 105 click 1
+wait_for layout-loaded "[window Registers]"
+expect layout-loaded "[window Output]" "[window Modules]"
+
+# 5. A damaged session opens up to its damage, unnamed, and a foreign file not at all; each says
+# so, and neither file is written to.
+make_session "$out/damaged.ktrn" damaged
+make_session "$out/foreign.ktrn" foreign
+damaged_sum=$(md5sum < "$out/damaged.ktrn") foreign_sum=$(md5sum < "$out/foreign.ktrn")
+forward open-session "Z:$out/damaged.ktrn"
+wait_for damaged-session "is damaged after its section 3"
+expect damaged-session "the file is left as it is"
+title_becomes "demo.exe - Kestrune"
+forward open-session "Z:$out/foreign.ktrn"
+wait_for foreign-session "foreign.ktrn: it is not a session file"
+title_becomes "Untitled - Kestrune"
+quit
+[ "$(md5sum < "$out/damaged.ktrn")" = "$damaged_sum" ] || fail "the damaged session file was written to"
+[ "$(md5sum < "$out/foreign.ktrn")" = "$foreign_sum" ] || fail "the foreign file was written to"
+
+echo "PASS ($(ls "$out"/*.png | wc -l) screenshots and their dumps in $out)"
