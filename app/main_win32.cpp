@@ -60,6 +60,8 @@ struct Program {
   SavedLayouts layouts;
   ProcessList *processes;  // the attach dialog's list (heap, made when first asked for)
   char reattach_name[kProcessNameCapacity];  // the process last attached to
+  u32 attach_when_shown;      // "attach-to-process-by-id" on the command line: once the window is up
+  bool let_run_when_shown;
 };
 
 static Program g_program;
@@ -336,7 +338,11 @@ static void AttachOrPark(Program *program, u32 process_id, bool let_run) {
 
 static void ActionAttach(void *user, u32 process_id, bool let_run) {
   Program *program = (Program *)user;
-  if (!program->window) return;  // start-up: no window to answer to yet
+  if (!program->window) {  // start-up: once the window is up
+    program->attach_when_shown = process_id;
+    program->let_run_when_shown = let_run;
+    return;
+  }
   AttachOrPark(program, process_id, let_run);
 }
 
@@ -878,6 +884,7 @@ int WINAPI wWinMain(HINSTANCE instance, HINSTANCE, PWSTR, int show_command) {
   UpdateWindow(program->window);
   if (program->test_hook) SetTimer(program->window, kTestHookTimer, 100, nullptr);
   if (app->start_when_shown) DebuggingStart(app, 5, Wake, program);
+  else if (program->attach_when_shown) AttachOrPark(program, program->attach_when_shown, program->let_run_when_shown);
 
   // Draws continuously while visible and active; otherwise sleeps in GetMessage and answers each
   // message (or wake-up) with two frames, which Dear ImGui needs to settle its layout.

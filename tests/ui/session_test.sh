@@ -4,7 +4,8 @@
 # modified session asks to save, and Yes writes the file; Auto Save and the status text's place
 # survive a restart (and Auto Save then saves without asking); a layout saved in a slot, the
 # program restarted with another layout, the slot loaded brings the windows back; a damaged and a
-# foreign session file open with a clear message and are left as they were.
+# foreign session file open with a clear message and are left as they were; the attach dialog
+# lists the processes, and a second instance attaches to one through the channel.
 # usage: session_test.sh WINE_RUN KESTRUNE_EXE DEMO_EXE OUT_DIR
 set -u
 wine_run=$1 exe=$2 demo=$3 out=$4
@@ -59,6 +60,7 @@ xdotool windowfocus --sync "$prompt" 2>/dev/null
 xdotool key --window "$prompt" Return  # Yes, the default button
 wait_exit
 grep -q Modified "$work" || fail "Yes did not save the session"
+grep -q demo.exe "$work" || fail "the saved session lost its target command"
 
 # 2. Settings: Auto Save on, the status text moved to the bottom; both survive a restart.
 start "Z:$work"
@@ -143,7 +145,23 @@ title_becomes "demo.exe - Kestrune"
 forward open-session "Z:$out/foreign.ktrn"
 wait_for foreign-session "foreign.ktrn: it is not a session file"
 title_becomes "Untitled - Kestrune"
-quit
+
+# 6. Session > Attach to Process... lists the running demo; a second instance's
+# "attach-to-process-by-id PID --continue" attaches to it and lets it run.
+"$wine_run" "$demo" 40 &
+demo_pid=$!
+menu 36 173  # Session > Attach to Process...
+wait_for attach-dialog "demo.exe" 30
+expect attach-dialog "[window Attach to Process]" "Sort processes by:" "   ID" "Process" "kestrune.exe"
+windows_pid=$(tr -d '\r' < "$out/dumps/attach-dialog.txt" | sed -n 's/^ *\([0-9][0-9]*\) demo\.exe$/\1/p' | head -n 1)
+[ -n "$windows_pid" ] || fail "no process id on the demo's row"
+forward attach-to-process-by-id "$windows_pid" --continue
+wait_for attached "Attaching to process ID $windows_pid...[OK]"
+wait_for attached-running "second " 30
+expect attached-running "[EXECUTING]"
+quit  # detaches first: the demo runs on
+kill -0 "$demo_pid" 2>/dev/null || fail "the demo ended with the debugger"
+kill "$demo_pid" 2>/dev/null
 [ "$(md5sum < "$out/damaged.ktrn")" = "$damaged_sum" ] || fail "the damaged session file was written to"
 [ "$(md5sum < "$out/foreign.ktrn")" = "$foreign_sum" ] || fail "the foreign file was written to"
 
