@@ -1,5 +1,6 @@
 // [SECTION] Tool windows
 // [SECTION] Menus
+// [SECTION] Toolbar
 // [SECTION] Shortcut keys
 // [SECTION] Dock space and the default layout
 // [SECTION] Status text
@@ -233,6 +234,47 @@ static void DrawMenuBar(AppState *app, MainFrameState *state) {
   ImGui::EndMainMenuBar();
 }
 
+// [SECTION] Toolbar
+
+// The Control menu's run-control items as buttons (Show Toolbar); each passes its own reason.
+static void DrawToolbar(AppState *app, MainFrameState *state) {
+  if (!app->settings.show_toolbar) return;
+  ImGuiWindowFlags flags = ImGuiWindowFlags_NoScrollbar | ImGuiWindowFlags_NoSavedSettings | ImGuiWindowFlags_MenuBar;
+  if (ImGui::BeginViewportSideBar("##toolbar", ImGui::GetMainViewport(), ImGuiDir_Up, ImGui::GetFrameHeight(), flags)) {
+    TextCaptureWindow("toolbar");
+    if (ImGui::BeginMenuBar()) {
+      MainFrameRequests *r = &state->requests;
+      u32 d = app->debug_state;
+      if (d == kDebugNone) {
+        ImGui::BeginDisabled(!CanStart(app));
+        if (ImGui::Button("Start Debugging")) r->start_debugging = true, r->start_reason = 6;
+        ImGui::EndDisabled();
+      } else {
+        ImGui::BeginDisabled(d != kDebugSuspended);
+        if (ImGui::Button("Continue")) r->continue_run = true, r->continue_reason = 34;
+        ImGui::EndDisabled();
+      }
+      ImGui::BeginDisabled(d != kDebugRunning);
+      if (ImGui::Button("Break")) r->break_in = true, r->break_reason = kStopReasonBreakButton;
+      ImGui::EndDisabled();
+      ImGui::BeginDisabled(d == kDebugNone);
+      if (ImGui::Button("Stop Debugging")) r->stop_debugging = true;
+      ImGui::EndDisabled();
+      ImGui::BeginDisabled(d == kDebugNone || app->attached);
+      if (ImGui::Button("Restart")) r->restart = true, r->restart_reason = 17;
+      ImGui::EndDisabled();
+      // Stepping waits for the engine's stepping operations.
+      ImGui::BeginDisabled(true);
+      ImGui::Button("Step Into");
+      ImGui::Button("Step Over");
+      ImGui::Button("Step Out");
+      ImGui::EndDisabled();
+      ImGui::EndMenuBar();
+    }
+  }
+  ImGui::End();
+}
+
 // [SECTION] Shortcut keys
 
 static void TakeShortcuts(AppState *app, MainFrameState *state) {
@@ -398,6 +440,7 @@ static void DrawAbout(MainFrameState *state) {
 void DrawMainFrame(AppState *app, MainFrameState *state) {
   memset(&state->requests, 0, sizeof state->requests);
   DrawMenuBar(app, state);
+  DrawToolbar(app, state);
   DrawStatusBar(app);
   DrawDockSpace(app);
   DrawToolWindows(app);

@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
 # Sessions, settings and saved layouts as a user meets them, on a virtual display (the helpers of
 # ui_test_lib.sh: text dumps asserted on, a screenshot per step in OUT_DIR). Steps: closing with a
-# modified session asks to save, and Yes writes the file; Auto Save and the status text's place
-# survive a restart (and Auto Save then saves without asking); a layout saved in a slot, the
-# program restarted with another layout, the slot loaded brings the windows back; a damaged and a
-# foreign session file open with a clear message and are left as they were; the attach dialog
+# modified session asks to save, and Yes writes the file; Auto Save, the status text's place and the
+# toolbar survive a restart (Auto Save then saves without asking, the toolbar starts the program);
+# a layout saved in a slot, the program restarted with another layout, the slot loaded brings the
+# windows back; a damaged and a foreign session file open with a clear message and are left as they were; the attach dialog
 # lists the processes, and a second instance attaches to one through the channel.
 # usage: session_test.sh WINE_RUN KESTRUNE_EXE DEMO_EXE OUT_DIR
 set -u
@@ -66,21 +66,29 @@ grep -q demo.exe "$work" || fail "the saved session lost its target command"
 start "Z:$work"
 wait_for settings-before "[window Output]"
 menu 36 101  # Session > Auto Save
-xdotool mousemove --window "$window" 600 29 click 3
-sleep 0.5
-dump status-menu-top
-expect status-menu-top "Move to Bottom"
+click_until status-menu-top 600 29 3 "Move to Bottom"
 xdotool mousemove --window "$window" 640 56 click 1
+open_menu more-style 306 "Restore Default Layout"  # More > Style > Show Toolbar
+for at in "320 33" "480 33"; do
+  xdotool mousemove --window "$window" $at
+  sleep 0.5
+done
+xdotool mousemove --window "$window" 520 101 click 1
+wait_for toolbar-shown "[window toolbar]"
 quit
 grep -q '^AutoSaveEnabled=1' "$ini" || fail "Auto Save not written"
+grep -q '^ShowToolbar=1' "$ini" || fail "Show Toolbar not written"
 grep -q '^StatusTextPosTop=0' "$ini" || fail "the status text's place not written"
 start "Z:$work"
 wait_for settings-after "[window Output]"
 height=$(xdotool getwindowgeometry "$window" | sed -n 's/.*Geometry: [0-9]*x\([0-9]*\).*/\1/p')
-xdotool mousemove --window "$window" 600 $((height - 10)) click 3
-sleep 0.5
-wait_for status-menu-bottom "Move to Top" 10
+click_until status-menu-bottom 600 $((height - 10)) 3 "Move to Top"
 key Escape
+# The toolbar is back, and its Start Debugging runs the session's program.
+expect status-menu-bottom "[window toolbar]" "Start Debugging" "Break" "Restart"
+xdotool mousemove --window "$window" 50 29 click 1
+wait_for toolbar-run "Process exited: with exit code 0 (0x0)" 60
+expect toolbar-run "second 1:"
 # With Auto Save on, a named session is saved at close without a question.
 forward add-breakpoint-at-function AutoSaved
 title_becomes "work.ktrn* - Kestrune"
@@ -88,6 +96,7 @@ quit
 grep -q AutoSaved "$work" || fail "Auto Save did not save the session"
 grep -q '^AutoSaveEnabled=1' "$ini" || fail "Auto Save lost after a restart"
 grep -q '^StatusTextPosTop=0' "$ini" || fail "the status text's place lost after a restart"
+grep -q '^ShowToolbar=1' "$ini" || fail "Show Toolbar lost after a restart"
 
 # 3. Window > Registers, saved as slot 3 (More > Layout3 > Save Layout > Save); then hidden.
 start "Z:$work"
@@ -95,8 +104,7 @@ wait_for layout-before "[window Output]"
 expect_not layout-before "[window Registers]"
 menu 256 272  # Window > Registers
 wait_for layout-registers "[window Registers]"
-xdotool mousemove --window "$window" 306 10 click 1
-sleep 0.5
+open_menu layout-more 306 "Restore Default Layout"
 for at in "320 105" "500 105" "520 122" "600 122"; do
   xdotool mousemove --window "$window" $at
   sleep 0.5
@@ -123,10 +131,8 @@ quit
 start "Z:$work"
 wait_for layout-restarted "[window Output]"
 expect_not layout-restarted "[window Registers]"
-xdotool mousemove --window "$window" 306 10 click 1
-sleep 0.5
-dump layout-slots
-expect layout-slots "Layout3" "Restore Default Layout"
+open_menu layout-slots 306 "Restore Default Layout"
+expect layout-slots "Layout3"
 xdotool mousemove --window "$window" 320 105
 sleep 0.5
 xdotool mousemove --window "$window" 495 105 click 1

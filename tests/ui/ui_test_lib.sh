@@ -46,7 +46,7 @@ dump() {
   rm -f "$file"
   printf '%s' "$step" > "$out/dumps/request.part"
   mv "$out/dumps/request.part" "$out/dumps/request"
-  for _ in $(seq 1 100); do
+  for _ in $(seq 1 200); do
     [ -f "$file" ] && break
     sleep 0.1
   done
@@ -87,6 +87,23 @@ menu() {
   sleep 0.5
   xdotool mousemove --window "$window" "$1" "$2" click 1
 }
+
+# click_until STEP X Y BUTTON TEXT: clicks at (X, Y) until the step's dump shows TEXT. A click
+# that Wine delivers while it still settles the window's focus can be lost or close a menu again
+# at once, so the click is repeated (at most three times, with Escape between).
+click_until() {
+  local step=$1 x=$2 y=$3 button=$4 text=$5
+  for _ in 1 2 3; do
+    xdotool mousemove --window "$window" "$x" "$y" click "$button"
+    sleep 0.5
+    dump "$step"
+    grep -qF -- "$text" "$out/dumps/$step.txt" && return 0
+    key Escape
+    sleep 0.5
+  done
+  fail "step $step: '$text' not shown after three clicks"
+}
+open_menu() { click_until "$1" "$2" 10 1 "$3"; }  # open_menu STEP X TEXT: the menu at x = X
 
 wait_exit() {  # the program must end, with 0
   for _ in $(seq 1 40); do
