@@ -4,7 +4,7 @@
 # modified session asks to save, and Yes writes the file; Auto Save, the status text's place and the
 # toolbar survive a restart (Auto Save then saves without asking, the toolbar starts the program);
 # a layout saved in a slot, the program restarted with another layout, the slot loaded brings the
-# windows back; a damaged and a foreign session file open with a clear message and are left as they were; the attach dialog
+# windows back; Application and Parameters changes what runs; a damaged and a foreign session file open with a clear message and are left as they were; the attach dialog
 # lists the processes, and a second instance attaches to one through the channel.
 # usage: session_test.sh WINE_RUN KESTRUNE_EXE DEMO_EXE OUT_DIR
 set -u
@@ -138,6 +138,21 @@ sleep 0.5
 xdotool mousemove --window "$window" 495 105 click 1
 wait_for layout-loaded "[window Registers]"
 expect layout-loaded "[window Output]" "[window Modules]"
+
+# Application and Parameters shows the session's target command; a new argument typed there is
+# what the toolbar's Start Debugging runs, and the session counts as modified.
+menu 36 157  # Session > Application and Parameters
+wait_for target-editor "[window Application and Parameters]"
+expect target-editor "Command Arguments" "Working Directory" "Step halts new instance at" "Nominal entry point" \
+  "Environment" "Inherit from parent" "demo.exe }" "{ 1 }"
+xdotool mousemove --window "$window" 600 176 click 1
+sleep 0.5
+xdotool key --delay 100 BackSpace 3
+title_becomes "work.ktrn* - Kestrune"
+wait_for target-edited "{ 3 }"
+xdotool mousemove --window "$window" 50 29 click 1  # the toolbar's Start Debugging
+wait_for target-run "second 3:" 60
+wait_for target-run "Process exited: with exit code 0 (0x0)" 30
 
 # 5. A damaged session opens up to its damage, unnamed, and a foreign file not at all; each says
 # so, and neither file is written to.
