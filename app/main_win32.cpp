@@ -8,7 +8,6 @@
 // [SECTION] Command actions
 // [SECTION] Command channel
 // [SECTION] Window title and placement
-// [SECTION] Saved layouts
 // [SECTION] Frame
 // [SECTION] Window procedure
 // [SECTION] Entry point
@@ -16,7 +15,6 @@
 #include <objbase.h>
 #include <shellapi.h>
 #include <shlobj.h>
-#include <commdlg.h>
 
 #include <imgui.h>
 #include <imgui_impl_win32.h>
@@ -29,8 +27,8 @@
 #include "app/command_line.h"
 #include "app/command_words.h"
 #include "app/debugging.h"
-#include "base/os.h"
 #include "app/renderer_d3d11.h"
+#include "app/shell_win32.h"
 #include "app/test_hook.h"
 #include "app/saved_layouts.h"
 #include "app/session_file.h"
@@ -211,45 +209,8 @@ static bool OpenSession(AppState *app, const char *path) {
   return true;
 }
 
-// The file dialogs: save (a session), open (a session or a program); false when the user cancelled.
-enum FileDialog { kDialogSaveSession, kDialogOpenSession, kDialogOpenProgram };
-static bool AskFilePath(Program *program, FileDialog kind, char *out, u32 capacity) {
-  wchar_t file[MAX_PATH] = L"";
-  OPENFILENAMEW ofn = {sizeof ofn};
-  ofn.hwndOwner = program->window;
-  ofn.lpstrFilter = kind == kDialogOpenProgram ? L"Programs (*.exe)\0*.exe\0All files (*.*)\0*.*\0"
-                                               : L"Kestrune session (*.ktrn)\0*.ktrn\0";
-  ofn.lpstrFile = file;
-  ofn.nMaxFile = MAX_PATH;
-  ofn.lpstrDefExt = kind == kDialogOpenProgram ? L"exe" : L"ktrn";
-  BOOL chosen;
-  if (kind == kDialogSaveSession) {
-    ofn.Flags = OFN_OVERWRITEPROMPT | OFN_PATHMUSTEXIST;
-    chosen = GetSaveFileNameW(&ofn);
-  } else {
-    ofn.Flags = OFN_FILEMUSTEXIST | OFN_PATHMUSTEXIST;
-    chosen = GetOpenFileNameW(&ofn);
-  }
-  return chosen && WideCharToMultiByte(CP_UTF8, 0, file, -1, out, (int)capacity, nullptr, nullptr) > 0;
-}
-
 static bool AskSessionPath(Program *program, char *out, u32 capacity) {
-  return AskFilePath(program, kDialogSaveSession, out, capacity);
-}
-
-// A folder chooser for the working directory; false when the user cancelled.
-static bool AskFolder(Program *program, char *out, u32 capacity) {
-  BROWSEINFOW info = {};
-  info.hwndOwner = program->window;
-  info.lpszTitle = L"Working Directory";
-  info.ulFlags = BIF_RETURNONLYFSDIRS | BIF_NEWDIALOGSTYLE;
-  PIDLIST_ABSOLUTE chosen = SHBrowseForFolderW(&info);
-  if (!chosen) return false;
-  wchar_t folder[MAX_PATH];
-  bool ok = SHGetPathFromIDListW(chosen, folder) &&
-            WideCharToMultiByte(CP_UTF8, 0, folder, -1, out, (int)capacity, nullptr, nullptr) > 0;
-  CoTaskMemFree(chosen);
-  return ok;
+  return AskFilePath(program->window, kDialogSaveSession, out, capacity);
 }
 
 static bool SaveSession(Program *program, bool ask_path) {
@@ -258,7 +219,11 @@ static bool SaveSession(Program *program, bool ask_path) {
   snprintf(path, sizeof path, "%s", app->session.path);
   if ((ask_path || !path[0]) && !AskSessionPath(program, path, sizeof path)) return false;
   app->title_dirty = 1;
-  return SessionWriteFile(&app->session, path, &app->settings.recent_files) == kSessionFileOk;
+  if (SessionWriteFile(&app->session, path, &app->settings.recent_files) == kSessionFileOk) return true;
+  char line[kAppPathCapacity + 48];
+  snprintf(line, sizeof line, "Unable to save session %s\n", path);  // the file on disk is as it was
+  OutputAppendZ(&app->output, line);
+  return false;
 }
 
 // Before the session is replaced or the program closes; false when the user cancelled.
@@ -508,84 +473,6 @@ static void RecordPlacement(Program *program) {
   p->height = rect.bottom - rect.top;
 }
 
-// [SECTION] Saved layouts
-
-static bool LayoutPath(Program *program, u32 slot, const char *name, char *out, u32 capacity) {
-  char file[kSavedLayoutFileCapacity];
-  if (!program->app.settings_folder[0] || !SavedLayoutFileName(slot, name, file, sizeof file)) return false;
-  int n = snprintf(out, capacity, "%s\\%s", program->app.settings_folder, file);
-  return n > 0 && (u32)n < capacity;
-}
-
-// The slots' names from the "layout%d.%s.ini" files of the settings folder.
-static void ReadSavedLayouts(Program *program) {
-  SavedLayoutsReset(&program->layouts);
-  if (!program->app.settings_folder[0]) return;
-  char pattern[kAppPathCapacity + 8];
-  snprintf(pattern, sizeof pattern, "%s\\*.ini", program->app.settings_folder);
-  WIN32_FIND_DATAA found;
-  HANDLE search = FindFirstFileA(pattern, &found);
-  if (search == INVALID_HANDLE_VALUE) return;
-  do SavedLayoutsTakeFileName(&program->layouts, found.cFileName);
-  while (FindNextFileA(search, &found));
-  FindClose(search);
-}
-
-static void AppendToBytes(void *user, const char *text, u64 length) {
-  ImGuiTextBuffer *out = (ImGuiTextBuffer *)user;
-  out->append(text, text + length);
-}
-
-// Dear ImGui's windows and docking with our tool windows, into the slot's file (a former file of
-// the slot under another name goes).
-static void SaveLayout(Program *program, u32 slot, const char *name) {
-  char path[kAppPathCapacity + kSavedLayoutFileCapacity], old_path[kAppPathCapacity + kSavedLayoutFileCapacity];
-  if (!LayoutPath(program, slot, name, path, sizeof path)) return;
-  if (program->layouts.saved[slot] && LayoutPath(program, slot, program->layouts.names[slot], old_path, sizeof old_path) &&
-      strcmp(old_path, path) != 0)
-    DeleteFileA(old_path);
-  size_t size = 0;
-  const char *whole = ImGui::SaveIniSettingsToMemory(&size);
-  ImGuiTextBuffer kept;
-  SavedLayoutFilterText(whole, size, AppendToBytes, &kept);
-  OsFile file;
-  bool written = OsFileOpenWrite(path, &file) == kOsOk;
-  if (written) {
-    written = OsFileWrite(file, kept.c_str(), (u64)kept.size()) == kOsOk;
-    OsFileClose(&file);
-  }
-  if (!written) {
-    char line[sizeof path + 40];
-    snprintf(line, sizeof line, "Unable to save the layout to %s\n", path);
-    OutputAppendZ(&program->app.output, line);
-  }
-  ReadSavedLayouts(program);
-}
-
-// Between frames: Dear ImGui takes the windows' places and docking from the file at once.
-static void LoadLayout(Program *program, u32 slot) {
-  char path[kAppPathCapacity + kSavedLayoutFileCapacity];
-  if (!LayoutPath(program, slot, program->layouts.names[slot], path, sizeof path)) return;
-  size_t size = 0;
-  char *text = (char *)ImFileLoadToMemory(path, "rb", &size);
-  if (!text) {
-    char line[sizeof path + 40];
-    snprintf(line, sizeof line, "Unable to open the layout %s\n", path);
-    OutputAppendZ(&program->app.output, line);
-    return;
-  }
-  ImGuiTextBuffer kept;
-  SavedLayoutFilterText(text, size, AppendToBytes, &kept);
-  IM_FREE(text);
-  if (kept.size()) ImGui::LoadIniSettingsFromMemory(kept.c_str(), (size_t)kept.size());
-}
-
-static void DeleteLayout(Program *program, u32 slot) {
-  char path[kAppPathCapacity + kSavedLayoutFileCapacity];
-  if (LayoutPath(program, slot, program->layouts.names[slot], path, sizeof path)) DeleteFileA(path);
-  ReadSavedLayouts(program);
-}
-
 // [SECTION] Frame
 
 static void CarryOutPending(Program *program) {
@@ -625,11 +512,11 @@ static void CarryOutRequests(Program *program) {
   }
   if (r->save_session || r->save_session_as) SaveSession(program, r->save_session_as);
   char path[kAppPathCapacity];
-  if (r->open_session && AskFilePath(program, kDialogOpenSession, path, sizeof path)) OpenSessionAsked(program, path);
+  if (r->open_session && AskFilePath(program->window, kDialogOpenSession, path, sizeof path)) OpenSessionAsked(program, path);
   if (r->open_recent) OpenRecent(program, r->open_recent);
   if (r->clear_recent && AskYesNo(program, "Are you sure you want to clear the recent sessions list?"))
     app->settings.recent_files.count = 0;
-  if (r->browse_command && AskFilePath(program, kDialogOpenProgram, path, sizeof path)) {
+  if (r->browse_command && AskFilePath(program->window, kDialogOpenProgram, path, sizeof path)) {
     TargetCommand *t = SessionCurrentTarget(&app->session);
     u32 index;
     if (!t && SessionAddTarget(&app->session, "", "", "", &index) == kSessionOk) {
@@ -647,7 +534,7 @@ static void CarryOutRequests(Program *program) {
       app->title_dirty = 1;
     }
   }
-  if (r->browse_working_directory && SessionCurrentTarget(&app->session) && AskFolder(program, path, sizeof path)) {
+  if (r->browse_working_directory && SessionCurrentTarget(&app->session) && AskFolder(program->window, path, sizeof path)) {
     TextReplace(&SessionCurrentTarget(&app->session)->working_directory, path);
     app->session.modified = 1;
   }
@@ -668,9 +555,10 @@ static void CarryOutRequests(Program *program) {
       OutputAppendZ(&app->output, line);
     }
   }
-  if (r->save_layout && r->layout_name) SaveLayout(program, r->save_layout - 1, r->layout_name);
-  if (r->load_layout) LoadLayout(program, r->load_layout - 1);
-  if (r->delete_layout) DeleteLayout(program, r->delete_layout - 1);
+  const char *folder = app->settings_folder;
+  if (r->save_layout && r->layout_name) SavedLayoutSave(&program->layouts, folder, r->save_layout - 1, r->layout_name, &app->output);
+  if (r->load_layout) SavedLayoutLoad(&program->layouts, folder, r->load_layout - 1, &app->output);
+  if (r->delete_layout) SavedLayoutDelete(&program->layouts, folder, r->delete_layout - 1);
   if (r->new_session && SavePrompt(program)) {
     if (!app->target) {
       SessionReset(&app->session);
@@ -847,7 +735,7 @@ int WINAPI wWinMain(HINSTANCE instance, HINSTANCE, PWSTR, int show_command) {
   RegisterClassExW(&wc);
 
   RegisterSettingsAndLoad(app);
-  ReadSavedLayouts(program);
+  SavedLayoutsRead(&program->layouts, app->settings_folder);
   program->frame.layouts = &program->layouts;
   program->frame.reattach_name = program->reattach_name;
   if (app->settings.ui_style == 0) ImGui::StyleColorsLight(); else ImGui::StyleColorsDark();
