@@ -247,21 +247,33 @@ static void DrawToolbar(AppState *app, MainFrameState *state) {
       u32 d = app->debug_state;
       if (d == kDebugNone) {
         ImGui::BeginDisabled(!CanStart(app));
-        if (ImGui::Button("Start Debugging")) r->start_debugging = true, r->start_reason = 6;
+        if (ImGui::Button("Start Debugging")) {
+          r->start_debugging = true;
+          r->start_reason = 6;
+        }
         ImGui::EndDisabled();
       } else {
         ImGui::BeginDisabled(d != kDebugSuspended);
-        if (ImGui::Button("Continue")) r->continue_run = true, r->continue_reason = 34;
+        if (ImGui::Button("Continue")) {
+          r->continue_run = true;
+          r->continue_reason = 34;
+        }
         ImGui::EndDisabled();
       }
       ImGui::BeginDisabled(d != kDebugRunning);
-      if (ImGui::Button("Break")) r->break_in = true, r->break_reason = kStopReasonBreakButton;
+      if (ImGui::Button("Break")) {
+        r->break_in = true;
+        r->break_reason = kStopReasonBreakButton;
+      }
       ImGui::EndDisabled();
       ImGui::BeginDisabled(d == kDebugNone);
       if (ImGui::Button("Stop Debugging")) r->stop_debugging = true;
       ImGui::EndDisabled();
       ImGui::BeginDisabled(d == kDebugNone || app->attached);
-      if (ImGui::Button("Restart")) r->restart = true, r->restart_reason = 17;
+      if (ImGui::Button("Restart")) {
+        r->restart = true;
+        r->restart_reason = 17;
+      }
       ImGui::EndDisabled();
       // Stepping waits for the engine's stepping operations.
       ImGui::BeginDisabled(true);

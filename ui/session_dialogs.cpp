@@ -48,25 +48,29 @@ static void EditText(AppState *app, const char *label, char *buffer, u64 capacit
   if (field == 0) app->title_dirty = 1;  // an unnamed session is titled after its program
 }
 
+// "<" and ">" choose the current target command (saved with the session), "New Command" adds one,
+// "Remove Command" removes the current one.
 static void DrawTargetChoice(AppState *app) {
   Session *s = &app->session;
-  if (ImGui::Button("<##achr") && s->current_target > 0) s->current_target--, app->session.modified = 1, app->title_dirty = 1;
+  u32 current = s->current_target, index;
+  if (ImGui::Button("<##achr") && current > 0) current--;
   ImGui::SameLine();
-  if (ImGui::Button(">##achr") && s->current_target + 1 < s->target_count) s->current_target++, app->session.modified = 1, app->title_dirty = 1;
+  if (ImGui::Button(">##achr") && current + 1 < s->target_count) current++;
   ImGui::SameLine();
-  u32 index;
   if (ImGui::Button("New Command##achr") && SessionAddTarget(s, "", "", "", &index) == kSessionOk) {
-    s->current_target = index;
+    current = index;
+    s->modified = 1;
+  }
+  ImGui::SameLine();
+  if (ImGui::Button("Remove Command##achr") && s->target_count && SessionRemoveTarget(s, current) == kSessionOk) {
+    if (current >= s->target_count && current) current--;
     s->modified = 1;
     app->title_dirty = 1;
   }
-  ImGui::SameLine();
-  if (ImGui::Button("Remove Command##achr") && s->target_count) {
-    if (SessionRemoveTarget(s, s->current_target) == kSessionOk) {
-      if (s->current_target >= s->target_count && s->current_target) s->current_target--;
-      s->modified = 1;
-      app->title_dirty = 1;
-    }
+  if (current != s->current_target) {
+    s->current_target = current;
+    s->modified = 1;
+    app->title_dirty = 1;  // an unnamed session is titled after the current program
   }
 }
 
