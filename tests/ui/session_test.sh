@@ -1,11 +1,13 @@
 #!/usr/bin/env bash
 # Sessions, settings and saved layouts as a user meets them, on a virtual display (the helpers of
 # ui_test_lib.sh: text dumps asserted on, a screenshot per step in OUT_DIR). Steps: closing with a
-# modified session asks to save, and Yes writes the file; Auto Save, the status text's place and the
-# toolbar survive a restart (Auto Save then saves without asking, the toolbar starts the program);
-# a layout saved in a slot, the program restarted with another layout, the slot loaded brings the
-# windows back; Application and Parameters changes what runs; a damaged and a foreign session file open with a clear message and are left as they were; the attach dialog
-# lists the processes, and a second instance attaches to one through the channel.
+# modified session asks to save, and Yes writes the file; Auto Save, Open Last Session on Startup,
+# the status text's place and the toolbar survive a restart (Auto Save then saves without asking,
+# the last session opens, the toolbar starts the program); a layout saved in a slot, the program
+# restarted with another layout, the slot loaded brings the windows back; Application and
+# Parameters changes what runs; a damaged and a foreign session file open with a clear message and
+# are left as they were; the attach dialog lists the processes, and a second instance attaches to
+# one through the channel.
 # usage: session_test.sh WINE_RUN KESTRUNE_EXE DEMO_EXE OUT_DIR
 set -u
 wine_run=$1 exe=$2 demo=$3 out=$4
@@ -66,6 +68,7 @@ grep -q demo.exe "$work" || fail "the saved session lost its target command"
 start "Z:$work"
 wait_for settings-before "[window Output]"
 menu 36 101  # Session > Auto Save
+menu 36 118  # Session > Open Last Session on Startup
 click_until status-menu-top 600 29 3 "Move to Bottom"
 xdotool mousemove --window "$window" 640 56 click 1
 open_menu more-style 306 "Restore Default Layout"  # More > Style > Show Toolbar
@@ -97,10 +100,13 @@ grep -q AutoSaved "$work" || fail "Auto Save did not save the session"
 grep -q '^AutoSaveEnabled=1' "$ini" || fail "Auto Save lost after a restart"
 grep -q '^StatusTextPosTop=0' "$ini" || fail "the status text's place lost after a restart"
 grep -q '^ShowToolbar=1' "$ini" || fail "Show Toolbar lost after a restart"
+grep -q '^OpenLastSessionOnStartup=1' "$ini" || fail "Open Last Session on Startup not written"
 
-# 3. Window > Registers, saved as slot 3 (More > Layout3 > Save Layout > Save); then hidden.
-start "Z:$work"
+# 3. Started without arguments, the last session opens. Window > Registers, saved as slot 3
+# (More > Layout3 > Save Layout > Save); then hidden.
+start
 wait_for layout-before "[window Output]"
+title_becomes "work.ktrn - Kestrune"
 expect_not layout-before "[window Registers]"
 menu 256 272  # Window > Registers
 wait_for layout-registers "[window Registers]"
