@@ -48,7 +48,7 @@ wait_for opened "[window Output]"
 title_becomes "work.ktrn - Kestrune"
 forward add-breakpoint-at-function Modified
 title_becomes "work.ktrn* - Kestrune"
-menu 36 212  # Session > Exit
+menu 36 212 "Exit"  # Session > Exit
 prompt=
 for _ in $(seq 1 40); do
   prompt=$(xdotool search --name '^Kestrune$' 2>/dev/null | head -n 1)
@@ -67,8 +67,8 @@ grep -q demo.exe "$work" || fail "the saved session lost its target command"
 # 2. Settings: Auto Save on, the status text moved to the bottom; both survive a restart.
 start "Z:$work"
 wait_for settings-before "[window Output]"
-menu 36 101  # Session > Auto Save
-menu 36 118  # Session > Open Last Session on Startup
+menu 36 101 "Auto Save"  # Session > Auto Save
+menu 36 118 "Open Last Session on Startup"
 click_until status-menu-top 600 29 3 "Move to Bottom"
 xdotool mousemove --window "$window" 640 56 click 1
 open_menu more-style 306 "Restore Default Layout"  # More > Style > Show Toolbar
@@ -76,6 +76,7 @@ for at in "320 33" "480 33"; do
   xdotool mousemove --window "$window" $at
   sleep 0.5
 done
+wait_for style-menu "Show Toolbar" 10
 xdotool mousemove --window "$window" 520 101 click 1
 wait_for toolbar-shown "[window toolbar]"
 quit
@@ -108,15 +109,14 @@ start
 wait_for layout-before "[window Output]"
 title_becomes "work.ktrn - Kestrune"
 expect_not layout-before "[window Registers]"
-menu 256 272  # Window > Registers
+menu 256 272 "Ctrl+L, Ctrl+D"  # Window > Registers
 wait_for layout-registers "[window Registers]"
 open_menu layout-more 306 "Restore Default Layout"
 for at in "320 105" "500 105" "520 122" "600 122"; do
   xdotool mousemove --window "$window" $at
   sleep 0.5
 done
-dump layout-save-menu
-expect layout-save-menu "Save Layout" "Save"
+wait_for layout-save-menu "{ Layout3 } [ Save ]" 10
 xdotool mousemove --window "$window" 778 126 click 1
 saved_layout="$settings/layout3.Layout3.ini"
 for _ in $(seq 1 20); do [ -f "$saved_layout" ] && break; sleep 0.5; done
@@ -124,7 +124,7 @@ for _ in $(seq 1 20); do [ -f "$saved_layout" ] && break; sleep 0.5; done
 grep -q '^\[Docking\]\[Data\]' "$saved_layout" || fail "the layout holds no docking data"
 grep -A1 '^\[Kestrune\]\[RegistersWindow\]' "$saved_layout" | grep -q '^ShowWnd=1' || fail "the layout does not show the registers"
 grep -q '^\[Kestrune\]\[\(RecentFiles\|WindowPos\|Other\)\]' "$saved_layout" && fail "the layout holds preferences beyond the windows"
-menu 256 272  # Window > Registers again: hidden
+menu 256 272 "Ctrl+L, Ctrl+D"  # Window > Registers again: hidden
 for _ in $(seq 1 20); do
   dump layout-hidden
   grep -qF "[window Registers]" "$out/dumps/layout-hidden.txt" || break
@@ -140,14 +140,14 @@ expect_not layout-restarted "[window Registers]"
 open_menu layout-slots 306 "Restore Default Layout"
 expect layout-slots "Layout3"
 xdotool mousemove --window "$window" 320 105
-sleep 0.5
+wait_for layout-slot3 "Layout3 Load" 10
 xdotool mousemove --window "$window" 495 105 click 1
 wait_for layout-loaded "[window Registers]"
 expect layout-loaded "[window Output]" "[window Modules]"
 
 # Application and Parameters shows the session's target command; a new argument typed there is
 # what the toolbar's Start Debugging runs, and the session counts as modified.
-menu 36 157  # Session > Application and Parameters
+menu 36 157 "Application and Parameters"
 wait_for target-editor "[window Application and Parameters]"
 expect target-editor "Command Arguments" "Working Directory" "Step halts new instance at" "Nominal entry point" \
   "Environment" "Inherit from parent" "demo.exe }" "{ 1 }"
@@ -177,7 +177,7 @@ title_becomes "Untitled - Kestrune"
 # "attach-to-process-by-id PID --continue" attaches to it and lets it run.
 "$wine_run" "$demo" 40 &
 demo_pid=$!
-menu 36 173  # Session > Attach to Process...
+menu 36 173 "Attach to Process..."
 wait_for attach-dialog "demo.exe" 30
 expect attach-dialog "[window Attach to Process]" "Sort processes by:" "   ID" "Process" "kestrune.exe"
 windows_pid=$(tr -d '\r' < "$out/dumps/attach-dialog.txt" | sed -n 's/^ *\([0-9][0-9]*\) demo\.exe$/\1/p' | head -n 1)

@@ -81,13 +81,6 @@ expect_not() {
   return 0
 }
 
-# menu X Y: opens the menu bar's menu at x = X and clicks its item at y = Y (the menu's own x).
-menu() {
-  xdotool mousemove --window "$window" "$1" 10 click 1
-  sleep 0.5
-  xdotool mousemove --window "$window" "$1" "$2" click 1
-}
-
 # click_until STEP X Y BUTTON TEXT: clicks at (X, Y) until the step's dump shows TEXT. A click
 # that Wine delivers while it still settles the window's focus can be lost or close a menu again
 # at once, so the click is repeated (at most three times, with Escape between).
@@ -117,12 +110,14 @@ wait_exit() {  # the program must end, with 0
   [ "$status" = 0 ] || fail "exit code $status"
 }
 
-quit() {  # Session > Exit, then the program must end with 0
-  xdotool mousemove --window "$window" 36 10 click 1
-  sleep 0.5
-  xdotool mousemove --window "$window" 25 212 click 1
-  wait_exit
+# menu X Y TEXT: opens the menu bar's menu at x = X (until its dump shows TEXT) and clicks its item
+# at y = Y.
+menu() {
+  open_menu "menu-$1" "$1" "$3"
+  xdotool mousemove --window "$window" "$1" "$2" click 1
 }
+
+quit() { menu 36 212 "Exit"; wait_exit; }  # Session > Exit, then the program must end with 0
 
 key() { xdotool windowfocus --sync "$window" 2>/dev/null; xdotool key --delay 60 "$@"; }
 
