@@ -11,6 +11,9 @@
 enum { kTerminateExitCode = 0x7E57, kEnvironmentPairsMax = 512, kEventTextCapacity = 4096 };
 
 static bool g_awaiting_first_run;
+// An attach stops first at its break-in; that stop is the attach's own, not one of the user's.
+static bool g_awaiting_break_in;
+static bool g_continue_after_break_in;
 
 int DebuggingStart(AppState *app, u32 reason, void (*wake)(void *), void *wake_user) {
   TargetCommand *t = SessionCurrentTarget(&app->session);
@@ -44,6 +47,31 @@ int DebuggingStart(AppState *app, u32 reason, void (*wake)(void *), void *wake_u
   app->stop_reason = reason;
   app->run_started_by = reason;
   g_awaiting_first_run = true;
+  return kEngineOk;
+}
+
+int DebuggingAttach(AppState *app, u32 process_id, bool let_run, void (*wake)(void *), void *wake_user) {
+  if (app->target) return kEngineSystemCallFailed;
+  if (app->settings.auto_clear_output_window) OutputClear(&app->output);
+  char line[96];
+  snprintf(line, sizeof line, "Attaching to process ID %u...", process_id);
+  OutputAppendZ(&app->output, line);
+  Target *target = nullptr;
+  int result = EngineStartAttach(process_id, wake, wake_user, &target);
+  if (result != kEngineOk) {
+    snprintf(line, sizeof line, "\nUnable to debug process: %s\n", EngineStartResultText(result));
+    OutputAppendZ(&app->output, line);
+    return result;
+  }
+  OutputAppendZ(&app->output, "[OK]\n");
+  app->target = target;
+  app->process_id = process_id;
+  app->attached = 1;
+  app->debug_state = kDebugRunning;
+  app->stop_reason = kStopReasonAttached;
+  app->run_started_by = kStopReasonAttached;
+  g_awaiting_break_in = true;
+  g_continue_after_break_in = let_run;
   return kEngineOk;
 }
 
@@ -84,6 +112,7 @@ static void RunEnded(AppState *app, u32 exit_code) {
   app->has_run = 1;
   app->last_exit_code = exit_code;
   g_awaiting_first_run = false;
+  g_awaiting_break_in = false;
   SessionClearBreakpointRuntime(&app->session);
 }
 
@@ -108,6 +137,15 @@ bool DebuggingDrainEvents(AppState *app) {
     switch (e.kind) {
       case kEventStopped: {
         if (g_awaiting_first_run) break;  // the hold of a new launch, not a stop of the user's
+        if (g_awaiting_break_in) {
+          g_awaiting_break_in = false;
+          if (g_continue_after_break_in && EngineRun(app->target) == kEngineOk) {
+            app->stop_reason = app->run_started_by = kStopReasonContinueCommand;
+          } else {
+            Stopped(app, kStopReasonAttached);
+          }
+          break;
+        }
         u32 reason = StopReasonOfEngineStop(e.stopped.reason, app->run_started_by);
         if (reason != kStopReasonNone) Stopped(app, reason);
         break;

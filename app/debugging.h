@@ -7,6 +7,9 @@
 // Launches the session's current target command; the result code of the engine (0 on success).
 // A failure is written to the output window as "Unable to debug process: %s\n".
 int DebuggingStart(AppState *app, u32 reason, void (*wake)(void *), void *wake_user);
+// Attaches to a running process ("Attaching to process ID %u..." then "[OK]" in the output window).
+// The run stops at its break-in, or with let_run is resumed there at once (reason 36).
+int DebuggingAttach(AppState *app, u32 process_id, bool let_run, void (*wake)(void *), void *wake_user);
 int DebuggingContinue(AppState *app, u32 reason);
 // Detaches from an attached process, terminates a launched one.
 int DebuggingStop(AppState *app);

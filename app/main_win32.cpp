@@ -15,7 +15,6 @@
 #include <objbase.h>
 #include <shellapi.h>
 #include <shlobj.h>
-#include <commdlg.h>
 
 #include <imgui.h>
 #include <imgui_impl_win32.h>
@@ -31,8 +30,11 @@
 #include "app/fonts.h"
 #include "app/frame_probe.h"
 #include "app/renderer_d3d11.h"
+#include "app/shell_win32.h"
 #include "app/test_hook.h"
+#include "app/saved_layouts.h"
 #include "app/session_file.h"
+#include "engine/process_list.h"
 #include "ui/main_frame.h"
 #include "ui/stop_reason.h"
 
@@ -58,6 +60,11 @@ struct Program {
   bool fonts_need_rebuild;  // a font setting or the window's display scale changed
   bool test_hook;
   FrameProbe probe;  // benchmarks only
+  SavedLayouts layouts;
+  ProcessList *processes;  // the attach dialog's list (heap, made when first asked for)
+  char reattach_name[kProcessNameCapacity];  // the process last attached to
+  u32 attach_when_shown;      // "attach-to-process-by-id" on the command line: once the window is up
+  bool let_run_when_shown;
 };
 
 static Program g_program;
@@ -171,32 +178,44 @@ static void RegisterSettingsAndLoad(AppState *app) {
 
 static void ReportUnopened(void *user, const char *text) { OutputAppendZ(&((AppState *)user)->output, text); }
 
+// Why a session could not be opened, as the output window says it.
+static const char *SessionFileProblem(int result) {
+  switch (result) {
+    case kSessionFileBadMagic: return ": it is not a session file";
+    case kSessionFileTooLarge: return ": the file is too large";
+    case kSessionFileNoMemory: return ": out of memory";
+  }
+  return "";
+}
+
+// Reads a session file. A file that stops making sense part-way is opened up to its last whole
+// section but left unnamed, so that no save ever writes the shorter session over it.
 static bool OpenSession(AppState *app, const char *path) {
   SessionReadHooks hooks = {};
   hooks.user = app;
   hooks.output = ReportUnopened;
-  int result = SessionReadFile(&app->session, path, &hooks, &app->settings.recent_files, nullptr);
+  u32 sections = 0;
+  u64 unread = 0;
+  int result = SessionReadFile(&app->session, path, &hooks, &app->settings.recent_files, &sections, &unread);
   app->title_dirty = 1;
+  char line[kAppPathCapacity + 200];
   if (result != kSessionFileOk) {
-    char line[kAppPathCapacity + 64];
-    snprintf(line, sizeof line, "Unable to open session %s\n", path);
+    snprintf(line, sizeof line, "Unable to open session %s%s\n", path, SessionFileProblem(result));
     OutputAppendZ(&app->output, line);
+    return false;
   }
-  return result == kSessionFileOk;
+  if (unread) {
+    snprintf(line, sizeof line,
+             "Session %s is damaged after its section %u: what comes before was opened as an unnamed session; "
+             "the file is left as it is\n", path, sections);
+    OutputAppendZ(&app->output, line);
+    app->session.path[0] = 0;
+  }
+  return true;
 }
 
-// The save-as dialog; false when the user cancelled.
 static bool AskSessionPath(Program *program, char *out, u32 capacity) {
-  wchar_t file[MAX_PATH] = L"";
-  OPENFILENAMEW ofn = {sizeof ofn};
-  ofn.hwndOwner = program->window;
-  ofn.lpstrFilter = L"Kestrune session (*.ktrn)\0*.ktrn\0";
-  ofn.lpstrFile = file;
-  ofn.nMaxFile = MAX_PATH;
-  ofn.lpstrDefExt = L"ktrn";
-  ofn.Flags = OFN_OVERWRITEPROMPT | OFN_PATHMUSTEXIST;
-  if (!GetSaveFileNameW(&ofn)) return false;
-  return WideCharToMultiByte(CP_UTF8, 0, file, -1, out, (int)capacity, nullptr, nullptr) > 0;
+  return AskFilePath(program->window, kDialogSaveSession, out, capacity);
 }
 
 static bool SaveSession(Program *program, bool ask_path) {
@@ -205,7 +224,11 @@ static bool SaveSession(Program *program, bool ask_path) {
   snprintf(path, sizeof path, "%s", app->session.path);
   if ((ask_path || !path[0]) && !AskSessionPath(program, path, sizeof path)) return false;
   app->title_dirty = 1;
-  return SessionWriteFile(&app->session, path, &app->settings.recent_files) == kSessionFileOk;
+  if (SessionWriteFile(&app->session, path, &app->settings.recent_files) == kSessionFileOk) return true;
+  char line[kAppPathCapacity + 48];
+  snprintf(line, sizeof line, "Unable to save session %s\n", path);  // the file on disk is as it was
+  OutputAppendZ(&app->output, line);
+  return false;
 }
 
 // Before the session is replaced or the program closes; false when the user cancelled.
@@ -231,21 +254,105 @@ static void ActionSetSettingsFolder(void *user, const char *folder) {
   snprintf(((Program *)user)->app.settings_folder, kAppPathCapacity, "%s", folder);
 }
 
-static void ActionOpenSession(void *user, const char *path) {
-  Program *program = (Program *)user;
+enum OpenOutcome { kOpened, kOpenFailed, kOpenPutOff };
+
+// Opens a session the user or another program asked for: while debugging only after "Do you want
+// to stop debugging?" and the end of the run; otherwise after the save prompt.
+static OpenOutcome OpenSessionAsked(Program *program, const char *path) {
   AppState *app = &program->app;
-  if (!program->window) {  // start-up: no questions yet
-    OpenSession(app, path);
-    return;
-  }
+  if (!program->window) return OpenSession(app, path) ? kOpened : kOpenFailed;  // start-up: no questions yet
   if (app->target) {
-    if (MessageBoxA(program->window, "Do you want to stop debugging?", "Kestrune", MB_YESNO) != IDYES) return;
+    if (MessageBoxA(program->window, "Do you want to stop debugging?", "Kestrune", MB_YESNO) != IDYES) return kOpenPutOff;
     AppStateSetPending(app, kPendingOpenSession, path);
     app->quit_when_target_exits = 0;
     DebuggingStop(app);
+    return kOpenPutOff;
+  }
+  if (!SavePrompt(program)) return kOpenPutOff;
+  return OpenSession(app, path) ? kOpened : kOpenFailed;
+}
+
+static void ActionOpenSession(void *user, const char *path) { OpenSessionAsked((Program *)user, path); }
+
+static bool AskYesNo(Program *program, const char *question) {
+  return MessageBoxA(program->window, question, "Kestrune", MB_YESNO | MB_ICONQUESTION) == IDYES;
+}
+
+static void OpenRecent(Program *program, const char *chosen) {
+  char path[kRecentPathCapacity];
+  snprintf(path, sizeof path, "%s", chosen);
+  if (OpenSessionAsked(program, path) != kOpenFailed) return;
+  char question[kRecentPathCapacity + 100];
+  snprintf(question, sizeof question, "\"%s\" could not be opened. Would you like to remove it from the recent list?", path);
+  if (AskYesNo(program, question)) RecentFilesRemove(&program->app.settings.recent_files, path);
+}
+
+// Attach now, or, while a run exists and the user agrees, once it has ended.
+static void AttachOrPark(Program *program, u32 process_id, bool let_run) {
+  AppState *app = &program->app;
+  if (!app->target) {
+    if (DebuggingAttach(app, process_id, let_run, Wake, program) == 0) {
+      snprintf(program->reattach_name, sizeof program->reattach_name, "%s", "");
+      for (u32 i = 0; program->processes && i < program->processes->count; i++)
+        if (program->processes->entries[i].id == process_id)
+          snprintf(program->reattach_name, sizeof program->reattach_name, "%s", program->processes->entries[i].name);
+    }
     return;
   }
-  if (SavePrompt(program)) OpenSession(app, path);
+  if (!AskYesNo(program, "Do you want to stop debugging?")) return;
+  AppStateSetPending(app, kPendingAttach, nullptr);
+  app->pending.process_id = process_id;
+  app->pending.continue_after_attach = let_run;
+  DebuggingStop(app);
+}
+
+static void ActionAttach(void *user, u32 process_id, bool let_run) {
+  Program *program = (Program *)user;
+  if (!program->window) {  // start-up: once the window is up
+    program->attach_when_shown = process_id;
+    program->let_run_when_shown = let_run;
+    return;
+  }
+  AttachOrPark(program, process_id, let_run);
+}
+
+static void ActionOpenFile(void *user, const char *path, u32) {
+  Session *s = &((Program *)user)->app.session;
+  for (u32 i = 0; i < s->source_file_count; i++)
+    if (TextEqualNoCase(s->source_files[i], path)) return;
+  if (SessionAddSourceFile(s, path) == kSessionOk) s->modified = 1;
+}
+
+static void ActionCloseFile(void *user, const char *path) {
+  Session *s = &((Program *)user)->app.session;
+  if (SessionRemoveSourceFile(s, path) == kSessionOk) s->modified = 1;
+}
+
+static void ActionAddFileBreakpoint(void *user, const char *path, u32 line) {
+  Session *s = &((Program *)user)->app.session;
+  u32 index;
+  if (SessionFindSourceLineBreakpoint(s, path, line) < 0 &&
+      SessionAddBreakpoint(s, kBreakpointSourceLine, path, line, 0, &index) == kSessionOk)
+    s->modified = 1;
+}
+
+static void ActionRemoveFileBreakpoint(void *user, const char *path, u32 line) {
+  Session *s = &((Program *)user)->app.session;
+  s32 index = SessionFindSourceLineBreakpoint(s, path, line);
+  if (index >= 0 && SessionRemoveBreakpoint(s, (u32)index) == kSessionOk) s->modified = 1;
+}
+
+static void ActionAddFunctionBreakpoint(void *user, const char *name, const char *condition) {
+  Session *s = &((Program *)user)->app.session;
+  u32 index;
+  if (SessionAddBreakpoint(s, kBreakpointFunction, name, 0, 0, &index) != kSessionOk) return;
+  if (condition) TextReplace(&s->breakpoints[index]->condition, condition);
+  s->modified = 1;
+}
+
+static void ActionRemoveFunctionBreakpoints(void *user, const char *name) {
+  Session *s = &((Program *)user)->app.session;
+  if (SessionRemoveFunctionBreakpoints(s, name, nullptr, nullptr)) s->modified = 1;
 }
 
 static void ActionStartDebugging(void *user, bool) {
@@ -274,6 +381,7 @@ static void ActionContinue(void *user) {
 
 static void ActionRemoveAllBreakpoints(void *user) {
   Session *s = &((Program *)user)->app.session;
+  if (s->breakpoint_count) s->modified = 1;
   while (s->breakpoint_count) SessionRemoveBreakpoint(s, s->breakpoint_count - 1);
 }
 
@@ -286,7 +394,16 @@ static CommandActions ProgramActions(Program *program) {
   a.stop_debugging = ActionStopDebugging;
   a.continue_execution = ActionContinue;
   a.remove_all_breakpoints = ActionRemoveAllBreakpoints;
-  // open-file, close-file, attach, the breakpoint commands and run-to-cursor wait for their windows.
+  a.attach_to_process = ActionAttach;
+  // The source view and the breakpoints window show these once they are built; today they change
+  // the session's open files and breakpoints, which the session file keeps.
+  a.open_file = ActionOpenFile;
+  a.close_file = ActionCloseFile;
+  a.add_breakpoint_at_file = ActionAddFileBreakpoint;
+  a.remove_breakpoint_at_file = ActionRemoveFileBreakpoint;
+  a.add_breakpoint_at_function = ActionAddFunctionBreakpoint;
+  a.remove_breakpoint_at_function = ActionRemoveFunctionBreakpoints;
+  // run-to-cursor waits for stepping.
   return a;
 }
 
@@ -379,6 +496,9 @@ static void CarryOutPending(Program *program) {
       SessionReset(&app->session);
       app->title_dirty = 1;
       break;
+    case kPendingAttach:
+      AttachOrPark(program, pending.process_id, pending.continue_after_attach);
+      break;
   }
   free(pending.path);
 }
@@ -396,11 +516,54 @@ static void CarryOutRequests(Program *program) {
     DebuggingStop(app);
   }
   if (r->save_session || r->save_session_as) SaveSession(program, r->save_session_as);
-  if (r->open_recent) {
-    char path[kRecentPathCapacity];
-    snprintf(path, sizeof path, "%s", r->open_recent);
-    ActionOpenSession(program, path);
+  char path[kAppPathCapacity];
+  if (r->open_session && AskFilePath(program->window, kDialogOpenSession, path, sizeof path)) OpenSessionAsked(program, path);
+  if (r->open_recent) OpenRecent(program, r->open_recent);
+  if (r->clear_recent && AskYesNo(program, "Are you sure you want to clear the recent sessions list?"))
+    app->settings.recent_files.count = 0;
+  if (r->browse_command && AskFilePath(program->window, kDialogOpenProgram, path, sizeof path)) {
+    TargetCommand *t = SessionCurrentTarget(&app->session);
+    u32 index;
+    if (!t && SessionAddTarget(&app->session, "", "", "", &index) == kSessionOk) {
+      app->session.current_target = index;
+      t = SessionCurrentTarget(&app->session);
+    }
+    if (t) {
+      TextReplace(&t->command, path);
+      if (!t->working_directory || !t->working_directory[0]) {
+        char folder[kAppPathCapacity];
+        ProgramFolder(path, folder, sizeof folder);
+        TextReplace(&t->working_directory, folder);
+      }
+      app->session.modified = 1;
+      app->title_dirty = 1;
+    }
   }
+  if (r->browse_working_directory && SessionCurrentTarget(&app->session) && AskFolder(program->window, path, sizeof path)) {
+    TextReplace(&SessionCurrentTarget(&app->session)->working_directory, path);
+    app->session.modified = 1;
+  }
+  if (r->refresh_processes) {
+    if (!program->processes) program->processes = (ProcessList *)calloc(1, sizeof(ProcessList));
+    if (program->processes && ProcessListRefresh(program->processes) == kEngineOk)
+      ProcessListSort(program->processes, program->frame.process_sort);
+    program->frame.processes = program->processes;
+  }
+  if (r->attach_process_id) AttachOrPark(program, r->attach_process_id, false);
+  if (r->reattach && program->reattach_name[0]) {
+    u32 process_id = ProcessFindByName(program->reattach_name);
+    if (process_id) {
+      AttachOrPark(program, process_id, false);
+    } else {
+      char line[kProcessNameCapacity + 80];
+      snprintf(line, sizeof line, "Unable to reattach to process named \"%s\". Process not found.\n", program->reattach_name);
+      OutputAppendZ(&app->output, line);
+    }
+  }
+  const char *folder = app->settings_folder;
+  if (r->save_layout && r->layout_name) SavedLayoutSave(&program->layouts, folder, r->save_layout - 1, r->layout_name, &app->output);
+  if (r->load_layout) SavedLayoutLoad(&program->layouts, folder, r->load_layout - 1, &app->output);
+  if (r->delete_layout) SavedLayoutDelete(&program->layouts, folder, r->delete_layout - 1);
   if (r->new_session && SavePrompt(program)) {
     if (!app->target) {
       SessionReset(&app->session);
@@ -597,6 +760,9 @@ int WINAPI wWinMain(HINSTANCE instance, HINSTANCE, PWSTR, int show_command) {
   RegisterClassExW(&wc);
 
   RegisterSettingsAndLoad(app);
+  SavedLayoutsRead(&program->layouts, app->settings_folder);
+  program->frame.layouts = &program->layouts;
+  program->frame.reattach_name = program->reattach_name;
   if (app->settings.ui_style == 0) ImGui::StyleColorsLight(); else ImGui::StyleColorsDark();
   if (app->settings.open_last_session_on_startup && !SessionCurrentTarget(&app->session) &&
       app->settings.recent_files.count)
@@ -644,6 +810,7 @@ int WINAPI wWinMain(HINSTANCE instance, HINSTANCE, PWSTR, int show_command) {
     SetTimer(program->window, kBenchTimer, 500, nullptr);
   }
   if (app->start_when_shown) DebuggingStart(app, 5, Wake, program);
+  else if (program->attach_when_shown) AttachOrPark(program, program->attach_when_shown, program->let_run_when_shown);
 
   // Draws continuously while visible and active; otherwise sleeps in GetMessage and answers each
   // message (or wake-up) with two frames, which Dear ImGui needs to settle its layout.
@@ -687,6 +854,7 @@ int WINAPI wWinMain(HINSTANCE instance, HINSTANCE, PWSTR, int show_command) {
   DestroyWindow(program->window);
   UnregisterClassW(kWindowClassName, instance);
   AppStateFree(app);
+  free(program->processes);
   if (wide_argv) LocalFree(wide_argv);
   CoUninitialize();
   if (mutex) {

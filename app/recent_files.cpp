@@ -22,6 +22,18 @@ int RecentFilesAdd(RecentFiles *recent, const char *path) {
   return 0;
 }
 
+u32 RecentFilesRemove(RecentFiles *recent, const char *path) {
+  u32 kept = 0;
+  for (u32 i = 0; i < recent->count; i++) {
+    if (TextEqualNoCase(recent->paths[i], path)) continue;
+    if (kept != i) memcpy(recent->paths[kept], recent->paths[i], kRecentPathCapacity);
+    kept++;
+  }
+  u32 removed = recent->count - kept;
+  recent->count = kept;
+  return removed;
+}
+
 void RecentFilesLoadLine(RecentFiles *recent, const char *line) {
   u64 length = strlen(line);
   while (length && (line[length - 1] == '\r' || line[length - 1] == '\n')) length--;

@@ -15,6 +15,9 @@ typedef struct RecentFiles {
 // the path is empty or its absolute form does not fit in an entry (the list is then unchanged).
 int RecentFilesAdd(RecentFiles *recent, const char *path);
 
+// Takes every entry equal to path (ignoring ASCII case) out of the list; returns how many went.
+u32 RecentFilesRemove(RecentFiles *recent, const char *path);
+
 // One line of the settings file's RecentFiles section: a path equal (ignoring case) to the entry
 // just before it is skipped, any other is appended while the list has room. Empty lines and
 // paths too long for an entry are ignored.

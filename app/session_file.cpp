@@ -338,14 +338,20 @@ static bool ReadSection(Reader *r, u32 section) {
 }
 
 int SessionReadFromMemory(Session *session, const u8 *data, u64 size, const SessionReadHooks *hooks,
-                          u32 *sections_read) {
+                          u32 *sections_read, u64 *bytes_unread) {
   SessionReset(session);
   if (sections_read) *sections_read = 0;
+  if (bytes_unread) *bytes_unread = 0;
   if (!data || size < 4 || memcmp(data, kMagic, 4) != 0) return kSessionFileBadMagic;
   Reader r = {{data, size, 4}, session, hooks};
   u32 complete = 1;
-  while (complete < kSessionSectionCount && ReadSection(&r, complete + 1)) complete++;
+  u64 complete_end = r.cursor.at;
+  while (complete < kSessionSectionCount && ReadSection(&r, complete + 1)) {
+    complete++;
+    complete_end = r.cursor.at;
+  }
   if (sections_read) *sections_read = complete;
+  if (bytes_unread) *bytes_unread = size - complete_end;
   session->modified = 0;
   if (hooks && hooks->add_breakpoint)
     for (u32 i = 0; i < session->breakpoint_count; i++) hooks->add_breakpoint(hooks->user, session, i);
@@ -507,9 +513,10 @@ static void SetSessionPath(Session *session, const char *path) {
 }
 
 int SessionReadFile(Session *session, const char *path, const SessionReadHooks *hooks, RecentFiles *recent,
-                    u32 *sections_read) {
+                    u32 *sections_read, u64 *bytes_unread) {
   SessionReset(session);
   if (sections_read) *sections_read = 0;
+  if (bytes_unread) *bytes_unread = 0;
   OsFile file;
   if (!path || OsFileOpenRead(path, &file) != kOsOk) return kSessionFileUnreadable;
   u64 size = 0;
@@ -527,7 +534,7 @@ int SessionReadFile(Session *session, const char *path, const SessionReadHooks *
     size = got;
   }
   OsFileClose(&file);
-  if (result == kSessionFileOk) result = SessionReadFromMemory(session, data, size, hooks, sections_read);
+  if (result == kSessionFileOk) result = SessionReadFromMemory(session, data, size, hooks, sections_read, bytes_unread);
   free(data);
   if (result == kSessionFileOk) SetSessionPath(session, path);
   if ((result == kSessionFileOk || result == kSessionFileBadMagic) && recent) RecentFilesAdd(recent, path);

@@ -51,14 +51,17 @@ typedef struct SessionReadHooks {
 // Reads a session image into session (reset first, so a failure leaves an empty session).
 // *sections_read (optional) receives the number of the last complete section: 0 when the magic
 // was wrong, 15 for a whole current file. A file that ends early is still a success.
+// *bytes_unread (optional) receives how many bytes follow the last complete section: 0 for a file
+// that ends after a section (an older file's last one included); more means the next section was
+// cut or damaged, and saving over the file would lose what it still holds.
 int SessionReadFromMemory(Session *session, const u8 *data, u64 size, const SessionReadHooks *hooks,
-                          u32 *sections_read);
+                          u32 *sections_read, u64 *bytes_unread = nullptr);
 
 // Reads a session file: the session is reset, the file read, and on success the session's path
 // becomes the file's full path. The path goes to the head of recent (optional) on success and also
 // when the magic is wrong, never when the file cannot be opened.
 int SessionReadFile(Session *session, const char *path, const SessionReadHooks *hooks, RecentFiles *recent,
-                    u32 *sections_read);
+                    u32 *sections_read, u64 *bytes_unread = nullptr);
 
 typedef struct SessionBytes {
   u8 *data;  // heap; SessionBytesFree releases it

@@ -204,6 +204,16 @@ const SettingsSection *SettingsReadOpen(Settings *settings, const char *name) {
   return nullptr;
 }
 
+bool SettingsSectionIsLayout(const char *name) {
+  const SettingsSection *section = SettingsReadOpen(nullptr, name);
+  if (!section) return false;
+  switch (section->number) {
+    case kSecWindowPos: case kSecStyle: case kSecRecentFiles: case kSecLayoutOther: case kSecOther:
+      return false;
+  }
+  return true;
+}
+
 // A decimal integer that starts with a digit or "-"; false leaves the old value.
 static bool ParseInt(const char *v, s32 *out) {
   bool negative = *v == '-';

@@ -83,6 +83,10 @@ typedef struct SettingsSection {
 // Maps a section name to its entry, or null for a name that is not ours (its lines are then
 // ignored). Dear ImGui's ReadOpenFn.
 const SettingsSection *SettingsReadOpen(Settings *settings, const char *name);
+// Whether a section of ours belongs to a saved window layout (which tool windows are shown and
+// their options) rather than to the user's other preferences (placement, style, recent sessions,
+// behaviours, the status text), which loading a layout leaves alone.
+bool SettingsSectionIsLayout(const char *name);
 // One line of an opened section, without its line end. Dear ImGui's ReadLineFn.
 void SettingsReadLine(Settings *settings, const SettingsSection *section, const char *line);
 

@@ -1,5 +1,6 @@
 // [SECTION] Tool windows
 // [SECTION] Menus
+// [SECTION] Toolbar
 // [SECTION] Shortcut keys
 // [SECTION] Dock space and the default layout
 // [SECTION] Status text
@@ -13,6 +14,7 @@
 
 #include "ui/output_window.h"
 #include "ui/run_control_glyphs.h"
+#include "ui/session_dialogs.h"
 #include "ui/stop_reason.h"
 #include "ui/text_capture.h"
 
@@ -106,13 +108,15 @@ static void DrawSessionMenu(AppState *app, MainFrameState *state) {
     if (s->recent_files.count == 0) ImGui::MenuItem("Empty", nullptr, false, false);
     for (u32 i = 0; i < s->recent_files.count; i++)
       if (ImGui::MenuItem(s->recent_files.paths[i])) r->open_recent = s->recent_files.paths[i];
+    ImGui::Separator();
+    if (ImGui::MenuItem("Clear", nullptr, false, s->recent_files.count != 0)) r->clear_recent = true;
     ImGui::EndMenu();
   }
   ImGui::Separator();
-  // Not built yet: the target command editor and the attach dialog.
-  ImGui::MenuItem("Application and Parameters###achr", nullptr, false, false);
-  ImGui::MenuItem("Attach to Process...", "Shift+F6", false, false);
-  ImGui::MenuItem("Reattach to Process...", "Ctrl+Shift+F6", false, false);
+  if (ImGui::MenuItem("Application and Parameters###achr")) state->show_target_editor = true;
+  if (ImGui::MenuItem("Attach to Process...", "Shift+F6")) state->show_attach = true;
+  if (ImGui::MenuItem("Reattach to Process...", "Ctrl+Shift+F6", false, state->reattach_name && state->reattach_name[0]))
+    r->reattach = true;
   ImGui::Separator();
   if (ImGui::MenuItem("Exit")) r->quit = true;
   ImGui::EndMenu();
@@ -165,7 +169,34 @@ static void DrawWindowMenu(AppState *app) {
   ImGui::EndMenu();
 }
 
-static void DrawMoreMenu(AppState *app) {
+// Each slot: "Load" (what choosing a slot does), "Save Layout" with its name and "Save", "Delete".
+static void DrawLayoutSlots(MainFrameState *state) {
+  SavedLayouts *layouts = state->layouts;
+  if (!layouts) return;
+  MainFrameRequests *r = &state->requests;
+  for (u32 slot = 0; slot < kSavedLayoutCount; slot++) {
+    char label[kSavedLayoutNameCapacity + 16];
+    snprintf(label, sizeof label, "%s##layout%u", layouts->names[slot], slot);
+    if (!ImGui::BeginMenu(label)) continue;
+    if (ImGui::MenuItem("Load", nullptr, false, layouts->saved[slot] != 0)) r->load_layout = slot + 1;
+    if (ImGui::BeginMenu("Save Layout")) {
+      if (ImGui::IsWindowAppearing()) snprintf(state->layout_name, sizeof state->layout_name, "%s", layouts->names[slot]);
+      ImGui::SetNextItemWidth(160);
+      ImGui::InputText("##layoutinput", state->layout_name, sizeof state->layout_name);
+      ImGui::SameLine();
+      if (ImGui::Button("Save") && state->layout_name[0]) {
+        r->save_layout = slot + 1;
+        r->layout_name = state->layout_name;
+        ImGui::CloseCurrentPopup();
+      }
+      ImGui::EndMenu();
+    }
+    if (ImGui::MenuItem("Delete", nullptr, false, layouts->saved[slot] != 0)) r->delete_layout = slot + 1;
+    ImGui::EndMenu();
+  }
+}
+
+static void DrawMoreMenu(AppState *app, MainFrameState *state) {
   if (!ImGui::BeginMenu("More")) return;
   Settings *s = &app->settings;
   if (ImGui::BeginMenu("Style")) {
@@ -177,6 +208,9 @@ static void DrawMoreMenu(AppState *app) {
     if (ImGui::MenuItem("Show Toolbar", nullptr, &toolbar)) s->show_toolbar = toolbar;
     ImGui::EndMenu();
   }
+  ImGui::Separator();
+  DrawLayoutSlots(state);
+  ImGui::Separator();
   if (ImGui::MenuItem("Restore Default Layout")) app->first_run_layout = 1;
   ImGui::EndMenu();
 }
@@ -193,12 +227,65 @@ static void DrawMenuBar(AppState *app, MainFrameState *state) {
   }
   DrawControlMenu(app, state);
   DrawWindowMenu(app);
-  DrawMoreMenu(app);
+  DrawMoreMenu(app, state);
   if (ImGui::BeginMenu("Help")) {
     if (ImGui::MenuItem("About Kestrune")) state->show_about = true;
     ImGui::EndMenu();
   }
   ImGui::EndMainMenuBar();
+}
+
+// [SECTION] Toolbar
+
+// The Control menu's run-control items as buttons (Show Toolbar); each passes its own reason.
+static void DrawToolbar(AppState *app, MainFrameState *state) {
+  if (!app->settings.show_toolbar) return;
+  ImGuiWindowFlags flags = ImGuiWindowFlags_NoScrollbar | ImGuiWindowFlags_NoSavedSettings | ImGuiWindowFlags_MenuBar;
+  if (ImGui::BeginViewportSideBar("##toolbar", ImGui::GetMainViewport(), ImGuiDir_Up, ImGui::GetFrameHeight(), flags)) {
+    TextCaptureWindow("toolbar");
+    if (ImGui::BeginMenuBar()) {
+      MainFrameRequests *r = &state->requests;
+      u32 d = app->debug_state;
+      if (d == kDebugNone) {
+        ImGui::BeginDisabled(!CanStart(app));
+        if (ImGui::Button("Start Debugging")) {
+          r->start_debugging = true;
+          r->start_reason = 6;
+        }
+        ImGui::EndDisabled();
+      } else {
+        ImGui::BeginDisabled(d != kDebugSuspended);
+        if (ImGui::Button("Continue")) {
+          r->continue_run = true;
+          r->continue_reason = 34;
+        }
+        ImGui::EndDisabled();
+      }
+      ImGui::BeginDisabled(d != kDebugRunning);
+      if (ImGui::Button("Break")) {
+        r->break_in = true;
+        r->break_reason = kStopReasonBreakButton;
+      }
+      ImGui::EndDisabled();
+      ImGui::BeginDisabled(d == kDebugNone);
+      if (ImGui::Button("Stop Debugging")) r->stop_debugging = true;
+      ImGui::EndDisabled();
+      ImGui::BeginDisabled(d == kDebugNone || app->attached);
+      if (ImGui::Button("Restart")) {
+        r->restart = true;
+        r->restart_reason = 17;
+      }
+      ImGui::EndDisabled();
+      // Stepping waits for the engine's stepping operations.
+      ImGui::BeginDisabled(true);
+      ImGui::Button("Step Into");
+      ImGui::Button("Step Over");
+      ImGui::Button("Step Out");
+      ImGui::EndDisabled();
+      ImGui::EndMenuBar();
+    }
+  }
+  ImGui::End();
 }
 
 // [SECTION] Shortcut keys
@@ -226,6 +313,10 @@ static void TakeShortcuts(AppState *app, MainFrameState *state) {
   }
   if (ImGui::IsKeyChordPressed(ImGuiMod_Ctrl | ImGuiKey_S)) r->save_session = true;
   if (ImGui::IsKeyChordPressed(ImGuiMod_Ctrl | ImGuiMod_Shift | ImGuiKey_O)) r->open_session = true;
+  if (ImGui::IsKeyChordPressed(ImGuiMod_Shift | ImGuiKey_F6)) state->show_attach = true;
+  if (ImGui::IsKeyChordPressed(ImGuiMod_Ctrl | ImGuiMod_Shift | ImGuiKey_F6) && state->reattach_name &&
+      state->reattach_name[0])
+    r->reattach = true;
   // Ctrl+L arms the window chords for two seconds.
   double now = ImGui::GetTime();
   if (ImGui::IsKeyChordPressed(ImGuiMod_Ctrl | ImGuiKey_L)) {
@@ -332,6 +423,7 @@ static void DrawStatusBar(AppState *app) {
       ImGui::EndMenuBar();
     }
     if (ImGui::BeginPopupContextWindow("##lowerstat")) {
+      TextCaptureWindow("status menu");
       Settings *s = &app->settings;
       if (ImGui::MenuItem(s->status_text_pos_top ? "Move to Bottom" : "Move to Top")) s->status_text_pos_top = !s->status_text_pos_top;
       bool pid = s->status_text_show_pid;
@@ -361,9 +453,12 @@ static void DrawAbout(MainFrameState *state) {
 void DrawMainFrame(AppState *app, MainFrameState *state) {
   memset(&state->requests, 0, sizeof state->requests);
   DrawMenuBar(app, state);
+  DrawToolbar(app, state);
   DrawStatusBar(app);
   DrawDockSpace(app);
   DrawToolWindows(app);
+  DrawTargetCommandEditor(app, state);
+  DrawAttachDialog(app, state);
   DrawAbout(state);
   TakeShortcuts(app, state);
   state->frame_count++;

@@ -4,6 +4,8 @@
 // for the program to carry out after the frame.
 #pragma once
 #include "app/app_state.h"
+#include "app/saved_layouts.h"
+#include "engine/process_list.h"
 
 // What the user asked for during the frame.
 struct MainFrameRequests {
@@ -20,7 +22,17 @@ struct MainFrameRequests {
   bool save_session_as;
   bool open_session;     // "Open...": the file dialog
   const char *open_recent;  // a recent session chosen (points into Settings)
+  bool clear_recent;     // "Clear" under "Recent": asks first
   bool quit;             // "Exit"
+  // "Application and Parameters": the file or folder dialogs of the current target command.
+  bool browse_command, browse_working_directory;
+  // The attach dialog.
+  bool refresh_processes;  // the dialog opened, or "Refresh"
+  u32 attach_process_id;   // "Attach##icmd" or a double-click; 0 for none
+  bool reattach;           // "Reattach to Process..."
+  // Saved layouts: the slot + 1 of each (0 for none); the name to save under in layout_name.
+  u32 load_layout, save_layout, delete_layout;
+  const char *layout_name;
 };
 
 struct ImFont;
@@ -32,6 +44,15 @@ struct MainFrameState {
   bool show_about;
   bool chord_armed;      // Ctrl+L was pressed: the next Ctrl+key picks a window
   double chord_time;
+  bool show_target_editor;  // "Application and Parameters"
+  bool show_attach;         // "Attach to Process"
+  char layout_name[kSavedLayoutNameCapacity];  // "##layoutinput"
+  char process_filter[128];
+  u32 process_sort;         // ProcessSort
+  // Filled by the program (it owns the memory; null until then).
+  SavedLayouts *layouts;
+  ProcessList *processes;
+  const char *reattach_name;  // the process last attached to, empty when none
 };
 
 // The tool windows every layout holds, in the order of the Window menu.

@@ -87,7 +87,8 @@ TEST(SessionFile, EveryCutReadsUpToTheLastCompleteSection) {
   for (size_t cut = 0; cut <= image.size(); cut++) {
     ScopedSession back;
     u32 sections = 99;
-    int result = ReadImage(back.get(), Bytes(image.begin(), image.begin() + cut), &sections);
+    u64 unread = 99;
+    int result = SessionReadFromMemory(back.get(), image.data(), cut, nullptr, &sections, &unread);
     if (cut < 4) {
       EXPECT_EQ(result, kSessionFileBadMagic);
       EXPECT_EQ(sections, 0u);
@@ -98,6 +99,8 @@ TEST(SessionFile, EveryCutReadsUpToTheLastCompleteSection) {
     ASSERT_LE(sections, 15u);
     if (sections > previous) boundary[sections] = (u32)cut;
     previous = sections;
+    // A cut inside a section leaves bytes behind; a cut at a section's end none (an old file).
+    EXPECT_EQ(unread, cut - boundary[sections]) << "cut " << cut;
     EXPECT_EQ(sections == 15, cut == image.size()) << "cut " << cut;
     if (cut < image.size()) continue;
     EXPECT_EQ(SessionDifference(s.get(), back.get()), nullptr);
@@ -366,6 +369,10 @@ TEST(RecentFiles, TenEntriesMostRecentFirstWithoutRegardToCase) {
   EXPECT_EQ(RecentFilesAdd(&recent, ("/" + std::string(300, 'x')).c_str()), 1);
   EXPECT_EQ(RecentFilesAdd(&recent, ""), 1);
   EXPECT_EQ(std::string(recent.paths[0]), std::string(cwd) + "/here.ktrn");
+  // Removing goes by the same comparison and keeps the order of the rest.
+  EXPECT_EQ(RecentFilesRemove(&recent, "/s/5.ktrn"), 1u);
+  EXPECT_EQ(RecentFilesRemove(&recent, "/s/none.ktrn"), 0u);
+  EXPECT_EQ(Paths(recent).substr(Paths(recent).find(' ') + 1), "/s/10.ktrn /s/9.ktrn /s/8.ktrn /s/7.ktrn /s/6.ktrn /s/4.ktrn /s/3.ktrn /s/2.ktrn");
 }
 
 // [SECTION] Model helpers the command words use

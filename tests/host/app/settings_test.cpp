@@ -5,6 +5,7 @@
 
 #include <string>
 
+#include "app/saved_layouts.h"
 #include "app/settings.h"
 #include "test_files.h"
 
@@ -140,6 +141,70 @@ TEST(Settings, HandlerCallsAsDearImGuiMakesThem) {
   EXPECT_EQ(s.memory[2].read_only, 0);
   for (const char *unknown : {"Watch-8", "Memory-4", "watch-0", "", "Layout ", "Kestrune"})
     EXPECT_EQ(SettingsReadOpen(&s, unknown), nullptr) << unknown;
+}
+
+// [SECTION] Saved layouts
+
+TEST(SavedLayouts, SlotsAreNamedByTheirFiles) {
+  struct Case { const char *file; s32 slot; const char *name; };
+  const Case cases[] = {
+      {"layout3.Debug.ini", 3, "Debug"},   {"LAYOUT0.a.b.INI", 0, "a.b"}, {"layout9.x.ini", 9, "x"},
+      {"layout3..ini", -1, nullptr},       {"layout3.ini", -1, nullptr},  {"layoutx.a.ini", -1, nullptr},
+      {"layout12.a.ini", -1, nullptr},     {"imgui180.ini", -1, nullptr}, {"layout4.a.txt", -1, nullptr},
+      {"layout", -1, nullptr},             {"", -1, nullptr},
+  };
+  for (const Case &c : cases) {
+    SavedLayouts layouts;
+    SavedLayoutsReset(&layouts);
+    EXPECT_EQ(SavedLayoutsTakeFileName(&layouts, c.file), c.slot) << c.file;
+    for (u32 i = 0; i < kSavedLayoutCount; i++) {
+      bool named = (s32)i == c.slot;
+      EXPECT_EQ(layouts.saved[i], named) << c.file;
+      EXPECT_EQ(std::string(layouts.names[i]), named ? std::string(c.name) : "Layout" + std::to_string(i)) << c.file;
+    }
+  }
+  // A name is made fit for a file name, and the file reads back under that name.
+  char file[kSavedLayoutFileCapacity];
+  ASSERT_TRUE(SavedLayoutFileName(2, "a/b:c*\"", file, sizeof file));
+  EXPECT_STREQ(file, "layout2.a_b_c__.ini");
+  SavedLayouts layouts;
+  SavedLayoutsReset(&layouts);
+  EXPECT_EQ(SavedLayoutsTakeFileName(&layouts, file), 2);
+  EXPECT_STREQ(layouts.names[2], "a_b_c__");
+  EXPECT_FALSE(SavedLayoutFileName(10, "x", file, sizeof file));
+  EXPECT_FALSE(SavedLayoutFileName(1, "", file, sizeof file));
+  EXPECT_FALSE(SavedLayoutFileName(1, "x", file, 8));
+}
+
+void AppendPiece(void *user, const char *text, u64 length) { ((std::string *)user)->append(text, length); }
+
+// A layout keeps Dear ImGui's sections and those of ours about the tool windows; the placement,
+// style, recent sessions, behaviours and status text stay the user's.
+TEST(SavedLayouts, LayoutTextKeepsOnlyTheWindows) {
+  Settings s;
+  SettingsInitDefaults(&s);
+  s.registers_show = 1;
+  std::string ini = "[Window][Output]\r\nPos=0,0\r\nDockId=0x1\r\n\r\n[Docking][Data]\nDockSpace ID=0x1\n\n" + Written(&s);
+  std::string kept;
+  SavedLayoutFilterText(ini.data(), ini.size(), AppendPiece, &kept);
+  EXPECT_EQ(kept.find("[Window][Output]\r\nPos=0,0\r\nDockId=0x1\r\n\r\n[Docking][Data]\nDockSpace ID=0x1\n\n"), 0u);
+  for (const char *gone : {"[Kestrune][WindowPos]", "[Kestrune][Style]", "[Kestrune][RecentFiles]", "[Kestrune][Other]",
+                           "[Kestrune][LayoutOther]", "UiFontSizePx", "AutoSaveEnabled", "StatusTextPosTop"})
+    EXPECT_EQ(kept.find(gone), std::string::npos) << gone;
+  Settings back;
+  SettingsInitDefaults(&back);
+  back.registers_show = 0;
+  back.auto_save_enabled = 1;
+  SettingsLoadIniText(&back, kept.data(), kept.size());
+  EXPECT_EQ(back.registers_show, 1);
+  EXPECT_EQ(back.auto_save_enabled, 1);
+  // Every section of ours that is kept reads back to the same text.
+  Settings again;
+  SettingsInitDefaults(&again);
+  SettingsLoadIniText(&again, kept.data(), kept.size());
+  std::string whole = Written(&again), rewritten;
+  SavedLayoutFilterText(whole.data(), whole.size(), AppendPiece, &rewritten);
+  EXPECT_EQ(kept.substr(kept.find("[Kestrune]")), rewritten);
 }
 
 }  // namespace

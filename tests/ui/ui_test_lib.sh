@@ -1,0 +1,135 @@
+# What the UI test scripts share, sourced by each: a virtual display of their own, kestrune.exe
+# started with a settings folder under OUT_DIR, the text dumps of the test hook with a screenshot
+# per step, assertions on them, keys and Session > Exit.
+# The sourcing script sets wine_run, exe and out (emptied here); the settings folder is $settings.
+rm -rf "$out"
+mkdir -p "$out/settings" "$out/dumps"
+settings="$out/settings"
+export KTRN_TEST_DUMP_DIR="Z:$out/dumps"
+
+last_dump=
+fail() {
+  echo "FAIL: $*"
+  [ -n "$last_dump" ] && [ -f "$last_dump" ] && { echo "--- last text dump:"; cat "$last_dump"; }
+  exit 1
+}
+
+exec 5< <(Xvfb -displayfd 1 -screen 0 1280x800x24 -nolisten tcp 2>/dev/null)
+xvfb_pid=$!
+read -r -t 20 display <&5 || fail "Xvfb did not start"
+export DISPLAY=":$display"
+app_pid=
+cleanup() {
+  [ -n "$app_pid" ] && kill "$app_pid" 2>/dev/null
+  kill "$xvfb_pid" 2>/dev/null
+}
+trap cleanup EXIT
+
+window=
+start() {  # start [ARGS...]: kestrune.exe with our settings folder; waits for its window
+  "$wine_run" "$exe" --settings "Z:$settings" "$@" &
+  app_pid=$!
+  window=
+  for _ in $(seq 1 120); do
+    window=$(xdotool search --name " - Kestrune\$" 2>/dev/null | head -n 1)
+    [ -n "$window" ] && break
+    kill -0 "$app_pid" 2>/dev/null || fail "kestrune.exe ended before showing its window"
+    sleep 0.5
+  done
+  [ -n "$window" ] || fail "no Kestrune window within 60 s"
+  xdotool windowfocus --sync "$window" 2>/dev/null
+}
+
+# dump STEP: the windows' text of one frame into $out/dumps/STEP.txt, and a screenshot beside it.
+dump() {
+  local step=$1 file="$out/dumps/$1.txt"
+  rm -f "$file"
+  printf '%s' "$step" > "$out/dumps/request.part"
+  mv "$out/dumps/request.part" "$out/dumps/request"
+  for _ in $(seq 1 200); do
+    [ -f "$file" ] && break
+    sleep 0.1
+  done
+  [ -f "$file" ] || fail "no text dump for step $step"
+  last_dump=$file
+  import -window "$window" "$out/$step.png" 2>/dev/null
+}
+
+# shows_within STEP TEXT SECONDS: dumps until TEXT shows; false when it did not in time.
+shows_within() {
+  local step=$1 text=$2 limit=$3
+  for _ in $(seq 1 $((limit * 2))); do
+    dump "$step"
+    grep -qF -- "$text" "$out/dumps/$step.txt" && return 0
+    sleep 0.5
+  done
+  return 1
+}
+
+# wait_for STEP TEXT [SECONDS]: dumps until TEXT shows.
+wait_for() {
+  shows_within "$1" "$2" "${3:-30}" || fail "step $1: '$2' never shown"
+}
+
+expect() {  # expect STEP TEXT...: every TEXT in the step's dump
+  local step=$1; shift
+  for text in "$@"; do grep -qF -- "$text" "$out/dumps/$step.txt" || fail "step $step: '$text' not shown"; done
+}
+expect_not() {
+  local step=$1; shift
+  for text in "$@"; do grep -qF -- "$text" "$out/dumps/$step.txt" && fail "step $step: '$text' shown"; done
+  return 0
+}
+
+# click_until STEP X Y BUTTON TEXT: clicks at (X, Y) until the step's dump shows TEXT. A click
+# that Wine delivers while it still settles the window's focus can be lost or close a menu again
+# at once, so the click is repeated (at most three times, with Escape between).
+click_until() {
+  local step=$1 x=$2 y=$3 button=$4 text=$5
+  for _ in 1 2 3; do
+    xdotool mousemove --window "$window" "$x" "$y" click "$button"
+    sleep 0.5
+    dump "$step"
+    grep -qF -- "$text" "$out/dumps/$step.txt" && return 0
+    key Escape
+    sleep 0.5
+  done
+  fail "step $step: '$text' not shown after three clicks"
+}
+open_menu() { click_until "$1" "$2" 10 1 "$3"; }  # open_menu STEP X TEXT: the menu at x = X
+
+wait_exit() {  # the program must end, with 0
+  for _ in $(seq 1 40); do
+    kill -0 "$app_pid" 2>/dev/null || break
+    sleep 0.5
+  done
+  kill -0 "$app_pid" 2>/dev/null && fail "the program did not close"
+  wait "$app_pid"
+  local status=$?
+  app_pid=
+  [ "$status" = 0 ] || fail "exit code $status"
+}
+
+# menu X Y TEXT: opens the menu bar's menu at x = X (until its dump shows TEXT) and clicks its item
+# at y = Y.
+menu() {
+  open_menu "menu-$1" "$1" "$3"
+  xdotool mousemove --window "$window" "$1" "$2" click 1
+}
+
+quit() { menu 36 212 "Exit"; wait_exit; }  # Session > Exit, then the program must end with 0
+
+key() { xdotool windowfocus --sync "$window" 2>/dev/null; xdotool key --delay 60 "$@"; }
+
+# press_until STEP TEXT KEY: presses KEY until TEXT shows. On a loaded machine a key sent while
+# Wine is still settling the window's focus can be lost, so a key whose effect does not show within
+# 20 s is pressed again (at most three times; the keys used here do nothing when pressed twice).
+press_until() {
+  local step=$1 text=$2 key_name=$3
+  for _ in 1 2 3; do
+    key "$key_name"
+    shows_within "$step" "$text" 20 && return 0
+  done
+  fail "step $step: '$text' never shown after pressing $key_name three times"
+}
+
