@@ -248,39 +248,39 @@ static void DrawToolbar(AppState *app, MainFrameState *state) {
       u32 d = app->debug_state;
       if (d == kDebugNone) {
         ImGui::BeginDisabled(!CanStart(app));
-        if (ImGui::Button("Start Debugging")) {
+        if (ImGui::Button(KTRN_GLYPH_CONTINUE " Start Debugging")) {
           r->start_debugging = true;
           r->start_reason = 6;
         }
         ImGui::EndDisabled();
       } else {
         ImGui::BeginDisabled(d != kDebugSuspended);
-        if (ImGui::Button("Continue")) {
+        if (ImGui::Button(KTRN_GLYPH_CONTINUE " Continue")) {
           r->continue_run = true;
           r->continue_reason = 34;
         }
         ImGui::EndDisabled();
       }
       ImGui::BeginDisabled(d != kDebugRunning);
-      if (ImGui::Button("Break")) {
+      if (ImGui::Button(KTRN_GLYPH_BREAK " Break")) {
         r->break_in = true;
         r->break_reason = kStopReasonBreakButton;
       }
       ImGui::EndDisabled();
       ImGui::BeginDisabled(d == kDebugNone);
-      if (ImGui::Button("Stop Debugging")) r->stop_debugging = true;
+      if (ImGui::Button(KTRN_GLYPH_STOP " Stop Debugging")) r->stop_debugging = true;
       ImGui::EndDisabled();
       ImGui::BeginDisabled(d == kDebugNone || app->attached);
-      if (ImGui::Button("Restart")) {
+      if (ImGui::Button(KTRN_GLYPH_RESTART " Restart")) {
         r->restart = true;
         r->restart_reason = 17;
       }
       ImGui::EndDisabled();
       // Stepping waits for the engine's stepping operations.
       ImGui::BeginDisabled(true);
-      ImGui::Button("Step Into");
-      ImGui::Button("Step Over");
-      ImGui::Button("Step Out");
+      ImGui::Button(KTRN_GLYPH_STEP_INTO " Step Into");
+      ImGui::Button(KTRN_GLYPH_STEP_OVER " Step Over");
+      ImGui::Button(KTRN_GLYPH_STEP_OUT " Step Out");
       ImGui::EndDisabled();
       ImGui::EndMenuBar();
     }
