@@ -5,34 +5,12 @@
 # usage: window_test.sh WINE_RUN KESTRUNE_EXE TARGET_EXE OUT_DIR
 set -u
 wine_run=$1 exe=$2 target=$3 out=$4
-mkdir -p "$out"
 
-fail() { echo "FAIL: $*"; exit 1; }
+source "$(dirname "$0")/ui_test_lib.sh"
 
-# A display of our own, so that parallel tests and the user's display are left alone.
-exec 5< <(Xvfb -displayfd 1 -screen 0 1280x800x24 -nolisten tcp 2>/dev/null)
-xvfb_pid=$!
-read -r -t 20 display <&5 || fail "Xvfb did not start"
-export DISPLAY=":$display"
-app_pid=
-cleanup() {
-  [ -n "$app_pid" ] && kill "$app_pid" 2>/dev/null
-  kill "$xvfb_pid" 2>/dev/null
-}
-trap cleanup EXIT
-
-"$wine_run" "$exe" "Z:$target" &
-app_pid=$!
-
+start "Z:$target"
 want_title="$(basename "$target") - Kestrune"
-window=
-for _ in $(seq 1 120); do
-  window=$(xdotool search --name "^${want_title}\$" 2>/dev/null | head -n 1)
-  [ -n "$window" ] && break
-  kill -0 "$app_pid" 2>/dev/null || fail "kestrune.exe ended before showing its window"
-  sleep 0.5
-done
-[ -n "$window" ] || fail "no window titled '$want_title' within 60 s"
+[ "$(xdotool getwindowname "$window")" = "$want_title" ] || fail "title is '$(xdotool getwindowname "$window")'"
 pixel() { convert "$1" -format "%[pixel:p{$2}]" info:; }
 # Light pixels along the menu bar are the menu titles' text.
 bright_pixels() { convert "$1" -crop "$2" -colorspace gray -threshold 60% -format "%[fx:mean*w*h]" info:; }
@@ -64,13 +42,5 @@ echo "Session title when open: $highlight"
 [ "$highlight" != "$menu_bar" ] || fail "clicking Session did not open its menu"
 
 xdotool mousemove --window "$window" 25 212 click 1  # Session > Exit, the last item
-for _ in $(seq 1 40); do
-  kill -0 "$app_pid" 2>/dev/null || break
-  sleep 0.5
-done
-kill -0 "$app_pid" 2>/dev/null && fail "Session > Exit did not end the program"
-wait "$app_pid"
-status=$?
-app_pid=
-[ "$status" = 0 ] || fail "exit code $status"
+wait_exit
 echo "PASS"
