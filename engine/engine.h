@@ -62,6 +62,9 @@ EngineResult EngineRunToLine(Target *target, const char *path, u32 line);
 // WinMainCRTStartup, wWinMainCRTStartup), else, and always without it, the main image's entry
 // point. Made for the launched program before its first run.
 EngineResult EngineRunToEntry(Target *target, bool nominal_entry);
+// The start of the first procedure of that name in a loaded module's symbols (no prologue
+// skipped); 0 when none. Reads the model: at a stop.
+u64 EngineFunctionAddress(Target *target, const char *name);
 // Adds an expression evaluated at every stop; its results come as events of kind 3. 33 for a text
 // of 256 characters or more, 37 when every request is taken.
 EngineResult EngineAddEvaluationRequest(Target *target, const char *text, void *cookie, EvaluationRequest **out);

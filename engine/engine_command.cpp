@@ -366,8 +366,7 @@ EngineResult EngineRunToLine(Target *target, const char *path, u32 line) {
   return RunWith(target, kRunToAddress, address);
 }
 
-// The start of the first procedure of that name in a loaded module's symbols; 0 when none.
-static u64 ProcedureAddress(Target *target, const char *name) {
+u64 EngineFunctionAddress(Target *target, const char *name) {
   for (TargetModule *m = target->modules; m; m = m->next) {
     const ModuleSymbols *symbols = &m->symbols;
     if (symbols->status != kSymbolsLoaded) continue;
@@ -391,7 +390,7 @@ EngineResult EngineRunToEntry(Target *target, bool nominal_entry) {
   if (state != kEngineOk) return NotStopped(state);
   u64 address = 0;
   for (u32 i = 0; nominal_entry && i < KTRN_ARRAY_COUNT(kNominalEntries) && !address; i++)
-    address = ProcedureAddress(target, kNominalEntries[i]);
+    address = EngineFunctionAddress(target, kNominalEntries[i]);
   if (!address && target->main_module && target->main_module->symbols.image.entry_rva)
     address = target->main_image_base + target->main_module->symbols.image.entry_rva;
   if (!address) {

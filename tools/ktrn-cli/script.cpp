@@ -91,20 +91,8 @@ static TargetThread *ThreadArgument(Cli *cli, const char *text) {
 
 // The start of a procedure named name in any loaded module's symbols.
 static bool FunctionAddress(Cli *cli, const char *name, u64 *out) {
-  for (TargetModule *m = cli->target->modules; m; m = m->next) {
-    const ModuleSymbols *symbols = &m->symbols;
-    if (symbols->status != kSymbolsLoaded) continue;
-    const PdbProcScope *procedure = PdbFindProcedure(&symbols->pdb.scopes, name, nullptr);
-    if (!procedure) continue;
-    u32 offset = 0;
-    u16 section = 0;
-    memcpy(&offset, procedure->record + kProcSymOffset, 4);
-    memcpy(&section, procedure->record + kProcSymSection, 2);
-    if (section == 0 || section > symbols->image.section_count) continue;
-    *out = symbols->load_base + symbols->image.sections[section - 1].virtual_address + offset;
-    return true;
-  }
-  return false;
+  *out = EngineFunctionAddress(cli->target, name);
+  return *out != 0;
 }
 
 // An address: a number, a general register of the stopped thread, or a function's name.
