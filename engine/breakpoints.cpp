@@ -229,12 +229,13 @@ bool TargetReadProgramMemory(Target *target, u64 address, void *buffer, u32 size
   return true;
 }
 
-// Takes a record out: its int3 (never re-armed after a step), its place in the list, its pool slot.
+// Takes a record out: its int3, its place in the list, its pool slot. A thread that is stepping over
+// it keeps its re-arm address: its single step is still on its way and must be taken as the
+// engine's (unclaimed, it would reach the program as an exception and kill it); the re-arm then
+// finds no record at that address and writes nothing.
 static void RemoveOne(Target *target, BreakpointLocation *bp) {
   BreakpointDisarm(target, bp);
   if (bp->kind == kBreakpointProcessor) EngineReleaseProcessorSlot(target, bp->slot);
-  for (TargetThread *t = target->threads; t; t = t->next)
-    if (t->rearm_address == bp->address && !bp->pending) t->rearm_address = 0;
   Unlink(target, bp);
   GiveBack(target, bp);
 }
