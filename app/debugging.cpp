@@ -6,11 +6,13 @@
 
 #include "engine/engine.h"
 #include "ui/engine_event_text.h"
+#include "ui/main_frame.h"
 #include "ui/stop_reason.h"
 
 enum { kTerminateExitCode = 0x7E57, kEnvironmentPairsMax = 512, kEventTextCapacity = 4096 };
 
 static bool g_awaiting_first_run;
+static bool g_first_run_to_entry;  // the launch was begun by a step: its first run halts at the entry
 // An attach stops first at its break-in; that stop is the attach's own, not one of the user's.
 static bool g_awaiting_break_in;
 static bool g_continue_after_break_in;
@@ -77,6 +79,25 @@ int DebuggingAttach(AppState *app, u32 process_id, bool let_run, void (*wake)(vo
 
 bool DebuggingAwaitingFirstRun(const AppState *app) { return app->target && g_awaiting_first_run; }
 
+int DebuggingStep(AppState *app, u32 step, u32 reason, void (*wake)(void *), void *wake_user) {
+  if (!app->target) {
+    if (step != kAskStepIntoLine && step != kAskStepOverLine) return kEngineNoTarget;
+    int result = DebuggingStart(app, reason, wake, wake_user);
+    g_first_run_to_entry = result == kEngineOk;
+    return result;
+  }
+  static const u32 kEngineSteps[] = {0, kRunStepInto, kRunStepInstruction, kRunStepOver, kRunStepOut};
+  if (app->debug_state != kDebugSuspended) return kEngineNotSuspended;
+  if (step == kAskStepNone || step >= KTRN_ARRAY_COUNT(kEngineSteps)) return kEngineNoTarget;
+  int result = EngineStep(app->target, kEngineSteps[step]);
+  if (result == kEngineOk) {
+    app->debug_state = kDebugRunning;
+    app->stop_reason = reason;
+    app->run_started_by = reason;
+  }
+  return result;
+}
+
 int DebuggingContinue(AppState *app, u32 reason) {
   if (!app->target || app->debug_state != kDebugSuspended) return kEngineNotSuspended;
   int result = EngineRun(app->target);
@@ -112,6 +133,7 @@ static void RunEnded(AppState *app, u32 exit_code) {
   app->has_run = 1;
   app->last_exit_code = exit_code;
   g_awaiting_first_run = false;
+  g_first_run_to_entry = false;
   g_awaiting_break_in = false;
   SessionClearBreakpointRuntime(&app->session);
 }
@@ -125,7 +147,10 @@ bool DebuggingDrainEvents(AppState *app) {
   if (!app->target) return false;
   // The engine holds a new launch at its start; let it run once it serves commands.
   if (g_awaiting_first_run && EngineStoppedState(app->target) == 0) {
-    if (EngineRun(app->target) == kEngineOk) g_awaiting_first_run = false;
+    const TargetCommand *command = SessionCurrentTarget(&app->session);
+    bool nominal = !command || command->halt_at_nominal_entry;
+    EngineResult first = g_first_run_to_entry ? EngineRunToEntry(app->target, nominal) : EngineRun(app->target);
+    if (first == kEngineOk) g_awaiting_first_run = g_first_run_to_entry = false;
   }
   OutputOptions options = {app->settings.show_module_load, app->settings.show_module_unload,
                            app->settings.show_thread_exit, app->settings.show_process_exit};

@@ -11,6 +11,10 @@ int DebuggingStart(AppState *app, u32 reason, void (*wake)(void *), void *wake_u
 // The run stops at its break-in, or with let_run is resumed there at once (reason 36).
 int DebuggingAttach(AppState *app, u32 process_id, bool let_run, void (*wake)(void *), void *wake_user);
 int DebuggingContinue(AppState *app, u32 reason);
+// A step of the Control menu (StepRequest of ui/main_frame.h) at a stop. Not debugging, a line step
+// launches the session's program and halts it at its entry point (the nominal entry functions or
+// the image's entry, as the target command says).
+int DebuggingStep(AppState *app, u32 step, u32 reason, void (*wake)(void *), void *wake_user);
 // Detaches from an attached process, terminates a launched one.
 int DebuggingStop(AppState *app);
 int DebuggingBreak(AppState *app, u32 reason);

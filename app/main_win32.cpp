@@ -508,6 +508,7 @@ static void CarryOutRequests(Program *program) {
   const MainFrameRequests *r = &program->frame.requests;
   if (r->start_debugging) DebuggingStart(app, r->start_reason, Wake, program);
   if (r->continue_run) DebuggingContinue(app, r->continue_reason);
+  if (r->step) DebuggingStep(app, r->step, r->step_reason, Wake, program);
   if (r->stop_debugging) DebuggingStop(app);
   if (r->break_in) DebuggingBreak(app, r->break_reason);
   if (r->restart && app->target && !app->attached) {

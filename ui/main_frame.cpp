@@ -122,6 +122,11 @@ static void DrawSessionMenu(AppState *app, MainFrameState *state) {
   ImGui::EndMenu();
 }
 
+static void AskStep(MainFrameRequests *r, u32 step, u32 reason) {
+  r->step = step;
+  r->step_reason = reason;
+}
+
 static void DrawControlMenu(AppState *app, MainFrameState *state) {
   if (!ImGui::BeginMenu("Control")) return;
   MainFrameRequests *r = &state->requests;
@@ -148,12 +153,17 @@ static void DrawControlMenu(AppState *app, MainFrameState *state) {
     r->break_reason = kStopReasonBreakMenu;
   }
   ImGui::Separator();
-  // Stepping waits for the engine's stepping operations.
-  ImGui::MenuItem(KTRN_GLYPH_STEP_INTO " Step Into (Line)", "F11", false, false);
-  ImGui::MenuItem(KTRN_GLYPH_STEP_INTO_INSTRUCTION " Step Into (Instruction)", nullptr, false, false);
-  ImGui::MenuItem(KTRN_GLYPH_STEP_OVER " Step Over (Line)", "F10", false, false);
+  // Not debugging, the line steps launch the program halted at its entry (reasons 8 and 11).
+  bool idle = d == kDebugNone, suspended = d == kDebugSuspended;
+  if (ImGui::MenuItem(KTRN_GLYPH_STEP_INTO " Step Into (Line)", "F11", false, suspended || (idle && CanStart(app))))
+    AskStep(r, kAskStepIntoLine, idle ? 8 : 18);
+  if (ImGui::MenuItem(KTRN_GLYPH_STEP_INTO_INSTRUCTION " Step Into (Instruction)", nullptr, false, suspended))
+    AskStep(r, kAskStepIntoInstruction, 21);
+  if (ImGui::MenuItem(KTRN_GLYPH_STEP_OVER " Step Over (Line)", "F10", false, suspended || (idle && CanStart(app))))
+    AskStep(r, kAskStepOverLine, idle ? 11 : 27);
+  // A step over one instruction (a call run to its return) is not in the engine yet.
   ImGui::MenuItem(KTRN_GLYPH_STEP_OVER_INSTRUCTION " Step Over (Instruction)", nullptr, false, false);
-  ImGui::MenuItem(KTRN_GLYPH_STEP_OUT " Step Out", "Shift+F11", false, false);
+  if (ImGui::MenuItem(KTRN_GLYPH_STEP_OUT " Step Out", "Shift+F11", false, suspended)) AskStep(r, kAskStepOut, 24);
   ImGui::EndMenu();
 }
 
@@ -276,11 +286,13 @@ static void DrawToolbar(AppState *app, MainFrameState *state) {
         r->restart_reason = 17;
       }
       ImGui::EndDisabled();
-      // Stepping waits for the engine's stepping operations.
-      ImGui::BeginDisabled(true);
-      ImGui::Button(KTRN_GLYPH_STEP_INTO " Step Into");
-      ImGui::Button(KTRN_GLYPH_STEP_OVER " Step Over");
-      ImGui::Button(KTRN_GLYPH_STEP_OUT " Step Out");
+      bool idle = d == kDebugNone, suspended = d == kDebugSuspended;
+      ImGui::BeginDisabled(!(suspended || (idle && CanStart(app))));
+      if (ImGui::Button(KTRN_GLYPH_STEP_INTO " Step Into")) AskStep(r, kAskStepIntoLine, idle ? 9 : 19);
+      if (ImGui::Button(KTRN_GLYPH_STEP_OVER " Step Over")) AskStep(r, kAskStepOverLine, idle ? 12 : 28);
+      ImGui::EndDisabled();
+      ImGui::BeginDisabled(!suspended);
+      if (ImGui::Button(KTRN_GLYPH_STEP_OUT " Step Out")) AskStep(r, kAskStepOut, 25);
       ImGui::EndDisabled();
       ImGui::EndMenuBar();
     }
@@ -310,6 +322,12 @@ static void TakeShortcuts(AppState *app, MainFrameState *state) {
   if (ImGui::IsKeyChordPressed(ImGuiMod_Ctrl | ImGuiMod_Shift | ImGuiKey_X) && app->debug_state == kDebugRunning) {
     r->break_in = true;
     r->break_reason = kStopReasonBreakKey;
+  }
+  {
+    bool idle = app->debug_state == kDebugNone && CanStart(app), suspended = app->debug_state == kDebugSuspended;
+    if (ImGui::IsKeyChordPressed(ImGuiKey_F11) && (idle || suspended)) AskStep(r, kAskStepIntoLine, idle ? 10 : 20);
+    if (ImGui::IsKeyChordPressed(ImGuiKey_F10) && (idle || suspended)) AskStep(r, kAskStepOverLine, idle ? 13 : 29);
+    if (ImGui::IsKeyChordPressed(ImGuiMod_Shift | ImGuiKey_F11) && suspended) AskStep(r, kAskStepOut, 26);
   }
   if (ImGui::IsKeyChordPressed(ImGuiMod_Ctrl | ImGuiKey_S)) r->save_session = true;
   if (ImGui::IsKeyChordPressed(ImGuiMod_Ctrl | ImGuiMod_Shift | ImGuiKey_O)) r->open_session = true;

@@ -7,6 +7,15 @@
 #include "app/saved_layouts.h"
 #include "engine/process_list.h"
 
+// The steps of the Control menu, its keys and the toolbar.
+enum StepRequest : u32 {
+  kAskStepNone = 0,
+  kAskStepIntoLine = 1,
+  kAskStepIntoInstruction = 2,
+  kAskStepOverLine = 3,
+  kAskStepOut = 4,
+};
+
 // What the user asked for during the frame.
 struct MainFrameRequests {
   bool start_debugging;  // "Start Debugging" (F5 or the menu); reason in start_reason
@@ -17,6 +26,8 @@ struct MainFrameRequests {
   bool break_in;         // "Break"
   // The StopReason code of each: the menu item and its key have codes of their own.
   u32 continue_reason, restart_reason, break_reason;
+  u32 step;         // StepRequest: a step (at a stop), or a launch halted at the entry (not debugging)
+  u32 step_reason;  // its StopReason code
   bool new_session;
   bool save_session;     // "Save..." (Ctrl+S): the save-as dialog when the session is unnamed
   bool save_session_as;

@@ -47,6 +47,16 @@ expect restarted "[window Output]" "[window Threads]" "[window Watch 1]"
 press_until f5-exit "Module loaded:" F5
 wait_for f5-exit "Process exited: with exit code 0 (0x0)" 60
 expect f5-exit "second 1:" "second 2:" "Program halted with exit code 0"
+# F11 with nothing running launches the program halted at its entry (its main); F10 steps over
+# main's first line; stop-debugging from a second instance ends the run. A click before each key:
+# under Wine a program that starts takes the keyboard focus from the window.
+xdotool mousemove --window "$window" 640 400 click 1
+press_until f11-entry "Program stopped at entry point" F11
+expect f11-entry "[SUSPENDED]"
+xdotool mousemove --window "$window" 640 400 click 1
+press_until f10-step "Program stopped because a step-over operation completed" F10
+"$wine_run" "$exe" stop-debugging || fail "the forwarding instance failed"
+wait_for f11-stopped "Program halted with exit code 0x00007E57" 30
 quit
 
 # 5. A corrupt ini: the program starts with its defaults and writes a clean file again.
