@@ -1,13 +1,15 @@
 // Parsed expression trees: ExprNode records from a fixed pool kept on a free list.
 //
-// The pool is owned by whoever evaluates (one per evaluation context) and is never grown: a parse
-// that needs more than kExprPoolCapacity nodes fails cleanly and returns what it took. The engine
-// refuses texts of 256 characters or more, and no such text can need more than about one node per
-// character, so 512 nodes leave room for a tree and the format node with margin to spare.
+// A pool holds the nodes of one kept tree (and its format node): each evaluation request and each
+// breakpoint condition owns one, so no pool is shared between trees or between threads. A pool is
+// never grown: a parse that needs more than kExprPoolCapacity nodes fails cleanly with its own
+// failure (ExprParse_OutOfNodes) and returns what it took. Every node consumes at least one token
+// and every token at least one character, and the engine refuses texts of 256 characters or more,
+// so 256 nodes hold any text it accepts.
 #pragma once
 #include "base/types.h"
 
-enum { kExprPoolCapacity = 512 };
+enum { kExprPoolCapacity = 256 };
 
 enum ExprNodeKind : u32 {
   ExprNode_Free = 0,        // on the pool's free list

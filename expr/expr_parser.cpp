@@ -498,3 +498,11 @@ bool Parse(ExprPool *pool, const char *text, ExprParseResult *out) {
   out->failure = ExprParse_Ok;
   return true;
 }
+
+const char *ExprParseFailureText(u32 failure) {
+  switch (failure) {
+    case ExprParse_OutOfNodes: return "Expression too large (out of expression nodes)";
+    case ExprParse_TooDeep: return "Expression nested too deeply";
+    default: return "Parse error";
+  }
+}

@@ -31,5 +31,8 @@ struct ExprParseResult {
 // null and false is returned. Nodes keep pointers into text: it must outlive the tree.
 bool Parse(ExprPool *pool, const char *text, ExprParseResult *out);
 
+// The message shown for a failure: "Parse error", or what else went wrong.
+const char *ExprParseFailureText(u32 failure);
+
 // The 28 basic type names that make "(name)" a cast even before an operator ("(int)-1").
 bool IsCastTypeName(const char *text, u32 length);

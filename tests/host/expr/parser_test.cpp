@@ -125,7 +125,7 @@ TEST(ExprParser, FailsCleanlyBeyondItsLimits) {
   EXPECT_EQ(ParseAndPrint(sum).failure, (u32)ExprParse_OutOfNodes);
   EXPECT_EQ(ParseAndPrint("p, " + sum).failure, (u32)ExprParse_OutOfNodes);
   EXPECT_EQ(ParseAndPrint("(" + sum + ")x").failure, (u32)ExprParse_OutOfNodes);
-  // Exactly the capacity: one negation, 256 identifiers and 255 additions; one more term fails.
+  // Exactly the capacity: one negation, 128 identifiers and 127 additions; one more term fails.
   std::string fits = "-a";
   for (int i = 0; i < (kExprPoolCapacity - 2) / 2; i++) fits += "+a";
   EXPECT_EQ(ParseAndPrint(fits).failure, (u32)ExprParse_Ok);
