@@ -382,12 +382,12 @@ static EngineResult SetCondition(Target *target, BreakpointLocation *bp, const c
   if (!length) return kEngineOk;
   // The nodes point into the record's own copy of the text.
   ExprParseResult parsed;
-  if (!Parse(nodes, bp->condition, &parsed)) {
+  if (!ExprParse(nodes, bp->condition, &parsed)) {
     bp->condition_parse_failed = 1;  // kept: shown as a parse error
     return kEngineParseError;
   }
   bp->condition_tree = parsed.tree;
-  FreeTree(nodes, parsed.format);
+  ExprFreeTree(nodes, parsed.format);
   return kEngineOk;
 }
 

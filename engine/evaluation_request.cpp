@@ -39,7 +39,7 @@ EngineResult EngineAddEvaluationRequest(Target *target, const char *text, void *
   memcpy(r->text, text, length + 1);
   // Parsed here, on the UI thread: the nodes keep pointers into the request's own copy of the text.
   ExprParseResult parsed;
-  if (Parse(&r->nodes, r->text, &parsed)) {
+  if (ExprParse(&r->nodes, r->text, &parsed)) {
     r->tree = parsed.tree;
     r->format = parsed.format;
   } else {

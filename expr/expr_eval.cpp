@@ -264,17 +264,17 @@ static u32 EvaluateIdentifier(ExprEvalContext *context, const ExprNode *node, Ex
 static u32 BasicTypeOfKeywords(const ExprTypeDesc *desc) {
   u32 k = desc->keywords;
   if (desc->name) return 0;
-  bool is_unsigned = k & ExprTypeKeyword_Unsigned;
-  if (k & ExprTypeKeyword_Double) return kTypeDouble;
-  if (k & ExprTypeKeyword_Float) return kTypeFloat;
-  if (k & ExprTypeKeyword_Char) return is_unsigned ? 0x20 : (k & ExprTypeKeyword_Signed) ? 0x10 : 0x70;
-  if (k & ExprTypeKeyword_Short) return is_unsigned ? 0x73 : 0x72;
-  if (k & ExprTypeKeyword_Long) {
+  bool is_unsigned = k & kExprTypeKeywordUnsigned;
+  if (k & kExprTypeKeywordDouble) return kTypeDouble;
+  if (k & kExprTypeKeywordFloat) return kTypeFloat;
+  if (k & kExprTypeKeywordChar) return is_unsigned ? 0x20 : (k & kExprTypeKeywordSigned) ? 0x10 : 0x70;
+  if (k & kExprTypeKeywordShort) return is_unsigned ? 0x73 : 0x72;
+  if (k & kExprTypeKeywordLong) {
     if (desc->long_count >= 2) return is_unsigned ? 0x77 : 0x76;
     return is_unsigned ? 0x22 : 0x12;
   }
-  if (k & (ExprTypeKeyword_Int | ExprTypeKeyword_Signed | ExprTypeKeyword_Unsigned)) return is_unsigned ? 0x75 : 0x74;
-  if (k & ExprTypeKeyword_Void) return 0x03;
+  if (k & (kExprTypeKeywordInt | kExprTypeKeywordSigned | kExprTypeKeywordUnsigned)) return is_unsigned ? 0x75 : 0x74;
+  if (k & kExprTypeKeywordVoid) return 0x03;
   return 0;
 }
 
@@ -344,7 +344,7 @@ static u32 EvaluateCast(ExprEvalContext *context, const ExprNode *node, ExprValu
 
 static u32 EvaluateSizeof(ExprEvalContext *context, const ExprNode *node, ExprValue *out) {
   u64 size;
-  if (node->kind == ExprNode_SizeofType) {
+  if (node->kind == kExprNodeSizeofType) {
     u32 type = LookUpType(context, &node->sizeof_type.type);
     if (!type) return Fail(context, "Type name not found");
     size = Facts(context, type).size;
@@ -398,7 +398,7 @@ static u32 EvaluateMember(ExprEvalContext *context, const ExprNode *node, ExprVa
   u32 result = EvaluateNode(context, node->member.object, &object);
   if (result != kExprEvalOk) return result;
   ExprTypeFacts facts = Facts(context, object.type);
-  if (node->member.op == ExprToken_Dot) {
+  if (node->member.op == kExprTokenDot) {
     if (facts.kind == kExprTypePointer) return Fail(context, "Expression is pointer type (dot operator does not apply)");
   } else {
     if (facts.kind != kExprTypePointer) return Fail(context, "Expected '.' but got '->'");
@@ -443,14 +443,14 @@ static u32 EvaluateUnary(ExprEvalContext *context, const ExprNode *node, ExprVal
   if (result != kExprEvalOk) return result;
   u32 op = node->unary.op;
   ExprTypeFacts facts = Facts(context, value.type);
-  if (op == ExprToken_Amp) {
+  if (op == kExprTokenAmp) {
     if (!value.is_location) return Fail(context, "Address-of operator requires lvalue type");
     u32 pointer = PointerTo(context, value.type);
     if (!pointer) return Fail(context, "Address-of operator requires lvalue type");
     SetInteger(out, pointer, {8, false, false}, value.address);
     return kExprEvalOk;
   }
-  if (op == ExprToken_Star) {
+  if (op == kExprTokenStar) {
     if (facts.kind != kExprTypePointer && facts.kind != kExprTypeArray) {
       char name[128];
       TypeName(context, value.type, name, sizeof name);
@@ -461,18 +461,18 @@ static u32 EvaluateUnary(ExprEvalContext *context, const ExprNode *node, ExprVal
   if (ExprLoadValue(context, &value, &value) != kExprEvalOk) return kExprEvalFailed;
   u32 basic;
   BasicClass c = ClassOf(context, value.type, &basic);
-  if (op == ExprToken_Bang) {
+  if (op == kExprTokenBang) {
     bool truth;
     if (!TruthOf(context, &value, &truth)) return Fail(context, "Unary operand '!' requires arithmetic or pointer type");
     SetInteger(out, kTypeBool8, ClassOfBasic(kTypeBool8), truth ? 0 : 1);
     return kExprEvalOk;
   }
-  if (op == ExprToken_Tilde) {
+  if (op == kExprTokenTilde) {
     if (!c.size || c.is_float) return Fail(context, "Unary operand '~' requires integral type");
     SetInteger(out, basic, c, ~ExprValueBits(context, &value));
     return kExprEvalOk;
   }
-  char sign = op == ExprToken_Plus ? '+' : '-';
+  char sign = op == kExprTokenPlus ? '+' : '-';
   if (!c.size) return Fail(context, "Unary operand '%c' requires arithmetic type", sign);
   if (sign == '+') {
     *out = value;
@@ -496,19 +496,19 @@ static u32 CommonIntegerType(u32 left, BasicClass l, u32 right, BasicClass r) {
 }
 
 static bool IsComparison(u32 op) {
-  return op == ExprToken_Less || op == ExprToken_LessEqual || op == ExprToken_Greater || op == ExprToken_GreaterEqual ||
-         op == ExprToken_Equal || op == ExprToken_NotEqual;
+  return op == kExprTokenLess || op == kExprTokenLessEqual || op == kExprTokenGreater || op == kExprTokenGreaterEqual ||
+         op == kExprTokenEqual || op == kExprTokenNotEqual;
 }
 
 static void SetTruth(ExprValue *out, bool truth) { SetInteger(out, kTypeBool8, ClassOfBasic(kTypeBool8), truth ? 1 : 0); }
 
 static bool Compare(u32 op, int order) {
   switch (op) {
-    case ExprToken_Less: return order < 0;
-    case ExprToken_LessEqual: return order <= 0;
-    case ExprToken_Greater: return order > 0;
-    case ExprToken_GreaterEqual: return order >= 0;
-    case ExprToken_Equal: return order == 0;
+    case kExprTokenLess: return order < 0;
+    case kExprTokenLessEqual: return order <= 0;
+    case kExprTokenGreater: return order > 0;
+    case kExprTokenGreaterEqual: return order >= 0;
+    case kExprTokenEqual: return order == 0;
     default: return order != 0;
   }
 }
@@ -519,16 +519,16 @@ static u32 PointerBinary(ExprEvalContext *context, u32 op, const ExprValue *left
   u32 basic;
   BasicClass lc = ClassOf(context, left->type, &basic), rc = ClassOf(context, right->type, &basic);
   u64 lbits = ExprValueBits(context, left), rbits = ExprValueBits(context, right);
-  if (op == ExprToken_Plus || op == ExprToken_Minus) {
+  if (op == kExprTokenPlus || op == kExprTokenMinus) {
     if (left_pointer && right_pointer) {
-      if (op == ExprToken_Plus) return Fail(context, "Operand requires arithmetic or pointer types");
+      if (op == kExprTokenPlus) return Fail(context, "Operand requires arithmetic or pointer types");
       s64 lsize = (s64)Facts(context, lf.element).size, rsize = (s64)Facts(context, rf.element).size;
       if (lsize != rsize) return Fail(context, "Failed computing pointer difference: size mismatch (%lld vs. %lld)", (long long)lsize, (long long)rsize);
       if (!lsize) return Fail(context, "Size of type is zero.");
       SetInteger(out, 0x76, ClassOfBasic(0x76), (u64)((s64)(lbits - rbits) / lsize));
       return kExprEvalOk;
     }
-    if (!left_pointer && op == ExprToken_Minus)
+    if (!left_pointer && op == kExprTokenMinus)
       return Fail(context, "Operand does not support integral type on left and pointer type on right");
     const ExprValue *pointer = left_pointer ? left : right;
     BasicClass ic = left_pointer ? rc : lc;
@@ -536,11 +536,11 @@ static u32 PointerBinary(ExprEvalContext *context, u32 op, const ExprValue *left
     u64 element = Facts(context, (left_pointer ? lf : rf).element).size;
     u64 offset = (left_pointer ? rbits : lbits) * element;
     u64 base = ExprValueBits(context, pointer);
-    SetInteger(out, pointer->type, {8, false, false}, op == ExprToken_Plus ? base + offset : base - offset);
+    SetInteger(out, pointer->type, {8, false, false}, op == kExprTokenPlus ? base + offset : base - offset);
     return kExprEvalOk;
   }
   if (IsComparison(op)) {
-    if (op == ExprToken_Equal || op == ExprToken_NotEqual) {
+    if (op == kExprTokenEqual || op == kExprTokenNotEqual) {
       if (left_pointer && !right_pointer) return Fail(context, "Operand requires pointer type on RHS");
     } else if (left_pointer != right_pointer || left->type != right->type) {
       return Fail(context, "Cannot compare two differing pointer types.");
@@ -550,18 +550,18 @@ static u32 PointerBinary(ExprEvalContext *context, u32 op, const ExprValue *left
     SetTruth(out, Compare(op, lbits < rbits ? -1 : lbits > rbits ? 1 : 0));
     return kExprEvalOk;
   }
-  if (op == ExprToken_Star || op == ExprToken_Slash) return Fail(context, "Operand requires arithmetic types");
+  if (op == kExprTokenStar || op == kExprTokenSlash) return Fail(context, "Operand requires arithmetic types");
   return Fail(context, "Operand requires integral types");
 }
 
 static u32 ArithmeticBinary(ExprEvalContext *context, u32 op, const ExprValue *left, const ExprValue *right, ExprValue *out) {
   u32 lbasic, rbasic;
   BasicClass l = ClassOf(context, left->type, &lbasic), r = ClassOf(context, right->type, &rbasic);
-  bool integral_only = op == ExprToken_Percent || op == ExprToken_ShiftLeft || op == ExprToken_ShiftRight ||
-                       op == ExprToken_Amp || op == ExprToken_Pipe || op == ExprToken_Caret;
+  bool integral_only = op == kExprTokenPercent || op == kExprTokenShiftLeft || op == kExprTokenShiftRight ||
+                       op == kExprTokenAmp || op == kExprTokenPipe || op == kExprTokenCaret;
   if (!l.size || !r.size) {
     if (integral_only) return Fail(context, "Operand requires integral types");
-    if (op == ExprToken_Star || op == ExprToken_Slash) return Fail(context, "Operand requires arithmetic types");
+    if (op == kExprTokenStar || op == kExprTokenSlash) return Fail(context, "Operand requires arithmetic types");
     return Fail(context, "Operand requires arithmetic or pointer types");
   }
   if (l.is_float || r.is_float) {
@@ -572,17 +572,17 @@ static u32 ArithmeticBinary(ExprEvalContext *context, u32 op, const ExprValue *l
     if (IsComparison(op)) {
       bool truth;
       switch (op) {
-        case ExprToken_Less: truth = a < b; break;
-        case ExprToken_LessEqual: truth = a <= b; break;
-        case ExprToken_Greater: truth = a > b; break;
-        case ExprToken_GreaterEqual: truth = a >= b; break;
-        case ExprToken_Equal: truth = a == b; break;
+        case kExprTokenLess: truth = a < b; break;
+        case kExprTokenLessEqual: truth = a <= b; break;
+        case kExprTokenGreater: truth = a > b; break;
+        case kExprTokenGreaterEqual: truth = a >= b; break;
+        case kExprTokenEqual: truth = a == b; break;
         default: truth = a != b; break;
       }
       SetTruth(out, truth);
       return kExprEvalOk;
     }
-    f64 value = op == ExprToken_Plus ? a + b : op == ExprToken_Minus ? a - b : op == ExprToken_Star ? a * b : a / b;
+    f64 value = op == kExprTokenPlus ? a + b : op == kExprTokenMinus ? a - b : op == kExprTokenStar ? a * b : a / b;
     SetFloating(out, type, value);
     return kExprEvalOk;
   }
@@ -597,28 +597,28 @@ static u32 ArithmeticBinary(ExprEvalContext *context, u32 op, const ExprValue *l
   }
   u64 value;
   switch (op) {
-    case ExprToken_Plus: value = a + b; break;
-    case ExprToken_Minus: value = a - b; break;
-    case ExprToken_Star: value = a * b; break;
-    case ExprToken_Slash:
-    case ExprToken_Percent:
+    case kExprTokenPlus: value = a + b; break;
+    case kExprTokenMinus: value = a - b; break;
+    case kExprTokenStar: value = a * b; break;
+    case kExprTokenSlash:
+    case kExprTokenPercent:
       if (!b) return Fail(context, "Divide by zero");
       if (c.is_signed) {
         // The one quotient that overflows 64 bits wraps, as the narrower widths do.
-        if ((s64)b == -1) value = op == ExprToken_Slash ? 0 - a : 0;
-        else value = op == ExprToken_Slash ? (u64)((s64)a / (s64)b) : (u64)((s64)a % (s64)b);
+        if ((s64)b == -1) value = op == kExprTokenSlash ? 0 - a : 0;
+        else value = op == kExprTokenSlash ? (u64)((s64)a / (s64)b) : (u64)((s64)a % (s64)b);
       } else {
-        value = op == ExprToken_Slash ? a / b : a % b;
+        value = op == kExprTokenSlash ? a / b : a % b;
       }
       break;
-    case ExprToken_ShiftLeft: value = b >= 64 ? 0 : a << b; break;
-    case ExprToken_ShiftRight:
+    case kExprTokenShiftLeft: value = b >= 64 ? 0 : a << b; break;
+    case kExprTokenShiftRight:
       if (c.is_signed) value = (u64)((s64)a >> (b >= 64 ? 63 : b));
       else value = b >= 64 ? 0 : (Truncate(a, {c.size, false, false}) >> b);
       break;
-    case ExprToken_Amp: value = a & b; break;
-    case ExprToken_Pipe: value = a | b; break;
-    default: value = a ^ b; break;  // ExprToken_Caret
+    case kExprTokenAmp: value = a & b; break;
+    case kExprTokenPipe: value = a | b; break;
+    default: value = a ^ b; break;  // kExprTokenCaret
   }
   SetInteger(out, type, c, value);
   return kExprEvalOk;
@@ -632,11 +632,11 @@ static u32 EvaluateBinary(ExprEvalContext *context, const ExprNode *node, ExprVa
   if (result == kExprEvalOk) result = EvaluateLoaded(context, node->binary.right, &right);
   if (result != kExprEvalOk) return result;
   u32 op = node->binary.op;
-  if (op == ExprToken_AmpAmp || op == ExprToken_PipePipe) {
+  if (op == kExprTokenAmpAmp || op == kExprTokenPipePipe) {
     bool a, b;
     if (!TruthOf(context, &left, &a) || !TruthOf(context, &right, &b))
       return Fail(context, "Unable to convert expression to boolean result");
-    SetTruth(out, op == ExprToken_AmpAmp ? a && b : a || b);
+    SetTruth(out, op == kExprTokenAmpAmp ? a && b : a || b);
     return kExprEvalOk;
   }
   ExprTypeFacts lf = Facts(context, left.type), rf = Facts(context, right.type);
@@ -662,21 +662,21 @@ static u32 EvaluateNode(ExprEvalContext *context, const ExprNode *node, ExprValu
   }
   u32 result = kExprEvalOk;
   switch (node->kind) {
-    case ExprNode_Integer:
+    case kExprNodeInteger:
       SetInteger(out, node->integer.type, ClassOfBasic(node->integer.type), node->integer.value);
       break;
-    case ExprNode_Character: SetInteger(out, kTypeChar, ClassOfBasic(kTypeChar), node->character.value); break;
-    case ExprNode_Floating: SetFloating(out, node->floating.type, node->floating.value); break;
-    case ExprNode_Paren: result = EvaluateNode(context, node->paren.child, out); break;
-    case ExprNode_Count: result = EvaluateNode(context, node->count.child, out); break;
-    case ExprNode_Identifier: result = EvaluateIdentifier(context, node, out); break;
-    case ExprNode_Unary: result = EvaluateUnary(context, node, out); break;
-    case ExprNode_Binary: result = EvaluateBinary(context, node, out); break;
-    case ExprNode_Cast: result = EvaluateCast(context, node, out); break;
-    case ExprNode_SizeofType:
-    case ExprNode_SizeofExpr: result = EvaluateSizeof(context, node, out); break;
-    case ExprNode_Index: result = EvaluateIndex(context, node, out); break;
-    case ExprNode_Member: result = EvaluateMember(context, node, out); break;
+    case kExprNodeCharacter: SetInteger(out, kTypeChar, ClassOfBasic(kTypeChar), node->character.value); break;
+    case kExprNodeFloating: SetFloating(out, node->floating.type, node->floating.value); break;
+    case kExprNodeParen: result = EvaluateNode(context, node->paren.child, out); break;
+    case kExprNodeCountPrefix: result = EvaluateNode(context, node->count.child, out); break;
+    case kExprNodeIdentifier: result = EvaluateIdentifier(context, node, out); break;
+    case kExprNodeUnary: result = EvaluateUnary(context, node, out); break;
+    case kExprNodeBinary: result = EvaluateBinary(context, node, out); break;
+    case kExprNodeCast: result = EvaluateCast(context, node, out); break;
+    case kExprNodeSizeofType:
+    case kExprNodeSizeofExpr: result = EvaluateSizeof(context, node, out); break;
+    case kExprNodeIndex: result = EvaluateIndex(context, node, out); break;
+    case kExprNodeMember: result = EvaluateMember(context, node, out); break;
     default: result = Fail(context, "Parse error"); break;
   }
   context->depth--;

@@ -25,7 +25,7 @@ struct Evaluator {
   // aggregate left in memory; or the failure's message.
   std::string Run(const char *text) {
     ExprParseResult parsed;
-    if (!Parse(pool.get(), text, &parsed)) return "parse error";
+    if (!ExprParse(pool.get(), text, &parsed)) return "parse error";
     ExprEvalContext context = {&host, 0, {}};
     ExprValue value;
     std::string out;
@@ -33,8 +33,8 @@ struct Evaluator {
       out = context.error;
     else
       out = Show(&context, value);
-    FreeTree(pool.get(), parsed.tree);
-    FreeTree(pool.get(), parsed.format);
+    ExprFreeTree(pool.get(), parsed.tree);
+    ExprFreeTree(pool.get(), parsed.format);
     return out;
   }
   std::string Show(ExprEvalContext *context, const ExprValue &value) {
@@ -206,12 +206,12 @@ TEST(Evaluator, ConditionsAsBooleans) {
   Evaluator evaluator;
   for (const auto &c : cases) {
     ExprParseResult parsed;
-    ASSERT_TRUE(Parse(evaluator.pool.get(), c.text, &parsed)) << c.text;
+    ASSERT_TRUE(ExprParse(evaluator.pool.get(), c.text, &parsed)) << c.text;
     ExprEvalContext context = {&evaluator.host, 0, {}};
     bool truth = false;
     int got = ExprEvaluateToBoolean(&context, parsed.tree, &truth) == kExprEvalOk ? (int)truth : -1;
     EXPECT_EQ(got, c.expected) << c.text << ": " << context.error;
-    FreeTree(evaluator.pool.get(), parsed.tree);
+    ExprFreeTree(evaluator.pool.get(), parsed.tree);
   }
 }
 

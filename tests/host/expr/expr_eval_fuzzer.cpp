@@ -23,7 +23,7 @@ extern "C" int LLVMFuzzerTestOneInput(const u8 *data, size_t size) {
   memcpy(g_text, data, size);
   g_text[size] = 0;
   ExprParseResult parsed;
-  if (!Parse(&g_pool, g_text, &parsed)) return 0;
+  if (!ExprParse(&g_pool, g_text, &parsed)) return 0;
   ExprEvalContext context = {&g_host, 0, {}};
   ExprValue value;
   u32 result = ExprEvaluate(&context, parsed.tree, &value);
@@ -31,7 +31,7 @@ extern "C" int LLVMFuzzerTestOneInput(const u8 *data, size_t size) {
   if (result != kExprEvalOk && !context.error[0]) abort();  // a failure without its message
   bool truth;
   if (ExprEvaluateToBoolean(&context, parsed.tree, &truth) != kExprEvalOk && !context.error[0]) abort();
-  FreeTree(&g_pool, parsed.tree);
-  FreeTree(&g_pool, parsed.format);
+  ExprFreeTree(&g_pool, parsed.tree);
+  ExprFreeTree(&g_pool, parsed.format);
   return 0;
 }
