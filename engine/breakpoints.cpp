@@ -8,6 +8,7 @@
 // [SECTION] Module loads and unloads
 // [SECTION] Requests carried while the target runs
 // [SECTION] Operations of the user interface
+#include <stddef.h>
 #include <string.h>
 
 #include "engine/engine.h"
@@ -29,7 +30,7 @@ BreakpointLocation *EngineTakeBreakpoint(Target *target) {
   if (bp) target->free_breakpoints = bp->next;
   TicketLockRelease(&target->lock);
   if (!bp) return nullptr;
-  memset(bp, 0, sizeof *bp);
+  memset(bp, 0, offsetof(BreakpointLocation, condition_nodes));  // the pool is set up per condition
   bp->in_use = 1;
   bp->pending = 1;
   bp->enabled = 1;
@@ -372,27 +373,28 @@ void EngineServeBreakpointRequest(Target *target, const EngineRequest *request) 
 static EngineResult SetCondition(Target *target, BreakpointLocation *bp, const char *text) {
   u64 length = text ? strnlen(text, kConditionCapacity) : 0;
   if (length >= kConditionCapacity) return kEngineTextTooLong;
-  ExprPool *nodes = &target->evaluation_requests->nodes;  // the user-interface thread's own pool
-  FreeTree(nodes, bp->condition_tree);
+  // The record's own pool holds only this tree: setting it up afresh frees the old one.
+  ExprPool *nodes = &bp->condition_nodes;
   bp->condition_tree = nullptr;
+  InitExprPool(nodes);
   bp->condition_parse_failed = 0;
   bp->hit_count = 0;
   memcpy(bp->condition, text ? text : "", length + 1);
   if (!length) return kEngineOk;
   // The nodes point into the record's own copy of the text.
   ExprParseResult parsed;
-  if (!Parse(nodes, bp->condition, &parsed)) {
+  if (!ExprParse(nodes, bp->condition, &parsed)) {
     bp->condition_parse_failed = 1;  // kept: shown as a parse error
     return kEngineParseError;
   }
   bp->condition_tree = parsed.tree;
-  FreeTree(nodes, parsed.format);
+  ExprFreeTree(nodes, parsed.format);
   return kEngineOk;
 }
 
 static void ReleaseRecord(Target *target, BreakpointLocation *bp) {
-  FreeTree(&target->evaluation_requests->nodes, bp->condition_tree);
-  bp->condition_tree = nullptr;
+  (void)target;
+  bp->condition_tree = nullptr;  // its nodes are the record's own and go with it
 }
 
 EngineResult EngineAddBreakpoint(Target *target, const BreakpointWanted *wanted, BreakpointLocation **out) {

@@ -49,6 +49,8 @@ typedef struct BreakpointLocation {
   ExprNode *condition_tree;     // parsed on the user-interface thread; null without a condition
   char place[kBreakpointPlaceCapacity];  // the file path or function name
   char condition[kConditionCapacity];
+  ExprPool condition_nodes;  // the condition tree's own nodes; last, so that taking a record
+                             // clears only what comes before it
 } BreakpointLocation;
 
 // What a breakpoint is asked for with.

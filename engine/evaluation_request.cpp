@@ -2,6 +2,7 @@
 // that add and remove requests.
 #include "engine/evaluation_request.h"
 
+#include <stddef.h>
 #include <string.h>
 
 #include "engine/engine.h"
@@ -16,7 +17,6 @@ static void RefreshWhenStopped(Target *target) {
 
 void EvaluationRequestsInit(EvaluationRequests *requests) {
   requests->first = requests->last = nullptr;
-  InitExprPool(&requests->nodes);
   for (u32 i = 0; i < kEvaluationRequestCapacity; i++)
     requests->pool[i].next = i + 1 < kEvaluationRequestCapacity ? &requests->pool[i + 1] : nullptr;
   requests->free_list = &requests->pool[0];
@@ -33,17 +33,19 @@ EngineResult EngineAddEvaluationRequest(Target *target, const char *text, void *
   if (r) requests->free_list = r->next;
   TicketLockRelease(&target->lock);
   if (!r) return kEngineSystemCallFailed;
-  memset(r, 0, sizeof *r);
+  memset(r, 0, offsetof(EvaluationRequest, nodes));  // the pool is set up whole below
+  InitExprPool(&r->nodes);
   r->cookie = cookie;
   memcpy(r->text, text, length + 1);
   // Parsed here, on the UI thread: the nodes keep pointers into the request's own copy of the text.
   ExprParseResult parsed;
-  if (Parse(&requests->nodes, r->text, &parsed)) {
+  if (ExprParse(&r->nodes, r->text, &parsed)) {
     r->tree = parsed.tree;
     r->format = parsed.format;
   } else {
     r->parse_failed = 1;
-    memcpy(r->result, "Parse error", sizeof "Parse error");
+    const char *why = ExprParseFailureText(parsed.failure);
+    memcpy(r->result, why, strlen(why) + 1);
   }
   r->needs_evaluation = 1;
   TicketLockAcquire(&target->lock);
@@ -71,14 +73,11 @@ EngineResult EngineRemoveEvaluationRequest(Target *target, EvaluationRequest *r)
     r->next->previous = r->previous;
   else
     requests->last = r->previous;
-  ExprNode *tree = r->tree, *format = r->format;
-  memset(r, 0, sizeof *r);
+  // The request's nodes go with it: the next add sets its pool up afresh.
+  memset(r, 0, offsetof(EvaluationRequest, nodes));
   r->next = requests->free_list;
   requests->free_list = r;
   TicketLockRelease(&target->lock);
-  // The node pool is the UI thread's alone (parsing happens there too).
-  FreeTree(&requests->nodes, tree);
-  FreeTree(&requests->nodes, format);
   RefreshWhenStopped(target);
   return kEngineOk;
 }

@@ -1,6 +1,7 @@
 // Expressions that the engine evaluates at every stop (watch rows, quick watch): the user
 // interface adds and removes them, the engine marks all of them at a stop and reports each result
-// with an event of kind 3. Requests come from a fixed pool, their trees from one node pool.
+// with an event of kind 3. Requests come from a fixed pool; each request's tree lives in the
+// request's own node pool, so the number of watches never runs another watch out of nodes.
 #pragma once
 #include "base/types.h"
 #include "expr/expr_node.h"
@@ -20,14 +21,14 @@ typedef struct EvaluationRequest {
   u8 needs_evaluation;
   u8 padding[6];
   char text[kEvaluationTextCapacity];
-  char result[kEvaluationTextCapacity];  // "Parse error" when the text did not parse
+  char result[kEvaluationTextCapacity];  // why the text did not parse, when it did not
+  ExprPool nodes;  // the tree's own nodes: touched by the UI thread (parse, free) and read while stopped
 } EvaluationRequest;
 
 typedef struct EvaluationRequests {
   EvaluationRequest *first;
   EvaluationRequest *last;
   EvaluationRequest *free_list;
-  ExprPool nodes;
   EvaluationRequest pool[kEvaluationRequestCapacity];
 } EvaluationRequests;
 

@@ -18,11 +18,11 @@ static int HexDigitValue(char c) {
   return -1;
 }
 
-void InitLexer(ExprLexer *lexer, ExprPool *pool, const char *text) {
+void ExprInitLexer(ExprLexer *lexer, ExprPool *pool, const char *text) {
   memset(lexer, 0, sizeof(*lexer));
   lexer->next = text;
   lexer->pool = pool;
-  lexer->token.kind = ExprToken_End;
+  lexer->token.kind = kExprTokenEnd;
 }
 
 static void SetToken(ExprLexer *lexer, u32 kind, const char *start, const char *end) {
@@ -46,21 +46,21 @@ static void LexFloating(ExprLexer *lexer, const char *start) {
     p++;
     if (*p == '+' || *p == '-') p++;
     if (!IsDigit(*p)) {
-      SetToken(lexer, ExprToken_BadFloat, start, p);
+      SetToken(lexer, kExprTokenBadFloat, start, p);
       return;
     }
     while (IsDigit(*p)) p++;
   }
   ExprToken *token = &lexer->token;
   if (*p == 'f' || *p == 'F') {
-    token->floating = (f64)strtof(start, NULL);
-    token->floating_type = ExprType_Float32;
+    token->floating = (f64)strtof(start, nullptr);
+    token->floating_type = kExprLiteralFloat32;
     p++;
   } else {
-    token->floating = strtod(start, NULL);
-    token->floating_type = ExprType_Float64;
+    token->floating = strtod(start, nullptr);
+    token->floating_type = kExprLiteralFloat64;
   }
-  SetToken(lexer, ExprToken_Floating, start, p);
+  SetToken(lexer, kExprTokenFloating, start, p);
 }
 
 static void LexNumber(ExprLexer *lexer, const char *start) {
@@ -89,7 +89,7 @@ static void LexNumber(ExprLexer *lexer, const char *start) {
     }
   }
   lexer->token.integer = value;
-  SetToken(lexer, ExprToken_Integer, start, p);
+  SetToken(lexer, kExprTokenInteger, start, p);
 }
 
 // Reads one character of a character literal at *p (escape or plain). Returns false for an
@@ -129,7 +129,7 @@ static void LexCharacter(ExprLexer *lexer, const char *start) {
   while (*p != '\'') {
     u8 c;
     if (*p == 0 || count == 8 || !ReadLiteralChar(&p, &c)) {
-      SetToken(lexer, ExprToken_Invalid, start, *p ? p + 1 : p);
+      SetToken(lexer, kExprTokenInvalid, start, *p ? p + 1 : p);
       return;
     }
     value = (value << 8) | c;
@@ -137,13 +137,13 @@ static void LexCharacter(ExprLexer *lexer, const char *start) {
   }
   p++;  // closing quote
   if (count == 0) {
-    SetToken(lexer, ExprToken_Invalid, start, p);
+    SetToken(lexer, kExprTokenInvalid, start, p);
   } else if (count == 1) {
     lexer->token.character = (u8)value;
-    SetToken(lexer, ExprToken_Character, start, p);
+    SetToken(lexer, kExprTokenCharacter, start, p);
   } else {
     lexer->token.integer = value;
-    SetToken(lexer, ExprToken_Integer, start, p);
+    SetToken(lexer, kExprTokenInteger, start, p);
   }
 }
 
@@ -159,7 +159,7 @@ static void LexIdentifier(ExprLexer *lexer, const char *start) {
     }
   }
   lexer->token.hash = HashName(start, (u64)(p - start));
-  SetToken(lexer, ExprToken_Identifier, start, p);
+  SetToken(lexer, kExprTokenIdentifier, start, p);
 }
 
 // Two-character operators, tried before the one-character ones.
@@ -168,49 +168,49 @@ struct TwoCharOperator {
   u32 kind;
 };
 static const TwoCharOperator kTwoCharOperators[] = {
-    {'!', '=', ExprToken_NotEqual},  {'&', '&', ExprToken_AmpAmp},     {'-', '>', ExprToken_Arrow},
-    {'<', '<', ExprToken_ShiftLeft}, {'<', '=', ExprToken_LessEqual},  {'=', '=', ExprToken_Equal},
-    {'>', '=', ExprToken_GreaterEqual}, {'>', '>', ExprToken_ShiftRight}, {'|', '|', ExprToken_PipePipe},
+    {'!', '=', kExprTokenNotEqual},  {'&', '&', kExprTokenAmpAmp},     {'-', '>', kExprTokenArrow},
+    {'<', '<', kExprTokenShiftLeft}, {'<', '=', kExprTokenLessEqual},  {'=', '=', kExprTokenEqual},
+    {'>', '=', kExprTokenGreaterEqual}, {'>', '>', kExprTokenShiftRight}, {'|', '|', kExprTokenPipePipe},
 };
 
 static u32 OneCharOperator(char c) {
   switch (c) {
-    case '[': return ExprToken_LeftBracket;
-    case ']': return ExprToken_RightBracket;
-    case '(': return ExprToken_LeftParen;
-    case ')': return ExprToken_RightParen;
-    case '{': return ExprToken_LeftBrace;
-    case '}': return ExprToken_RightBrace;
-    case '.': return ExprToken_Dot;
-    case '*': return ExprToken_Star;
-    case '+': return ExprToken_Plus;
-    case '-': return ExprToken_Minus;
-    case '~': return ExprToken_Tilde;
-    case '!': return ExprToken_Bang;
-    case '/': return ExprToken_Slash;
-    case '%': return ExprToken_Percent;
-    case '<': return ExprToken_Less;
-    case '>': return ExprToken_Greater;
-    case '^': return ExprToken_Caret;
-    case '|': return ExprToken_Pipe;
-    case '&': return ExprToken_Amp;
-    case '?': return ExprToken_Question;
-    case ':': return ExprToken_Colon;
-    case ',': return ExprToken_Comma;
-    default: return ExprToken_Invalid;  // '=', '"', '#', ';', '@', '\\', '`'
+    case '[': return kExprTokenLeftBracket;
+    case ']': return kExprTokenRightBracket;
+    case '(': return kExprTokenLeftParen;
+    case ')': return kExprTokenRightParen;
+    case '{': return kExprTokenLeftBrace;
+    case '}': return kExprTokenRightBrace;
+    case '.': return kExprTokenDot;
+    case '*': return kExprTokenStar;
+    case '+': return kExprTokenPlus;
+    case '-': return kExprTokenMinus;
+    case '~': return kExprTokenTilde;
+    case '!': return kExprTokenBang;
+    case '/': return kExprTokenSlash;
+    case '%': return kExprTokenPercent;
+    case '<': return kExprTokenLess;
+    case '>': return kExprTokenGreater;
+    case '^': return kExprTokenCaret;
+    case '|': return kExprTokenPipe;
+    case '&': return kExprTokenAmp;
+    case '?': return kExprTokenQuestion;
+    case ':': return kExprTokenColon;
+    case ',': return kExprTokenComma;
+    default: return kExprTokenInvalid;  // '=', '"', '#', ';', '@', '\\', '`'
   }
 }
 
-void NextToken(ExprLexer *lexer) {
+void ExprNextToken(ExprLexer *lexer) {
   const char *p = lexer->next;
   while (IsBlank(*p)) p++;
   char c = *p;
   if (c == 0) {
-    SetToken(lexer, ExprToken_End, p, p);
+    SetToken(lexer, kExprTokenEnd, p, p);
     return;
   }
   if ((u8)c < '!' || (u8)c > '~') {
-    SetToken(lexer, ExprToken_Invalid, p, p + 1);
+    SetToken(lexer, kExprTokenInvalid, p, p + 1);
     return;
   }
   if (IsLetter(c) || c == '_' || c == '$') {

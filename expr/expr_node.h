@@ -1,47 +1,49 @@
 // Parsed expression trees: ExprNode records from a fixed pool kept on a free list.
 //
-// The pool is owned by whoever evaluates (one per evaluation context) and is never grown: a parse
-// that needs more than kExprPoolCapacity nodes fails cleanly and returns what it took. The engine
-// refuses texts of 256 characters or more, and no such text can need more than about one node per
-// character, so 512 nodes leave room for a tree and the format node with margin to spare.
+// A pool holds the nodes of one kept tree (and its format node): each evaluation request and each
+// breakpoint condition owns one, so no pool is shared between trees or between threads. A pool is
+// never grown: a parse that needs more than kExprPoolCapacity nodes fails cleanly with its own
+// failure (kExprParseOutOfNodes) and returns what it took. Every node consumes at least one token
+// and every token at least one character, and the engine refuses texts of 256 characters or more,
+// so 256 nodes hold any text it accepts.
 #pragma once
 #include "base/types.h"
 
-enum { kExprPoolCapacity = 512 };
+enum { kExprPoolCapacity = 256 };
 
 enum ExprNodeKind : u32 {
-  ExprNode_Free = 0,        // on the pool's free list
-  ExprNode_Count = 1,       // {N}expr
-  ExprNode_Binary = 2,
-  ExprNode_Unary = 3,
-  ExprNode_SizeofType = 4,  // sizeof(type)
-  ExprNode_SizeofExpr = 5,  // sizeof expr
-  ExprNode_Cast = 6,
-  ExprNode_Index = 7,
-  ExprNode_Identifier = 8,
-  ExprNode_Paren = 9,
-  ExprNode_Integer = 10,
-  ExprNode_Character = 11,
-  ExprNode_Floating = 12,
-  ExprNode_Member = 13,
-  ExprNode_Format = 14,
+  kExprNodeFree = 0,        // on the pool's free list
+  kExprNodeCountPrefix = 1,       // {N}expr
+  kExprNodeBinary = 2,
+  kExprNodeUnary = 3,
+  kExprNodeSizeofType = 4,  // sizeof(type)
+  kExprNodeSizeofExpr = 5,  // sizeof expr
+  kExprNodeCast = 6,
+  kExprNodeIndex = 7,
+  kExprNodeIdentifier = 8,
+  kExprNodeParen = 9,
+  kExprNodeInteger = 10,
+  kExprNodeCharacter = 11,
+  kExprNodeFloating = 12,
+  kExprNodeMember = 13,
+  kExprNodeFormat = 14,
 };
 
 // Keywords seen in a type name, as bits; "long" is counted instead, for "long long".
 enum ExprTypeKeyword : u32 {
-  ExprTypeKeyword_Const = 1u << 0,
-  ExprTypeKeyword_Void = 1u << 1,
-  ExprTypeKeyword_Char = 1u << 2,
-  ExprTypeKeyword_Short = 1u << 3,
-  ExprTypeKeyword_Int = 1u << 4,
-  ExprTypeKeyword_Long = 1u << 5,  // at least one "long"; long_count says how many
-  ExprTypeKeyword_Float = 1u << 6,
-  ExprTypeKeyword_Double = 1u << 7,
-  ExprTypeKeyword_Signed = 1u << 8,
-  ExprTypeKeyword_Unsigned = 1u << 9,
-  ExprTypeKeyword_Struct = 1u << 10,
-  ExprTypeKeyword_Union = 1u << 11,
-  ExprTypeKeyword_Enum = 1u << 12,
+  kExprTypeKeywordConst = 1u << 0,
+  kExprTypeKeywordVoid = 1u << 1,
+  kExprTypeKeywordChar = 1u << 2,
+  kExprTypeKeywordShort = 1u << 3,
+  kExprTypeKeywordInt = 1u << 4,
+  kExprTypeKeywordLong = 1u << 5,  // at least one "long"; long_count says how many
+  kExprTypeKeywordFloat = 1u << 6,
+  kExprTypeKeywordDouble = 1u << 7,
+  kExprTypeKeywordSigned = 1u << 8,
+  kExprTypeKeywordUnsigned = 1u << 9,
+  kExprTypeKeywordStruct = 1u << 10,
+  kExprTypeKeywordUnion = 1u << 11,
+  kExprTypeKeywordEnum = 1u << 12,
 };
 
 // The type named by a cast or sizeof(type), as written: nothing is looked up while parsing.
@@ -62,7 +64,7 @@ struct ExprTypeDesc {
 struct ExprNode {
   u32 kind;  // ExprNodeKind; first, so that the evaluator can switch on it
   union {
-    ExprNode *next_free;  // ExprNode_Free
+    ExprNode *next_free;  // kExprNodeFree
     struct {
       u64 count;          // '*' gives 999999
       ExprNode *child;
@@ -74,7 +76,7 @@ struct ExprNode {
       ExprNode *right;
     } binary;
     struct {
-      u32 op;             // ExprToken_Star, _Plus, _Minus, _Tilde, _Bang or _Amp
+      u32 op;             // kExprTokenStar, _Plus, _Minus, _Tilde, _Bang or _Amp
       ExprNode *operand;
     } unary;
     struct {
@@ -112,7 +114,7 @@ struct ExprNode {
       u32 type;           // 0x40 float or 0x41 double
     } floating;
     struct {
-      u32 op;             // ExprToken_Dot or ExprToken_Arrow
+      u32 op;             // kExprTokenDot or kExprTokenArrow
       ExprNode *object;
       const char *name;   // points into the expression text
       u32 name_length;
@@ -141,6 +143,6 @@ struct ExprPool {
 // Puts every node of the pool on its free list.
 void InitExprPool(ExprPool *pool);
 // Pops a zeroed node of the given kind; null when the pool is empty.
-ExprNode *TakeNode(ExprPool *pool, u32 kind);
+ExprNode *ExprTakeNode(ExprPool *pool, u32 kind);
 // Returns a tree (or null) to the pool, descending by kind.
-void FreeTree(ExprPool *pool, ExprNode *node);
+void ExprFreeTree(ExprPool *pool, ExprNode *node);

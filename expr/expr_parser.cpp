@@ -31,11 +31,11 @@ static void RestoreLexer(ExprLexer *lexer, const LexerMark &mark) {
 
 static ExprNode *Fail(ExprLexer *lexer) {
   lexer->failed = true;
-  return NULL;
+  return nullptr;
 }
 
 static ExprNode *NewNode(ExprLexer *lexer, u32 kind) {
-  ExprNode *node = TakeNode(lexer->pool, kind);
+  ExprNode *node = ExprTakeNode(lexer->pool, kind);
   if (!node) {
     lexer->out_of_nodes = true;
     lexer->failed = true;
@@ -47,7 +47,7 @@ static bool TokenIs(const ExprLexer *lexer, u32 kind) { return lexer->token.kind
 
 static bool TokenIsWord(const ExprToken &token, const char *word) {
   size_t length = strlen(word);
-  return token.kind == ExprToken_Identifier && token.length == length && memcmp(token.text, word, length) == 0;
+  return token.kind == kExprTokenIdentifier && token.length == length && memcmp(token.text, word, length) == 0;
 }
 
 static ExprNode *ParseExpression(ExprLexer *lexer);
@@ -73,11 +73,11 @@ static u32 TypeKeywordBit(const ExprToken &token) {
     const char *word;
     u32 bit;
   } kKeywords[] = {
-      {"const", ExprTypeKeyword_Const},     {"void", ExprTypeKeyword_Void},     {"char", ExprTypeKeyword_Char},
-      {"short", ExprTypeKeyword_Short},     {"int", ExprTypeKeyword_Int},       {"long", ExprTypeKeyword_Long},
-      {"float", ExprTypeKeyword_Float},     {"double", ExprTypeKeyword_Double}, {"signed", ExprTypeKeyword_Signed},
-      {"unsigned", ExprTypeKeyword_Unsigned}, {"struct", ExprTypeKeyword_Struct}, {"union", ExprTypeKeyword_Union},
-      {"enum", ExprTypeKeyword_Enum},
+      {"const", kExprTypeKeywordConst},     {"void", kExprTypeKeywordVoid},     {"char", kExprTypeKeywordChar},
+      {"short", kExprTypeKeywordShort},     {"int", kExprTypeKeywordInt},       {"long", kExprTypeKeywordLong},
+      {"float", kExprTypeKeywordFloat},     {"double", kExprTypeKeywordDouble}, {"signed", kExprTypeKeywordSigned},
+      {"unsigned", kExprTypeKeywordUnsigned}, {"struct", kExprTypeKeywordStruct}, {"union", kExprTypeKeywordUnion},
+      {"enum", kExprTypeKeywordEnum},
   };
   for (u32 i = 0; i < KTRN_ARRAY_COUNT(kKeywords); i++) {
     if (TokenIsWord(token, kKeywords[i].word)) return kKeywords[i].bit;
@@ -92,12 +92,12 @@ static bool ParseTypeName(ExprLexer *lexer, ExprTypeDesc *type) {
   memset(type, 0, sizeof(*type));
   const char *start = lexer->token.text;
   const char *end = start;
-  while (TokenIs(lexer, ExprToken_Identifier)) {
+  while (TokenIs(lexer, kExprTokenIdentifier)) {
     const ExprToken &token = lexer->token;
     u32 keyword = TypeKeywordBit(token);
     if (keyword) {
       type->keywords |= keyword;
-      if (keyword == ExprTypeKeyword_Long) type->long_count++;
+      if (keyword == kExprTypeKeywordLong) type->long_count++;
     } else if (!type->name) {
       type->name = token.text;
       type->name_length = token.length;
@@ -106,17 +106,17 @@ static bool ParseTypeName(ExprLexer *lexer, ExprTypeDesc *type) {
       break;
     }
     end = token.text + token.length;
-    NextToken(lexer);
+    ExprNextToken(lexer);
   }
   if (end == start) return false;
-  while (TokenIs(lexer, ExprToken_Star)) {
+  while (TokenIs(lexer, kExprTokenStar)) {
     type->pointer_depth++;
     end = lexer->token.text + 1;
-    NextToken(lexer);
+    ExprNextToken(lexer);
     if (TokenIsWord(lexer->token, "const")) {
       if (type->pointer_depth <= 32) type->const_pointers |= 1u << (type->pointer_depth - 1);
       end = lexer->token.text + lexer->token.length;
-      NextToken(lexer);
+      ExprNextToken(lexer);
     }
   }
   type->text = start;
@@ -128,34 +128,34 @@ static bool ParseTypeName(ExprLexer *lexer, ExprTypeDesc *type) {
 
 static ExprNode *ParsePostfixFrom(ExprLexer *lexer, ExprNode *node) {
   while (node) {
-    if (TokenIs(lexer, ExprToken_LeftBracket)) {
-      NextToken(lexer);
+    if (TokenIs(lexer, kExprTokenLeftBracket)) {
+      ExprNextToken(lexer);
       ExprNode *index = ParseExpression(lexer);
-      if (index && !TokenIs(lexer, ExprToken_RightBracket)) Fail(lexer);
-      ExprNode *parent = lexer->failed ? NULL : NewNode(lexer, ExprNode_Index);
+      if (index && !TokenIs(lexer, kExprTokenRightBracket)) Fail(lexer);
+      ExprNode *parent = lexer->failed ? nullptr : NewNode(lexer, kExprNodeIndex);
       if (!parent) {
-        FreeTree(lexer->pool, node);
-        FreeTree(lexer->pool, index);
-        return NULL;
+        ExprFreeTree(lexer->pool, node);
+        ExprFreeTree(lexer->pool, index);
+        return nullptr;
       }
-      NextToken(lexer);
+      ExprNextToken(lexer);
       parent->index.base = node;
       parent->index.index = index;
       node = parent;
-    } else if (TokenIs(lexer, ExprToken_Dot) || TokenIs(lexer, ExprToken_Arrow)) {
+    } else if (TokenIs(lexer, kExprTokenDot) || TokenIs(lexer, kExprTokenArrow)) {
       u32 op = lexer->token.kind;
-      NextToken(lexer);
-      if (!TokenIs(lexer, ExprToken_Identifier)) Fail(lexer);
-      ExprNode *parent = lexer->failed ? NULL : NewNode(lexer, ExprNode_Member);
+      ExprNextToken(lexer);
+      if (!TokenIs(lexer, kExprTokenIdentifier)) Fail(lexer);
+      ExprNode *parent = lexer->failed ? nullptr : NewNode(lexer, kExprNodeMember);
       if (!parent) {
-        FreeTree(lexer->pool, node);
-        return NULL;
+        ExprFreeTree(lexer->pool, node);
+        return nullptr;
       }
       parent->member.op = op;
       parent->member.object = node;
       parent->member.name = lexer->token.text;
       parent->member.name_length = lexer->token.length;
-      NextToken(lexer);
+      ExprNextToken(lexer);
       node = parent;
     } else {
       break;
@@ -166,39 +166,39 @@ static ExprNode *ParsePostfixFrom(ExprLexer *lexer, ExprNode *node) {
 
 static ExprNode *ParsePrimary(ExprLexer *lexer) {
   const ExprToken &token = lexer->token;
-  ExprNode *node = NULL;
+  ExprNode *node = nullptr;
   switch (token.kind) {
-    case ExprToken_Identifier:
-      if ((node = NewNode(lexer, ExprNode_Identifier))) {
+    case kExprTokenIdentifier:
+      if ((node = NewNode(lexer, kExprNodeIdentifier))) {
         node->identifier.text = token.text;
         node->identifier.length = token.length;
         node->identifier.hash = token.hash;
       }
       break;
-    case ExprToken_Integer:
-      if ((node = NewNode(lexer, ExprNode_Integer))) {
+    case kExprTokenInteger:
+      if ((node = NewNode(lexer, kExprNodeInteger))) {
         bool fits_int = token.integer <= 0x7FFFFFFFu;
-        node->integer.type = fits_int ? ExprType_Int32 : ExprType_UInt64;
+        node->integer.type = fits_int ? kExprLiteralInt32 : kExprLiteralUInt64;
         node->integer.value = fits_int ? (u64)(u32)token.integer : token.integer;
       }
       break;
-    case ExprToken_Character:
-      if ((node = NewNode(lexer, ExprNode_Character))) node->character.value = token.character;
+    case kExprTokenCharacter:
+      if ((node = NewNode(lexer, kExprNodeCharacter))) node->character.value = token.character;
       break;
-    case ExprToken_Floating:
-      if ((node = NewNode(lexer, ExprNode_Floating))) {
+    case kExprTokenFloating:
+      if ((node = NewNode(lexer, kExprNodeFloating))) {
         node->floating.value = token.floating;
         node->floating.type = token.floating_type;
       }
       break;
-    case ExprToken_LeftParen: {
-      NextToken(lexer);
+    case kExprTokenLeftParen: {
+      ExprNextToken(lexer);
       ExprNode *child = ParseExpression(lexer);
-      if (child && !TokenIs(lexer, ExprToken_RightParen)) Fail(lexer);
-      node = lexer->failed ? NULL : NewNode(lexer, ExprNode_Paren);
+      if (child && !TokenIs(lexer, kExprTokenRightParen)) Fail(lexer);
+      node = lexer->failed ? nullptr : NewNode(lexer, kExprNodeParen);
       if (!node) {
-        FreeTree(lexer->pool, child);
-        return NULL;
+        ExprFreeTree(lexer->pool, child);
+        return nullptr;
       }
       node->paren.child = child;
       break;
@@ -206,20 +206,20 @@ static ExprNode *ParsePrimary(ExprLexer *lexer) {
     default:
       return Fail(lexer);
   }
-  if (node) NextToken(lexer);
+  if (node) ExprNextToken(lexer);
   return node;
 }
 
 // [SECTION] Unary level: unary operators, casts, sizeof
 
 static bool StartsOperand(u32 kind) {
-  return kind == ExprToken_Identifier || kind == ExprToken_Integer || kind == ExprToken_Floating ||
-         kind == ExprToken_Character || kind == ExprToken_LeftParen;
+  return kind == kExprTokenIdentifier || kind == kExprTokenInteger || kind == kExprTokenFloating ||
+         kind == kExprTokenCharacter || kind == kExprTokenLeftParen;
 }
 
 static bool IsUnaryOperator(u32 kind) {
-  return kind == ExprToken_Amp || kind == ExprToken_Star || kind == ExprToken_Plus || kind == ExprToken_Minus ||
-         kind == ExprToken_Tilde || kind == ExprToken_Bang;
+  return kind == kExprTokenAmp || kind == kExprTokenStar || kind == kExprTokenPlus || kind == kExprTokenMinus ||
+         kind == kExprTokenTilde || kind == kExprTokenBang;
 }
 
 // The current token is '('. The parenthesis is first parsed as an expression; what follows the
@@ -227,38 +227,38 @@ static bool IsUnaryOperator(u32 kind) {
 // only for the basic type names ("(int)-1"), so "(a)-1" subtracts. A parenthesis that is not an
 // expression at all ("(char *)p", "(unsigned int)x") is read as a type name.
 static ExprNode *ParseParenOrCast(ExprLexer *lexer) {
-  NextToken(lexer);
+  ExprNextToken(lexer);
   LexerMark inside = MarkLexer(lexer);
   ExprNode *inner = ParseExpression(lexer);
-  if (inner && TokenIs(lexer, ExprToken_RightParen)) {
-    NextToken(lexer);
+  if (inner && TokenIs(lexer, kExprTokenRightParen)) {
+    ExprNextToken(lexer);
     bool cast = StartsOperand(lexer->token.kind) ||
-                (inner->kind == ExprNode_Identifier && IsCastTypeName(inner->identifier.text, inner->identifier.length));
+                (inner->kind == kExprNodeIdentifier && IsCastTypeName(inner->identifier.text, inner->identifier.length));
     if (!cast) {
-      ExprNode *paren = NewNode(lexer, ExprNode_Paren);
+      ExprNode *paren = NewNode(lexer, kExprNodeParen);
       if (!paren) {
-        FreeTree(lexer->pool, inner);
-        return NULL;
+        ExprFreeTree(lexer->pool, inner);
+        return nullptr;
       }
       paren->paren.child = inner;
       return ParsePostfixFrom(lexer, paren);
     }
   } else if (lexer->out_of_nodes || lexer->too_deep) {
-    FreeTree(lexer->pool, inner);
+    ExprFreeTree(lexer->pool, inner);
     return Fail(lexer);
   }
   // A cast, or a parenthesis that was not an expression: read it again as a type name.
-  FreeTree(lexer->pool, inner);
+  ExprFreeTree(lexer->pool, inner);
   lexer->failed = false;
   RestoreLexer(lexer, inside);
   ExprTypeDesc type;
-  if (!ParseTypeName(lexer, &type) || !TokenIs(lexer, ExprToken_RightParen)) return Fail(lexer);
-  NextToken(lexer);
+  if (!ParseTypeName(lexer, &type) || !TokenIs(lexer, kExprTokenRightParen)) return Fail(lexer);
+  ExprNextToken(lexer);
   ExprNode *operand = ParseUnary(lexer, true);
-  ExprNode *node = operand ? NewNode(lexer, ExprNode_Cast) : NULL;
+  ExprNode *node = operand ? NewNode(lexer, kExprNodeCast) : nullptr;
   if (!node) {
-    FreeTree(lexer->pool, operand);
-    return NULL;
+    ExprFreeTree(lexer->pool, operand);
+    return nullptr;
   }
   node->cast.type = type;
   node->cast.operand = operand;
@@ -267,25 +267,25 @@ static ExprNode *ParseParenOrCast(ExprLexer *lexer) {
 
 // The current token is the identifier "sizeof".
 static ExprNode *ParseSizeof(ExprLexer *lexer) {
-  NextToken(lexer);
-  if (TokenIs(lexer, ExprToken_LeftParen)) {
+  ExprNextToken(lexer);
+  if (TokenIs(lexer, kExprTokenLeftParen)) {
     LexerMark at_paren = MarkLexer(lexer);
-    NextToken(lexer);
+    ExprNextToken(lexer);
     ExprTypeDesc type;
-    if (ParseTypeName(lexer, &type) && TokenIs(lexer, ExprToken_RightParen)) {
-      ExprNode *node = NewNode(lexer, ExprNode_SizeofType);
-      if (!node) return NULL;
-      NextToken(lexer);
+    if (ParseTypeName(lexer, &type) && TokenIs(lexer, kExprTokenRightParen)) {
+      ExprNode *node = NewNode(lexer, kExprNodeSizeofType);
+      if (!node) return nullptr;
+      ExprNextToken(lexer);
       node->sizeof_type.type = type;
       return node;
     }
     RestoreLexer(lexer, at_paren);
   }
   ExprNode *operand = ParseUnary(lexer, false);
-  ExprNode *node = operand ? NewNode(lexer, ExprNode_SizeofExpr) : NULL;
+  ExprNode *node = operand ? NewNode(lexer, kExprNodeSizeofExpr) : nullptr;
   if (!node) {
-    FreeTree(lexer->pool, operand);
-    return NULL;
+    ExprFreeTree(lexer->pool, operand);
+    return nullptr;
   }
   node->sizeof_expr.operand = operand;
   return node;
@@ -293,15 +293,15 @@ static ExprNode *ParseSizeof(ExprLexer *lexer) {
 
 static ExprNode *ParseUnaryLevel(ExprLexer *lexer, bool allow_casts) {
   if (TokenIsWord(lexer->token, "sizeof")) return ParseSizeof(lexer);
-  if (allow_casts && TokenIs(lexer, ExprToken_LeftParen)) return ParseParenOrCast(lexer);
+  if (allow_casts && TokenIs(lexer, kExprTokenLeftParen)) return ParseParenOrCast(lexer);
   if (IsUnaryOperator(lexer->token.kind)) {
     u32 op = lexer->token.kind;
-    NextToken(lexer);
+    ExprNextToken(lexer);
     ExprNode *operand = ParseUnary(lexer, true);
-    ExprNode *node = operand ? NewNode(lexer, ExprNode_Unary) : NULL;
+    ExprNode *node = operand ? NewNode(lexer, kExprNodeUnary) : nullptr;
     if (!node) {
-      FreeTree(lexer->pool, operand);
-      return NULL;
+      ExprFreeTree(lexer->pool, operand);
+      return nullptr;
     }
     node->unary.op = op;
     node->unary.operand = operand;
@@ -312,7 +312,7 @@ static ExprNode *ParseUnaryLevel(ExprLexer *lexer, bool allow_casts) {
 
 // Every nesting passes through here, so this is where the depth is bounded.
 static ExprNode *ParseUnary(ExprLexer *lexer, bool allow_casts) {
-  if (lexer->failed) return NULL;
+  if (lexer->failed) return nullptr;
   if (lexer->depth >= kExprMaxDepth) {
     lexer->too_deep = true;
     return Fail(lexer);
@@ -328,24 +328,24 @@ static ExprNode *ParseUnary(ExprLexer *lexer, bool allow_casts) {
 // 1 for the loosest-binding operator up to 10 for * / %; 0 for a token that is no binary operator.
 static u32 BinaryLevel(u32 kind) {
   switch (kind) {
-    case ExprToken_PipePipe: return 1;
-    case ExprToken_AmpAmp: return 2;
-    case ExprToken_Pipe: return 3;
-    case ExprToken_Caret: return 4;
-    case ExprToken_Amp: return 5;
-    case ExprToken_Equal:
-    case ExprToken_NotEqual: return 6;
-    case ExprToken_Less:
-    case ExprToken_Greater:
-    case ExprToken_LessEqual:
-    case ExprToken_GreaterEqual: return 7;
-    case ExprToken_ShiftLeft:
-    case ExprToken_ShiftRight: return 8;
-    case ExprToken_Plus:
-    case ExprToken_Minus: return 9;
-    case ExprToken_Star:
-    case ExprToken_Slash:
-    case ExprToken_Percent: return 10;
+    case kExprTokenPipePipe: return 1;
+    case kExprTokenAmpAmp: return 2;
+    case kExprTokenPipe: return 3;
+    case kExprTokenCaret: return 4;
+    case kExprTokenAmp: return 5;
+    case kExprTokenEqual:
+    case kExprTokenNotEqual: return 6;
+    case kExprTokenLess:
+    case kExprTokenGreater:
+    case kExprTokenLessEqual:
+    case kExprTokenGreaterEqual: return 7;
+    case kExprTokenShiftLeft:
+    case kExprTokenShiftRight: return 8;
+    case kExprTokenPlus:
+    case kExprTokenMinus: return 9;
+    case kExprTokenStar:
+    case kExprTokenSlash:
+    case kExprTokenPercent: return 10;
     default: return 0;
   }
 }
@@ -358,13 +358,13 @@ static ExprNode *ParseBinary(ExprLexer *lexer, u32 min_level) {
     u32 op = lexer->token.kind;
     u32 level = BinaryLevel(op);
     if (level == 0 || level < min_level) break;
-    NextToken(lexer);
+    ExprNextToken(lexer);
     ExprNode *right = ParseBinary(lexer, level + 1);
-    ExprNode *node = right ? NewNode(lexer, ExprNode_Binary) : NULL;
+    ExprNode *node = right ? NewNode(lexer, kExprNodeBinary) : nullptr;
     if (!node) {
-      FreeTree(lexer->pool, left);
-      FreeTree(lexer->pool, right);
-      return NULL;
+      ExprFreeTree(lexer->pool, left);
+      ExprFreeTree(lexer->pool, right);
+      return nullptr;
     }
     node->binary.left = left;
     node->binary.op = op;
@@ -380,15 +380,15 @@ static ExprNode *ParseExpression(ExprLexer *lexer) { return ParseBinary(lexer, 1
 
 // The current token is the ','.
 static ExprNode *ParseFormat(ExprLexer *lexer) {
-  ExprNode *node = NewNode(lexer, ExprNode_Format);
-  if (!node) return NULL;
-  NextToken(lexer);
+  ExprNode *node = NewNode(lexer, kExprNodeFormat);
+  if (!node) return nullptr;
+  ExprNextToken(lexer);
   LexerMark after_comma = MarkLexer(lexer);
-  s32 index = TokenIs(lexer, ExprToken_Identifier) ? FindFormatSpecifier(lexer->token.text, lexer->token.length) : -1;
+  s32 index = TokenIs(lexer, kExprTokenIdentifier) ? FindFormatSpecifier(lexer->token.text, lexer->token.length) : -1;
   if (index >= 0) {
-    NextToken(lexer);
+    ExprNextToken(lexer);
     // "p, str.len": the name starts the count expression instead.
-    if (TokenIs(lexer, ExprToken_Dot) || TokenIs(lexer, ExprToken_Arrow)) {
+    if (TokenIs(lexer, kExprTokenDot) || TokenIs(lexer, kExprTokenArrow)) {
       RestoreLexer(lexer, after_comma);
       index = -1;
     }
@@ -400,20 +400,20 @@ static ExprNode *ParseFormat(ExprLexer *lexer) {
     node->format.memory_kind = spec.memory_kind;
     node->format.vector_kind = spec.vector_kind;
     node->format.matrix_kind = spec.matrix_kind;
-    if (spec.flags & DisplayFlag_Memory) {
+    if (spec.flags & kDisplayFlagMemory) {
       // Options "/c16" (columns) and "/n256" (elements): the lexer restarts after the letter.
-      while (TokenIs(lexer, ExprToken_Slash)) {
-        NextToken(lexer);
+      while (TokenIs(lexer, kExprTokenSlash)) {
+        ExprNextToken(lexer);
         const ExprToken &option = lexer->token;
-        if (option.kind != ExprToken_Identifier || option.length < 2 || (option.text[0] != 'c' && option.text[0] != 'n')) {
-          FreeTree(lexer->pool, node);
+        if (option.kind != kExprTokenIdentifier || option.length < 2 || (option.text[0] != 'c' && option.text[0] != 'n')) {
+          ExprFreeTree(lexer->pool, node);
           return Fail(lexer);
         }
         char letter = option.text[0];
         lexer->next = option.text + 1;
-        NextToken(lexer);
-        if (!TokenIs(lexer, ExprToken_Integer)) {
-          FreeTree(lexer->pool, node);
+        ExprNextToken(lexer);
+        if (!TokenIs(lexer, kExprTokenInteger)) {
+          ExprFreeTree(lexer->pool, node);
           return Fail(lexer);
         }
         if (letter == 'c') {
@@ -423,24 +423,24 @@ static ExprNode *ParseFormat(ExprLexer *lexer) {
           node->format.element_count = lexer->token.integer;
           node->format.has_count = true;
         }
-        NextToken(lexer);
+        ExprNextToken(lexer);
       }
-      if (TokenIs(lexer, ExprToken_End)) return node;
+      if (TokenIs(lexer, kExprTokenEnd)) return node;
       if (node->format.has_count) {
-        FreeTree(lexer->pool, node);
+        ExprFreeTree(lexer->pool, node);
         return Fail(lexer);
       }
-    } else if (spec.flags & (DisplayFlag_Vector | DisplayFlag_Matrix)) {
-      if (TokenIs(lexer, ExprToken_End)) return node;
-      FreeTree(lexer->pool, node);
+    } else if (spec.flags & (kDisplayFlagVector | kDisplayFlagMatrix)) {
+      if (TokenIs(lexer, kExprTokenEnd)) return node;
+      ExprFreeTree(lexer->pool, node);
       return Fail(lexer);
     }
   }
-  if (TokenIs(lexer, ExprToken_End)) return node;
+  if (TokenIs(lexer, kExprTokenEnd)) return node;
   ExprNode *expression = ParseExpression(lexer);
   if (!expression) {
-    FreeTree(lexer->pool, node);
-    return NULL;
+    ExprFreeTree(lexer->pool, node);
+    return nullptr;
   }
   node->format.expression = expression;
   return node;
@@ -449,27 +449,27 @@ static ExprNode *ParseFormat(ExprLexer *lexer) {
 // [SECTION] Parse
 
 static ExprNode *ParseCountPrefix(ExprLexer *lexer) {
-  NextToken(lexer);
+  ExprNextToken(lexer);
   bool skipped_caret = false;
-  if (TokenIs(lexer, ExprToken_Caret)) {
+  if (TokenIs(lexer, kExprTokenCaret)) {
     skipped_caret = true;
-    NextToken(lexer);
+    ExprNextToken(lexer);
   }
   u64 count;
-  if (TokenIs(lexer, ExprToken_Integer))
+  if (TokenIs(lexer, kExprTokenInteger))
     count = lexer->token.integer;
-  else if (TokenIs(lexer, ExprToken_Star))
+  else if (TokenIs(lexer, kExprTokenStar))
     count = 999999;
   else
     return Fail(lexer);
-  NextToken(lexer);
-  if (!TokenIs(lexer, ExprToken_RightBrace)) return Fail(lexer);
-  NextToken(lexer);
+  ExprNextToken(lexer);
+  if (!TokenIs(lexer, kExprTokenRightBrace)) return Fail(lexer);
+  ExprNextToken(lexer);
   ExprNode *child = ParseExpression(lexer);
-  ExprNode *node = child ? NewNode(lexer, ExprNode_Count) : NULL;
+  ExprNode *node = child ? NewNode(lexer, kExprNodeCountPrefix) : nullptr;
   if (!node) {
-    FreeTree(lexer->pool, child);
-    return NULL;
+    ExprFreeTree(lexer->pool, child);
+    return nullptr;
   }
   node->count.count = count;
   node->count.child = child;
@@ -477,24 +477,32 @@ static ExprNode *ParseCountPrefix(ExprLexer *lexer) {
   return node;
 }
 
-bool Parse(ExprPool *pool, const char *text, ExprParseResult *out) {
+bool ExprParse(ExprPool *pool, const char *text, ExprParseResult *out) {
   ExprLexer lexer;
-  InitLexer(&lexer, pool, text);
-  NextToken(&lexer);
-  ExprNode *tree = TokenIs(&lexer, ExprToken_LeftBrace) ? ParseCountPrefix(&lexer) : ParseExpression(&lexer);
-  ExprNode *format = NULL;
-  if (!lexer.failed && TokenIs(&lexer, ExprToken_Comma)) format = ParseFormat(&lexer);
-  if (!lexer.failed && !TokenIs(&lexer, ExprToken_End)) Fail(&lexer);
+  ExprInitLexer(&lexer, pool, text);
+  ExprNextToken(&lexer);
+  ExprNode *tree = TokenIs(&lexer, kExprTokenLeftBrace) ? ParseCountPrefix(&lexer) : ParseExpression(&lexer);
+  ExprNode *format = nullptr;
+  if (!lexer.failed && TokenIs(&lexer, kExprTokenComma)) format = ParseFormat(&lexer);
+  if (!lexer.failed && !TokenIs(&lexer, kExprTokenEnd)) Fail(&lexer);
   if (lexer.failed) {
-    FreeTree(pool, tree);
-    FreeTree(pool, format);
-    out->tree = NULL;
-    out->format = NULL;
-    out->failure = lexer.out_of_nodes ? ExprParse_OutOfNodes : lexer.too_deep ? ExprParse_TooDeep : ExprParse_Syntax;
+    ExprFreeTree(pool, tree);
+    ExprFreeTree(pool, format);
+    out->tree = nullptr;
+    out->format = nullptr;
+    out->failure = lexer.out_of_nodes ? kExprParseOutOfNodes : lexer.too_deep ? kExprParseTooDeep : kExprParseSyntax;
     return false;
   }
   out->tree = tree;
   out->format = format;
-  out->failure = ExprParse_Ok;
+  out->failure = kExprParseOk;
   return true;
+}
+
+const char *ExprParseFailureText(u32 failure) {
+  switch (failure) {
+    case kExprParseOutOfNodes: return "Expression too large (out of expression nodes)";
+    case kExprParseTooDeep: return "Expression nested too deeply";
+    default: return "Parse error";
+  }
 }

@@ -15,21 +15,24 @@
 enum { kExprMaxDepth = 256 };
 
 enum ExprParseFailure : u32 {
-  ExprParse_Ok = 0,
-  ExprParse_Syntax = 1,      // the text is not in the language
-  ExprParse_OutOfNodes = 2,  // the tree needs more than kExprPoolCapacity nodes
-  ExprParse_TooDeep = 3,     // nesting beyond kExprMaxDepth
+  kExprParseOk = 0,
+  kExprParseSyntax = 1,      // the text is not in the language
+  kExprParseOutOfNodes = 2,  // the tree needs more than kExprPoolCapacity nodes
+  kExprParseTooDeep = 3,     // nesting beyond kExprMaxDepth
 };
 
 struct ExprParseResult {
   ExprNode *tree;    // null on failure
-  ExprNode *format;  // the ExprNode_Format after the comma, or null
+  ExprNode *format;  // the kExprNodeFormat after the comma, or null
   u32 failure;       // ExprParseFailure
 };
 
 // Parses NUL-terminated text. On failure every node taken is back in the pool, both trees are
 // null and false is returned. Nodes keep pointers into text: it must outlive the tree.
-bool Parse(ExprPool *pool, const char *text, ExprParseResult *out);
+bool ExprParse(ExprPool *pool, const char *text, ExprParseResult *out);
+
+// The message shown for a failure: "Parse error", or what else went wrong.
+const char *ExprParseFailureText(u32 failure);
 
 // The 28 basic type names that make "(name)" a cast even before an operator ("(int)-1").
 bool IsCastTypeName(const char *text, u32 length);

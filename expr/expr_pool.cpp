@@ -1,22 +1,22 @@
-// The fixed node pool and FreeTree.
+// The fixed node pool and ExprFreeTree.
 #include "expr/expr_node.h"
 
 #include <string.h>
 
 void InitExprPool(ExprPool *pool) {
-  pool->free_list = NULL;
+  pool->free_list = nullptr;
   for (u32 i = kExprPoolCapacity; i-- > 0;) {
     ExprNode *node = &pool->nodes[i];
-    node->kind = ExprNode_Free;
+    node->kind = kExprNodeFree;
     node->next_free = pool->free_list;
     pool->free_list = node;
   }
   pool->free_count = kExprPoolCapacity;
 }
 
-ExprNode *TakeNode(ExprPool *pool, u32 kind) {
+ExprNode *ExprTakeNode(ExprPool *pool, u32 kind) {
   ExprNode *node = pool->free_list;
-  if (!node) return NULL;
+  if (!node) return nullptr;
   pool->free_list = node->next_free;
   pool->free_count--;
   memset(node, 0, sizeof(*node));
@@ -25,30 +25,30 @@ ExprNode *TakeNode(ExprPool *pool, u32 kind) {
 }
 
 static void ReturnNode(ExprPool *pool, ExprNode *node) {
-  node->kind = ExprNode_Free;
+  node->kind = kExprNodeFree;
   node->next_free = pool->free_list;
   pool->free_list = node;
   pool->free_count++;
 }
 
-void FreeTree(ExprPool *pool, ExprNode *node) {
-  if (!node || node->kind == ExprNode_Free) return;
+void ExprFreeTree(ExprPool *pool, ExprNode *node) {
+  if (!node || node->kind == kExprNodeFree) return;
   switch (node->kind) {
-    case ExprNode_Count: FreeTree(pool, node->count.child); break;
-    case ExprNode_Binary:
-      FreeTree(pool, node->binary.left);
-      FreeTree(pool, node->binary.right);
+    case kExprNodeCountPrefix: ExprFreeTree(pool, node->count.child); break;
+    case kExprNodeBinary:
+      ExprFreeTree(pool, node->binary.left);
+      ExprFreeTree(pool, node->binary.right);
       break;
-    case ExprNode_Unary: FreeTree(pool, node->unary.operand); break;
-    case ExprNode_SizeofExpr: FreeTree(pool, node->sizeof_expr.operand); break;
-    case ExprNode_Cast: FreeTree(pool, node->cast.operand); break;
-    case ExprNode_Index:
-      FreeTree(pool, node->index.base);
-      FreeTree(pool, node->index.index);
+    case kExprNodeUnary: ExprFreeTree(pool, node->unary.operand); break;
+    case kExprNodeSizeofExpr: ExprFreeTree(pool, node->sizeof_expr.operand); break;
+    case kExprNodeCast: ExprFreeTree(pool, node->cast.operand); break;
+    case kExprNodeIndex:
+      ExprFreeTree(pool, node->index.base);
+      ExprFreeTree(pool, node->index.index);
       break;
-    case ExprNode_Paren: FreeTree(pool, node->paren.child); break;
-    case ExprNode_Member: FreeTree(pool, node->member.object); break;
-    case ExprNode_Format: FreeTree(pool, node->format.expression); break;
+    case kExprNodeParen: ExprFreeTree(pool, node->paren.child); break;
+    case kExprNodeMember: ExprFreeTree(pool, node->member.object); break;
+    case kExprNodeFormat: ExprFreeTree(pool, node->format.expression); break;
     default: break;  // sizeof(type), identifiers and constants own no children
   }
   ReturnNode(pool, node);

@@ -37,13 +37,13 @@ static void WriteUnsigned(TextWriter *w, u64 value, u32 base) {
 // "char **", "Foo * const *".
 static void WriteTypeText(TextWriter *w, const ExprTypeDesc &type) {
   ExprLexer lexer;
-  InitLexer(&lexer, NULL, type.text);
+  ExprInitLexer(&lexer, nullptr, type.text);
   const char *end = type.text + type.text_length;
   bool previous_was_star = false;
   bool first = true;
   WriteText(w, "\"");
-  for (NextToken(&lexer); lexer.token.kind != ExprToken_End && lexer.token.text < end; NextToken(&lexer)) {
-    bool star = lexer.token.kind == ExprToken_Star;
+  for (ExprNextToken(&lexer); lexer.token.kind != kExprTokenEnd && lexer.token.text < end; ExprNextToken(&lexer)) {
+    bool star = lexer.token.kind == kExprTokenStar;
     if (!first && !(star && previous_was_star)) WriteText(w, " ");
     WriteChars(w, lexer.token.text, lexer.token.length);
     previous_was_star = star;
@@ -59,13 +59,13 @@ static void WriteNode(TextWriter *w, const ExprNode *node) {
   }
   char number[40];
   switch (node->kind) {
-    case ExprNode_Count:
+    case kExprNodeCountPrefix:
       WriteText(w, "(count ");
       WriteUnsigned(w, node->count.count, 10);
       WriteText(w, " ");
       WriteNode(w, node->count.child);
       break;
-    case ExprNode_Binary:
+    case kExprNodeBinary:
       WriteText(w, "(");
       WriteText(w, ExprTokenText(node->binary.op));
       WriteText(w, " ");
@@ -73,56 +73,56 @@ static void WriteNode(TextWriter *w, const ExprNode *node) {
       WriteText(w, " ");
       WriteNode(w, node->binary.right);
       break;
-    case ExprNode_Unary:
+    case kExprNodeUnary:
       WriteText(w, "(u");
       WriteText(w, ExprTokenText(node->unary.op));
       WriteText(w, " ");
       WriteNode(w, node->unary.operand);
       break;
-    case ExprNode_SizeofType:
+    case kExprNodeSizeofType:
       WriteText(w, "(sizeof-type ");
       WriteTypeText(w, node->sizeof_type.type);
       break;
-    case ExprNode_SizeofExpr:
+    case kExprNodeSizeofExpr:
       WriteText(w, "(sizeof ");
       WriteNode(w, node->sizeof_expr.operand);
       break;
-    case ExprNode_Cast:
+    case kExprNodeCast:
       WriteText(w, "(cast ");
       WriteTypeText(w, node->cast.type);
       WriteText(w, " ");
       WriteNode(w, node->cast.operand);
       break;
-    case ExprNode_Index:
+    case kExprNodeIndex:
       WriteText(w, "(index ");
       WriteNode(w, node->index.base);
       WriteText(w, " ");
       WriteNode(w, node->index.index);
       break;
-    case ExprNode_Identifier:
+    case kExprNodeIdentifier:
       WriteText(w, "(id ");
       WriteChars(w, node->identifier.text, node->identifier.length);
       break;
-    case ExprNode_Paren:
+    case kExprNodeParen:
       WriteText(w, "(paren ");
       WriteNode(w, node->paren.child);
       break;
-    case ExprNode_Integer:
+    case kExprNodeInteger:
       WriteText(w, "(int ");
       WriteUnsigned(w, node->integer.type, 16);
       WriteText(w, " ");
       WriteUnsigned(w, node->integer.value, 10);
       break;
-    case ExprNode_Character:
+    case kExprNodeCharacter:
       WriteText(w, "(char ");
       WriteUnsigned(w, node->character.value, 10);
       break;
-    case ExprNode_Floating:
-      WriteText(w, node->floating.type == ExprType_Float32 ? "(float " : "(double ");
+    case kExprNodeFloating:
+      WriteText(w, node->floating.type == kExprLiteralFloat32 ? "(float " : "(double ");
       snprintf(number, sizeof(number), "%.17g", node->floating.value);
       WriteText(w, number);
       break;
-    case ExprNode_Member:
+    case kExprNodeMember:
       WriteText(w, "(");
       WriteText(w, ExprTokenText(node->member.op));
       WriteText(w, " ");
@@ -130,7 +130,7 @@ static void WriteNode(TextWriter *w, const ExprNode *node) {
       WriteText(w, " ");
       WriteChars(w, node->member.name, node->member.name_length);
       break;
-    case ExprNode_Format: {
+    case kExprNodeFormat: {
       s32 index = node->format.specifier;
       WriteText(w, "(format ");
       WriteText(w, index >= 0 && index < kFormatSpecifierCount ? kFormatSpecifiers[index].name : "-");

@@ -6,52 +6,52 @@
 #include "base/types.h"
 
 enum ExprTokenKind : u32 {
-  ExprToken_Identifier = 0,
-  ExprToken_Integer = 1,
-  ExprToken_Floating = 2,
-  ExprToken_Character = 3,
-  ExprToken_LeftBracket = 4,    // [
-  ExprToken_RightBracket = 5,   // ]
-  ExprToken_LeftParen = 6,      // (
-  ExprToken_RightParen = 7,     // )
-  ExprToken_LeftBrace = 8,      // {
-  ExprToken_RightBrace = 9,     // }
-  ExprToken_Dot = 10,           // .
-  ExprToken_Arrow = 11,         // ->
-  ExprToken_Star = 13,          // *
-  ExprToken_Plus = 14,          // +
-  ExprToken_Minus = 15,         // -
-  ExprToken_Tilde = 16,         // ~
-  ExprToken_Bang = 17,          // !
-  ExprToken_Slash = 18,         // /
-  ExprToken_Percent = 19,       // %
-  ExprToken_ShiftLeft = 20,     // <<
-  ExprToken_ShiftRight = 21,    // >>
-  ExprToken_Less = 22,          // <
-  ExprToken_LessEqual = 23,     // <=
-  ExprToken_Greater = 24,       // >
-  ExprToken_GreaterEqual = 25,  // >=
-  ExprToken_Equal = 26,         // ==
-  ExprToken_NotEqual = 27,      // !=
-  ExprToken_Caret = 28,         // ^
-  ExprToken_Pipe = 29,          // |
-  ExprToken_PipePipe = 30,      // ||
-  ExprToken_Amp = 31,           // &
-  ExprToken_AmpAmp = 32,        // &&
-  ExprToken_Question = 33,      // ?  (lexed, never accepted)
-  ExprToken_Colon = 34,         // :  (lexed, never accepted)
-  ExprToken_Comma = 35,         // ,
-  ExprToken_Invalid = 36,       // one unrecognised character, or a malformed literal
-  ExprToken_BadFloat = 37,      // floating literal with a malformed exponent
-  ExprToken_End = 38,           // end of text
+  kExprTokenIdentifier = 0,
+  kExprTokenInteger = 1,
+  kExprTokenFloating = 2,
+  kExprTokenCharacter = 3,
+  kExprTokenLeftBracket = 4,    // [
+  kExprTokenRightBracket = 5,   // ]
+  kExprTokenLeftParen = 6,      // (
+  kExprTokenRightParen = 7,     // )
+  kExprTokenLeftBrace = 8,      // {
+  kExprTokenRightBrace = 9,     // }
+  kExprTokenDot = 10,           // .
+  kExprTokenArrow = 11,         // ->
+  kExprTokenStar = 13,          // *
+  kExprTokenPlus = 14,          // +
+  kExprTokenMinus = 15,         // -
+  kExprTokenTilde = 16,         // ~
+  kExprTokenBang = 17,          // !
+  kExprTokenSlash = 18,         // /
+  kExprTokenPercent = 19,       // %
+  kExprTokenShiftLeft = 20,     // <<
+  kExprTokenShiftRight = 21,    // >>
+  kExprTokenLess = 22,          // <
+  kExprTokenLessEqual = 23,     // <=
+  kExprTokenGreater = 24,       // >
+  kExprTokenGreaterEqual = 25,  // >=
+  kExprTokenEqual = 26,         // ==
+  kExprTokenNotEqual = 27,      // !=
+  kExprTokenCaret = 28,         // ^
+  kExprTokenPipe = 29,          // |
+  kExprTokenPipePipe = 30,      // ||
+  kExprTokenAmp = 31,           // &
+  kExprTokenAmpAmp = 32,        // &&
+  kExprTokenQuestion = 33,      // ?  (lexed, never accepted)
+  kExprTokenColon = 34,         // :  (lexed, never accepted)
+  kExprTokenComma = 35,         // ,
+  kExprTokenInvalid = 36,       // one unrecognised character, or a malformed literal
+  kExprTokenBadFloat = 37,      // floating literal with a malformed exponent
+  kExprTokenEnd = 38,           // end of text
 };
 
 // CodeView basic type indexes that literals carry.
 enum ExprLiteralType : u32 {
-  ExprType_Float32 = 0x40,
-  ExprType_Float64 = 0x41,
-  ExprType_Int32 = 0x74,
-  ExprType_UInt64 = 0x77,
+  kExprLiteralFloat32 = 0x40,
+  kExprLiteralFloat64 = 0x41,
+  kExprLiteralInt32 = 0x74,
+  kExprLiteralUInt64 = 0x77,
 };
 
 struct ExprToken {
@@ -61,7 +61,7 @@ struct ExprToken {
   u32 hash;             // identifiers: FNV-1a over the whole text, "::" included
   u64 integer;          // integer literals (multi-character literals too)
   u8 character;         // character literals
-  u32 floating_type;    // floating literals: ExprType_Float32 or ExprType_Float64
+  u32 floating_type;    // floating literals: kExprLiteralFloat32 or kExprLiteralFloat64
   f64 floating;         // floating literals (a float's value, widened)
 };
 
@@ -79,8 +79,8 @@ struct ExprLexer {
 };
 
 // Starts lexing text (NUL-terminated) without reading a token yet.
-void InitLexer(ExprLexer *lexer, ExprPool *pool, const char *text);
-// Advances to the next token; at the end of the text it keeps returning ExprToken_End.
-void NextToken(ExprLexer *lexer);
+void ExprInitLexer(ExprLexer *lexer, ExprPool *pool, const char *text);
+// Advances to the next token; at the end of the text it keeps returning kExprTokenEnd.
+void ExprNextToken(ExprLexer *lexer);
 // Operator text of a token kind ("<<", "->", ...); "" for kinds that are not operators.
 const char *ExprTokenText(u32 kind);

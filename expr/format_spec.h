@@ -4,17 +4,17 @@
 #include "base/types.h"
 
 enum DisplayFlag : u32 {
-  DisplayFlag_None = 0,
-  DisplayFlag_WideString = 0x20,
-  DisplayFlag_Matrix = 0x40,
-  DisplayFlag_String = 0x80,
-  DisplayFlag_HexLower = 0x400,
-  DisplayFlag_HexUpper = 0x800,
-  DisplayFlag_Memory = 0x1000,
-  DisplayFlag_Vector = 0x2000,
-  DisplayFlag_Binary = 0x10000,
-  DisplayFlag_Decimal = 0x40000,
-  DisplayFlag_HResult = 0x80000,
+  kDisplayFlagNone = 0,
+  kDisplayFlagWideString = 0x20,
+  kDisplayFlagMatrix = 0x40,
+  kDisplayFlagString = 0x80,
+  kDisplayFlagHexLower = 0x400,
+  kDisplayFlagHexUpper = 0x800,
+  kDisplayFlagMemory = 0x1000,
+  kDisplayFlagVector = 0x2000,
+  kDisplayFlagBinary = 0x10000,
+  kDisplayFlagDecimal = 0x40000,
+  kDisplayFlagHResult = 0x80000,
 };
 
 struct FormatSpecifier {
@@ -22,7 +22,7 @@ struct FormatSpecifier {
   u32 flags;        // DisplayFlag bits
   u32 memory_kind;  // 1..10 for the memory views ("db" .. "dyd"), else 0
   u32 vector_kind;  // 1..10 for the vector lanes ("ps" .. "epu64X"), else 0
-  u32 matrix_kind;  // 0 4x4, 1 4x3, 2 3x4 (meaningful with DisplayFlag_Matrix only)
+  u32 matrix_kind;  // 0 4x4, 1 4x3, 2 3x4 (meaningful with kDisplayFlagMatrix only)
 };
 
 enum { kFormatSpecifierCount = 39 };

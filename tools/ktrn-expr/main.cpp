@@ -17,11 +17,11 @@ static int CommandParse(const char *text) {
   static ExprPool pool;  // about 40 KiB: too big for a comfortable stack frame
   InitExprPool(&pool);
   ExprParseResult result;
-  if (!Parse(&pool, text, &result)) {
+  if (!ExprParse(&pool, text, &result)) {
     printf("parse error\n");
-    if (result.failure == ExprParse_OutOfNodes)
+    if (result.failure == kExprParseOutOfNodes)
       fprintf(stderr, "expression needs more than %d nodes\n", kExprPoolCapacity);
-    else if (result.failure == ExprParse_TooDeep)
+    else if (result.failure == kExprParseTooDeep)
       fprintf(stderr, "expression nests deeper than %d levels\n", kExprMaxDepth);
     return 1;
   }
@@ -31,8 +31,8 @@ static int CommandParse(const char *text) {
   PrintExpr(line, length + 1, result.tree, result.format);
   printf("%s\n", line);
   free(line);
-  FreeTree(&pool, result.tree);
-  FreeTree(&pool, result.format);
+  ExprFreeTree(&pool, result.tree);
+  ExprFreeTree(&pool, result.format);
   return 0;
 }
 

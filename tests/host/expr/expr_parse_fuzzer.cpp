@@ -21,12 +21,12 @@ extern "C" int LLVMFuzzerTestOneInput(const u8 *data, size_t size) {
   memcpy(g_text, data, size);
   g_text[size] = 0;
   ExprParseResult result;
-  if (Parse(&g_pool, g_text, &result)) {
+  if (ExprParse(&g_pool, g_text, &result)) {
     if (!result.tree) abort();
     PrintExpr(g_printed, sizeof(g_printed), result.tree, result.format);  // walks every node
-    FreeTree(&g_pool, result.tree);
-    FreeTree(&g_pool, result.format);
-  } else if (result.tree || result.format || result.failure == ExprParse_Ok) {
+    ExprFreeTree(&g_pool, result.tree);
+    ExprFreeTree(&g_pool, result.format);
+  } else if (result.tree || result.format || result.failure == kExprParseOk) {
     abort();
   }
   if (g_pool.free_count != kExprPoolCapacity) abort();

@@ -35,13 +35,13 @@ inline ParsedText ParseAndPrint(const std::string &text) {
   InitExprPool(pool.get());
   ExprParseResult result;
   ParsedText out;
-  if (Parse(pool.get(), text.c_str(), &result)) {
+  if (ExprParse(pool.get(), text.c_str(), &result)) {
     std::string line(PrintExpr(nullptr, 0, result.tree, result.format) + 1, '\0');
     PrintExpr(&line[0], line.size(), result.tree, result.format);
     line.pop_back();
     out.printed = line;
-    FreeTree(pool.get(), result.tree);
-    FreeTree(pool.get(), result.format);
+    ExprFreeTree(pool.get(), result.tree);
+    ExprFreeTree(pool.get(), result.format);
   } else {
     EXPECT_EQ(result.tree, nullptr) << text;
     EXPECT_EQ(result.format, nullptr) << text;

@@ -10,20 +10,20 @@ namespace {
 // The tokens of a text as golden/lexer.txt writes them.
 std::string Tokens(const std::string &text) {
   ExprLexer lexer;
-  InitLexer(&lexer, nullptr, text.c_str());
+  ExprInitLexer(&lexer, nullptr, text.c_str());
   std::string out;
   for (int guard = 0; guard < 1000; guard++) {
-    NextToken(&lexer);
+    ExprNextToken(&lexer);
     const ExprToken &t = lexer.token;
     std::string word(t.text, t.length);
     switch (t.kind) {
-      case ExprToken_End: return out + "end";
-      case ExprToken_Identifier: word = "id:" + word + (t.hash == HashName(t.text, t.length) ? "" : "!hash"); break;
-      case ExprToken_Integer: word = Format("int:0x%llX", (unsigned long long)t.integer); break;
-      case ExprToken_Floating: word = Format("%s:%.17g", t.floating_type == ExprType_Float32 ? "f32" : "f64", t.floating); break;
-      case ExprToken_Character: word = "char:" + std::to_string(t.character); break;
-      case ExprToken_Invalid: word = "invalid:" + word; break;
-      case ExprToken_BadFloat: word = "badfloat:" + word; break;
+      case kExprTokenEnd: return out + "end";
+      case kExprTokenIdentifier: word = "id:" + word + (t.hash == HashName(t.text, t.length) ? "" : "!hash"); break;
+      case kExprTokenInteger: word = Format("int:0x%llX", (unsigned long long)t.integer); break;
+      case kExprTokenFloating: word = Format("%s:%.17g", t.floating_type == kExprLiteralFloat32 ? "f32" : "f64", t.floating); break;
+      case kExprTokenCharacter: word = "char:" + std::to_string(t.character); break;
+      case kExprTokenInvalid: word = "invalid:" + word; break;
+      case kExprTokenBadFloat: word = "badfloat:" + word; break;
       default: word += "#" + std::to_string(t.kind);
     }
     out += word + " ";
@@ -45,10 +45,10 @@ TEST(ExprLexer, BytesBeyondPrintableAsciiAndTheEnd) {
   EXPECT_EQ(Tokens(" \t\n\v\f\rx \t"), "id:x end");
   EXPECT_EQ(Tokens("'\xE9'"), "char:233 end");
   ExprLexer lexer;
-  InitLexer(&lexer, nullptr, "x");
-  NextToken(&lexer);
+  ExprInitLexer(&lexer, nullptr, "x");
+  ExprNextToken(&lexer);
   for (int i = 0; i < 3; i++) {
-    NextToken(&lexer);
-    EXPECT_EQ(lexer.token.kind, (u32)ExprToken_End) << i;
+    ExprNextToken(&lexer);
+    EXPECT_EQ(lexer.token.kind, (u32)kExprTokenEnd) << i;
   }
 }

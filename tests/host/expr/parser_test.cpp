@@ -30,27 +30,27 @@ TEST(ExprParser, CastTypeDescriptor) {
     u32 keywords;
     const char *rest;  // long count, the name (its hash checked), pointer depth, const pointer bits
   } cases[] = {
-      {"(unsigned long long **)p", ExprTypeKeyword_Unsigned | ExprTypeKeyword_Long, "long 2, -, depth 2, const 0"},
-      {"(const ns::Foo * const * const *)p", ExprTypeKeyword_Const, "long 0, ns::Foo, depth 3, const 3"},
+      {"(unsigned long long **)p", kExprTypeKeywordUnsigned | kExprTypeKeywordLong, "long 2, -, depth 2, const 0"},
+      {"(const ns::Foo * const * const *)p", kExprTypeKeywordConst, "long 0, ns::Foo, depth 3, const 3"},
       {"(Foo * * const)p", 0, "long 0, Foo, depth 2, const 2"},
-      {"(struct Node*)p", ExprTypeKeyword_Struct, "long 0, Node, depth 1, const 0"},
-      {"(void*)0", ExprTypeKeyword_Void, "long 0, -, depth 1, const 0"},
-      {"(int)x", ExprTypeKeyword_Int, "long 0, -, depth 0, const 0"},
+      {"(struct Node*)p", kExprTypeKeywordStruct, "long 0, Node, depth 1, const 0"},
+      {"(void*)0", kExprTypeKeywordVoid, "long 0, -, depth 1, const 0"},
+      {"(int)x", kExprTypeKeywordInt, "long 0, -, depth 0, const 0"},
       {"(u64)x", 0, "long 0, u64, depth 0, const 0"},
   };
   for (const Case &c : cases) {
     std::unique_ptr<ExprPool> pool(new ExprPool);
     InitExprPool(pool.get());
     ExprParseResult result;
-    ASSERT_TRUE(Parse(pool.get(), c.text, &result)) << c.text;
-    ASSERT_EQ(result.tree->kind, (u32)ExprNode_Cast) << c.text;
+    ASSERT_TRUE(ExprParse(pool.get(), c.text, &result)) << c.text;
+    ASSERT_EQ(result.tree->kind, (u32)kExprNodeCast) << c.text;
     const ExprTypeDesc &t = result.tree->cast.type;
     std::string name = t.name ? std::string(t.name, t.name_length) : "-";
     if (t.name && t.name_hash != HashNameZ(name.c_str())) name += " (hash differs)";
     EXPECT_EQ(t.keywords, c.keywords) << c.text;
     EXPECT_EQ(Format("long %u, %s, depth %u, const %X", t.long_count, name.c_str(), t.pointer_depth, t.const_pointers),
               c.rest);
-    FreeTree(pool.get(), result.tree);
+    ExprFreeTree(pool.get(), result.tree);
     EXPECT_EQ(pool->free_count, (u32)kExprPoolCapacity);
   }
 }
@@ -60,21 +60,21 @@ TEST(ExprParser, NodesPointIntoTheTextAndIdentifiersStartClean) {
   ExprPool *pool = new ExprPool;
   InitExprPool(pool);
   ExprParseResult result;
-  ASSERT_TRUE(Parse(pool, text, &result));
-  ASSERT_EQ(result.tree->kind, (u32)ExprNode_Binary);
-  EXPECT_EQ(result.tree->binary.op, (u32)ExprToken_Plus);
+  ASSERT_TRUE(ExprParse(pool, text, &result));
+  ASSERT_EQ(result.tree->kind, (u32)kExprNodeBinary);
+  EXPECT_EQ(result.tree->binary.op, (u32)kExprTokenPlus);
   const ExprNode *member = result.tree->binary.left;
-  ASSERT_EQ(member->kind, (u32)ExprNode_Member);
-  EXPECT_EQ(member->member.op, (u32)ExprToken_Dot);
+  ASSERT_EQ(member->kind, (u32)kExprNodeMember);
+  EXPECT_EQ(member->member.op, (u32)kExprTokenDot);
   EXPECT_EQ(member->member.name, text + 6);
   EXPECT_EQ(member->member.name_length, 3u);
   const ExprNode *id = result.tree->binary.right;
-  ASSERT_EQ(id->kind, (u32)ExprNode_Identifier);
+  ASSERT_EQ(id->kind, (u32)kExprNodeIdentifier);
   EXPECT_EQ(id->identifier.text, text + 12);
   EXPECT_EQ(id->identifier.length, 7u);
   EXPECT_EQ(id->identifier.hash, HashNameZ("ns::baz"));
   for (u64 field : id->identifier.evaluator_data) EXPECT_EQ(field, 0u);
-  FreeTree(pool, result.tree);
+  ExprFreeTree(pool, result.tree);
   delete pool;
 }
 
@@ -84,7 +84,7 @@ TEST(ExprParser, LongTexts) {
   while (sum255.size() + 2 <= 255) sum255 += "+a";  // 255 characters, 128 identifiers
   ASSERT_EQ(sum255.size(), 255u);
   ParsedText parsed = ParseAndPrint(sum255);
-  EXPECT_EQ(parsed.failure, (u32)ExprParse_Ok);
+  EXPECT_EQ(parsed.failure, (u32)kExprParseOk);
   EXPECT_EQ(parsed.printed.substr(0, 8), "(+ (+ (+");
 
   std::string name256(256, 'x');
@@ -94,9 +94,9 @@ TEST(ExprParser, LongTexts) {
 
   // 254 minus signs nest 255 unary levels: still within the limit.
   std::string negations = std::string(254, '-') + "a";
-  EXPECT_EQ(ParseAndPrint(negations).failure, (u32)ExprParse_Ok);
+  EXPECT_EQ(ParseAndPrint(negations).failure, (u32)kExprParseOk);
   std::string parens = std::string(127, '(') + "a" + std::string(127, ')');
-  EXPECT_EQ(ParseAndPrint(parens).failure, (u32)ExprParse_Ok);
+  EXPECT_EQ(ParseAndPrint(parens).failure, (u32)kExprParseOk);
 
   std::string huge_number = std::string(5000, '0') + "1.5";
   EXPECT_EQ(ParseAndPrint(huge_number).printed, "(double 1.5)");
@@ -107,27 +107,27 @@ TEST(ExprParser, FailsCleanlyBeyondItsLimits) {
     std::string text;
     u32 failure;
   } cases[] = {
-      {std::string(100000, '-') + "a", ExprParse_TooDeep},
-      {std::string(20000, '(') + "a" + std::string(20000, ')'), ExprParse_TooDeep},
-      {std::string(20000, '(') + "char*)p", ExprParse_TooDeep},
-      {"sizeof " + std::string(1000, '*') + "p", ExprParse_TooDeep},
-      {std::string(20000, '[') , ExprParse_Syntax},
+      {std::string(100000, '-') + "a", kExprParseTooDeep},
+      {std::string(20000, '(') + "a" + std::string(20000, ')'), kExprParseTooDeep},
+      {std::string(20000, '(') + "char*)p", kExprParseTooDeep},
+      {"sizeof " + std::string(1000, '*') + "p", kExprParseTooDeep},
+      {std::string(20000, '[') , kExprParseSyntax},
   };
   for (const Case &c : cases) EXPECT_EQ(ParseAndPrint(c.text).failure, c.failure) << c.text.substr(0, 40);
   std::string brackets = "a";
   for (int i = 0; i < 1000; i++) brackets += "[a";
   brackets += std::string(1000, ']');
-  EXPECT_EQ(ParseAndPrint(brackets).failure, (u32)ExprParse_TooDeep);
+  EXPECT_EQ(ParseAndPrint(brackets).failure, (u32)kExprParseTooDeep);
 
   // More nodes than the pool holds: a long flat sum (no nesting at all).
   std::string sum = "a";
   for (int i = 0; i < kExprPoolCapacity; i++) sum += "+a";
-  EXPECT_EQ(ParseAndPrint(sum).failure, (u32)ExprParse_OutOfNodes);
-  EXPECT_EQ(ParseAndPrint("p, " + sum).failure, (u32)ExprParse_OutOfNodes);
-  EXPECT_EQ(ParseAndPrint("(" + sum + ")x").failure, (u32)ExprParse_OutOfNodes);
-  // Exactly the capacity: one negation, 256 identifiers and 255 additions; one more term fails.
+  EXPECT_EQ(ParseAndPrint(sum).failure, (u32)kExprParseOutOfNodes);
+  EXPECT_EQ(ParseAndPrint("p, " + sum).failure, (u32)kExprParseOutOfNodes);
+  EXPECT_EQ(ParseAndPrint("(" + sum + ")x").failure, (u32)kExprParseOutOfNodes);
+  // Exactly the capacity: one negation, 128 identifiers and 127 additions; one more term fails.
   std::string fits = "-a";
   for (int i = 0; i < (kExprPoolCapacity - 2) / 2; i++) fits += "+a";
-  EXPECT_EQ(ParseAndPrint(fits).failure, (u32)ExprParse_Ok);
-  EXPECT_EQ(ParseAndPrint(fits + "+a").failure, (u32)ExprParse_OutOfNodes);
+  EXPECT_EQ(ParseAndPrint(fits).failure, (u32)kExprParseOk);
+  EXPECT_EQ(ParseAndPrint(fits + "+a").failure, (u32)kExprParseOutOfNodes);
 }
