@@ -68,6 +68,8 @@ typedef struct AppState {
   u8 wake;                    // a wake-up arrived: draw two frames
   u8 title_modified_shown;    // the modified mark the title shows now
   u8 title_dirty;             // name or program changed: rebuild the title
+  u8 fonts_need_rebuild;      // a font setting or the window's display scale changed
+  s32 style_applied;          // the ui_style whose colours Dear ImGui has (-1: none yet)
 
   OutputLog output;
 } AppState;

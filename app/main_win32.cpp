@@ -57,7 +57,6 @@ struct Program {
   Renderer renderer;
   MainFrameState frame;
   SymbolFont symbol_font;
-  bool fonts_need_rebuild;  // a font setting or the window's display scale changed
   bool test_hook;
   FrameProbe probe;  // benchmarks only
   SavedLayouts layouts;
@@ -583,12 +582,12 @@ static void RebuildFonts(Program *program) {
   FontsBuilt fonts = FontsBuild(&program->app, &program->symbol_font, scale > 0 ? scale : 1.0f);
   program->frame.text_font = fonts.text;
   if (program->renderer.device) RendererRebuildFontTexture(&program->renderer);
-  program->fonts_need_rebuild = false;
+  program->app.fonts_need_rebuild = 0;
 }
 
 static void DrawFrame(Program *program) {
   if (!program->renderer.device) return;
-  if (program->fonts_need_rebuild) RebuildFonts(program);
+  if (program->app.fonts_need_rebuild) RebuildFonts(program);
   ImGui_ImplWin32_NewFrame();
   ImGui::NewFrame();
   TestHookBeginFrame();
@@ -655,7 +654,7 @@ static LRESULT CALLBACK MainWindowProc(HWND window, UINT message, WPARAM w, LPAR
       return 1;
     case WM_DPICHANGED:  // fonts again at the new scale; the window takes the size Windows suggests
       if (program) {
-        program->fonts_need_rebuild = true;
+        program->app.fonts_need_rebuild = 1;
         const RECT *suggested = (const RECT *)l;
         SetWindowPos(window, nullptr, suggested->left, suggested->top, suggested->right - suggested->left,
                      suggested->bottom - suggested->top, SWP_NOZORDER | SWP_NOACTIVATE);
@@ -764,7 +763,7 @@ int WINAPI wWinMain(HINSTANCE instance, HINSTANCE, PWSTR, int show_command) {
   SavedLayoutsRead(&program->layouts, app->settings_folder);
   program->frame.layouts = &program->layouts;
   program->frame.reattach_name = program->reattach_name;
-  if (app->settings.ui_style == 0) ImGui::StyleColorsLight(); else ImGui::StyleColorsDark();
+  app->style_applied = -1;  // the colours and sizes of the settings are applied by the first frame
   if (app->settings.open_last_session_on_startup && !SessionCurrentTarget(&app->session) &&
       app->settings.recent_files.count)
     OpenSession(app, app->settings.recent_files.paths[0]);

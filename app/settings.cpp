@@ -160,11 +160,11 @@ static SettingsColor ColorFromRgb(u32 rgb) {
 void SettingsInitDefaults(Settings *s) {
   memset(s, 0, sizeof(*s));
   s->window_x = s->window_y = s->window_w = s->window_h = kSettingsUseDefault;
-  s->ui_font_size_px = 14;
+  s->ui_font_size_px = kSettingsDefaultUiFontPx;
   s->ui_style = 1;
   s->scrollbar_size_px = 14;
   s->show_window_focus = 1;
-  s->text_font_size_px = 15;
+  s->text_font_size_px = kSettingsDefaultTextFontPx;
   s->text_foreground = ColorFromRgb(0xDCDCDC);
   s->text_background = ColorFromRgb(0x3F3F3F);
   s->text_tab_spacing = 4;

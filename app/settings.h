@@ -11,6 +11,8 @@
 
 enum {
   kSettingsFontNameCapacity = 260,  // up to 259 characters
+  kSettingsDefaultUiFontPx = 14,
+  kSettingsDefaultTextFontPx = 15,
   kSettingsWatchWindows = 8,
   kSettingsMemoryWindows = 4,
   kSettingsUseDefault = (s32)0x80000000,  // CW_USEDEFAULT: let the system place the window

@@ -206,6 +206,41 @@ static void DrawLayoutSlots(MainFrameState *state) {
   }
 }
 
+static s32 Clamp(s32 value, s32 low, s32 high) { return value < low ? low : value > high ? high : value; }
+
+// A font file (entered with Enter) and its size in pixels; either change rebuilds the fonts.
+static void DrawFontChoice(AppState *app, char *name, u32 *file_part, s32 *size_px, s32 default_px,
+                           const char *file_id, const char *size_id, const char *reset_label) {
+  char path[kSettingsFontNameCapacity];
+  snprintf(path, sizeof path, "%s", name);
+  ImGui::TextUnformatted(name[0] ? name + *file_part : "(default font)");
+  ImGui::SetNextItemWidth(ImGui::GetFontSize() * 24);
+  if (ImGui::InputTextWithHint(file_id, "font file (.ttf)", path, sizeof path, ImGuiInputTextFlags_EnterReturnsTrue)) {
+    SettingsSetFontName(name, file_part, path, strlen(path));
+    app->fonts_need_rebuild = 1;
+  }
+  ImGui::SetNextItemWidth(ImGui::GetFontSize() * 8);
+  if (ImGui::InputInt(size_id, size_px)) {
+    *size_px = Clamp(*size_px, 6, 72);
+    app->fonts_need_rebuild = 1;
+  }
+  if (ImGui::MenuItem(reset_label)) {
+    SettingsSetFontName(name, file_part, "", 0);
+    *size_px = default_px;
+    app->fonts_need_rebuild = 1;
+  }
+}
+
+// The style of the settings in Dear ImGui: the colours when the choice changed, the scrollbar size.
+static void ApplyStyle(AppState *app) {
+  const Settings *s = &app->settings;
+  if (app->style_applied != s->ui_style) {
+    if (s->ui_style == 0) ImGui::StyleColorsLight(); else ImGui::StyleColorsDark();
+    app->style_applied = s->ui_style;
+  }
+  if (s->scrollbar_size_px > 0) ImGui::GetStyle().ScrollbarSize = (float)s->scrollbar_size_px;
+}
+
 static void DrawMoreMenu(AppState *app, MainFrameState *state) {
   if (!ImGui::BeginMenu("More")) return;
   Settings *s = &app->settings;
@@ -216,6 +251,27 @@ static void DrawMoreMenu(AppState *app, MainFrameState *state) {
     if (ImGui::MenuItem("Status Text On Top", nullptr, &top)) s->status_text_pos_top = top;
     if (ImGui::MenuItem("Show Window Focus", nullptr, &focus)) s->show_window_focus = focus;
     if (ImGui::MenuItem("Show Toolbar", nullptr, &toolbar)) s->show_toolbar = toolbar;
+    if (ImGui::BeginMenu("UI Font")) {
+      DrawFontChoice(app, s->ui_font_name, &s->ui_font_file_part, &s->ui_font_size_px, kSettingsDefaultUiFontPx,
+                     "##uifontfile", "##uifontpx", "Reset to Defaults##uifont");
+      ImGui::EndMenu();
+    }
+    ImGui::SetNextItemWidth(ImGui::GetFontSize() * 8);
+    if (ImGui::InputInt("Scrollbar Size (px)", &s->scrollbar_size_px)) s->scrollbar_size_px = Clamp(s->scrollbar_size_px, 4, 40);
+    ImGui::Separator();
+    if (ImGui::BeginMenu("Text Font")) {
+      DrawFontChoice(app, s->text_font_name, &s->text_font_file_part, &s->text_font_size_px, kSettingsDefaultTextFontPx,
+                     "##txfontfile", "##txfontpx", "Reset to Defaults##txfont");
+      ImGui::EndMenu();
+    }
+    ImGui::ColorEdit3("Foreground Color##fgclr", &s->text_foreground.r, ImGuiColorEditFlags_NoInputs);
+    ImGui::ColorEdit3("Background Color##fgclr", &s->text_background.r, ImGuiColorEditFlags_NoInputs);
+    ImGui::SetNextItemWidth(ImGui::GetFontSize() * 8);
+    if (ImGui::InputInt("Tab Spacing", &s->text_tab_spacing)) s->text_tab_spacing = Clamp(s->text_tab_spacing, 1, 16);
+    bool hover = s->evaluate_on_hover;
+    if (ImGui::MenuItem("Evaluate on Hover", nullptr, &hover)) s->evaluate_on_hover = hover;
+    ImGui::SetNextItemWidth(ImGui::GetFontSize() * 8);
+    if (ImGui::InputInt("Tool-tip Delay (ms)", &s->tooltip_delay_ms, 50)) s->tooltip_delay_ms = Clamp(s->tooltip_delay_ms, 0, 10000);
     ImGui::EndMenu();
   }
   ImGui::Separator();
@@ -469,6 +525,7 @@ static void DrawAbout(MainFrameState *state) {
 }
 
 void DrawMainFrame(AppState *app, MainFrameState *state) {
+  ApplyStyle(app);
   memset(&state->requests, 0, sizeof state->requests);
   DrawMenuBar(app, state);
   DrawToolbar(app, state);

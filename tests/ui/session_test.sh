@@ -77,6 +77,7 @@ for at in "320 33" "480 33"; do
   sleep 0.5
 done
 wait_for style-menu "Show Toolbar" 10
+expect style-menu "UI Font" "Scrollbar Size (px)" "Text Font" "Tab Spacing" "Evaluate on Hover" "Tool-tip Delay (ms)"
 xdotool mousemove --window "$window" 520 101 click 1
 wait_for toolbar-shown "[window toolbar]"
 quit
