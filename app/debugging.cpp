@@ -86,7 +86,8 @@ int DebuggingStep(AppState *app, u32 step, u32 reason, void (*wake)(void *), voi
     g_first_run_to_entry = result == kEngineOk;
     return result;
   }
-  static const u32 kEngineSteps[] = {0, kRunStepInto, kRunStepInstruction, kRunStepOver, kRunStepOut};
+  static const u32 kEngineSteps[] = {0, kRunStepInto, kRunStepInstruction, kRunStepOver, kRunStepOut,
+                                     kRunStepOverInstruction};
   if (app->debug_state != kDebugSuspended) return kEngineNotSuspended;
   if (step == kAskStepNone || step >= KTRN_ARRAY_COUNT(kEngineSteps)) return kEngineNoTarget;
   int result = EngineStep(app->target, kEngineSteps[step]);

@@ -52,7 +52,8 @@ EngineResult EngineSetNextStatement(Target *target, const char *path, u32 line);
 // Run control, at a stop (26 while running). Each runs the target like EngineRun; its stop comes as
 // kind 1 with the engine's reason (0 step over, 1 step into and instruction step, 2 step out,
 // 5 temporary breakpoint reached), unless something else stops the target first.
-// request: kRunStepOver, kRunStepInto, kRunStepOut or kRunStepInstruction (engine/target.h).
+// request: kRunStepOver, kRunStepInto, kRunStepOut, kRunStepInstruction or kRunStepOverInstruction
+// (engine/target.h).
 // 27 without a current thread. A step out asked for while the target runs answers 0 and does nothing.
 EngineResult EngineStep(Target *target, u32 request);
 // Runs to the first of lines line..line+9 of the file that has code (23 when none).

@@ -342,7 +342,8 @@ static EngineResult RunWith(Target *target, u8 request, u64 address) {
 }
 
 EngineResult EngineStep(Target *target, u32 request) {
-  if (request != kRunStepOver && request != kRunStepInto && request != kRunStepOut && request != kRunStepInstruction)
+  if (request != kRunStepOver && request != kRunStepInto && request != kRunStepOut && request != kRunStepInstruction &&
+      request != kRunStepOverInstruction)
     return kEngineNoTarget;
   EngineResult state = EngineLockStopped(target);
   if (state == kEngineNotSuspended && request == kRunStepOut) return kEngineOk;  // nothing to step out of

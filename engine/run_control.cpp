@@ -302,6 +302,20 @@ void EngineRunControlBegin(Target *target) {
     SetTrap(thread, context);
     return;
   }
+  if (request == kRunStepOverInstruction) {
+    // A call or a repeated string instruction runs to its end under the temporary breakpoint behind
+    // it, bound to the stack pointer (a recursion reaching it deeper runs on); anything else is one
+    // single step.
+    s->mode = kStepOverInstruction;
+    DecodedClass decoded = DecodeAt(target, context->Rip);
+    bool run_over = decoded.kind == kInstructionCall || decoded.kind == kInstructionRepString;
+    if (run_over && PlaceTemporary(target, context->Rip + decoded.length, context->Rsp, true)) {
+      s->over_call = 1;
+      return;
+    }
+    SetTrap(thread, context);
+    return;
+  }
   s->mode = request == kRunStepOver ? kStepOver : kStepInto;
   s->start_sp = context->Rsp;
   TakeLine(target, context->Rip);
@@ -326,6 +340,7 @@ u32 EngineRunControlSingleStep(Target *target, TargetThread *thread, bool *claim
   if (!context) return StepStop(target, thread, kStopStepInto, 0);
   u64 p = context->Rip;
   if (s->mode == kStepInstruction) return StepStop(target, thread, kStopStepInto, p);
+  if (s->mode == kStepOverInstruction) return StepStop(target, thread, kStopStepOver, p);
   if (s->entered_call) return CalleeEntry(target, thread, context, p);
   return LineStepAt(target, thread, context, p, false);
 }
@@ -349,8 +364,8 @@ bool EngineRunControlBreakpoint(Target *target, TargetThread *thread, u64 at, u3
     return true;
   }
   if (stepping_thread && frame_matches) {
-    if (s->mode == kStepOut) {
-      *outcome = StepStop(target, thread, kStopStepOut, at);
+    if (s->mode == kStepOut || s->mode == kStepOverInstruction) {
+      *outcome = StepStop(target, thread, s->mode == kStepOut ? kStopStepOut : kStopStepOver, at);
       return true;
     }
     EngineDropTemporary(target);

@@ -187,6 +187,7 @@ enum RunRequest : u8 {
   kRunStepOut = 3,
   kRunStepInstruction = 4,
   kRunToAddress = 5,  // run_to_address: a temporary breakpoint there, no step
+  kRunStepOverInstruction = 6,
 };
 
 // The step under way (mode 0: none). Cleared together at every stop.
@@ -196,6 +197,7 @@ enum StepMode : u8 {
   kStepInto = 2,
   kStepOut = 3,
   kStepInstruction = 4,
+  kStepOverInstruction = 5,  // one instruction, a call or repeated string instruction run to its end
 };
 
 enum : u32 { kStepCodeCapacity = 512 };

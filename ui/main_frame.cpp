@@ -161,8 +161,8 @@ static void DrawControlMenu(AppState *app, MainFrameState *state) {
     AskStep(r, kAskStepIntoInstruction, 21);
   if (ImGui::MenuItem(KTRN_GLYPH_STEP_OVER " Step Over (Line)", "F10", false, suspended || (idle && CanStart(app))))
     AskStep(r, kAskStepOverLine, idle ? 11 : 27);
-  // A step over one instruction (a call run to its return) is not in the engine yet.
-  ImGui::MenuItem(KTRN_GLYPH_STEP_OVER_INSTRUCTION " Step Over (Instruction)", nullptr, false, false);
+  if (ImGui::MenuItem(KTRN_GLYPH_STEP_OVER_INSTRUCTION " Step Over (Instruction)", nullptr, false, suspended))
+    AskStep(r, kAskStepOverInstruction, 30);
   if (ImGui::MenuItem(KTRN_GLYPH_STEP_OUT " Step Out", "Shift+F11", false, suspended)) AskStep(r, kAskStepOut, 24);
   ImGui::EndMenu();
 }

@@ -14,6 +14,7 @@ enum StepRequest : u32 {
   kAskStepIntoInstruction = 2,
   kAskStepOverLine = 3,
   kAskStepOut = 4,
+  kAskStepOverInstruction = 5,
 };
 
 // What the user asked for during the frame.

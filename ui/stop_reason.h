@@ -15,6 +15,7 @@ enum StopReason : u32 {
   kStopReasonStepInstructionMenu = 21,
   kStopReasonStepOutMenu = 24,
   kStopReasonStepOverMenu = 27,
+  kStopReasonStepOverInstructionMenu = 30,
   kStopReasonContinueCommand = 36,   // the 'continue-execution' command (ktrn-cli's continue)
   kStopReasonAttached = 38,
   kStopReasonBreakMenu = 39,

@@ -470,9 +470,15 @@ static bool CommandStep(Cli *cli, const ScriptArguments *args) {
   return false;
 }
 
-static bool CommandStepInstruction(Cli *cli, const ScriptArguments *) {
-  static const u32 request = kRunStepInstruction;
-  return CliRunBy(cli, kStopReasonStepInstructionMenu, StartStep, &request);
+// stepi [over]: one instruction; with "over" a call runs to its return.
+static bool CommandStepInstruction(Cli *cli, const ScriptArguments *args) {
+  static const u32 into = kRunStepInstruction, over = kRunStepOverInstruction;
+  if (args->count == 1 && strcmp(args->word[0], "over")) {
+    CliError(cli, "stepi [over]");
+    return false;
+  }
+  if (args->count == 1) return CliRunBy(cli, kStopReasonStepOverInstructionMenu, StartStep, &over);
+  return CliRunBy(cli, kStopReasonStepInstructionMenu, StartStep, &into);
 }
 
 static bool CommandRunTo(Cli *cli, const ScriptArguments *args) {
@@ -569,7 +575,7 @@ static const ScriptCommand kScriptCommands[] = {
     // name, arguments, min, max, needs, function
     {"continue", "", 0, 0, kNeedsStop, CommandContinue},
     {"step", "into|over|out", 1, 1, kNeedsStartedStop, CommandStep},
-    {"stepi", "", 0, 0, kNeedsStartedStop, CommandStepInstruction},
+    {"stepi", "[over]", 0, 1, kNeedsStartedStop, CommandStepInstruction},
     {"run-to", "FILE:LINE", 1, kArgumentsRestOfLine, kNeedsStop, CommandRunTo},
     {"set-next", "FILE:LINE", 1, kArgumentsRestOfLine, kNeedsStartedStop, CommandSetNext},
     {"launch-and-halt", "[entry]", 0, 1, kNeedsStop, CommandLaunchAndHalt},
