@@ -144,10 +144,40 @@ static void Stopped(AppState *app, u32 reason) {
   app->stop_reason = reason;
 }
 
+// The session's breakpoints given to the engine as the run starts: each binds where a loaded
+// module has its place, or stays pending until one loads. Processor breakpoints wait for the
+// evaluator (their address is an expression); disabled ones are not given.
+static void BindSessionBreakpoints(AppState *app) {
+  Session *session = &app->session;
+  for (u32 i = 0; i < session->breakpoint_count; i++) {
+    Breakpoint *b = session->breakpoints[i];
+    if (!b->enabled || b->kind == kBreakpointProcessor || b->runtime.location) continue;
+    BreakpointWanted wanted = {};
+    wanted.kind = b->kind;
+    wanted.place = b->place;
+    wanted.line = b->line;
+    wanted.address = b->address;
+    wanted.condition = b->condition;
+    BreakpointLocation *location = nullptr;
+    EngineResult result = EngineAddBreakpoint(app->target, &wanted, &location);
+    if ((result != kEngineOk && result != kEngineParseError) || !location) {
+      char line[96];
+      snprintf(line, sizeof line, "Unable to set breakpoint %u (result %d)\n", b->id, (int)result);
+      OutputAppendZ(&app->output, line);
+      continue;
+    }
+    b->runtime.location = location;
+    b->runtime.state = location->module ? kBreakpointStateBound : kBreakpointStatePending;
+    if (result == kEngineParseError)
+      snprintf(b->runtime.condition_error, sizeof b->runtime.condition_error, "%s", "The condition does not parse");
+  }
+}
+
 bool DebuggingDrainEvents(AppState *app) {
   if (!app->target) return false;
   // The engine holds a new launch at its start; let it run once it serves commands.
   if (g_awaiting_first_run && EngineStoppedState(app->target) == 0) {
+    BindSessionBreakpoints(app);
     const TargetCommand *command = SessionCurrentTarget(&app->session);
     bool nominal = !command || command->halt_at_nominal_entry;
     EngineResult first = g_first_run_to_entry ? EngineRunToEntry(app->target, nominal) : EngineRun(app->target);
@@ -197,4 +227,14 @@ bool DebuggingDrainEvents(AppState *app) {
     }
   }
   return false;
+}
+
+void DebuggingCarryOutTargetRequests(AppState *app, const TargetWindowRequests *r) {
+  if (!app->target || app->debug_state != kDebugSuspended) return;
+  // Results other than 0 only say the stop ended meanwhile: the windows show the next stop's state.
+  if (r->select_thread) (void)EngineSelectThread(app->target, r->select_thread);
+  if (r->select_frame >= 0) (void)EngineSelectFrame(app->target, r->select_frame);
+  if (r->toggle_freeze) (void)EngineToggleFreeze(app->target, r->toggle_freeze);
+  if (r->toggle_solo) (void)EngineToggleSolo(app->target, r->toggle_solo);
+  if (r->collapse_repeated >= 0) (void)EngineSetStackOverflowCollapsing(app->target, (u8)r->collapse_repeated);
 }

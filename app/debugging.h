@@ -3,6 +3,7 @@
 // UI thread only.
 #pragma once
 #include "app/app_state.h"
+#include "ui/target_windows.h"
 
 // Launches the session's current target command; the result code of the engine (0 on success).
 // A failure is written to the output window as "Unable to debug process: %s\n".
@@ -23,3 +24,6 @@ int DebuggingBreak(AppState *app, u32 reason);
 bool DebuggingDrainEvents(AppState *app);
 // A launch is held by the engine at its start until the first run: true while that is so.
 bool DebuggingAwaitingFirstRun(const AppState *app);
+// Carries out what the call stack and threads windows asked for in the frame (at a stop; the
+// engine's operations take the model lock themselves, so this runs after the frame).
+void DebuggingCarryOutTargetRequests(AppState *app, const TargetWindowRequests *requests);

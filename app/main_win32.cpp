@@ -510,6 +510,7 @@ static void CarryOutRequests(Program *program) {
   if (r->step) DebuggingStep(app, r->step, r->step_reason, Wake, program);
   if (r->stop_debugging) DebuggingStop(app);
   if (r->break_in) DebuggingBreak(app, r->break_reason);
+  DebuggingCarryOutTargetRequests(app, &program->frame.target_requests);
   if (r->restart && app->target && !app->attached) {
     AppStateSetPending(app, kPendingRestart, nullptr);
     app->pending.reason = r->restart_reason;

@@ -72,7 +72,7 @@ static void ToggleToolWindow(AppState *app, u32 index) {
 }
 
 // Every shown tool window; those not built yet are titled and empty, so layouts already hold them.
-static void DrawToolWindows(AppState *app) {
+static void DrawToolWindows(AppState *app, MainFrameState *state) {
   for (u32 i = 0; i <= kWindowLastSingle; i++) {
     u8 *shown = ToolWindowShown(&app->settings, i);
     if (!*shown) continue;
@@ -80,6 +80,9 @@ static void DrawToolWindows(AppState *app) {
     if (ImGui::Begin(ToolWindowTitle(i), &open)) {
       TextCaptureWindow(ToolWindowTitle(i));
       if (i == kWindowOutput) DrawOutputWindow(app);
+      else if (i == kWindowCallStack) DrawCallStackWindow(app, &state->target_requests);
+      else if (i == kWindowThreads) DrawThreadsWindow(app, &state->target_requests);
+      else if (i == kWindowModules) DrawModulesWindow(app);
     }
     ImGui::End();
     if (!open) *shown = 0;
@@ -527,11 +530,12 @@ static void DrawAbout(MainFrameState *state) {
 void DrawMainFrame(AppState *app, MainFrameState *state) {
   ApplyStyle(app);
   memset(&state->requests, 0, sizeof state->requests);
+  TargetWindowRequestsClear(&state->target_requests);
   DrawMenuBar(app, state);
   DrawToolbar(app, state);
   DrawStatusBar(app);
   DrawDockSpace(app);
-  DrawToolWindows(app);
+  DrawToolWindows(app, state);
   DrawTargetCommandEditor(app, state);
   DrawAttachDialog(app, state);
   DrawAbout(state);

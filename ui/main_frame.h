@@ -6,6 +6,7 @@
 #include "app/app_state.h"
 #include "app/saved_layouts.h"
 #include "engine/process_list.h"
+#include "ui/target_windows.h"
 
 // The steps of the Control menu, its keys and the toolbar.
 enum StepRequest : u32 {
@@ -51,6 +52,7 @@ struct ImFont;
 
 struct MainFrameState {
   MainFrameRequests requests;  // cleared at the start of each frame
+  TargetWindowRequests target_requests;  // the call stack and threads windows' (cleared likewise)
   ImFont *text_font;           // source and disassembly text (the UI font is Dear ImGui's default)
   unsigned frame_count;
   bool show_about;

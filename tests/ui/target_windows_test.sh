@@ -1,0 +1,80 @@
+#!/usr/bin/env bash
+# The call stack, threads and modules windows at a stop of the demo, as a user gets there: F5,
+# Control > Break once the demo prints, then the windows' text (a screenshot beside each dump).
+# Modules: demo.exe with its symbols, ntdll without; threads: the main thread current, the worker
+# listed; call stack: the main thread's chain down to main, then the worker's after a double click;
+# a session breakpoint added between runs binds when the next run starts.
+# usage: target_windows_test.sh WINE_RUN KESTRUNE_EXE DEMO_EXE OUT_DIR
+set -u
+wine_run=$1 exe=$2 demo=$3 out=$4
+. "$(dirname "$0")/ui_test_lib.sh"
+
+start "Z:$demo" 30
+wait_for first-start "[window Output]"
+press_until running "Module loaded:" F5
+wait_for running "second 1:" 60
+
+# The demo's console window opens over ours (no window manager here): move it out of the way.
+for w in $(xdotool search --name 'demo\.exe$' 2>/dev/null); do
+  [ "$w" != "$window" ] && xdotool windowmove "$w" 1270 790
+done
+sleep 1
+# Control > Break: the engine stops the demo; the lists fill from the stopped target.
+menu 190 85 "Ctrl+Shift+X"
+wait_for modules "Symbols loaded" 30
+expect modules "| Name | Path | Address | Symbol File | Symbol Status |" "Cannot find or open PDB file" "| ntdll.dll |"
+# The address column: base-end in hex, the end above the base.
+range=$(grep -F '| demo.exe |' "$out/dumps/modules.txt" | awk -F ' [|] ' '{print $3}' | head -n 1)
+[[ "$range" =~ ^[0-9A-F]+-[0-9A-F]+$ ]] || fail "demo.exe's address cell is '$range'"
+[ $((16#${range%-*})) -lt $((16#${range#*-})) ] || fail "demo.exe range $range is empty"
+grep -F '| demo.exe |' "$out/dumps/modules.txt" | grep -qF '| Symbols loaded |' || fail "demo.exe without its symbols"
+expect modules "| ID | Name | Module | Function Name | Last Known Caller | Address | Priority |" "Normal (0)"
+# The main thread is current (marked), the demo's worker is listed beside it.
+main_row=$(grep -F '| > |' "$out/dumps/modules.txt") || fail "no current thread marked"
+[[ "$main_row" == *"Main Thread"* ]] || fail "the current thread is not the main thread: $main_row"
+grep -qF "msvcrt.dll thread" "$out/dumps/modules.txt" || fail "the worker thread is not listed"
+
+# The Call Stack tab (beside Modules): the main thread's chain, from the system's Sleep down to main.
+click_until callstack 815 223 1 "[window Call Stack]"
+wait_for callstack "| demo.exe | main() Ln "
+expect callstack "| Module Name | Function Name | Address |" "| kernelbase.dll | kernelbase.dll!"
+# A double click on the worker's row makes it current: the stack follows it into Simulate.
+xdotool mousemove --window "$window" 780 107 click --repeat 2 --delay 80 1
+wait_for worker-selected "| demo.exe | Simulate() Ln "
+worker_row=$(grep -F '| > |' "$out/dumps/worker-selected.txt")
+[[ "$worker_row" == *"msvcrt.dll thread"* ]] || fail "the worker is not marked current: $worker_row"
+# Its "F" button freezes it: drawn red from then on.
+xdotool mousemove --window "$window" 715 107 click 1
+sleep 1
+dump frozen
+colour=$(convert "$out/frozen.png" -format "%[pixel:p{709,103}]" info:)
+[ "$colour" = "srgb(255,81,1)" ] || [ "$colour" = "srgb(216,35,35)" ] || fail "the frozen thread's F button is $colour"
+
+"$wine_run" "$exe" stop-debugging || fail "the forwarding instance failed"
+wait_for stopped "Program halted with exit code 0x00007E57" 30
+
+# A function breakpoint of the session (forwarded as an editor would) binds when the next run starts:
+# F5 stops the worker in StepParticles, called from Simulate.
+"$wine_run" "$exe" add-breakpoint-at-function StepParticles || fail "the forwarding instance failed"
+for w in $(xdotool search --name 'demo\.exe$' 2>/dev/null); do
+  [ "$w" != "$window" ] && xdotool windowmove "$w" 1270 790
+done
+press_until breakpoint-run "[SUSPENDED]" F5  # F5 again while running does nothing
+wait_for breakpoint-run "| demo.exe | StepParticles() Ln " 30
+expect breakpoint-run "| demo.exe | Simulate() Ln "
+"$wine_run" "$exe" stop-debugging || fail "the forwarding instance failed"
+wait_for stopped-again "Program halted with exit code 0x00007E57" 30
+
+# Exit asks to save the session the breakpoint changed: No.
+menu 36 212 "Exit"
+prompt=
+for _ in $(seq 1 40); do
+  prompt=$(xdotool search --name '^Kestrune$' 2>/dev/null | head -n 1)
+  [ -n "$prompt" ] && break
+  sleep 0.5
+done
+[ -n "$prompt" ] || fail "no save prompt at close"
+xdotool windowfocus --sync "$prompt" 2>/dev/null
+xdotool key --window "$prompt" n
+wait_exit
+echo PASS

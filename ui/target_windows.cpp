@@ -1,0 +1,313 @@
+#include "ui/target_windows.h"
+
+#include <imgui.h>
+#include <stdio.h>
+
+#include "engine/engine.h"
+
+static const ImU32 kCurrentRowColour = IM_COL32(255, 216, 55, 255);
+static const ImU32 kSelectedFrameColour = IM_COL32(206, 231, 206, 255);
+static const ImU32 kCollapsedOutlineColour = IM_COL32(255, 0, 0, 255);
+static const ImU32 kFrozenColour = IM_COL32(255, 81, 1, 255), kFrozenHoveredColour = IM_COL32(216, 35, 35, 255);
+static const ImU32 kSoloColour = IM_COL32(111, 211, 48, 255), kSoloHoveredColour = IM_COL32(96, 181, 41, 255);
+static const float kMarkerColumnWidth = 24.0f;
+enum { kCellCapacity = 1280 };
+
+void TargetWindowRequestsClear(TargetWindowRequests *requests) {
+  *requests = {};
+  requests->select_frame = -1;
+  requests->collapse_repeated = -1;
+}
+
+// The model is read only at a stop, under the engine's lock: false (nothing held) otherwise.
+static bool LockStoppedTarget(AppState *app) {
+  return app->target && app->debug_state == kDebugSuspended && EngineTryLockModel(app->target);
+}
+
+static const char *ModuleName(const TargetModule *module) {
+  return module && module->symbols.name ? module->symbols.name : "";
+}
+
+// A frame's function as the lists show it: the procedure's name, or the module and address when no
+// symbols know the address.
+static void FrameFunction(const StackFrame *frame, char *out, u32 capacity) {
+  if (frame->procedure)
+    snprintf(out, capacity, "%s", PdbProcName(frame->procedure));
+  else if (frame->module)
+    snprintf(out, capacity, "%s!%llX", ModuleName(frame->module), (unsigned long long)frame->ip);
+  else
+    snprintf(out, capacity, "%llX", (unsigned long long)frame->ip);
+}
+
+// [SECTION] Call stack
+
+static void DrawCallStackMenu(AppState *app, TargetWindowRequests *requests, const TargetThread *thread,
+                              s32 selected, u32 count) {
+  if (!ImGui::BeginPopupContextWindow("callstack-wnd")) return;
+  Settings *s = &app->settings;
+  if (ImGui::MenuItem("Next Frame", "Ctrl+Up", false, selected > 0)) requests->select_frame = selected - 1;
+  if (ImGui::MenuItem("Prev Frame", "Ctrl+Down", false, count && (u32)selected + 1 < count))
+    requests->select_frame = selected + 1;
+  ImGui::Separator();
+  static const char *const kVerbosities[] = {"Minimal", "Top Frame Detailed", "Detailed"};
+  for (u32 i = 0; i < KTRN_ARRAY_COUNT(kVerbosities); i++)
+    if (ImGui::MenuItem(kVerbosities[i], nullptr, s->callstack_verbosity == i)) s->callstack_verbosity = (u8)i;
+  if (thread && thread->stack_overflow_seen) {
+    ImGui::Separator();
+    bool collapsing = app->target->collapse_stack_overflow != 0;
+    if (ImGui::MenuItem("Collapse Repeated Frames", nullptr, collapsing)) requests->collapse_repeated = !collapsing;
+  }
+  ImGui::Separator();
+  bool module = s->callstack_show_module_name, address = s->callstack_show_address;
+  if (ImGui::MenuItem("Module Name", nullptr, &module)) s->callstack_show_module_name = module;
+  ImGui::MenuItem("Function Name", nullptr, true, false);
+  if (ImGui::MenuItem("Address", nullptr, &address)) s->callstack_show_address = address;
+  ImGui::EndPopup();
+}
+
+static void DrawFrameRow(AppState *app, TargetWindowRequests *requests, const StackFrame *frame, u32 index,
+                         s32 selected) {
+  const Settings *s = &app->settings;
+  ImGui::TableNextRow();
+  if (index == 0) ImGui::TableSetBgColor(ImGuiTableBgTarget_RowBg0, kCurrentRowColour);
+  else if ((s32)index == selected) ImGui::TableSetBgColor(ImGuiTableBgTarget_RowBg0, kSelectedFrameColour);
+  ImGui::TableNextColumn();
+  ImGui::PushID((int)index);
+  bool coloured = index == 0 || (s32)index == selected;
+  if (coloured) ImGui::PushStyleColor(ImGuiCol_Text, IM_COL32(0, 0, 0, 255));
+  if (ImGui::Selectable("##frame", false, ImGuiSelectableFlags_SpanAllColumns)) requests->select_frame = (s32)index;
+  if (s->callstack_show_module_name) {
+    ImGui::TableNextColumn();
+    if (!frame->collapsed) ImGui::TextUnformatted(ModuleName(frame->module));
+  }
+  ImGui::TableNextColumn();
+  char cell[kCellCapacity];
+  if (frame->collapsed) {
+    snprintf(cell, sizeof cell, "Collapsed %d frames (possible stack-overflow)", (int)frame->collapsed_count);
+    ImGui::TextUnformatted(cell);
+    ImVec2 low = ImGui::GetItemRectMin(), high = ImGui::GetItemRectMax();
+    ImGui::GetWindowDrawList()->AddRect(ImVec2(low.x - 2, low.y - 1), ImVec2(high.x + 2, high.y + 1),
+                                        kCollapsedOutlineColour, 4.0f, ImDrawFlags_RoundCornersAll, 2.0f);
+  } else {
+    // Parameter values need the evaluator: both forms show the name and the line for now.
+    char function[kCellCapacity - 32];
+    FrameFunction(frame, function, sizeof function);
+    if (!frame->procedure) snprintf(cell, sizeof cell, "%s", function);  // no symbols: no call to show
+    else if (frame->line) snprintf(cell, sizeof cell, "%s() Ln %d", function, (int)frame->line);
+    else snprintf(cell, sizeof cell, "%s()", function);
+    ImGui::TextUnformatted(cell);
+  }
+  if (s->callstack_show_address) {
+    ImGui::TableNextColumn();
+    if (!frame->collapsed) ImGui::Text("%llX", (unsigned long long)frame->ip);
+  }
+  if (coloured) ImGui::PopStyleColor();
+  ImGui::PopID();
+}
+
+void DrawCallStackWindow(AppState *app, TargetWindowRequests *requests) {
+  if (!LockStoppedTarget(app)) return;
+  TargetThread *thread = app->target->current_thread;
+  EngineUnlockModel(app->target);
+  // The stack is built on first request under the engine's own hold of the lock; the rows are then
+  // read under ours, so that no engine command rewrites them meanwhile.
+  const StackFrame *frames = nullptr;
+  u32 count = thread ? EngineThreadStack(app->target, thread, &frames) : 0;
+  if (!LockStoppedTarget(app)) return;
+  s32 selected = thread ? thread->selected_frame : 0;
+  const Settings *s = &app->settings;
+  int columns = 2 + (s->callstack_show_module_name ? 1 : 0) + (s->callstack_show_address ? 1 : 0);
+  ImGuiTableFlags flags = ImGuiTableFlags_Resizable | ImGuiTableFlags_ScrollY | ImGuiTableFlags_BordersInnerV;
+  if (ImGui::BeginTable("tbl", columns, flags)) {
+    ImGui::TableSetupScrollFreeze(0, 1);
+    ImGui::TableSetupColumn("", ImGuiTableColumnFlags_WidthFixed, kMarkerColumnWidth);
+    if (s->callstack_show_module_name) ImGui::TableSetupColumn("Module Name");
+    ImGui::TableSetupColumn("Function Name", ImGuiTableColumnFlags_WidthStretch);
+    if (s->callstack_show_address) ImGui::TableSetupColumn("Address");
+    ImGui::TableHeadersRow();
+    ImGuiListClipper clipper;
+    clipper.Begin((int)count);
+    while (clipper.Step())
+      for (int i = clipper.DisplayStart; i < clipper.DisplayEnd; i++) DrawFrameRow(app, requests, &frames[i], (u32)i, selected);
+    ImGui::EndTable();
+  }
+  DrawCallStackMenu(app, requests, thread, selected, count);
+  EngineUnlockModel(app->target);
+}
+
+// [SECTION] Threads
+
+static void DrawThreadsMenu(Settings *s) {
+  if (!ImGui::BeginPopupContextWindow("threads-wnd")) return;
+  ImGui::MenuItem("ID", nullptr, true, false);
+  struct Column { const char *label; u8 *shown; };
+  const Column columns[] = {{"Name", &s->threads_show_name},
+                            {"Module", &s->threads_show_module},
+                            {"Function Name", &s->threads_show_function_name},
+                            {"Last Known Caller", &s->threads_show_calling_function_name},
+                            {"Address", &s->threads_show_address},
+                            {"Priority", &s->threads_show_priority}};
+  for (const Column &c : columns) {
+    bool on = *c.shown;
+    if (ImGui::MenuItem(c.label, nullptr, &on)) *c.shown = on;
+  }
+  ImGui::EndPopup();
+}
+
+// A small button drawn in its colour while its state holds; true when clicked.
+static bool FlagButton(const char *label, bool lit, ImU32 colour, ImU32 hovered, const char *tip) {
+  if (lit) {
+    ImGui::PushStyleColor(ImGuiCol_Button, colour);
+    ImGui::PushStyleColor(ImGuiCol_ButtonHovered, hovered);
+  }
+  bool clicked = ImGui::SmallButton(label);
+  if (lit) ImGui::PopStyleColor(2);
+  if (ImGui::IsItemHovered(ImGuiHoveredFlags_DelayNormal)) ImGui::SetTooltip("%s", tip);
+  return clicked;
+}
+
+// Every thread's stack, built before the rows are drawn: the build takes the model lock itself.
+static void BuildThreadStacks(AppState *app) {
+  static TargetThread *threads[kThreadPoolCount];
+  u32 count = 0;
+  if (!LockStoppedTarget(app)) return;
+  for (TargetThread *t = app->target->threads; t && count < kThreadPoolCount; t = t->next) threads[count++] = t;
+  EngineUnlockModel(app->target);
+  const StackFrame *frames;
+  for (u32 i = 0; i < count; i++) (void)EngineThreadStack(app->target, threads[i], &frames);
+}
+
+void DrawThreadsWindow(AppState *app, TargetWindowRequests *requests) {
+  BuildThreadStacks(app);
+  if (!LockStoppedTarget(app)) return;
+  Target *target = app->target;
+  Settings *s = &app->settings;
+  const TargetThread *solo = nullptr;
+  for (TargetThread *t = target->threads; t; t = t->next)
+    if (t->solo) solo = t;
+  int columns = 3 + s->threads_show_name + s->threads_show_module + s->threads_show_function_name +
+                s->threads_show_calling_function_name + s->threads_show_address + s->threads_show_priority;
+  static u32 selected_id;  // the clicked row's thread
+  if (ImGui::BeginTable("tbl", columns, ImGuiTableFlags_Resizable | ImGuiTableFlags_ScrollY | ImGuiTableFlags_BordersInnerV)) {
+    ImGui::TableSetupScrollFreeze(0, 1);
+    ImGui::TableSetupColumn("", ImGuiTableColumnFlags_WidthFixed, kMarkerColumnWidth);
+    ImGui::TableSetupColumn("", ImGuiTableColumnFlags_WidthFixed, 2 * kMarkerColumnWidth);
+    ImGui::TableSetupColumn("ID");
+    if (s->threads_show_name) ImGui::TableSetupColumn("Name");
+    if (s->threads_show_module) ImGui::TableSetupColumn("Module");
+    if (s->threads_show_function_name) ImGui::TableSetupColumn("Function Name");
+    if (s->threads_show_calling_function_name) ImGui::TableSetupColumn("Last Known Caller");
+    if (s->threads_show_address) ImGui::TableSetupColumn("Address");
+    if (s->threads_show_priority) ImGui::TableSetupColumn("Priority");
+    ImGui::TableHeadersRow();
+    for (TargetThread *t = target->threads; t; t = t->next) {
+      ImGui::TableNextRow();
+      ImGui::PushID((int)t->id);
+      bool current = t == target->current_thread;
+      ImGui::TableNextColumn();
+      if (current) {
+        ImGui::TableSetBgColor(ImGuiTableBgTarget_CellBg, kCurrentRowColour);
+        ImGui::TextUnformatted(">");
+      }
+      ImGui::TableNextColumn();
+      bool held = t->frozen || (solo && solo != t);
+      if (FlagButton("F", held, kFrozenColour, kFrozenHoveredColour, "Freeze Thread")) requests->toggle_freeze = t;
+      ImGui::SameLine();
+      if (FlagButton("S", t->solo != 0, kSoloColour, kSoloHoveredColour, "Solo Thread")) requests->toggle_solo = t;
+      ImGui::TableNextColumn();
+      char id[16];
+      snprintf(id, sizeof id, "%u", t->id);
+      if (ImGui::Selectable(id, selected_id == t->id, ImGuiSelectableFlags_SpanAllColumns | ImGuiSelectableFlags_AllowDoubleClick)) {
+        selected_id = t->id;
+        if (ImGui::IsMouseDoubleClicked(ImGuiMouseButton_Left)) requests->select_thread = t->id;
+      }
+      // Built above for this stop (a thread whose build failed shows no frames).
+      bool built = t->frames && t->stack_stop == target->stop_generation;
+      const StackFrame *frames = built ? t->frames : nullptr;
+      u32 count = built ? t->frame_count : 0;
+      char function[kCellCapacity];
+      if (s->threads_show_name) { ImGui::TableNextColumn(); ImGui::TextUnformatted(t->name); }
+      if (s->threads_show_module) {
+        ImGui::TableNextColumn();
+        if (count) ImGui::TextUnformatted(ModuleName(frames[0].module));
+      }
+      if (s->threads_show_function_name) {
+        ImGui::TableNextColumn();
+        if (count) { FrameFunction(&frames[0], function, sizeof function); ImGui::TextUnformatted(function); }
+      }
+      if (s->threads_show_calling_function_name) {
+        ImGui::TableNextColumn();
+        u32 caller = 1;
+        while (caller < count && frames[caller].collapsed) caller++;
+        if (caller < count) { FrameFunction(&frames[caller], function, sizeof function); ImGui::TextUnformatted(function); }
+      }
+      if (s->threads_show_address) {
+        ImGui::TableNextColumn();
+        if (count) ImGui::Text("%llX", (unsigned long long)frames[0].ip);
+      }
+      if (s->threads_show_priority) {
+        ImGui::TableNextColumn();
+        const char *name = EngineThreadPriorityName(t->priority);
+        if (name[0]) ImGui::Text("%s (%d)", name, (int)t->priority);
+        else ImGui::Text("%d", (int)t->priority);
+      }
+      ImGui::PopID();
+    }
+    ImGui::EndTable();
+  }
+  bool focused = ImGui::IsWindowFocused(ImGuiFocusedFlags_RootAndChildWindows);
+  if (focused && selected_id && ImGui::IsKeyPressed(ImGuiKey_Enter)) requests->select_thread = selected_id;
+  DrawThreadsMenu(s);
+  EngineUnlockModel(target);
+}
+
+// [SECTION] Modules
+
+static void DrawModulesMenu(Settings *s) {
+  if (!ImGui::BeginPopupContextWindow("modules-wnd")) return;
+  ImGui::MenuItem("Name", nullptr, true, false);
+  struct Column { const char *label; u8 *shown; };
+  const Column columns[] = {{"Path", &s->modules_show_path},
+                            {"Address", &s->modules_show_address},
+                            {"Symbol File", &s->modules_show_symbol_file},
+                            {"Symbol Status", &s->modules_show_status}};
+  for (const Column &c : columns) {
+    bool on = *c.shown;
+    if (ImGui::MenuItem(c.label, nullptr, &on)) *c.shown = on;
+  }
+  ImGui::EndPopup();
+}
+
+void DrawModulesWindow(AppState *app) {
+  if (!LockStoppedTarget(app)) return;
+  Settings *s = &app->settings;
+  int columns = 1 + s->modules_show_path + s->modules_show_address + s->modules_show_symbol_file + s->modules_show_status;
+  static u64 selected_base;  // the clicked row's module
+  if (ImGui::BeginTable("tbl", columns, ImGuiTableFlags_Resizable | ImGuiTableFlags_ScrollY | ImGuiTableFlags_BordersInnerV)) {
+    ImGui::TableSetupScrollFreeze(0, 1);
+    ImGui::TableSetupColumn("Name");
+    if (s->modules_show_path) ImGui::TableSetupColumn("Path");
+    if (s->modules_show_address) ImGui::TableSetupColumn("Address");
+    if (s->modules_show_symbol_file) ImGui::TableSetupColumn("Symbol File");
+    if (s->modules_show_status) ImGui::TableSetupColumn("Symbol Status");
+    ImGui::TableHeadersRow();
+    for (const TargetModule *m = app->target->modules; m; m = m->next) {
+      ImGui::TableNextRow();
+      ImGui::TableNextColumn();
+      u64 base = TargetModuleBase(m);
+      ImGui::PushID((const void *)m);
+      if (ImGui::Selectable(ModuleName(m), selected_base == base, ImGuiSelectableFlags_SpanAllColumns)) selected_base = base;
+      ImGui::PopID();
+      if (s->modules_show_path) { ImGui::TableNextColumn(); ImGui::TextUnformatted(m->symbols.image_path); }
+      if (s->modules_show_address) {
+        ImGui::TableNextColumn();
+        ImGui::Text("%llX-%llX", (unsigned long long)base, (unsigned long long)TargetModuleEnd(m));
+      }
+      if (s->modules_show_symbol_file) { ImGui::TableNextColumn(); ImGui::TextUnformatted(m->symbols.pdb_path); }
+      if (s->modules_show_status) { ImGui::TableNextColumn(); ImGui::TextUnformatted(SymbolStatusText(m->symbols.status)); }
+    }
+    ImGui::EndTable();
+  }
+  DrawModulesMenu(s);
+  EngineUnlockModel(app->target);
+}
