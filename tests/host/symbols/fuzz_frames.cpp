@@ -4,9 +4,8 @@
 // types with their names.
 #include <stdio.h>
 #include <string.h>
-#include <unistd.h>
 
-#include <string>
+#include "fuzz_input_file.h"
 
 #include "symbols/pdb_inline.h"
 #include "symbols/pdb_locals.h"
@@ -53,25 +52,17 @@ void AskAt(const PdbFile *pdb, const PdbProcScope *procedure, u32 section, u32 o
   }
 }
 
-std::string InputPath() {
-  const char *dir = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
-  return std::string(dir) + "/ktrn-fuzz-frames-" + std::to_string(getpid()) + ".pdb";
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  static const std::string path = InputPath();
-  FILE *f = fopen(path.c_str(), "wb");
-  if (!f) return 0;
-  fwrite(data, 1, size, f);
-  fclose(f);
+  const char *path = WriteFuzzInput("frames", data, size);
+  if (!path) return 0;
 
   SymbolArena arena = {};
   PdbFile pdb;
   PdbSummary summary;
   CodeViewIdentity none = {};
-  if (PdbOpen(&arena, &none, path.c_str(), true, &pdb, &summary) == kPdbOk) {
+  if (PdbOpen(&arena, &none, path, true, &pdb, &summary) == kPdbOk) {
     const PdbScopes *scopes = &pdb.scopes;
     for (u32 i = 0; i < scopes->procedure_count && i < kMaxProcedures; i++) {
       const PdbProcAddress *a = &scopes->addresses[i];

@@ -3,30 +3,21 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <unistd.h>
 
-#include <string>
+#include "fuzz_input_file.h"
 
 #include "symbols/pdb_file.h"
 
-static std::string InputPath() {
-  const char *dir = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
-  return std::string(dir) + "/ktrn-fuzz-pdb-" + std::to_string(getpid()) + ".pdb";
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  static const std::string path = InputPath();
-  FILE *f = fopen(path.c_str(), "wb");
-  if (!f) return 0;
-  fwrite(data, 1, size, f);
-  fclose(f);
+  const char *path = WriteFuzzInput("pdb", data, size);
+  if (!path) return 0;
 
   SymbolArena arena = {};
   PdbFile pdb;
   PdbSummary summary;
   CodeViewIdentity identity = {};
   if (size >= 24) memcpy(identity.bytes, data, 24);
-  int status = PdbOpen(&arena, &identity, path.c_str(), (size & 1) != 0, &pdb, &summary);
+  int status = PdbOpen(&arena, &identity, path, (size & 1) != 0, &pdb, &summary);
   if (status == 0) {
     // Walk what the lookups of later stages walk.
     const PdbGlobals &g = pdb.globals;
