@@ -235,6 +235,17 @@ static bool Remember(Cli *cli, BreakpointLocation *bp) {
   return true;
 }
 
+// A breakpoint the engine made: numbered and printed; an error line otherwise.
+static bool Added(Cli *cli, EngineResult result, BreakpointLocation *bp) {
+  if (result != kEngineOk) {
+    CliError(cli, "%s", CliResultText(result));
+    return false;
+  }
+  if (!Remember(cli, bp)) return false;
+  CliPrintBreakpoint(cli, bp);
+  return true;
+}
+
 // break FILE:LINE | FUNCTION | ADDRESS: a number is an address; a text whose last ':' is followed
 // by digits only is a file and line (a path may hold ':' of its own); anything else names a function.
 static bool CommandBreak(Cli *cli, const ScriptArguments *args) {
@@ -267,13 +278,7 @@ static bool CommandBreak(Cli *cli, const ScriptArguments *args) {
     CliPrintBreakpoint(cli, bp);
     return false;
   }
-  if (result != kEngineOk) {
-    CliError(cli, "%s", CliResultText(result));
-    return false;
-  }
-  if (!Remember(cli, bp)) return false;
-  CliPrintBreakpoint(cli, bp);
-  return true;
+  return Added(cli, result, bp);
 }
 
 // break-data ADDRESS SIZE r|w|x: r stands for read/write (the processor has no read-only kind).
@@ -292,13 +297,7 @@ static bool CommandBreakData(Cli *cli, const ScriptArguments *args) {
   }
   BreakpointLocation *bp = nullptr;
   EngineResult result = EngineAddDataBreakpoint(cli->target, address, (u32)size, (u32)(kind - kinds), &bp);
-  if (result != kEngineOk) {
-    CliError(cli, "%s", CliResultText(result));
-    return false;
-  }
-  if (!Remember(cli, bp)) return false;
-  CliPrintBreakpoint(cli, bp);
-  return true;
+  return Added(cli, result, bp);
 }
 
 // condition N TEXT: kept as text whether or not it parses; one that does not is an error line.
