@@ -123,9 +123,12 @@ static u32 HandleEvent(Target *target, DEBUG_EVENT *ev) {
     }
     case LOAD_DLL_DEBUG_EVENT: {
       TargetModule *module = nullptr;
-      EngineLoadModule(target, ev->u.LoadDll.hFile, (u64)(uintptr_t)ev->u.LoadDll.lpBaseOfDll, &module);
+      // The loader may still relocate the image after this event: nothing read of it now is kept.
+      target->loading_base = (u64)(uintptr_t)ev->u.LoadDll.lpBaseOfDll;
+      EngineLoadModule(target, ev->u.LoadDll.hFile, target->loading_base, &module);
       if (ev->u.LoadDll.hFile) CloseHandle(ev->u.LoadDll.hFile);
       if (module) BreakpointsOnModuleLoad(target, module);
+      target->loading_base = 0;
       return kOutcomeContinue;
     }
     case UNLOAD_DLL_DEBUG_EVENT:

@@ -8,8 +8,20 @@ void MemoryCacheInit(MemoryCache *cache, MemoryReadFn read, void *read_context) 
   cache->read = read;
   cache->read_context = read_context;
   cache->read_directly = 0;
+  cache->keep = nullptr;
+  cache->keep_context = nullptr;
   cache->line_fills = 0;
   cache->generation = 1;
+}
+
+void MemoryCacheSetKeep(MemoryCache *cache, MemoryKeepFn keep, void *keep_context) {
+  cache->keep = keep;
+  cache->keep_context = keep_context;
+}
+
+void MemoryCacheDropKept(MemoryCache *cache) {
+  for (u32 s = 0; s < kMemoryCacheSets; s++)
+    for (u32 w = 0; w < kMemoryCacheWays; w++) cache->lines[s][w].flags = 0;
 }
 
 void MemoryCacheNewGeneration(MemoryCache *cache) { cache->generation++; }
@@ -42,6 +54,7 @@ static MemoryCacheLine *FillLine(MemoryCache *cache, u64 line_address) {
   if (!cache->read(cache->read_context, line_address, line->data, kMemoryCacheLineBytes)) return nullptr;
   line->address = line_address;
   line->flags = kCacheLineValid;
+  if (cache->keep && cache->keep(cache->keep_context, line_address)) line->flags |= kCacheLineKeep;
   line->generation = cache->generation;
   return line;
 }

@@ -22,6 +22,9 @@ enum : u16 {
 };
 
 typedef bool (*MemoryReadFn)(void *context, u64 address, void *buffer, u32 size);  // true: all read
+// True when the line at line_address holds memory the program cannot change (its image's code and
+// read-only data): such a line is kept across stops.
+typedef bool (*MemoryKeepFn)(void *context, u64 line_address);
 
 typedef struct MemoryCacheLine {
   u64 address;  // of the line's first byte
@@ -36,12 +39,17 @@ typedef struct MemoryCache {
   u8 next_victim[kMemoryCacheSets];
   MemoryReadFn read;
   void *read_context;
+  MemoryKeepFn keep;  // null: no line is kept
+  void *keep_context;
   u8 read_directly;  // bypass the lines (reads that must see the target as it is now)
   u32 generation;    // lines of another generation are not valid (unless kept)
   u64 line_fills;    // system reads made to fill lines
 } MemoryCache;
 
 void MemoryCacheInit(MemoryCache *cache, MemoryReadFn read, void *read_context);
+void MemoryCacheSetKeep(MemoryCache *cache, MemoryKeepFn keep, void *keep_context);
+// Drops the kept lines too (an image went away: what is mapped there next is other memory).
+void MemoryCacheDropKept(MemoryCache *cache);
 // Drops every line that is not marked to be kept: one pass over the flags.
 void MemoryCacheInvalidate(MemoryCache *cache);
 // Starts a new generation: every line not marked to be kept is dropped, at no cost.

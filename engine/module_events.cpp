@@ -166,5 +166,6 @@ void EngineUnloadModule(Target *target, u64 base) {
     }
   if (target->main_module == module) target->main_module = nullptr;
   TargetModuleUnlink(target, module);
+  for (u32 i = 0; i < 2; i++) MemoryCacheDropKept(target->caches[i]);  // its pages are gone
   PostModuleEvent(target, kEventModuleUnloaded, module, base);
 }

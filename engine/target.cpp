@@ -22,6 +22,27 @@ static bool ReadTargetMemory(void *context, u64 address, void *buffer, u32 size)
   return got == size;
 }
 
+// A page of a loaded image's section that is not writable: the program's code and read-only data
+// (unwind information, function tables) do not change, so their lines are read once, not at
+// every stop. The engine's own int3s go through the caches as writes.
+static bool IsReadOnlyImagePage(void *context, u64 line_address) {
+  Target *target = (Target *)context;
+  u64 line_end = line_address + kMemoryCacheLineBytes;
+  for (TargetModule *m = target->modules; m; m = m->next) {
+    if (line_address < TargetModuleBase(m) || line_end > TargetModuleEnd(m)) continue;
+    if (TargetModuleBase(m) == target->loading_base) return false;
+    const PeImage *image = &m->symbols.image;
+    u64 rva = line_address - TargetModuleBase(m);
+    for (u32 i = 0; i < image->section_count; i++) {
+      const PeSectionHeader *section = &image->sections[i];
+      if (rva >= section->virtual_address && rva + kMemoryCacheLineBytes <= (u64)section->virtual_address + section->virtual_size)
+        return !(section->characteristics & kPeSectionMemWrite);
+    }
+    return false;
+  }
+  return false;
+}
+
 EngineResult TargetInit(Target *target) {
   memset(target, 0, sizeof *target);
   // Everything the run needs comes from the target's arena now; the pages of the pools are
@@ -96,6 +117,7 @@ EngineResult TargetInit(Target *target) {
   EvaluationRequestsInit(target->evaluation_requests);
   MemoryCacheInit(target->caches[0], ReadTargetMemory, target);
   MemoryCacheInit(target->caches[1], ReadTargetMemory, target);
+  for (u32 i = 0; i < 2; i++) MemoryCacheSetKeep(target->caches[i], IsReadOnlyImagePage, target);
   target->continue_status = DBG_CONTINUE;
   target->generation = 1;
   return kEngineOk;

@@ -279,6 +279,7 @@ typedef struct Target {
   TargetModule *last_module;
   TargetModule *module_pool;
   TargetModule *free_modules;  // guarded by the ticket lock: the UI returns unloaded modules
+  u64 loading_base;  // the image whose load event is being handled: its pages are not kept yet
   PdbPathOverride pdb_pick;    // the user's PDB for the next module load (locks itself)
 
   // [threads]

@@ -16,6 +16,7 @@ enum : u32 {
   kPeCodeViewLimit = 804,      // a CodeView record this long or longer is refused
   kPePdbPathCapacity = 780,    // the path after the 24-byte identity, terminator included
   kPeExceptionEntryBytes = 12,
+  kPeSectionMemWrite = 0x80000000u,  // section characteristics: the pages are writable
 };
 
 // Result codes of image reading (shared with module loading).
