@@ -35,6 +35,10 @@ void EngineLocate(Target *target, u64 address, EngineSourceLocation *out, bool r
 // [SECTION] Exceptions (exceptions.cpp)
 u32 EngineHandleException(Target *target, const EXCEPTION_DEBUG_INFO *info);
 bool EngineIsBreakInThread(const Target *target, u32 thread_id);
+// The thread's instruction pointer from its context (0 when it cannot be read).
+u64 EngineThreadIp(TargetThread *thread);
+// The stop a user's break asked for, shown on the thread a break shows (kind 1, reason 4).
+u32 EngineStopForUserBreak(Target *target);
 // The thread shown for a break: the first solo thread, else the first one not frozen, else none.
 TargetThread *EngineThreadToShow(Target *target);
 void EngineMakeStopped(Target *target, TargetThread *thread, u32 reason, u64 address, s32 frame, EngineEvent *event);

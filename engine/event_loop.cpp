@@ -212,12 +212,6 @@ u32 EngineWaitCommand(Target *target) {
   }
 }
 
-static u64 CurrentIp(TargetThread *thread) {
-  if (!thread) return 0;
-  CONTEXT *context = ThreadContextGet(thread);
-  return context ? context->Rip : 0;
-}
-
 static void RefreshThreadSnapshot(Target *target, TargetThread *thread);
 
 // Holds the threads that must not run (frozen ones, or every one but the solo ones) and lets go
@@ -237,7 +231,7 @@ static void ApplySuspensions(Target *target) {
 
 // The selected frame's place: a return address is shown at its call.
 static void PostFrameSelected(Target *target, TargetThread *thread, s32 index) {
-  u64 address = CurrentIp(thread);
+  u64 address = EngineThreadIp(thread);
   bool return_address = false;
   if (thread->frames && (u32)index < thread->frame_count) {
     address = thread->frames[index].ip;
@@ -259,7 +253,7 @@ static void ApplyThreadStates(Target *target) {
   CallStackForgetAll(target);
   if (target->current_thread) (void)CallStackBuild(target, target->current_thread);
   ApplySuspensions(target);
-  EnginePostStopped(target, target->current_thread, kStopThreadStates, CurrentIp(target->current_thread), 0);
+  EnginePostStopped(target, target->current_thread, kStopThreadStates, EngineThreadIp(target->current_thread), 0);
   EngineEvaluateRequests(target, true);
 }
 u32 EngineServeCommands(Target *target, bool held) {
@@ -431,15 +425,7 @@ static u32 TakeWhatWaits(Target *target) {
     return kOutcomeSilentStop;
   }
   if (ending) return kOutcomeContinue;
-  if (__atomic_load_n(&target->user_break_requested, __ATOMIC_SEQ_CST)) {
-    target->user_break_requested = 0;
-    TargetThread *show = EngineThreadToShow(target);
-    target->current_thread = show;
-    EngineEvent event;
-    EngineMakeStopped(target, show, kStopBreak, CurrentIp(show), 0, &event);
-    EngineHoldStopEvent(target, &event);
-    return kOutcomeStop;
-  }
+  if (__atomic_load_n(&target->user_break_requested, __ATOMIC_SEQ_CST)) return EngineStopForUserBreak(target);
   EngineServeRequests(target);
   return kOutcomeContinue;
 }

@@ -59,10 +59,20 @@ void EngineHoldStopEvent(Target *target, const EngineEvent *event) {
   target->stop_event_held = 1;
 }
 
-static u64 InstructionPointer(TargetThread *thread) {
+u64 EngineThreadIp(TargetThread *thread) {
   if (!thread) return 0;
   CONTEXT *context = ThreadContextGet(thread);
   return context ? context->Rip : 0;
+}
+
+u32 EngineStopForUserBreak(Target *target) {
+  target->user_break_requested = 0;
+  TargetThread *show = EngineThreadToShow(target);
+  target->current_thread = show;
+  EngineEvent event;
+  EngineMakeStopped(target, show, kStopBreak, EngineThreadIp(show), 0, &event);
+  EngineHoldStopEvent(target, &event);
+  return kOutcomeStop;
 }
 
 // [SECTION] C++ exceptions
@@ -216,15 +226,7 @@ static u32 HandleBreakIn(Target *target) {
     target->current_thread = nullptr;
     return kOutcomeSilentStop;
   }
-  if (target->user_break_requested) {
-    target->user_break_requested = 0;
-    TargetThread *show = EngineThreadToShow(target);
-    target->current_thread = show;
-    EngineEvent event;
-    EngineMakeStopped(target, show, kStopBreak, InstructionPointer(show), 0, &event);
-    EngineHoldStopEvent(target, &event);
-    return kOutcomeStop;
-  }
+  if (target->user_break_requested) return EngineStopForUserBreak(target);
   EngineServeRequests(target);
   return kOutcomeContinue;
 }
