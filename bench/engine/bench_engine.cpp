@@ -41,22 +41,10 @@
 #include <string>
 #include <vector>
 
+#include "bench/engine/bench_util.h"
 #include "engine/engine.h"
 
 // [SECTION] Helpers
-
-static double Now() {
-  static LARGE_INTEGER frequency;
-  if (!frequency.QuadPart) QueryPerformanceFrequency(&frequency);
-  LARGE_INTEGER t;
-  QueryPerformanceCounter(&t);
-  return (double)t.QuadPart / (double)frequency.QuadPart;
-}
-
-static double Median(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  return v.empty() ? 0 : v[v.size() / 2];
-}
 
 // Seconds per counted event, first to last; negative when fewer than two were counted.
 struct Span {
@@ -93,20 +81,6 @@ static void CloseEventFiles(const DEBUG_EVENT &ev) {
   if (ev.dwDebugEventCode == CREATE_PROCESS_DEBUG_EVENT && ev.u.CreateProcessInfo.hFile)
     CloseHandle(ev.u.CreateProcessInfo.hFile);
   if (ev.dwDebugEventCode == LOAD_DLL_DEBUG_EVENT && ev.u.LoadDll.hFile) CloseHandle(ev.u.LoadDll.hFile);
-}
-
-static void PrintLoadAverage(const char *when) {
-  // Wine's drive Z: is the host's root, so the host's load average can be read as a file.
-  char text[128] = "";
-  FILE *f = fopen("Z:\\proc\\loadavg", "rb");
-  if (f) {
-    size_t n = fread(text, 1, sizeof text - 1, f);
-    text[n] = 0;
-    fclose(f);
-    for (char *p = text; *p; p++)
-      if (*p == '\n') *p = 0;
-  }
-  printf("load average %s: %s\n", when, text[0] ? text : "(not known: not under Wine)");
 }
 
 // A context buffer with the flags the engine reads: all register groups and the extended state

@@ -20,29 +20,9 @@
 #include <string>
 #include <vector>
 
+#include "bench/engine/bench_util.h"
 #include "engine/engine.h"
 #include "engine/unwind.h"
-
-static double Now() {
-  static LARGE_INTEGER frequency;
-  if (!frequency.QuadPart) QueryPerformanceFrequency(&frequency);
-  LARGE_INTEGER t;
-  QueryPerformanceCounter(&t);
-  return (double)t.QuadPart / (double)frequency.QuadPart;
-}
-
-static void PrintLoadAverage(const char *when) {
-  char text[128] = "";
-  FILE *f = fopen("Z:\\proc\\loadavg", "rb");  // Wine's drive Z: is the host's root
-  if (f) {
-    size_t n = fread(text, 1, sizeof text - 1, f);
-    text[n] = 0;
-    fclose(f);
-    for (char *p = text; *p; p++)
-      if (*p == '\n') *p = 0;
-  }
-  printf("load average %s: %s\n", when, text[0] ? text : "(not known: not under Wine)");
-}
 
 // Counts the system reads of the memory caches.
 struct CountingReader {
@@ -80,11 +60,6 @@ static Build BuildOnce(Target *t, CountingReader *reader, bool new_generation, b
   cache->read_directly = 0;
   EngineUnlockModel(t);
   return b;
-}
-
-static double Median(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  return v.empty() ? 0 : v[v.size() / 2];
 }
 
 int main(int argc, char **argv) {
