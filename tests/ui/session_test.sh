@@ -48,14 +48,7 @@ wait_for opened "[window Output]"
 title_becomes "work.ktrn - Kestrune"
 forward add-breakpoint-at-function Modified
 title_becomes "work.ktrn* - Kestrune"
-menu 36 212 "Exit"  # Session > Exit
-prompt=
-for _ in $(seq 1 40); do
-  prompt=$(xdotool search --name '^Kestrune$' 2>/dev/null | head -n 1)
-  [ -n "$prompt" ] && break
-  sleep 0.5
-done
-[ -n "$prompt" ] || fail "no save prompt at close"
+save_prompt_at_exit
 import -window root "$out/save-prompt.png" 2>/dev/null
 kill -0 "$app_pid" 2>/dev/null || fail "the program closed without waiting for the answer"
 xdotool windowfocus --sync "$prompt" 2>/dev/null

@@ -66,14 +66,7 @@ expect breakpoint-run "| demo.exe | Simulate() Ln "
 wait_for stopped-again "Program halted with exit code 0x00007E57" 30
 
 # Exit asks to save the session the breakpoint changed: No.
-menu 36 212 "Exit"
-prompt=
-for _ in $(seq 1 40); do
-  prompt=$(xdotool search --name '^Kestrune$' 2>/dev/null | head -n 1)
-  [ -n "$prompt" ] && break
-  sleep 0.5
-done
-[ -n "$prompt" ] || fail "no save prompt at close"
+save_prompt_at_exit
 xdotool windowfocus --sync "$prompt" 2>/dev/null
 xdotool key --window "$prompt" n
 wait_exit

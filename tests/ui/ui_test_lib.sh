@@ -119,6 +119,18 @@ menu() {
 
 quit() { menu 36 212 "Exit"; wait_exit; }  # Session > Exit, then the program must end with 0
 
+# save_prompt_at_exit: Session > Exit with a modified session; sets $prompt to the question's window.
+save_prompt_at_exit() {
+  menu 36 212 "Exit"
+  prompt=
+  for _ in $(seq 1 40); do
+    prompt=$(xdotool search --name '^Kestrune$' 2>/dev/null | head -n 1)
+    [ -n "$prompt" ] && break
+    sleep 0.5
+  done
+  [ -n "$prompt" ] || fail "no save prompt at close"
+}
+
 key() { xdotool windowfocus --sync "$window" 2>/dev/null; xdotool key --delay 60 "$@"; }
 
 # press_until STEP TEXT KEY: presses KEY until TEXT shows. On a loaded machine a key sent while
