@@ -31,6 +31,42 @@ struct ExprTypeFacts {
   u64 size;     // bytes
 };
 
+// Type indexes of the vector registers' values ("u128", "u256", "u512"). 0x79 is CodeView's
+// 128-bit unsigned integer; the wider two use basic kinds CodeView leaves free.
+enum : u32 {
+  kExprTypeVector128 = 0x79,
+  kExprTypeVector256 = 0xF1,
+  kExprTypeVector512 = 0xF2,
+};
+
+// A bit field's facts, for a type index that is one (CodeView LF_BITFIELD).
+struct ExprBitField {
+  u32 base_type;  // the underlying basic or enum type
+  u8 position;    // first bit
+  u8 length;      // bits
+  u8 padding[2];
+};
+
+// Vector register banks, for read_vector_register.
+enum ExprVectorBank : u32 { kExprVectorXmm = 0, kExprVectorYmm = 1, kExprVectorZmm = 2 };
+enum ExprVectorResult : u32 {
+  kExprVectorOk = 0,
+  kExprVectorUnknown = 1,   // no such register number, or the context could not be read
+  kExprVectorNoAvx = 2,     // "AVX Feature Set not supported on this processor"
+  kExprVectorNoAvx512 = 3,  // "AVX-512 Feature Set not supported on this processor"
+};
+
+// The pseudo-variables, spelled exactly "$tid", "$pid", "$err", "$handles".
+enum ExprPseudo : u32 { kExprPseudoTid = 0, kExprPseudoPid, kExprPseudoErr, kExprPseudoHandles };
+
+// One data member of a structure, class or union, for the watch tree.
+struct ExprField {
+  const char *name;  // owned by the host; valid until the next call of the host
+  u32 name_length;
+  u32 type;          // may be a bit field (see bit_field)
+  u64 offset;        // from the start of the outermost object, base classes' offsets added
+};
+
 enum : u32 { kExprValueBytes = 64 };  // the widest immediate: one zmm register
 
 // A value: a place in target memory, or bytes held here.
@@ -68,8 +104,36 @@ struct ExprEvalHost {
   u32 (*pointer_to)(void *context, u32 type);
   // A field of a structure, class or union by name, base classes searched: its offset and type.
   bool (*find_field)(void *context, u32 type, const char *name, u32 length, u64 *offset, u32 *field_type);
-  // The type's name for messages.
+  // The type's name for messages and the type column (type records; basic types are named by
+  // the evaluator itself).
   void (*type_name)(void *context, u32 type, char *out, u32 size);
+
+  // [The watch tree, formatting and the rarer names. Any of these may be null: the evaluator then
+  // behaves as if the host answered "no".]
+  // A bit field's facts; false when type is no bit field.
+  bool (*bit_field)(void *context, u32 type, ExprBitField *out);
+  // The index-th data member of a structure, class or union in record order, with the members of
+  // base classes walked in place of the base entry (so a base's members come first); static
+  // members, methods, nested types, enumerators and vtable entries are not members here. False
+  // past the last.
+  bool (*field_at)(void *context, u32 type, u32 index, ExprField *out);
+  // The name of the enumerator of an enum type whose value is value; false when none has it.
+  bool (*enumerator_name)(void *context, u32 type, s64 value, char *out, u32 size);
+  // True when the type (seen through modifiers) is a class, structure or interface, whose pointers
+  // expand like the pointee; false for unions and everything else.
+  bool (*is_class_like)(void *context, u32 type);
+  // A vector register of the selected frame's thread: 16, 32 or 64 bytes by bank.
+  u32 (*read_vector_register)(void *context, u32 bank, u32 number, u8 *out);  // ExprVectorResult
+  // A pseudo-variable's value; false when it cannot be had.
+  bool (*read_pseudo)(void *context, u32 pseudo, u32 *out);
+  // The index-th local variable (parameters false) or parameter (true) of the selected frame, for
+  // "__locals" and "__params": its name and value, or false past the last. A variable whose value
+  // is not available here comes with ok false and the message in error.
+  bool (*frame_variable_at)(void *context, bool parameters, u32 index, const char **name, ExprValue *value,
+                            bool *ok, char *error, u32 error_size);
+  // The system's message text of an HRESULT or Win32 error code, without the trailing line end and
+  // full stop; false (or an empty text) when there is none.
+  bool (*error_message)(void *context, u32 code, char *out, u32 size);
 };
 
 struct ExprEvalContext {
