@@ -6,6 +6,7 @@
 #include <string.h>
 
 #include "engine/engine.h"
+#include "engine/expression_host.h"
 #include "expr/expr_parser.h"
 
 // A request added or removed while the target is stopped is evaluated at once.
@@ -47,6 +48,9 @@ EngineResult EngineAddEvaluationRequest(Target *target, const char *text, void *
     const char *why = ExprParseFailureText(parsed.failure);
     memcpy(r->result, why, strlen(why) + 1);
   }
+  r->row.failed = 0;
+  r->row.value_text[0] = r->row.type_text[0] = 0;
+  r->child_rows = 0;
   r->needs_evaluation = 1;
   TicketLockAcquire(&target->lock);
   r->previous = requests->last;
@@ -65,6 +69,13 @@ EngineResult EngineRemoveEvaluationRequest(Target *target, EvaluationRequest *r)
   if (!target || !target->evaluation_requests || !r) return kEngineNoTarget;
   EvaluationRequests *requests = target->evaluation_requests;
   TicketLockAcquire(&target->lock);
+  // The engine may be evaluating this very request (at a stop the UI has not seen yet): its tree
+  // and text stay until that evaluation is over, which is short.
+  while (requests->evaluating == r) {
+    TicketLockRelease(&target->lock);
+    SwitchToThread();
+    TicketLockAcquire(&target->lock);
+  }
   if (r->previous)
     r->previous->next = r->next;
   else
@@ -82,36 +93,93 @@ EngineResult EngineRemoveEvaluationRequest(Target *target, EvaluationRequest *r)
   return kEngineOk;
 }
 
+EngineResult EngineSetEvaluationView(Target *target, EvaluationRequest *r, const EvaluationView *view) {
+  if (!target || !target->evaluation_requests || !r || !view) return kEngineNoTarget;
+  if (view->path_length > kEvaluationPathCapacity || view->children_wanted > kEvaluationChildRows)
+    return kEngineNoTarget;
+  TicketLockAcquire(&target->lock);
+  r->view = *view;
+  r->needs_evaluation = 1;
+  TicketLockRelease(&target->lock);
+  RefreshWhenStopped(target);
+  return kEngineOk;
+}
+
+// The request's row (along its view's path) and the children its view asks for, in the current
+// thread's selected frame.
+static void EvaluateOne(Target *target, EvaluationRequest *r, const EvaluationView *view) {
+  ExpressionScope scope;
+  TargetThread *thread = target->current_thread;
+  ExpressionScopeAtFrame(&scope, target, thread, thread ? (u32)thread->selected_frame : 0);
+  ExprEvalHost host;
+  ExpressionHostInit(&host, &scope);
+  ExprEvalContext context;
+  memset(&context, 0, sizeof context);
+  context.host = &host;
+  r->child_rows = 0;
+  ExprEvaluateRow(&context, r->text, r->tree, r->format, view->display_flags, &r->row);
+  for (u32 depth = 0; depth < view->path_length; depth++) {
+    // The row's children are made from the parent's value: one spare row steps down the path.
+    ExprRow child;
+    if (!ExprRowChild(&context, &r->row, view->path[depth], &child)) {
+      r->row.child_count = 0;  // the path no longer leads anywhere (the value changed shape)
+      return;
+    }
+    memcpy(&r->row, &child, sizeof child);
+  }
+  for (u32 i = 0; i < view->children_wanted; i++) {
+    if (!ExprRowChild(&context, &r->row, view->children_first + i, &r->children[i])) break;
+    r->child_rows = i + 1;
+  }
+}
+
 void EngineEvaluateRequests(Target *target, bool mark_all) {
   EvaluationRequests *requests = target->evaluation_requests;
   if (!requests) return;
   // The list is read under the lock (the UI adds and removes at any time); the events go out after.
   // What the results need is copied under the lock too: the UI may remove (and the pool reuse) a
-  // request as soon as the lock is let go, and the events carry the cookie it had.
+  // request as soon as the lock is let go, and the events carry the cookie it had. The UI removes
+  // and changes requests at a stop only under the model lock, which the engine holds while it
+  // evaluates, so the trees and texts stay put.
   struct Due {
     EvaluationRequest *request;
     void *cookie;
     u8 parse_failed;
-  } due[kEvaluationRequestCapacity];
+    EvaluationView view;
+  };
+  static_assert(sizeof(Due) * kEvaluationRequestCapacity < 160 * 1024, "the list of due requests fits the stack");
+  Due due[kEvaluationRequestCapacity];
   u32 count = 0;
   TicketLockAcquire(&target->lock);
   for (EvaluationRequest *r = requests->first; r && count < kEvaluationRequestCapacity; r = r->next) {
     if (mark_all) r->needs_evaluation = 1;
     if (!r->needs_evaluation) continue;
     r->needs_evaluation = 0;
-    due[count++] = {r, r->cookie, r->parse_failed};
+    due[count].request = r;
+    due[count].cookie = r->cookie;
+    due[count].parse_failed = r->parse_failed;
+    due[count].view = r->view;
+    count++;
   }
   TicketLockRelease(&target->lock);
   for (u32 i = 0; i < count; i++) {
-    // Parsed expressions are evaluated here once the evaluator exists; an unparsed one's result
-    // ("Parse error") is known already.
-    if (!due[i].parse_failed) continue;
+    EvaluationRequest *r = due[i].request;
+    if (!due[i].parse_failed) {
+      // Still the same request (not removed, nor taken again, since the list was read)?
+      TicketLockAcquire(&target->lock);
+      bool live = r->cookie == due[i].cookie && (r->previous || requests->first == r);
+      if (live) requests->evaluating = r;
+      TicketLockRelease(&target->lock);
+      if (!live) continue;
+      EvaluateOne(target, r, &due[i].view);
+      __atomic_store_n(&requests->evaluating, (EvaluationRequest *)nullptr, __ATOMIC_RELEASE);
+    }
     EngineEvent event;
     memset(&event, 0, sizeof event);
     event.kind = kEventEvaluation;
     event.evaluation.request = due[i].request;
     event.evaluation.cookie = due[i].cookie;
-    event.evaluation.parse_failed = 1;
+    event.evaluation.parse_failed = due[i].parse_failed;
     event.generation = target->stop_generation;
     EnginePostEvent(target, &event);
   }
