@@ -117,6 +117,7 @@ static void EvaluateOne(Target *target, EvaluationRequest *r, const EvaluationVi
   memset(&context, 0, sizeof context);
   context.host = &host;
   r->child_rows = 0;
+  r->result_serial = view->serial;
   ExprEvaluateRow(&context, r->text, r->tree, r->format, view->display_flags, &r->row);
   for (u32 depth = 0; depth < view->path_length; depth++) {
     // The row's children are made from the parent's value: one spare row steps down the path.

@@ -22,7 +22,7 @@ typedef struct EvaluationView {
   u64 path[kEvaluationPathCapacity];
   u64 children_first;  // the first child row wanted of the row shown
   u32 children_wanted; // at most kEvaluationChildRows; 0 for none
-  u32 padding;
+  u32 serial;          // the UI's number for this view: the results say which view they answer
 } EvaluationView;
 
 typedef struct EvaluationRequest {
@@ -42,7 +42,7 @@ typedef struct EvaluationRequest {
   // UI under the model lock: the row shown and the children asked for.
   ExprRow row;
   u32 child_rows;  // children filled, from view.children_first on
-  u32 padding_rows;
+  u32 result_serial;  // the serial of the view the results answer
   ExprRow children[kEvaluationChildRows];
 } EvaluationRequest;
 
