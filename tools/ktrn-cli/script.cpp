@@ -589,6 +589,12 @@ static bool CommandFrame(Cli *cli, const ScriptArguments *args) {
 
 // [SECTION] Evaluation
 
+// echo TEXT: prints the text (a heading in a transcript).
+static bool CommandEcho(Cli *, const ScriptArguments *args) {
+  printf("%s\n", args->count ? args->rest[0] : "");
+  return true;
+}
+
 static bool CommandEval(Cli *cli, const ScriptArguments *args) { return CliEvaluate(cli, args->rest[0]); }
 
 // expand EXPR [DEPTH]: a last word that is a number is the depth (1 when none is given).
@@ -640,6 +646,7 @@ static const ScriptCommand kScriptCommands[] = {
     {"set-reg", "NAME VALUE", 2, 2, kNeedsStartedStop, CommandSetReg},  // general registers, ymm0-15
     {"read", "ADDRESS COUNT", 2, 2, kNeedsStop, CommandRead},
     {"modules", "", 0, 0, kNeedsStop, CommandModules},
+    {"echo", "[TEXT]", 0, kArgumentsRestOfLine, kNeedsProcess, CommandEcho},
     {"eval", "EXPR", 1, kArgumentsRestOfLine, kNeedsStartedStop, CommandEval},
     {"expand", "EXPR [DEPTH]", 1, kArgumentsRestOfLine, kNeedsStartedStop, CommandExpand},
     {"detach", "", 0, 0, kNeedsProcess, CommandDetach},
