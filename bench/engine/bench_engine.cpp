@@ -442,7 +442,11 @@ static double EngineRunOnce(const char *mode, int count, Counted counted) {
 // the program's PDB), every hit a stop answered with run as the user interface answers it: the
 // engine rewinds, restores the byte, single-steps and re-arms. Seconds per hit; the exit code must
 // say every call counted and every hit must have stopped.
-static double EngineHitsRun(int count) {
+//
+// With a condition that is false at every call but the first and the last, the calls between run
+// through the engine's condition evaluation without a stop: seconds per call between those two
+// stops, which bp->hit_count must have counted.
+static double EngineHitsRun(int count, bool conditional = false) {
   static HANDLE wake = CreateEventW(nullptr, FALSE, FALSE, nullptr);
   std::string path = TargetProgram("bench_hits.exe");
   std::string arguments = std::to_string(count);
@@ -455,6 +459,8 @@ static double EngineHitsRun(int count) {
   BreakpointWanted wanted = {};
   wanted.kind = kBreakpointFunction;
   wanted.place = "BenchHit";
+  std::string condition = "g_hits == 0 || g_hits == " + std::to_string(count - 1);
+  if (conditional) wanted.condition = condition.c_str();
   BreakpointLocation *bp = nullptr;
   if (EngineAddBreakpoint(target, &wanted, &bp) != kEngineOk || EngineRun(target) != 0) {
     (void)EngineTerminate(target, 1);
@@ -484,7 +490,16 @@ static double EngineHitsRun(int count) {
     }
     if (!answered_stop && !done) Sleep(16);
   }
+  u32 counted = bp->hit_count;
   EngineRelease(target);
+  if (conditional) {
+    if (exit_code != 0 || span.seen != 2 || counted != (u32)count) {
+      fprintf(stderr, "engine conditional run: %d stops of 2, %u hits of %d, exit code %u\n", span.seen, counted,
+              count, exit_code);
+      return -1;
+    }
+    return (span.last - span.first) / (count - 1);
+  }
   if (exit_code != 0 || span.seen != count) {
     fprintf(stderr, "engine breakpoint run: %d hits of %d, exit code %u\n", span.seen, count, exit_code);
     return -1;
@@ -683,17 +698,19 @@ int main(int argc, char **argv) {
   }
 
   // 3. Breakpoint hits, alternating the raw loop and the engine as the stop table does.
-  std::vector<double> hits, engine_hits;
+  std::vector<double> hits, engine_hits, false_hits;
   for (int r = 0; r < rounds; r++) {
     if (r % 2 == 0) {
       hits.push_back(RawHitsRun(hit_count));
       engine_hits.push_back(EngineHitsRun(hit_count));
+      false_hits.push_back(EngineHitsRun(hit_count, true));
     } else {
+      false_hits.push_back(EngineHitsRun(hit_count, true));
       engine_hits.push_back(EngineHitsRun(hit_count));
       hits.push_back(RawHitsRun(hit_count));
     }
   }
-  double hit = Median(hits), engine_hit = Median(engine_hits);
+  double hit = Median(hits), engine_hit = Median(engine_hits), false_hit = Median(false_hits);
   printf("\n| breakpoint hits (%d calls of one function) | hits per second | us per hit | / raw loop |\n"
          "|---|---|---|---|\n",
          hit_count);
@@ -704,6 +721,10 @@ int main(int argc, char **argv) {
          engine_hit > 0 ? 1 / engine_hit : 0);
   PrintMicroseconds(engine_hit);
   printf(" | %.2f |\n", hit > 0 && engine_hit > 0 ? engine_hit / hit : 0);
+  printf("| the engine: the same breakpoint with a condition that is false, evaluated at each hit | %.0f | ",
+         false_hit > 0 ? 1 / false_hit : 0);
+  PrintMicroseconds(false_hit);
+  printf(" | %.2f |\n", hit > 0 && false_hit > 0 ? false_hit / hit : 0);
 
   // 4. Single steps, alternating the raw loop and the engine.
   int step_rounds_count = argc > 6 ? atoi(argv[6]) : 2000;
