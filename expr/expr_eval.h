@@ -149,6 +149,9 @@ struct ExprEvalContext {
   const ExprEvalHost *host;
   u32 depth;  // recursion guard
   char error[256];
+  // When set, the fields of this object (a structure, or a pointer to one) are names too, found
+  // where the implicit this's are: a format specifier's count may say "p, size" for p->size.
+  const ExprValue *object_scope;
 };
 
 // Evaluates a tree. On failure the context's error holds the message.

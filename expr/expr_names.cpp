@@ -102,29 +102,44 @@ static u32 ReadVector(ExprEvalContext *context, const char *name, u32 length, u3
   return ExprFail(context, "Register \"%.*s\" not available", (int)length, name);
 }
 
-// [SECTION] The implicit this
+// [SECTION] The implicit this, and the watched object of a format specifier's count
+
+// A field of the structure object is, or points to; false when there is none.
+static bool FindFieldOf(ExprEvalContext *context, const ExprValue *object, const char *name, u32 length, ExprValue *out) {
+  const ExprEvalHost *host = context->host;
+  if (!host->find_field) return false;
+  ExprTypeFacts facts = ExprFacts(context, object->type);
+  u32 record = object->type;
+  if (facts.kind == kExprTypePointer) record = facts.element, facts = ExprFacts(context, record);
+  if (facts.kind != kExprTypeRecord && facts.kind != kExprTypeUnion) return false;
+  u64 offset = 0;
+  u32 field_type = 0;
+  if (!host->find_field(host->context, record, name, length, &offset, &field_type)) return false;
+  u64 address = object->address;
+  if (record != object->type) {
+    ExprValue pointer;
+    if (ExprLoadValue(context, object, &pointer) != kExprEvalOk) return false;  // the message stays
+    address = ExprValueBits(context, &pointer);
+  } else if (!object->is_location) {
+    return false;
+  }
+  memset(out, 0, sizeof *out);
+  out->type = field_type;
+  out->is_location = 1;
+  out->address = address + offset;
+  return true;
+}
 
 // A field of the class the current method's "this" points to. Failed with an empty message when
 // there is no this, or no such field.
 static u32 FindThisField(ExprEvalContext *context, const char *name, u32 length, ExprValue *out) {
   const ExprEvalHost *host = context->host;
-  if (!host->find_name || !host->find_field) return kExprEvalFailed;
+  if (!host->find_name) return kExprEvalFailed;
   ExprValue self;
   char ignored[8];
   if (host->find_name(host->context, "this", 4, &self, ignored, sizeof ignored) != kExprEvalOk) return kExprEvalFailed;
-  ExprTypeFacts facts = ExprFacts(context, self.type);
-  if (facts.kind != kExprTypePointer) return kExprEvalFailed;
-  u32 kind = ExprFacts(context, facts.element).kind;
-  if (kind != kExprTypeRecord && kind != kExprTypeUnion) return kExprEvalFailed;
-  u64 offset = 0;
-  u32 field_type = 0;
-  if (!host->find_field(host->context, facts.element, name, length, &offset, &field_type)) return kExprEvalFailed;
-  if (ExprLoadValue(context, &self, &self) != kExprEvalOk) return kExprEvalFailed;  // the message stays
-  memset(out, 0, sizeof *out);
-  out->type = field_type;
-  out->is_location = 1;
-  out->address = ExprValueBits(context, &self) + offset;
-  return kExprEvalOk;
+  if (ExprFacts(context, self.type).kind != kExprTypePointer) return kExprEvalFailed;
+  return FindFieldOf(context, &self, name, length, out) ? kExprEvalOk : kExprEvalFailed;
 }
 
 // [SECTION] Resolution
@@ -173,6 +188,8 @@ u32 ExprEvaluateIdentifier(ExprEvalContext *context, const ExprNode *node, ExprV
   u32 found = AskHost(context, host->find_name, name, length, out);
   if (found != kLookUpNext) return found == kLookUpFound ? kExprEvalOk : kExprEvalFailed;
   context->error[0] = 0;
+  if (context->object_scope && FindFieldOf(context, context->object_scope, name, length, out)) return kExprEvalOk;
+  if (context->error[0]) return kExprEvalFailed;
   if (FindThisField(context, name, length, out) == kExprEvalOk) return kExprEvalOk;
   if (context->error[0]) return kExprEvalFailed;
   u32 pseudo;
