@@ -1,5 +1,6 @@
-// The evaluator's oracle: the program prints, just before each place the debugger stops at, the
-// values of its own variables as a watch row shows them, one line "ORACLE SCOPE EXPR | VALUE" each
+// The evaluator's oracle: the program reports, just before each place the debugger stops at, the
+// values of its own variables as a watch row shows them, one debug string "ORACLE SCOPE EXPR | VALUE"
+// each (debug strings reach the debugger's transcript; the program's console is its own)
 // (SCOPE: "main", "frameN" for frame N of the recursion, "vector"); the debugger's eval of EXPR at
 // that stop must show VALUE. The formats are printf's, so the program, not the debugger, says
 // what each value is.
@@ -7,11 +8,11 @@
 // Built twice: clang for mingw (with a DLL and thread-locals), and clang-cl for the MSVC ABI with
 // msvcrt's printf and no C runtime of its own (KTRN_FREESTANDING).
 #ifdef KTRN_FREESTANDING
-// msvcrt.dll's printf and fflush; the limits from the compiler's own macros.
+// msvcrt.dll's formatting; the limits from the compiler's own macros.
 extern "C" {
 int _fltused = 0;
-int printf(const char *format, ...);
-int fflush(void *stream);
+int _vsnprintf(char *out, unsigned long long size, const char *format, __builtin_va_list arguments);
+__declspec(dllimport) void __stdcall OutputDebugStringA(const char *text);
 __declspec(dllimport) void __stdcall ExitProcess(unsigned code);
 __declspec(dllimport) unsigned long __stdcall GetCurrentThreadId(void);
 __declspec(dllimport) unsigned long __stdcall GetCurrentProcessId(void);
@@ -28,6 +29,7 @@ __declspec(dllimport) unsigned long __stdcall GetCurrentProcessId(void);
 #include <limits.h>
 #include <stdio.h>
 #include <windows.h>
+#define _vsnprintf vsnprintf
 #define THREAD_LOCALS 1
 extern "C" __declspec(dllimport) int dll_counter;  // values_dll.dll
 extern "C" __declspec(dllimport) int DllCounterTimes(int factor);
@@ -35,7 +37,17 @@ extern "C" __declspec(dllimport) int DllCounterTimes(int factor);
 #include "values_types.h"
 
 #define NOINLINE __declspec(noinline)
-#define ORACLE(scope, expr, format, ...) printf("ORACLE " scope " " expr " | " format "\n", __VA_ARGS__)
+#define ORACLE(scope, expr, format, ...) Report("ORACLE " scope " " expr " | " format "\n", __VA_ARGS__)
+
+static void Report(const char *format, ...) {
+  char line[512];
+  __builtin_va_list arguments;
+  __builtin_va_start(arguments, format);
+  _vsnprintf(line, sizeof line - 1, format, arguments);
+  __builtin_va_end(arguments);
+  line[sizeof line - 1] = 0;
+  OutputDebugStringA(line);
+}
 
 int ValuesMoreFileStatic(void);  // values_more.cpp
 
@@ -48,10 +60,9 @@ volatile int g_sink;
 // Frame N of the stop inside is the call at depth N.
 NOINLINE static int Recurse(int depth) {
   int here = depth * 10 + 1;
-  printf("ORACLE frame%d depth | %d\n", depth, depth);
-  printf("ORACLE frame%d here | %d\n", depth, here);
+  Report("ORACLE frame%d depth | %d\n", depth, depth);
+  Report("ORACLE frame%d here | %d\n", depth, here);
   if (depth == 0) {
-    fflush(nullptr);
     g_sink = here;  // recursion-stop
     return here;
   }
@@ -62,11 +73,10 @@ NOINLINE static int Recurse(int depth) {
 NOINLINE static void Vectors(void) {
   static const float floats[8] = {1.5f, -2.0f, 3.25f, 4.0f, 5.0f, 6.5f, -7.0f, 8.0f};
   static const int ints[8] = {1, -2, 3, -4, 500, 600, 70000, -80000};
-  printf("ORACLE vector ymm1, ps | {%.8g, %.8g, %.8g, %.8g, %.8g, %.8g, %.8g, %.8g}\n", floats[0], floats[1],
+  Report("ORACLE vector ymm1, ps | { %.8g, %.8g, %.8g, %.8g, %.8g, %.8g, %.8g, %.8g }\n", floats[0], floats[1],
          floats[2], floats[3], floats[4], floats[5], floats[6], floats[7]);
-  printf("ORACLE vector ymm2, epi32 | {%d, %d, %d, %d, %d, %d, %d, %d}\n", ints[0], ints[1], ints[2], ints[3],
+  Report("ORACLE vector ymm2, epi32 | { %d, %d, %d, %d, %d, %d, %d, %d }\n", ints[0], ints[1], ints[2], ints[3],
          ints[4], ints[5], ints[6], ints[7]);
-  fflush(nullptr);
   __asm__ volatile("vmovups %0, %%ymm1\n\tvmovups %1, %%ymm2" : : "m"(floats), "m"(ints) : "xmm1", "xmm2");
   g_sink = 1;  // vector-stop
 }
@@ -136,9 +146,10 @@ int main(void) {
   ORACLE("main", "letter", "%hhd '%c'", letter, letter);
   ORACLE("main", "newline", "%hhd '\\n'", newline);
   ORACLE("main", "wide_letter", "%hu 'W'", (unsigned short)wide_letter);
-  ORACLE("main", "text", "0x%p", (const void *)text);
-  ORACLE("main", "where", "0x%p", (void *)where);
-  ORACLE("main", "&pt", "0x%p", (void *)&pt);
+  // Pointers as MSVC's "%p" writes them (mingw's own printf writes lower-case digits).
+  ORACLE("main", "text", "0x%016llX", (unsigned long long)text);
+  ORACLE("main", "where", "0x%016llX", (unsigned long long)where);
+  ORACLE("main", "&pt", "0x%016llX", (unsigned long long)&pt);
   ORACLE("main", "pt", "%s", "{ ... }");
   ORACLE("main", "pt.x", "%d", pt.x);
   ORACLE("main", "where->y", "%hd", where->y);
@@ -160,12 +171,10 @@ int main(void) {
   ORACLE("main", "file_static", "%d", ValuesMoreFileStatic());
   ORACLE("main", "$tid", "%lu", (unsigned long)GetCurrentThreadId());
   ORACLE("main", "$pid", "%lu", (unsigned long)GetCurrentProcessId());
-  fflush(nullptr);
   g_sink = 0;  // values-stop
   (void)byte, (void)text, (void)wide;
   Recurse(3);
   Vectors();
-  printf("done\n");
   return 0;
 }
 
