@@ -166,24 +166,24 @@ static bool ReadMemory(void *context, u64 address, void *out, u32 size) {
 }
 
 // The address of a thread-local variable at (section, offset) of the module: the thread's TLS
-// array holds one block per module, at the index the loader wrote into the module's _tls_index.
+// array holds one block per module, at the slot the loader wrote where the module's TLS directory
+// says (its _tls_index); the variable lies as far into the block as into the image's template.
 static bool ThreadLocalAddress(ExpressionScope *scope, TargetModule *module, u32 section, u32 offset, u64 *out) {
-  const PdbFile *pdb = PdbOf(module);
-  if (!pdb || !scope->thread) return false;
-  const PdbDataEntry *index_entry = PdbFindData(&pdb->globals, "_tls_index", nullptr);
-  if (!index_entry) return false;
-  u32 tls_index = 0;
-  u64 array = 0, block = 0;
+  const ModuleSymbols *symbols = &module->symbols;
+  u64 variable = SectionAddress(module, section, offset);
+  if (!scope->thread || !symbols->image.tls_rva || !variable) return false;
   Target *target = scope->target;
-  if (!TargetReadMemory(target, SectionAddress(module, index_entry->section_minus_1 + 1u, index_entry->offset),
-                        &tls_index, 4) ||
+  u8 directory[kPeTlsDirectoryBytes];
+  if (!TargetReadMemory(target, symbols->load_base + symbols->image.tls_rva, directory, sizeof directory)) return false;
+  u64 template_start = 0, index_address = 0, array = 0, block = 0;
+  u32 slot = 0;
+  memcpy(&template_start, directory + kPeTlsStartOfData, 8);
+  memcpy(&index_address, directory + kPeTlsIndexAddress, 8);
+  if (variable < template_start || !TargetReadMemory(target, index_address, &slot, 4) ||
       !TargetReadMemory(target, scope->thread->tls_base + kTebTlsPointer, &array, 8) || !array ||
-      !TargetReadMemory(target, array + 8ull * tls_index, &block, 8) || !block)
+      !TargetReadMemory(target, array + 8ull * slot, &block, 8) || !block)
     return false;
-  // The image's TLS template starts its section (compilers put _tls_start first), so a variable's
-  // section offset is its offset in the thread's block.
-  (void)section;
-  *out = block + offset;
+  *out = block + (variable - template_start);
   return true;
 }
 

@@ -36,23 +36,32 @@ TEST(EngineCommands, ServedAtTheProgramsOwnInt3) {
   EXPECT_EQ((int)stop.event.stopped.location.line, MarkerLine("INT3_LINE"));
   u64 stop_address = stop.event.stopped.address;
 
-  // At the stop: the unparsed request's result is known, reported after the stop itself; the
-  // parsed one waits for the evaluator.
+  // At the stop, after the stop itself: each request's result, in the order they were added; the
+  // unparsed one's is its parse error, the parsed one's the evaluator's row.
   PopInto(t, seen, kLeaveStopped);
-  ASSERT_EQ(seen.Count(kEventEvaluation), 1);
+  ASSERT_EQ(seen.Count(kEventEvaluation), 2);
   EXPECT_LT(seen.First(kEventStopped), seen.First(kEventEvaluation));
   const EngineEvent &result = seen.First(kEventEvaluation)->event;
-  EXPECT_EQ(result.evaluation.request, (void *)broken);
-  EXPECT_EQ(result.evaluation.cookie, broken->cookie);
-  EXPECT_EQ(result.evaluation.parse_failed, 1);
+  EXPECT_EQ(result.evaluation.request, (void *)parsed);
+  EXPECT_EQ(result.evaluation.parse_failed, 0);
+  ASSERT_TRUE(EngineLockModel(t));
+  EXPECT_EQ(parsed->row.failed, 1);
+  EXPECT_STREQ(parsed->row.value_text, "Identifier \"counter\" not found");
+  EngineUnlockModel(t);
   // Added while stopped: a refresh re-evaluates every request, the new one included.
   size_t mark = seen.events.size();
   ASSERT_EQ(EngineAddEvaluationRequest(t, "((", (void *)3, &late), 0);
-  int first = WaitForKind(t, seen, kEventEvaluation, mark);
-  int second = first < 0 ? -1 : WaitForKind(t, seen, kEventEvaluation, first + 1);
-  ASSERT_GE(second, 0);
-  std::set<void *> evaluated = {seen.events[first].event.evaluation.request, seen.events[second].event.evaluation.request};
-  EXPECT_EQ(evaluated, (std::set<void *>{broken, late}));
+  std::set<void *> evaluated;
+  for (int at = (int)mark - 1, n = 0; n < 3; n++) {
+    at = WaitForKind(t, seen, kEventEvaluation, at + 1);
+    ASSERT_GE(at, 0);
+    evaluated.insert(seen.events[at].event.evaluation.request);
+    if (seen.events[at].event.evaluation.request == broken) {
+      EXPECT_EQ(seen.events[at].event.evaluation.cookie, broken->cookie);
+      EXPECT_EQ(seen.events[at].event.evaluation.parse_failed, 1);
+    }
+  }
+  EXPECT_EQ(evaluated, (std::set<void *>{parsed, broken, late}));
   EXPECT_EQ(late->cookie, (void *)3);
   ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
   for (EvaluationRequest *request : {parsed, broken, late}) EXPECT_EQ(EngineRemoveEvaluationRequest(t, request), 0);

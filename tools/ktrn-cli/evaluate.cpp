@@ -22,8 +22,33 @@ static void RowLine(const ExprRow *row, char *out, u32 size) {
   snprintf(out, size, "%s | %s | %s", row->name, row->value_text, row->type_text);
 }
 
+// A request's results as one view had them, copied under the model lock (the engine may evaluate
+// the request again at any refresh).
+typedef struct ViewResult {
+  u8 parse_failed;
+  char parse_text[kEvaluationTextCapacity];
+  ExprRow row;
+  u32 child_rows;
+  ExprRow children[kEvaluationChildRows];
+} ViewResult;
+
+// True (and out filled) when the request's results answer the view.
+static bool TakeResults(Cli *cli, const EvaluationRequest *request, u32 serial, ViewResult *out) {
+  if (!EngineLockModel(cli->target)) return false;
+  bool answered = request->parse_failed || request->result_serial == serial;
+  if (answered) {
+    out->parse_failed = request->parse_failed;
+    memcpy(out->parse_text, request->result, sizeof out->parse_text);
+    out->row = request->row;
+    out->child_rows = request->child_rows;
+    memcpy(out->children, request->children, sizeof(ExprRow) * request->child_rows);
+  }
+  EngineUnlockModel(cli->target);
+  return answered;
+}
+
 // Asks the request for a view and waits for the result that answers it.
-static bool AwaitView(Cli *cli, EvaluationRequest *request, EvaluationView *view) {
+static bool AwaitView(Cli *cli, EvaluationRequest *request, EvaluationView *view, ViewResult *out) {
   static u32 serial;
   view->serial = ++serial;
   EngineResult result = EngineSetEvaluationView(cli->target, request, view);
@@ -34,7 +59,7 @@ static bool AwaitView(Cli *cli, EvaluationRequest *request, EvaluationView *view
   ULONGLONG begin = GetTickCount64();
   for (;;) {
     PumpResult r = CliPump(cli, true, kEvaluateTimeoutMs);
-    if (r == kPumpEvaluated && (request->parse_failed || request->result_serial == view->serial)) return true;
+    if (r == kPumpEvaluated && TakeResults(cli, request, view->serial, out)) return true;
     if (r == kPumpEnded || r == kPumpStopped) {
       CliError(cli, "the target did not stay stopped");
       return false;
@@ -74,33 +99,38 @@ static bool ExpandRow(Cli *cli, EvaluationRequest *request, u64 *path, u32 path_
   view.path_length = path_length;
   memcpy(view.path, path, sizeof(u64) * path_length);
   view.children_wanted = kEvaluationChildRows;
-  if (!AwaitView(cli, request, &view)) return false;
-  u64 total = request->row.child_count;
-  u64 shown = total < kExpandMaxChildren ? total : kExpandMaxChildren;
-  // The rows of one page are copied out: the request answers for the rows below them next.
-  PrintedRow *page = (PrintedRow *)malloc(sizeof(PrintedRow) * kEvaluationChildRows);
+  // One page of rows at a time, copied out: the request answers for the rows below them next.
+  ViewResult *page = (ViewResult *)malloc(sizeof(ViewResult));
   if (!page) return false;
-  bool ok = true;
+  bool ok = AwaitView(cli, request, &view, page);
+  u64 total = ok ? page->row.child_count : 0;
+  u64 shown = total < kExpandMaxChildren ? total : kExpandMaxChildren;
   for (u64 first = 0; first < shown && ok; first += kEvaluationChildRows) {
     if (first) {
       view.children_first = first;
-      if (!AwaitView(cli, request, &view)) {
+      if (!AwaitView(cli, request, &view, page)) {
         ok = false;
         break;
       }
     }
-    u32 count = request->child_rows;
+    u32 count = page->child_rows;
+    PrintedRow *rows = (PrintedRow *)malloc(sizeof(PrintedRow) * (count ? count : 1));
+    if (!rows) {
+      ok = false;
+      break;
+    }
     for (u32 i = 0; i < count; i++) {
-      page[i].child_count = request->children[i].child_count;
-      RowLine(&request->children[i], page[i].line, sizeof page[i].line);
+      rows[i].child_count = page->children[i].child_count;
+      RowLine(&page->children[i], rows[i].line, sizeof rows[i].line);
     }
     for (u32 i = 0; i < count && first + i < shown && ok; i++) {
-      printf("%*s%s\n", (int)(2 * (path_length + 1)), "", page[i].line);
-      if (depth > 1 && page[i].child_count && path_length + 1 < kExpandMaxDepth) {
+      printf("%*s%s\n", (int)(2 * (path_length + 1)), "", rows[i].line);
+      if (depth > 1 && rows[i].child_count && path_length + 1 < kExpandMaxDepth) {
         path[path_length] = first + i;
         ok = ExpandRow(cli, request, path, path_length + 1, depth - 1);
       }
     }
+    free(rows);
     if (!count) break;
   }
   free(page);
@@ -114,18 +144,20 @@ bool CliExpand(Cli *cli, const char *text, u32 depth) {
   if (!request) return false;
   EvaluationView view;
   memset(&view, 0, sizeof view);
-  bool ok = AwaitView(cli, request, &view);
+  ViewResult *result = (ViewResult *)malloc(sizeof(ViewResult));
+  bool ok = result && AwaitView(cli, request, &view, result);
   if (ok) {
-    if (request->parse_failed) {
-      printf("%s | %s | \n", text, request->result);
+    if (result->parse_failed) {
+      printf("%s | %s | \n", text, result->parse_text);
     } else {
       char line[sizeof(PrintedRow::line)];
-      RowLine(&request->row, line, sizeof line);
+      RowLine(&result->row, line, sizeof line);
       printf("%s\n", line);
       u64 path[kExpandMaxDepth];
-      if (depth && request->row.child_count) ok = ExpandRow(cli, request, path, 0, depth);
+      if (depth && result->row.child_count) ok = ExpandRow(cli, request, path, 0, depth);
     }
   }
+  free(result);
   RemoveRequest(cli, request);
   return ok;
 }

@@ -81,6 +81,17 @@ NOINLINE static void Vectors(void) {
   g_sink = 1;  // vector-stop
 }
 
+// Conditional breakpoints: the rounds where k % 3 == 0 are counted here, and the count reported.
+NOINLINE static int Count(int rounds) {
+  int held = 0;
+  for (int k = 0; k < rounds; k++) {
+    if (k % 3 == 0) held++;
+    g_sink = k;  // condition-line
+  }
+  Report("held %d of %d\n", held, rounds);
+  return held;
+}
+
 int main(void) {
   signed char small = 'A';
   short s = -1234;
@@ -175,6 +186,7 @@ int main(void) {
   (void)byte, (void)text, (void)wide;
   Recurse(3);
   Vectors();
+  Count(12);
   return 0;
 }
 

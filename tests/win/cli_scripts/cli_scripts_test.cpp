@@ -26,6 +26,7 @@
 #include <algorithm>
 #include <fstream>
 #include <map>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -167,10 +168,11 @@ static bool LinesMatch(const std::vector<std::string> &expected, size_t e, const
 
 // [SECTION] Values the program printed
 
-// A program may print lines "ORACLE SCOPE EXPR | VALUE": then the script's eval of EXPR, made while
-// the transcript's last "scope SCOPE" line (an echo of the script's) is in force, must show VALUE.
+// A program may print lines "ORACLE SCOPE EXPR | VALUE": in every scope the script enters (with a
+// line "scope SCOPE", an echo of the script's) each such EXPR must have been evaluated, and show VALUE.
 static void ExpectOracleValues(const std::vector<std::string> &lines) {
   std::map<std::string, std::string> printed, shown;  // "SCOPE EXPR" -> value text
+  std::set<std::string> entered;
   std::string scope, evaluated;
   for (const std::string &line : lines) {
     size_t bar = line.find(" | ");
@@ -178,6 +180,7 @@ static void ExpectOracleValues(const std::vector<std::string> &lines) {
       printed[line.substr(7, bar - 7)] = line.substr(bar + 3);
     } else if (line.compare(0, 6, "scope ") == 0) {
       scope = line.substr(6);
+      entered.insert(scope);
     } else if (line.compare(0, 7, "> eval ") == 0) {
       evaluated = line.substr(7);
     } else if (!evaluated.empty() && line.compare(0, evaluated.size() + 3, evaluated + " | ") == 0) {
@@ -187,6 +190,7 @@ static void ExpectOracleValues(const std::vector<std::string> &lines) {
     }
   }
   for (const auto &p : printed) {
+    if (!entered.count(p.first.substr(0, p.first.find(' ')))) continue;
     auto found = shown.find(p.first);
     if (found == shown.end())
       ADD_FAILURE() << "no eval of " << p.first;
