@@ -8,6 +8,7 @@
 
 #include "expr/expr_eval_internal.h"
 #include "expr/expr_token.h"
+#include "expr/value_format.h"
 
 enum : u32 { kMaxEvalDepth = 512 };
 
@@ -81,13 +82,6 @@ static u32 PointerTo(const ExprEvalContext *context, u32 type) {
   if (type < 0x100 && ExprClassOfBasic(type).size) return kPointerMode64 | type;
   const ExprEvalHost *host = context->host;
   return host->pointer_to ? host->pointer_to(host->context, type) : 0;
-}
-
-static void TypeName(const ExprEvalContext *context, u32 type, char *out, u32 size) {
-  const ExprEvalHost *host = context->host;
-  out[0] = 0;
-  if (host->type_name) host->type_name(host->context, type, out, size);
-  if (!out[0]) snprintf(out, size, "0x%X", type);
 }
 
 BasicClass ExprClassOf(const ExprEvalContext *context, u32 type, u32 *basic) {
@@ -411,7 +405,7 @@ static u32 EvaluateUnary(ExprEvalContext *context, const ExprNode *node, ExprVal
   if (op == kExprTokenStar) {
     if (facts.kind != kExprTypePointer && facts.kind != kExprTypeArray) {
       char name[128];
-      TypeName(context, value.type, name, sizeof name);
+      ExprTypeText(context, value.type, name, sizeof name);
       return ExprFail(context, "Cannot dereference non-pointer type (%s)", name);
     }
     return ElementOf(context, &value, 0, out);

@@ -253,11 +253,21 @@ const char *ExprErrorMessage(const ExprEvalContext *context, u32 code) {
 
 // [SECTION] Values
 
+// The bytes a basic value of type occupies, of the first 8 (vector registers are read whole).
+static u32 WidthOf(u32 type) {
+  if (type & 0xF00) return 8;
+  u32 basic = type & 0xFF;
+  if (basic >= 0x30 && basic <= 0x33) return 1u << (basic - 0x30);
+  u32 size = ExprClassOfBasic(basic).size;
+  return size ? size : 8;
+}
+
 void ExprFormatBasic(ExprEvalContext *context, u32 type, const u8 *bytes, u32 display_flags, char *out, u32 size) {
   u64 bits = 0;
-  memcpy(&bits, bytes, 8);
   if (!size) return;
   out[0] = 0;
+  bool vector = type == kExprTypeVector128 || type == kExprTypeVector256 || type == kExprTypeVector512;
+  if (!vector) memcpy(&bits, bytes, WidthOf(type));
   if (type & 0xF00) {  // a pointer
     if (RadixOf(display_flags) == kDisplayFlagBinary) FormatBinary(bits, 8, out, size);
     else snprintf(out, size, "0x%016llX", (unsigned long long)bits);
@@ -265,19 +275,19 @@ void ExprFormatBasic(ExprEvalContext *context, u32 type, const u8 *bytes, u32 di
   }
   u32 basic = type & 0xFF;
   BasicClass c = ExprClassOfBasic(basic);
-  if (basic >= 0x30 && basic <= 0x33) return Copy(out, size, bits & (basic == 0x30 ? 0xFF : ~0ull) ? "true" : "false");
+  if (basic >= 0x30 && basic <= 0x33) return Copy(out, size, bits ? "true" : "false");
   if (basic == kTypeFloat || basic == kTypeDouble) {
     f32 narrow;
     f64 wide;
-    memcpy(&narrow, bytes, 4);
-    memcpy(&wide, bytes, 8);
+    memcpy(&narrow, &bits, 4);
+    memcpy(&wide, &bits, 8);
     return FormatFloating(basic == kTypeFloat ? narrow : wide, basic == kTypeDouble, display_flags, out, size);
   }
   if (basic == kTypeChar || basic == kTypeUChar || basic == kTypeRealChar)
     return FormatCharacter(bits, 1, basic != kTypeUChar, display_flags, out, size);
   if (basic == kTypeWideChar || basic == kTypeChar16) return FormatCharacter(bits, 2, false, display_flags, out, size);
   if (basic == kTypeChar32) return FormatCharacter(bits, 4, false, display_flags, out, size);
-  if (type == kExprTypeVector128 || type == kExprTypeVector256 || type == kExprTypeVector512) {
+  if (vector) {
     // The whole register as one number, its top byte first.
     u32 width = type == kExprTypeVector128 ? 16 : type == kExprTypeVector256 ? 32 : 64, used = 0;
     bool upper = RadixOf(display_flags) == kDisplayFlagHexUpper;
