@@ -295,13 +295,21 @@ bool ExprConvertValue(const ExprEvalContext *context, const ExprValue *value, u3
 
 static u32 EvaluateSizeof(ExprEvalContext *context, const ExprNode *node, ExprValue *out) {
   u64 size;
-  if (node->kind == kExprNodeSizeofType) {
-    u32 type = LookUpType(context, &node->sizeof_type.type);
+  const ExprTypeDesc *desc = &node->sizeof_type.type;
+  u32 type = node->kind == kExprNodeSizeofType ? LookUpType(context, desc) : 0;
+  // "sizeof(x)" reads as a type name; when no type has the name, it is the variable's size.
+  bool variable = !type && node->kind == kExprNodeSizeofType && desc->name && !desc->keywords && !desc->pointer_depth;
+  if (node->kind == kExprNodeSizeofType && !variable) {
     if (!type) return ExprFail(context, "Type name not found");
     size = ExprFacts(context, type).size;
   } else {
     ExprValue value;
-    u32 result = EvaluateNode(context, node->sizeof_expr.operand, &value);
+    ExprNode name;
+    memset(&name, 0, sizeof name);
+    name.kind = kExprNodeIdentifier;
+    if (variable) name.identifier.text = desc->name, name.identifier.length = desc->name_length;
+    u32 result = variable ? ExprEvaluateIdentifier(context, &name, &value) : EvaluateNode(context, node->sizeof_expr.operand, &value);
+    if (result != kExprEvalOk && variable) return ExprFail(context, "Type name not found");
     if (result != kExprEvalOk) return result;
     ExprTypeFacts facts = ExprFacts(context, value.type);
     if (facts.kind == kExprTypeNone || !facts.size) return ExprFail(context, "sizeof not supported for this type of expression");

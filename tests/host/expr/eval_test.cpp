@@ -116,6 +116,8 @@ TEST(Evaluator, ValuesAndTheirTypes) {
       {"sizeof(Point)", "23 8"},
       {"sizeof arr", "23 16"},
       {"sizeof c", "23 1"},
+      {"sizeof(d)", "23 8"},               // no type has the name: the variable's size
+      {"sizeof(der)", "23 12"},
       // Memory: members through a base, arrays, pointers and their arithmetic.
       {"pt.x", "74 10"},
       {"pt.y * pt.y", "11 4"},
@@ -182,6 +184,7 @@ TEST(Evaluator, EveryFailureHasItsMessage) {
       {"i[0]", "Expression is not a pointer or array type"},
       {"(Missing)i", "Type name not found"},
       {"sizeof(Missing)", "Type name not found"},
+      {"sizeof(Missing*)", "Type name not found"},
       {"(int*)d", "Cannot cast this type (expecting pointer, array, or integer literal)"},
       {"(int)pt", "Cannot cast expression of this type"},
       {"(Point)i", "Cannot cast expression to this type"},
