@@ -68,7 +68,9 @@ static const char *BasicTypeName(u32 basic) {
   }
 }
 
-void ExprTypeText(const ExprEvalContext *context, u32 type, char *out, u32 size) {
+// depth: how many more element and pointee types may be named inside this one (a damaged type
+// stream may hold a cycle).
+static void TypeText(const ExprEvalContext *context, u32 type, char *out, u32 size, u32 depth) {
   u32 used = 0;
   if (!size) return;
   out[0] = 0;
@@ -85,25 +87,35 @@ void ExprTypeText(const ExprEvalContext *context, u32 type, char *out, u32 size)
     return;
   }
   ExprBitField field;
-  if (ExprIsBitField(context, type, &field)) {
+  if (depth && ExprIsBitField(context, type, &field)) {
     char base[128];
-    ExprTypeText(context, field.base_type, base, sizeof base);
+    TypeText(context, field.base_type, base, sizeof base, depth - 1);
     if (field.length == 1) ExprAppend(out, size, &used, "%s (Bit %d)", base, field.position);
     else ExprAppend(out, size, &used, "%s (Bits %d..%d)", base, field.position, field.position + field.length - 1);
     return;
   }
   ExprTypeFacts facts = ExprFacts(context, type);
-  if (facts.kind == kExprTypeArray) {
+  if (facts.kind == kExprTypeArray && depth) {
     char element[192];
-    ExprTypeText(context, facts.element, element, sizeof element);
+    TypeText(context, facts.element, element, sizeof element, depth - 1);
     u64 element_size = ExprFacts(context, facts.element).size;
     ExprAppend(out, size, &used, "%s [%llu]", element, (unsigned long long)(element_size ? facts.size / element_size : 0));
     return;
   }
   const ExprEvalHost *host = context->host;
   if (host->type_name) host->type_name(host->context, type, out, size);
-  if (!out[0]) ExprAppend(out, size, &used, "<type 0x%X>", type);
+  if (out[0]) return;
+  // A pointer the host has no name for is named after its pointee.
+  if (facts.kind == kExprTypePointer && depth) {
+    char pointee[192];
+    TypeText(context, facts.element, pointee, sizeof pointee, depth - 1);
+    ExprAppend(out, size, &used, "%s *", pointee);
+    return;
+  }
+  ExprAppend(out, size, &used, "<type 0x%X>", type);
 }
+
+void ExprTypeText(const ExprEvalContext *context, u32 type, char *out, u32 size) { TypeText(context, type, out, size, 8); }
 
 // [SECTION] Numbers
 
