@@ -44,5 +44,17 @@ void ExprSetInteger(ExprValue *out, u32 type, BasicClass c, u64 bits);
 u32 ExprFail(ExprEvalContext *context, const char *format, ...) __attribute__((format(printf, 2, 3)));
 bool ExprEqualNoCase(const char *a, u32 length, const char *b);
 
+u32 ExprPointerTo(const ExprEvalContext *context, u32 type);  // 0 when the type has no pointer type
+void ExprSetFloating(ExprValue *out, u32 type, f64 value);
+f64 ExprFloatingOf(const ExprEvalContext *context, const ExprValue *value, BasicClass c);
+// A loaded value as a condition: false when it is neither arithmetic nor a pointer.
+bool ExprTruthOf(const ExprEvalContext *context, const ExprValue *value, bool *out);
+
+// Node evaluation (expr_eval.cpp): as it is, and loaded when it is a location.
+u32 ExprEvaluateNode(ExprEvalContext *context, const ExprNode *node, ExprValue *out);
+u32 ExprEvaluateLoaded(ExprEvalContext *context, const ExprNode *node, ExprValue *out);
+// The binary operators (expr_binary.cpp).
+u32 ExprEvaluateBinary(ExprEvalContext *context, const ExprNode *node, ExprValue *out);
+
 // Identifier resolution (expr_names.cpp): every kind of name in its order.
 u32 ExprEvaluateIdentifier(ExprEvalContext *context, const ExprNode *node, ExprValue *out);

@@ -67,7 +67,8 @@ static bool MatchRegister(const char *name, u32 length, RegisterName *out) {
   return true;
 }
 
-static u32 UnsignedOfSize(u32 size) { return size == 1 ? kTypeUChar : size == 2 ? 0x21 : size == 4 ? 0x22 : kTypeUInt64; }
+// Registers are plain unsigned numbers of their width ("u8", "u16", "unsigned int", "u64").
+static u32 UnsignedOfSize(u32 size) { return size == 1 ? kTypeUInt8 : size == 2 ? kTypeUInt16 : size == 4 ? kTypeUInt32 : kTypeUInt64; }
 
 // [SECTION] Vector registers
 

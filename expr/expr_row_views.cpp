@@ -67,7 +67,8 @@ void ExprApplyString(ExprEvalContext *context, const ExprValue *value, const Exp
   u32 used = 1, shown = 0, pending_high = 0;
   text[0] = '"';
   u32 code;
-  while (shown < limit && NextUnit(&reader, &code)) {
+  // Units are bounded too: halves of pairs that never complete write nothing.
+  while (shown < limit && shown < 4 * sizeof out->value_text && NextUnit(&reader, &code)) {
     if (limit == ~0ull && code == 0) break;  // without a count, the string ends at its terminator
     shown++;
     if (wide && code >= 0xD800 && code < 0xDC00) {  // the first half of a pair

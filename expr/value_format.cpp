@@ -68,7 +68,9 @@ static const char *BasicTypeName(u32 basic) {
   }
 }
 
-void ExprTypeText(const ExprEvalContext *context, u32 type, char *out, u32 size) {
+// depth: how many more element and pointee types may be named inside this one (a damaged type
+// stream may hold a cycle).
+static void TypeText(const ExprEvalContext *context, u32 type, char *out, u32 size, u32 depth) {
   u32 used = 0;
   if (!size) return;
   out[0] = 0;
@@ -85,25 +87,35 @@ void ExprTypeText(const ExprEvalContext *context, u32 type, char *out, u32 size)
     return;
   }
   ExprBitField field;
-  if (ExprIsBitField(context, type, &field)) {
+  if (depth && ExprIsBitField(context, type, &field)) {
     char base[128];
-    ExprTypeText(context, field.base_type, base, sizeof base);
+    TypeText(context, field.base_type, base, sizeof base, depth - 1);
     if (field.length == 1) ExprAppend(out, size, &used, "%s (Bit %d)", base, field.position);
     else ExprAppend(out, size, &used, "%s (Bits %d..%d)", base, field.position, field.position + field.length - 1);
     return;
   }
   ExprTypeFacts facts = ExprFacts(context, type);
-  if (facts.kind == kExprTypeArray) {
+  if (facts.kind == kExprTypeArray && depth) {
     char element[192];
-    ExprTypeText(context, facts.element, element, sizeof element);
+    TypeText(context, facts.element, element, sizeof element, depth - 1);
     u64 element_size = ExprFacts(context, facts.element).size;
     ExprAppend(out, size, &used, "%s [%llu]", element, (unsigned long long)(element_size ? facts.size / element_size : 0));
     return;
   }
   const ExprEvalHost *host = context->host;
   if (host->type_name) host->type_name(host->context, type, out, size);
-  if (!out[0]) ExprAppend(out, size, &used, "<type 0x%X>", type);
+  if (out[0]) return;
+  // A pointer the host has no name for is named after its pointee.
+  if (facts.kind == kExprTypePointer && depth) {
+    char pointee[192];
+    TypeText(context, facts.element, pointee, sizeof pointee, depth - 1);
+    ExprAppend(out, size, &used, "%s *", pointee);
+    return;
+  }
+  ExprAppend(out, size, &used, "<type 0x%X>", type);
 }
+
+void ExprTypeText(const ExprEvalContext *context, u32 type, char *out, u32 size) { TypeText(context, type, out, size, 8); }
 
 // [SECTION] Numbers
 
@@ -253,11 +265,21 @@ const char *ExprErrorMessage(const ExprEvalContext *context, u32 code) {
 
 // [SECTION] Values
 
+// The bytes a basic value of type occupies, of the first 8 (vector registers are read whole).
+static u32 WidthOf(u32 type) {
+  if (type & 0xF00) return 8;
+  u32 basic = type & 0xFF;
+  if (basic >= 0x30 && basic <= 0x33) return 1u << (basic - 0x30);
+  u32 size = ExprClassOfBasic(basic).size;
+  return size ? size : 8;
+}
+
 void ExprFormatBasic(ExprEvalContext *context, u32 type, const u8 *bytes, u32 display_flags, char *out, u32 size) {
   u64 bits = 0;
-  memcpy(&bits, bytes, 8);
   if (!size) return;
   out[0] = 0;
+  bool vector = type == kExprTypeVector128 || type == kExprTypeVector256 || type == kExprTypeVector512;
+  if (!vector) memcpy(&bits, bytes, WidthOf(type));
   if (type & 0xF00) {  // a pointer
     if (RadixOf(display_flags) == kDisplayFlagBinary) FormatBinary(bits, 8, out, size);
     else snprintf(out, size, "0x%016llX", (unsigned long long)bits);
@@ -265,19 +287,19 @@ void ExprFormatBasic(ExprEvalContext *context, u32 type, const u8 *bytes, u32 di
   }
   u32 basic = type & 0xFF;
   BasicClass c = ExprClassOfBasic(basic);
-  if (basic >= 0x30 && basic <= 0x33) return Copy(out, size, bits & (basic == 0x30 ? 0xFF : ~0ull) ? "true" : "false");
+  if (basic >= 0x30 && basic <= 0x33) return Copy(out, size, bits ? "true" : "false");
   if (basic == kTypeFloat || basic == kTypeDouble) {
     f32 narrow;
     f64 wide;
-    memcpy(&narrow, bytes, 4);
-    memcpy(&wide, bytes, 8);
+    memcpy(&narrow, &bits, 4);
+    memcpy(&wide, &bits, 8);
     return FormatFloating(basic == kTypeFloat ? narrow : wide, basic == kTypeDouble, display_flags, out, size);
   }
   if (basic == kTypeChar || basic == kTypeUChar || basic == kTypeRealChar)
     return FormatCharacter(bits, 1, basic != kTypeUChar, display_flags, out, size);
   if (basic == kTypeWideChar || basic == kTypeChar16) return FormatCharacter(bits, 2, false, display_flags, out, size);
   if (basic == kTypeChar32) return FormatCharacter(bits, 4, false, display_flags, out, size);
-  if (type == kExprTypeVector128 || type == kExprTypeVector256 || type == kExprTypeVector512) {
+  if (vector) {
     // The whole register as one number, its top byte first.
     u32 width = type == kExprTypeVector128 ? 16 : type == kExprTypeVector256 ? 32 : 64, used = 0;
     bool upper = RadixOf(display_flags) == kDisplayFlagHexUpper;
