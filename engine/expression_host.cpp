@@ -271,6 +271,8 @@ static bool ValueOfVariable(ExpressionScope *scope, const LocalVariable *v, Expr
     }
     default: break;
   }
+  memset(out, 0, sizeof *out);
+  out->type = v->type_index;  // the type is known even where the value is not
   snprintf(error, size, "Variable \"%s\" is not available here", v->name);
   return false;
 }
@@ -385,15 +387,21 @@ static bool FindGlobalIn(ExpressionScope *scope, TargetModule *module, const cha
   return false;
 }
 
+// Locals and parameters of the frame (the first kind of name).
 static u32 FindName(void *context, const char *name, u32 length, ExprValue *out, char *error, u32 error_size) {
   ExpressionScope *scope = ScopeOf(context);
   if (length >= kExpressionNameCapacity) return kExprEvalFailed;
   NameSearch search = {name, length, false, false, out, error, error_size};
   ForEachFrameVariable(scope, MatchVariable, &search);
-  if (search.found) {
-    scope->type_module = scope->frame_module;
-    return search.ok ? kExprEvalOk : kExprEvalFailed;
-  }
+  if (!search.found) return kExprEvalFailed;
+  scope->type_module = scope->frame_module;
+  return search.ok ? kExprEvalOk : kExprEvalFailed;
+}
+
+// Globals, statics and thread-locals of the modules (the last kind of name).
+static u32 FindGlobal(void *context, const char *name, u32 length, ExprValue *out, char *, u32) {
+  ExpressionScope *scope = ScopeOf(context);
+  if (length >= kExpressionNameCapacity) return kExprEvalFailed;
   char terminated[kExpressionNameCapacity];
   memcpy(terminated, name, length);
   terminated[length] = 0;
@@ -532,10 +540,39 @@ static bool PickField(void *user, const DataMember *member) {
   return false;
 }
 
+// The members of the last type asked for are listed once, so that asking for index 0, 1, 2... in
+// turn (a row's children) walks the field list once, not once per member.
+static bool CollectField(void *user, const DataMember *member) {
+  ExpressionScope *scope = (ExpressionScope *)user;
+  FieldCache *cache = &scope->fields;
+  if (cache->count == kFieldCacheCapacity) {
+    cache->truncated = 1;
+    return false;
+  }
+  cache->entries[cache->count++] = {member->field->name.text, member->field->name.length, member->field->type,
+                                    member->offset};
+  return true;
+}
+
 static bool FieldAt(void *context, u32 type, u32 index, ExprField *out) {
   ExpressionScope *scope = ScopeOf(context);
   const PdbTypes *types = TypesOf(scope);
   if (!types) return false;
+  FieldCache *cache = &scope->fields;
+  if (!cache->valid || cache->type != type || cache->types != types) {
+    cache->valid = 1;
+    cache->truncated = 0;
+    cache->type = type;
+    cache->types = types;
+    cache->count = 0;
+    PdbForEachDataMember(types, PdbTypeLookThrough(types, type), CollectField, scope);
+  }
+  if (index < cache->count) {
+    *out = cache->entries[index];
+    return true;
+  }
+  if (!cache->truncated) return false;
+  // Past the listed members of a very large type: walked for this one index.
   FieldSearch search = {scope, index, 0, out, false};
   PdbForEachDataMember(types, PdbTypeLookThrough(types, type), PickField, &search);
   return search.found;
@@ -585,6 +622,7 @@ static bool ErrorMessage(void *, u32 code, char *out, u32 size) {
 
 static void ScopeBegin(ExpressionScope *scope, Target *target, TargetThread *thread) {
   memset(scope, 0, offsetof(ExpressionScope, chain));
+  scope->fields.valid = 0;
   scope->chain_ready = 0;
   scope->target = target;
   scope->thread = thread;
@@ -637,6 +675,7 @@ void ExpressionHostInit(ExprEvalHost *host, ExpressionScope *scope) {
   host->read_memory = ReadMemory;
   host->read_register = ReadRegister;
   host->find_name = FindName;
+  host->find_global = FindGlobal;
   host->find_type = FindType;
   host->describe_type = DescribeType;
   host->pointer_to = PointerTo;

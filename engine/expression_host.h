@@ -10,7 +10,21 @@
 #include "engine/call_stack.h"
 #include "expr/expr_eval.h"
 
-enum : u32 { kExpressionNameCapacity = 512 };
+enum : u32 {
+  kExpressionNameCapacity = 512,
+  kFieldCacheCapacity = 256,  // members of one type listed at once; more are looked up one by one
+};
+
+// The data members of the type a scope was last asked about, in the order field_at counts them.
+typedef struct FieldCache {
+  u8 valid;
+  u8 truncated;  // the type has more members than the cache holds
+  u8 padding[2];
+  u32 type;
+  const struct PdbTypes *types;
+  u32 count;
+  ExprField entries[kFieldCacheCapacity];  // names point into the PDB's records (not terminated)
+} FieldCache;
 
 typedef struct ExpressionScope {
   Target *target;
@@ -28,6 +42,7 @@ typedef struct ExpressionScope {
   u32 offset;
   ScopeChain chain;
   char name[kExpressionNameCapacity];  // names handed back by the host (valid until its next answer)
+  FieldCache fields;
 } ExpressionScope;
 
 // A scope at the thread's selected frame (its call stack is built when it was not).
