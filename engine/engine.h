@@ -72,7 +72,8 @@ EngineResult EngineAddEvaluationRequest(Target *target, const char *text, void *
 EngineResult EngineRemoveEvaluationRequest(Target *target, EvaluationRequest *request);
 // Chooses the row a request shows (the expression's, or a descendant's along a path of child
 // indexes), the children reported with it and the display flags; evaluated again at once when
-// stopped. Results are read under the model lock after the request's kind-3 event.
+// stopped. Results are read under the model lock after the request's kind-3 event. Child rows come
+// from a shared pool of pages: 37 when every page is taken (the view then shows the row alone).
 EngineResult EngineSetEvaluationView(Target *target, EvaluationRequest *request, const EvaluationView *view);
 // Carries a request to the engine although the target runs: queued, then served at a silent
 // break-in (or at the stop the target is in); the operation does not wait for it.

@@ -21,6 +21,29 @@ void EvaluationRequestsInit(EvaluationRequests *requests) {
   for (u32 i = 0; i < kEvaluationRequestCapacity; i++)
     requests->pool[i].next = i + 1 < kEvaluationRequestCapacity ? &requests->pool[i + 1] : nullptr;
   requests->free_list = &requests->pool[0];
+  for (u32 i = 0; i < kEvaluationChildPages; i++)
+    requests->pages[i].next = i + 1 < kEvaluationChildPages ? &requests->pages[i + 1] : nullptr;
+  requests->free_pages = &requests->pages[0];
+}
+
+// Waits (under the lock) until the engine is not evaluating r: its tree, text and rows stay put
+// until that evaluation is over, which is short.
+static void WaitNotEvaluating(Target *target, EvaluationRequest *r) {
+  while (target->evaluation_requests->evaluating == r) {
+    TicketLockRelease(&target->lock);
+    SwitchToThread();
+    TicketLockAcquire(&target->lock);
+  }
+}
+
+// Gives the request's child page back (under the lock).
+static void DropPage(EvaluationRequests *requests, EvaluationRequest *r) {
+  if (!r->page) return;
+  r->page->next = requests->free_pages;
+  requests->free_pages = r->page;
+  r->page = nullptr;
+  r->children = nullptr;
+  r->child_rows = 0;
 }
 
 EngineResult EngineAddEvaluationRequest(Target *target, const char *text, void *cookie, EvaluationRequest **out) {
@@ -69,13 +92,8 @@ EngineResult EngineRemoveEvaluationRequest(Target *target, EvaluationRequest *r)
   if (!target || !target->evaluation_requests || !r) return kEngineNoTarget;
   EvaluationRequests *requests = target->evaluation_requests;
   TicketLockAcquire(&target->lock);
-  // The engine may be evaluating this very request (at a stop the UI has not seen yet): its tree
-  // and text stay until that evaluation is over, which is short.
-  while (requests->evaluating == r) {
-    TicketLockRelease(&target->lock);
-    SwitchToThread();
-    TicketLockAcquire(&target->lock);
-  }
+  WaitNotEvaluating(target, r);  // the engine may be evaluating it at a stop the UI has not seen
+  DropPage(requests, r);
   if (r->previous)
     r->previous->next = r->next;
   else
@@ -97,12 +115,27 @@ EngineResult EngineSetEvaluationView(Target *target, EvaluationRequest *r, const
   if (!target || !target->evaluation_requests || !r || !view) return kEngineNoTarget;
   if (view->path_length > kEvaluationPathCapacity || view->children_wanted > kEvaluationChildRows)
     return kEngineNoTarget;
+  EvaluationRequests *requests = target->evaluation_requests;
+  EngineResult result = kEngineOk;
   TicketLockAcquire(&target->lock);
+  WaitNotEvaluating(target, r);
   r->view = *view;
+  if (view->children_wanted && !r->page) {
+    r->page = requests->free_pages;
+    if (r->page) {
+      requests->free_pages = r->page->next;
+      r->children = r->page->rows;
+    } else {
+      r->view.children_wanted = 0;  // every page is taken: the row alone
+      result = kEngineSystemCallFailed;
+    }
+  } else if (!view->children_wanted) {
+    DropPage(requests, r);
+  }
   r->needs_evaluation = 1;
   TicketLockRelease(&target->lock);
   RefreshWhenStopped(target);
-  return kEngineOk;
+  return result;
 }
 
 // The request's row (along its view's path) and the children its view asks for, in the current
@@ -128,7 +161,7 @@ static void EvaluateOne(Target *target, EvaluationRequest *r, const EvaluationVi
     }
     memcpy(&r->row, &child, sizeof child);
   }
-  for (u32 i = 0; i < view->children_wanted; i++) {
+  for (u32 i = 0; r->children && i < view->children_wanted; i++) {
     if (!ExprRowChild(&context, &r->row, view->children_first + i, &r->children[i])) break;
     r->child_rows = i + 1;
   }
@@ -146,9 +179,7 @@ void EngineEvaluateRequests(Target *target, bool mark_all) {
     EvaluationRequest *request;
     void *cookie;
     u8 parse_failed;
-    EvaluationView view;
   };
-  static_assert(sizeof(Due) * kEvaluationRequestCapacity < 160 * 1024, "the list of due requests fits the stack");
   Due due[kEvaluationRequestCapacity];
   u32 count = 0;
   TicketLockAcquire(&target->lock);
@@ -159,7 +190,6 @@ void EngineEvaluateRequests(Target *target, bool mark_all) {
     due[count].request = r;
     due[count].cookie = r->cookie;
     due[count].parse_failed = r->parse_failed;
-    due[count].view = r->view;
     count++;
   }
   TicketLockRelease(&target->lock);
@@ -167,12 +197,17 @@ void EngineEvaluateRequests(Target *target, bool mark_all) {
     EvaluationRequest *r = due[i].request;
     if (!due[i].parse_failed) {
       // Still the same request (not removed, nor taken again, since the list was read)?
+      // The view is taken now: the UI may have changed it since the list was read.
+      EvaluationView view;
       TicketLockAcquire(&target->lock);
       bool live = r->cookie == due[i].cookie && (r->previous || requests->first == r);
-      if (live) requests->evaluating = r;
+      if (live) {
+        requests->evaluating = r;
+        view = r->view;
+      }
       TicketLockRelease(&target->lock);
       if (!live) continue;
-      EvaluateOne(target, r, &due[i].view);
+      EvaluateOne(target, r, &view);
       __atomic_store_n(&requests->evaluating, (EvaluationRequest *)nullptr, __ATOMIC_RELEASE);
     }
     EngineEvent event;

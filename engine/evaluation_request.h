@@ -8,11 +8,19 @@
 #include "expr/expr_row.h"
 
 enum : u32 {
-  kEvaluationRequestCapacity = 512,
+  kEvaluationRequestCapacity = 1024,
   kEvaluationTextCapacity = 256,  // texts of 256 characters or more are refused (33)
   kEvaluationPathCapacity = 16,   // rows deeper than this below the expression are not shown
   kEvaluationChildRows = 32,      // child rows one request reports at a stop
+  kEvaluationChildPages = 128,    // requests that report children at once (expanded rows in view)
 };
+
+// The child rows of one request whose view wants children, taken from a shared pool: most requests
+// (watch rows that are not expanded) need none.
+typedef struct EvaluationChildPage {
+  struct EvaluationChildPage *next;  // on the free list
+  ExprRow rows[kEvaluationChildRows];
+} EvaluationChildPage;
 
 // Which row of the expression's tree a request shows, and which of that row's children: the user
 // interface asks for the rows it draws (a million-element array expanded costs only what is seen).
@@ -43,7 +51,8 @@ typedef struct EvaluationRequest {
   ExprRow row;
   u32 child_rows;  // children filled, from view.children_first on
   u32 result_serial;  // the serial of the view the results answer
-  ExprRow children[kEvaluationChildRows];
+  ExprRow *children;  // the page's rows while the view wants children, else null
+  EvaluationChildPage *page;
 } EvaluationRequest;
 
 typedef struct EvaluationRequests {
@@ -52,6 +61,8 @@ typedef struct EvaluationRequests {
   EvaluationRequest *free_list;
   EvaluationRequest *evaluating;  // the request the engine evaluates now (its removal waits for it)
   EvaluationRequest pool[kEvaluationRequestCapacity];
+  EvaluationChildPage *free_pages;
+  EvaluationChildPage pages[kEvaluationChildPages];
 } EvaluationRequests;
 
 void EvaluationRequestsInit(EvaluationRequests *requests);

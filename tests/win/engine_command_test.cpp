@@ -6,6 +6,8 @@
 
 #include <functional>
 #include <set>
+#include <string>
+#include <vector>
 
 #include "engine/pending_action.h"
 #include "engine/process_list.h"
@@ -125,6 +127,39 @@ TEST(EngineCommands, ServedAtTheProgramsOwnInt3) {
   DriveToEnd(t, seen);
   EXPECT_EQ(seen.debug_strings.size(), 0u);
   EXPECT_EQ(seen.exit_code, 3u);
+}
+
+// A thousand watches of one shape, each in its own request with its own nodes, evaluate at one
+// stop: every one reports its own element of the program's array.
+TEST(EngineCommands, AThousandWatchesEvaluateAtOneStop) {
+  Target *t = Launch("int3", false);
+  ASSERT_NE(t, nullptr);
+  const char name[] = ".?AVparse_error@ktrn@@";  // g_type.name, as the program has it
+  const u32 length = sizeof name - 1;
+  std::vector<EvaluationRequest *> requests(1000);
+  for (u32 i = 0; i < requests.size(); i++) {
+    std::string text = "g_type.name[" + std::to_string(i % length) + "]";
+    ASSERT_EQ(EngineAddEvaluationRequest(t, text.c_str(), (void *)(uintptr_t)(i + 1), &requests[i]), 0) << i;
+  }
+  EXPECT_EQ(EngineRun(t), 0);
+  Seen seen;
+  WaitStopped(t, seen);
+  std::set<void *> answered;
+  for (int at = -1; answered.size() < requests.size();) {
+    at = WaitForKind(t, seen, kEventEvaluation, at + 1);
+    ASSERT_GE(at, 0) << answered.size() << " answered";
+    answered.insert(seen.events[at].event.evaluation.request);
+  }
+  ASSERT_TRUE(EngineLockModel(t));
+  for (u32 i = 0; i < requests.size(); i++) {
+    char expected[32];
+    snprintf(expected, sizeof expected, "%d '%c'", name[i % length], name[i % length]);
+    EXPECT_STREQ(requests[i]->row.value_text, expected) << requests[i]->text;
+  }
+  EngineUnlockModel(t);
+  for (EvaluationRequest *r : requests) EXPECT_EQ(EngineRemoveEvaluationRequest(t, r), 0);
+  EXPECT_EQ(EngineTerminate(t, 0), 0);
+  DriveToEnd(t, seen);
 }
 
 TEST(EngineCommands, RequestsQueuedWhileRunningAreServedWithoutAVisibleStop) {
