@@ -70,6 +70,8 @@ u64 EngineFunctionAddress(Target *target, const char *name);
 // of 256 characters or more, 37 when every request is taken.
 EngineResult EngineAddEvaluationRequest(Target *target, const char *text, void *cookie, EvaluationRequest **out);
 EngineResult EngineRemoveEvaluationRequest(Target *target, EvaluationRequest *request);
+// Evaluates every request again (kind 3 for each). 26 when the target is not stopped.
+EngineResult EngineRefresh(Target *target);
 // Chooses the row a request shows (the expression's, or a descendant's along a path of child
 // indexes), the children reported with it and the display flags; evaluated again at once when
 // stopped. Results are read under the model lock after the request's kind-3 event. Child rows come

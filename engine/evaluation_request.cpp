@@ -111,6 +111,14 @@ EngineResult EngineRemoveEvaluationRequest(Target *target, EvaluationRequest *r)
   return kEngineOk;
 }
 
+EngineResult EngineRefresh(Target *target) {
+  if (!target || !target->evaluation_requests) return kEngineNoTarget;
+  EngineResult state = EngineStoppedState(target);
+  if (state != kEngineOk) return state;
+  RefreshWhenStopped(target);
+  return kEngineOk;
+}
+
 EngineResult EngineSetEvaluationView(Target *target, EvaluationRequest *r, const EvaluationView *view) {
   if (!target || !target->evaluation_requests || !r || !view) return kEngineNoTarget;
   if (view->path_length > kEvaluationPathCapacity || view->children_wanted > kEvaluationChildRows)

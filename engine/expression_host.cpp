@@ -460,6 +460,14 @@ static bool DescribeType(void *context, u32 type, ExprTypeFacts *out) {
     *out = {kExprTypeArray, element, PdbTypeSize(types, type)};
     return true;
   }
+  // A modifier (const, volatile) of a basic type: the basic type's facts.
+  u32 through = PdbTypeLookThrough(types, type);
+  if (through < 0x1000) {
+    u64 size = BuiltinTypeSize(through);
+    if (!size) return false;
+    *out = {kExprTypeBasic, through, size};
+    return true;
+  }
   TypeRecord record;
   if (!DecodeDefinition(types, type, &record)) return false;
   switch (record.leaf) {

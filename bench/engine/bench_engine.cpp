@@ -507,6 +507,56 @@ static double EngineHitsRun(int count, bool conditional = false) {
   return span.PerEvent();
 }
 
+// A thousand watch requests of one shape ("g_type.name[i]", a member's array element) at one stop
+// of eng_target: seconds from the refresh to the last result, and the system reads the memory cache
+// made for them (its lines hold at the second refresh). Returns the median of the refreshes.
+static double EngineWatchesRun(int watches, int refreshes, u64 *first_fills, u64 *later_fills) {
+  static HANDLE wake = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+  std::string path = TargetProgram("eng_target.exe");
+  LaunchDescription launch = {};
+  launch.executable = path.c_str();
+  launch.arguments = "int3";
+  Target *target = nullptr;
+  u32 pid = 0;
+  if (EngineStartLaunch(&launch, Wake, wake, &target, &pid) != 0) return -1;
+  std::vector<EvaluationRequest *> requests(watches);
+  for (int i = 0; i < watches; i++) {
+    std::string text = "g_type.name[" + std::to_string(i % 22) + "]";
+    if (EngineAddEvaluationRequest(target, text.c_str(), (void *)(uintptr_t)(i + 1), &requests[i]) != 0) return -1;
+  }
+  // Pops until the stop and the results it brings; then each refresh's results, timed.
+  auto await_results = [&](int wanted) {
+    int seen = 0;
+    for (;;) {
+      EngineEvent e;
+      while (EnginePopEvent(target, &e) == 0 && e.kind != kEventNone) {
+        if (e.kind == kEventEvaluation && ++seen == wanted) return true;
+        if (e.kind == kEventProcessExited) return false;
+      }
+      if (WaitForSingleObject(wake, 10000) == WAIT_TIMEOUT) return false;
+    }
+  };
+  std::vector<double> times;
+  bool ok = EngineRun(target) == 0 && await_results(watches) && EngineWaitStopped(target, 10000) == 0;
+  for (int r = 0; ok && r < refreshes; r++) {
+    u64 fills = TargetCache(target)->line_fills;
+    double begin = Now();
+    ok = EngineRefresh(target) == 0 && await_results(watches);
+    times.push_back(Now() - begin);
+    (r == 0 ? *first_fills : *later_fills) = TargetCache(target)->line_fills - fills;
+    ok = ok && EngineWaitStopped(target, 10000) == 0;
+  }
+  (void)EngineTerminate(target, 0);
+  for (bool done = false; !done;) {
+    EngineEvent e;
+    while (EnginePopEvent(target, &e) == 0 && e.kind != kEventNone)
+      if (e.kind == kEventProcessExited || e.kind == kEventDetached) done = true;
+    if (!done && WaitForSingleObject(wake, 10000) == WAIT_TIMEOUT) break;
+  }
+  EngineRelease(target);
+  return ok ? Median(times) : -1;
+}
+
 // The engine stepping over the loop's line: seconds per single step (the target's debug events
 // between the step command and its stop) and the number of steps; the first int3 stop and the
 // step's stop must come as the program has them, and the exit code must say the sum is right.
@@ -725,6 +775,15 @@ int main(int argc, char **argv) {
          false_hit > 0 ? 1 / false_hit : 0);
   PrintMicroseconds(false_hit);
   printf(" | %.2f |\n", hit > 0 && false_hit > 0 ? false_hit / hit : 0);
+
+  // 5 (before the steps, which take longest). Watches at one stop.
+  {
+    u64 first_fills = 0, later_fills = 0;
+    double watches = EngineWatchesRun(1000, 2 * rounds + 1, &first_fills, &later_fills);
+    printf("\n| 1,000 watches of `g_type.name[i]` at one stop | ms per refresh (all results popped) | "
+           "system reads, first refresh | later refreshes |\n|---|---|---|---|\n| the engine | %.2f | %llu | %llu |\n",
+           watches * 1e3, (unsigned long long)first_fills, (unsigned long long)later_fills);
+  }
 
   // 4. Single steps, alternating the raw loop and the engine.
   int step_rounds_count = argc > 6 ? atoi(argv[6]) : 2000;

@@ -107,6 +107,8 @@ int main(void) {
   unsigned u = 4000000000u;
   unsigned long long ull_max = ULLONG_MAX;
   bool flag = true;
+  const int answer = 42;
+  volatile long ticks = -5;
   float f = 3.14159274f;
 
   double d = 2.718281828459045;
@@ -152,6 +154,9 @@ int main(void) {
   ORACLE("main", "u, X", "0x%X", u);
   ORACLE("main", "ull_max", "ULLONG_MAX (%llu)", ull_max);
   ORACLE("main", "flag", "%s", flag ? "true" : "false");
+  ORACLE("main", "answer", "%d", answer);
+  ORACLE("main", "ticks", "%ld", (long)ticks);
+  ORACLE("main", "ticks + answer", "%ld", (long)ticks + answer);
   ORACLE("main", "f", "%.8g", f);
   ORACLE("main", "d", "%.16lg", d);
   ORACLE("main", "letter", "%hhd '%c'", letter, letter);
