@@ -46,6 +46,10 @@ EngineResult EngineSetStackOverflowCollapsing(Target *target, u8 on);
 // The PDB the next module load reads, whatever its GUID (the user picked it); that load clears it.
 // 33 for a path too long to keep.
 EngineResult EngineSetPdbOverride(Target *target, const char *path);
+// At a stop: a loaded module's symbols again from the PDB at path, taken without its GUID check
+// (the user's pick); its breakpoints bound again through them. 37 when the image cannot be read
+// (the module is then without symbols), 3 for a module not of this run.
+EngineResult EngineReloadModuleSymbols(Target *target, struct TargetModule *module, const char *pdb_path);
 EngineResult EngineSetInstructionPointer(Target *target, u64 address);
 // Moves the current thread to the first of lines line..line+9 of the source file that has code.
 EngineResult EngineSetNextStatement(Target *target, const char *path, u32 line);

@@ -72,6 +72,7 @@ static void DrawCallStackMenu(AppState *app, TargetWindowRequests *requests, con
 enum : u32 { kParameterCacheSlots = 32 };
 typedef struct ParameterCacheSlot {
   u32 stop;  // the engine's stop number; 0: empty
+  u32 symbols;  // the engine's count of symbol reloads
   u32 thread_id;
   u32 frame;
   FrameParameters list;
@@ -81,8 +82,10 @@ static ParameterCacheSlot g_parameter_cache[kParameterCacheSlots];
 static const FrameParameters *CachedParameters(AppState *app, TargetThread *thread, u32 index) {
   u32 stop = app->target->stop_generation;
   ParameterCacheSlot *slot = &g_parameter_cache[(index * 7 + thread->id) % kParameterCacheSlots];
-  if (slot->stop != stop || slot->thread_id != thread->id || slot->frame != index) {
+  u32 symbols = app->target->symbols_generation;
+  if (slot->stop != stop || slot->symbols != symbols || slot->thread_id != thread->id || slot->frame != index) {
     slot->stop = stop;
+    slot->symbols = symbols;
     slot->thread_id = thread->id;
     slot->frame = index;
     (void)EngineFrameParameters(app->target, thread, index, &slot->list);
@@ -365,8 +368,21 @@ void DrawThreadsWindow(AppState *app, TargetWindowRequests *requests) {
 
 // [SECTION] Modules
 
-static void DrawModulesMenu(Settings *s) {
+// A module row as "Copy" writes it: the cells separated by tabs, the status by its short name.
+static void CopyModuleRow(const TargetModule *m) {
+  char row[kModulePathCapacity * 2 + 128];
+  snprintf(row, sizeof row, "%s\t%s\t%llX-%llX\t%s\t%s\n", ModuleName(m), m->symbols.image_path,
+           (unsigned long long)TargetModuleBase(m), (unsigned long long)TargetModuleEnd(m), m->symbols.pdb_path,
+           SymbolStatusName(m->symbols.status));
+  ImGui::SetClipboardText(row);
+}
+
+static void DrawModulesMenu(Settings *s, TargetModule *selected, TargetWindowRequests *requests) {
   if (!ImGui::BeginPopupContextWindow("modules-wnd")) return;
+  if (ImGui::MenuItem("Copy", "Ctrl+C", false, selected != nullptr)) CopyModuleRow(selected);
+  // The user's pick of a PDB for the module (taken without its GUID check), then its symbols anew.
+  if (ImGui::MenuItem("Load Symbols From...", nullptr, false, selected != nullptr)) requests->pick_symbols = selected;
+  ImGui::Separator();
   ImGui::MenuItem("Name", nullptr, true, false);
   struct Column { const char *label; u8 *shown; };
   const Column columns[] = {{"Path", &s->modules_show_path},
@@ -380,11 +396,12 @@ static void DrawModulesMenu(Settings *s) {
   ImGui::EndPopup();
 }
 
-void DrawModulesWindow(AppState *app) {
+void DrawModulesWindow(AppState *app, TargetWindowRequests *requests) {
   if (!LockStoppedTarget(app)) return;
   Settings *s = &app->settings;
   int columns = 1 + s->modules_show_path + s->modules_show_address + s->modules_show_symbol_file + s->modules_show_status;
   static u64 selected_base;  // the clicked row's module
+  TargetModule *selected = nullptr;
   if (ImGui::BeginTable("tbl", columns, ImGuiTableFlags_Resizable | ImGuiTableFlags_ScrollY | ImGuiTableFlags_BordersInnerV)) {
     ImGui::TableSetupScrollFreeze(0, 1);
     ImGui::TableSetupColumn("Name");
@@ -393,12 +410,13 @@ void DrawModulesWindow(AppState *app) {
     if (s->modules_show_symbol_file) ImGui::TableSetupColumn("Symbol File");
     if (s->modules_show_status) ImGui::TableSetupColumn("Symbol Status");
     ImGui::TableHeadersRow();
-    for (const TargetModule *m = app->target->modules; m; m = m->next) {
+    for (TargetModule *m = app->target->modules; m; m = m->next) {
       ImGui::TableNextRow();
       ImGui::TableNextColumn();
       u64 base = TargetModuleBase(m);
       ImGui::PushID((const void *)m);
       if (ImGui::Selectable(ModuleName(m), selected_base == base, ImGuiSelectableFlags_SpanAllColumns)) selected_base = base;
+      if (selected_base == base) selected = m;
       ImGui::PopID();
       if (s->modules_show_path) { ImGui::TableNextColumn(); ImGui::TextUnformatted(m->symbols.image_path); }
       if (s->modules_show_address) {
@@ -410,6 +428,9 @@ void DrawModulesWindow(AppState *app) {
     }
     ImGui::EndTable();
   }
-  DrawModulesMenu(s);
+  if (selected && ImGui::IsWindowFocused(ImGuiFocusedFlags_ChildWindows) && ImGui::GetIO().KeyCtrl &&
+      ImGui::IsKeyPressed(ImGuiKey_C, false))
+    CopyModuleRow(selected);
+  DrawModulesMenu(s, selected, requests);
   EngineUnlockModel(app->target);
 }

@@ -129,6 +129,35 @@ TEST(EngineCommands, ServedAtTheProgramsOwnInt3) {
   EXPECT_EQ(seen.exit_code, 3u);
 }
 
+// Symbols picked by hand for a loaded module: a wrong PDB (taken unchecked) leaves the module's
+// function breakpoint pending, the right one binds it again where it was.
+TEST(EngineCommands, ReloadingAModulesSymbolsFromAPickedPdb) {
+  Target *t = Launch("int3", false);
+  ASSERT_NE(t, nullptr);
+  EXPECT_EQ(EngineRun(t), 0);
+  Seen seen;
+  WaitStopped(t, seen);
+  BreakpointWanted wanted = {};
+  wanted.kind = kBreakpointFunction;
+  wanted.place = "BreakWork";
+  BreakpointLocation *bp = nullptr;
+  ASSERT_EQ(EngineAddBreakpoint(t, &wanted, &bp), 0);
+  ASSERT_EQ(bp->pending, 0);
+  u64 bound_at = bp->address;
+  TargetModule *module = t->main_module;
+  std::string right = module->symbols.pdb_path;
+  EXPECT_EQ(EngineReloadModuleSymbols(t, module, TargetPath("values_mingw.pdb").c_str()), 0);
+  EXPECT_EQ(module->symbols.status, (u32)kSymbolsLoaded);  // taken as picked, without the GUID check
+  EXPECT_EQ(bp->pending, 1);
+  EXPECT_EQ(EngineFunctionAddress(t, "BreakWork"), 0u);
+  EXPECT_EQ(EngineReloadModuleSymbols(t, module, right.c_str()), 0);
+  EXPECT_EQ(bp->pending, 0);
+  EXPECT_EQ(bp->address, bound_at);
+  EXPECT_EQ(EngineReloadModuleSymbols(t, nullptr, right.c_str()), kEngineNoTarget);
+  EXPECT_EQ(EngineTerminate(t, 0), 0);
+  DriveToEnd(t, seen);
+}
+
 // A thousand watches of one shape, each in its own request with its own nodes, evaluate at one
 // stop: every one reports its own element of the program's array.
 TEST(EngineCommands, AThousandWatchesEvaluateAtOneStop) {
