@@ -236,6 +236,11 @@ void DrawCallStackWindow(AppState *app, TargetWindowRequests *requests) {
     }
     ImGui::EndTable();
   }
+  // The menu's shortcuts: Ctrl+Up towards frame 0 ("Next Frame"), Ctrl+Down away from it.
+  if (ImGui::IsWindowFocused(ImGuiFocusedFlags_ChildWindows) && ImGui::GetIO().KeyCtrl) {
+    if (ImGui::IsKeyPressed(ImGuiKey_UpArrow) && selected > 0) requests->select_frame = selected - 1;
+    if (ImGui::IsKeyPressed(ImGuiKey_DownArrow) && count && (u32)selected + 1 < count) requests->select_frame = selected + 1;
+  }
   DrawCallStackMenu(app, requests, thread, selected, count);
   EngineUnlockModel(app->target);
 }
