@@ -240,6 +240,11 @@ static void PostFrameSelected(Target *target, TargetThread *thread, s32 index) {
   EngineEvent event;
   EngineMakeStopped(target, thread, kStopFrameSelected, address, index, &event);
   if (return_address) EngineLocate(target, address, &event.stopped.location, true);
+  // An inlined function's frame is at its own line, in its own file.
+  if ((u32)index < thread->frame_count && thread->frames[index].inline_site) {
+    event.stopped.location.file = thread->frames[index].file;
+    event.stopped.location.line = thread->frames[index].line;
+  }
   event.generation = target->stop_generation;
   EnginePostEvent(target, &event);
 }
