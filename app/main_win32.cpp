@@ -31,9 +31,11 @@
 #include "app/frame_probe.h"
 #include "app/renderer_d3d11.h"
 #include "app/shell_win32.h"
+#include "app/source_files.h"
 #include "app/test_hook.h"
 #include "app/saved_layouts.h"
 #include "app/session_file.h"
+#include "engine/engine.h"
 #include "engine/process_list.h"
 #include "ui/main_frame.h"
 #include "ui/stop_reason.h"
@@ -193,6 +195,7 @@ static bool OpenSession(AppState *app, const char *path) {
   SessionReadHooks hooks = {};
   hooks.user = app;
   hooks.output = ReportUnopened;
+  hooks.open_source_file = SourceFilesOpenForSession;
   u32 sections = 0;
   u64 unread = 0;
   int result = SessionReadFile(&app->session, path, &hooks, &app->settings.recent_files, &sections, &unread);
@@ -315,30 +318,23 @@ static void ActionAttach(void *user, u32 process_id, bool let_run) {
   AttachOrPark(program, process_id, let_run);
 }
 
-static void ActionOpenFile(void *user, const char *path, u32) {
-  Session *s = &((Program *)user)->app.session;
-  for (u32 i = 0; i < s->source_file_count; i++)
-    if (TextEqualNoCase(s->source_files[i], path)) return;
-  if (SessionAddSourceFile(s, path) == kSessionOk) s->modified = 1;
-}
+static void ActionOpenFile(void *user, const char *path, u32 line) { SourceFilesOpen(&((Program *)user)->app, path, line); }
 
-static void ActionCloseFile(void *user, const char *path) {
-  Session *s = &((Program *)user)->app.session;
-  if (SessionRemoveSourceFile(s, path) == kSessionOk) s->modified = 1;
-}
+static void ActionCloseFile(void *user, const char *path) { SourceFilesClose(&((Program *)user)->app, path); }
 
 static void ActionAddFileBreakpoint(void *user, const char *path, u32 line) {
-  Session *s = &((Program *)user)->app.session;
-  u32 index;
-  if (SessionFindSourceLineBreakpoint(s, path, line) < 0 &&
-      SessionAddBreakpoint(s, kBreakpointSourceLine, path, line, 0, &index) == kSessionOk)
-    s->modified = 1;
+  DebuggingAddLineBreakpoint(&((Program *)user)->app, path, line);
 }
 
 static void ActionRemoveFileBreakpoint(void *user, const char *path, u32 line) {
-  Session *s = &((Program *)user)->app.session;
-  s32 index = SessionFindSourceLineBreakpoint(s, path, line);
-  if (index >= 0 && SessionRemoveBreakpoint(s, (u32)index) == kSessionOk) s->modified = 1;
+  AppState *app = &((Program *)user)->app;
+  s32 index = SessionFindSourceLineBreakpoint(&app->session, path, line);
+  if (index >= 0) DebuggingRemoveBreakpoint(app, app->session.breakpoints[index]->id);
+}
+
+static void ActionRunToCursor(void *user, const char *path, u32 line) {
+  Program *program = (Program *)user;
+  if (program->window) DebuggingRunToLine(&program->app, path, line, kStopReasonRunToCursorMenu, Wake, program);
 }
 
 static void ActionAddFunctionBreakpoint(void *user, const char *name, const char *condition) {
@@ -349,9 +345,15 @@ static void ActionAddFunctionBreakpoint(void *user, const char *name, const char
   s->modified = 1;
 }
 
+// The engine's record of a breakpoint that leaves the session goes with it.
+static void ForgetEngineBreakpoint(void *user, const Breakpoint *breakpoint) {
+  AppState *app = (AppState *)user;
+  if (app->target && breakpoint->runtime.location) (void)EngineRemoveBreakpoint(app->target, breakpoint->runtime.location);
+}
+
 static void ActionRemoveFunctionBreakpoints(void *user, const char *name) {
-  Session *s = &((Program *)user)->app.session;
-  if (SessionRemoveFunctionBreakpoints(s, name, nullptr, nullptr)) s->modified = 1;
+  AppState *app = &((Program *)user)->app;
+  if (SessionRemoveFunctionBreakpoints(&app->session, name, ForgetEngineBreakpoint, app)) app->session.modified = 1;
 }
 
 static void ActionStartDebugging(void *user, bool) {
@@ -379,9 +381,8 @@ static void ActionContinue(void *user) {
 }
 
 static void ActionRemoveAllBreakpoints(void *user) {
-  Session *s = &((Program *)user)->app.session;
-  if (s->breakpoint_count) s->modified = 1;
-  while (s->breakpoint_count) SessionRemoveBreakpoint(s, s->breakpoint_count - 1);
+  AppState *app = &((Program *)user)->app;
+  while (app->session.breakpoint_count) DebuggingRemoveBreakpoint(app, app->session.breakpoints[app->session.breakpoint_count - 1]->id);
 }
 
 static CommandActions ProgramActions(Program *program) {
@@ -394,15 +395,13 @@ static CommandActions ProgramActions(Program *program) {
   a.continue_execution = ActionContinue;
   a.remove_all_breakpoints = ActionRemoveAllBreakpoints;
   a.attach_to_process = ActionAttach;
-  // The source view and the breakpoints window show these once they are built; today they change
-  // the session's open files and breakpoints, which the session file keeps.
   a.open_file = ActionOpenFile;
   a.close_file = ActionCloseFile;
   a.add_breakpoint_at_file = ActionAddFileBreakpoint;
   a.remove_breakpoint_at_file = ActionRemoveFileBreakpoint;
   a.add_breakpoint_at_function = ActionAddFunctionBreakpoint;
   a.remove_breakpoint_at_function = ActionRemoveFunctionBreakpoints;
-  // run-to-cursor waits for stepping.
+  a.run_to_cursor = ActionRunToCursor;
   return a;
 }
 
@@ -502,7 +501,36 @@ static void CarryOutPending(Program *program) {
   free(pending.path);
 }
 
+// What the source view asked for: breakpoints, run control, tabs, watches.
+static void CarryOutSourceRequests(Program *program) {
+  AppState *app = &program->app;
+  const SourceViewRequests *r = &program->frame.source_requests;
+  SourceTabs *tabs = &app->sources;
+  char path[kAppPathCapacity];
+  if (r->toggle_tab >= 0 && (u32)r->toggle_tab < tabs->count) {
+    if (r->toggle_breakpoint) DebuggingRemoveBreakpoint(app, r->toggle_breakpoint);
+    else DebuggingAddLineBreakpoint(app, tabs->tabs[r->toggle_tab]->path, r->toggle_line);
+  }
+  if (r->run_to_tab >= 0 && (u32)r->run_to_tab < tabs->count)
+    DebuggingRunToLine(app, tabs->tabs[r->run_to_tab]->path, r->run_to_line, r->run_to_reason, Wake, program);
+  if (r->set_next_tab >= 0 && (u32)r->set_next_tab < tabs->count) {
+    int result = DebuggingSetNextStatement(app, tabs->tabs[r->set_next_tab]->path, r->set_next_line);
+    if (result != 0) OutputAppendZ(&app->output, "Unable to set the next statement: no code at or after that line\n");
+  }
+  if (r->add_watch[0] && SessionAddWatchRow(&app->session, 0, r->add_watch, "") == kSessionOk) app->session.modified = 1;
+  if (r->close_others >= 0 && (u32)r->close_others < tabs->count) {
+    snprintf(path, sizeof path, "%s", tabs->tabs[r->close_others]->path);
+    for (u32 i = tabs->count; i-- > 0;)
+      if (!SourcePathsEqual(tabs->tabs[i]->path, path)) SourceFilesClose(app, tabs->tabs[i]->path);
+  } else if (r->close_tab >= 0 && (u32)r->close_tab < tabs->count) {
+    snprintf(path, sizeof path, "%s", tabs->tabs[r->close_tab]->path);
+    SourceFilesClose(app, path);
+  }
+  if (r->open_file && AskFilePath(program->window, kDialogOpenSource, path, sizeof path)) SourceFilesOpen(app, path, 0);
+}
+
 static void CarryOutRequests(Program *program) {
+  CarryOutSourceRequests(program);
   AppState *app = &program->app;
   const MainFrameRequests *r = &program->frame.requests;
   if (r->start_debugging) DebuggingStart(app, r->start_reason, Wake, program);
@@ -589,6 +617,7 @@ static void RebuildFonts(Program *program) {
 static void DrawFrame(Program *program) {
   if (!program->renderer.device) return;
   if (program->app.fonts_need_rebuild) RebuildFonts(program);
+  SourceFilesEachFrame(&program->app);
   ImGui_ImplWin32_NewFrame();
   ImGui::NewFrame();
   TestHookBeginFrame();
@@ -854,6 +883,7 @@ int WINAPI wWinMain(HINSTANCE instance, HINSTANCE, PWSTR, int show_command) {
   ImGui::DestroyContext();  // writes the ini file
   DestroyWindow(program->window);
   UnregisterClassW(kWindowClassName, instance);
+  SourceFilesCloseAll(app);
   AppStateFree(app);
   free(program->processes);
   if (wide_argv) LocalFree(wide_argv);

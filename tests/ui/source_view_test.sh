@@ -1,0 +1,87 @@
+#!/usr/bin/env bash
+# The source view as a user and an editor drive it: the demo's source opened through the command
+# channel in a tab of its own, a breakpoint set by a click in the margin, F5 stopping there with the
+# current line shown, Run to Cursor from the context menu, the channel's continue-execution and
+# run-to-cursor, Find and Go to Line, and a file changed on disk reloaded in its tab.
+# usage: source_view_test.sh WINE_RUN KESTRUNE_EXE DEMO_EXE SOURCE_DIR OUT_DIR
+set -u
+wine_run=$1 exe=$2 demo=$3 source_dir=$4 out=$5
+. "$(dirname "$0")/ui_test_lib.sh"
+source="Z:$source_dir/examples/demo/demo.cpp"
+line_of() { grep -n -F -- "$1" "$source_dir/examples/demo/demo.cpp" | head -n 1 | cut -d: -f1; }
+step_line=$(line_of "StepParticles(&g_system")
+count_line=$(line_of "InterlockedIncrement(&g_frames)")
+sleep_line=$(line_of "Sleep(16)")
+
+# forward COMMAND ARGS...: a second instance hands the command to the running one.
+forward() { "$wine_run" "$exe" "$@" || fail "the forwarding instance of $1 failed"; }
+# line_y STEP LINE: the window y of a line's middle, from the tab's layout in the step's dump.
+layout() { grep -m1 -o 'line 1 at [0-9-]*,[0-9-]*, margin [0-9]*, line height [0-9]*' "$out/dumps/$1.txt" | tr -c '0-9\n-' ' '; }
+line_y() { set -- $(layout "$1") "$2"; [ $# -eq 6 ] || fail "no layout in step $1"; echo $(($3 + ($6 - 1) * $5 + $5 / 2)); }
+text_x() { set -- $(layout "$1"); echo $(($2 + $4 + 40)); }
+margin_x() { set -- $(layout "$1"); echo $(($2 + $5 / 2)); }
+
+start "Z:$demo" 30
+wait_for first-start "[window Output]"
+forward open-file "$source" "$step_line"
+wait_for opened "[window demo.cpp###001]"
+expect opened "lines)" "cursor line $step_line column 1"
+expect_not opened "current line"
+
+# A click in the margin sets a breakpoint on the line (not bound: nothing runs yet).
+click_until margin "$(margin_x opened)" "$(line_y opened "$step_line")" 1 "breakpoint line $step_line set"
+
+# F5: the worker stops there; the tab shows the current line and the breakpoint bound. The demo's
+# console window opens over ours (no window manager here): it is moved out of the way.
+press_until hit "current line $step_line (top frame)" F5
+expect hit "breakpoint line $step_line bound" "Program stopped because a user breakpoint was hit"
+for w in $(xdotool search --name 'demo\.exe$' 2>/dev/null); do [ "$w" != "$window" ] && xdotool windowmove "$w" 1270 790; done
+sleep 1
+
+# Right click on a later line, then "Run to Cursor" at the top of the context menu.
+y=$(line_y hit "$sleep_line")
+click_until context-menu "$(text_x hit)" "$y" 3 "[window ##txtmenu]"
+expect context-menu "Run to Cursor" "Set Next Statement" "Add Watch"
+xdotool mousemove --window "$window" $(($(text_x hit) + 30)) $((y + 12)) click 1
+wait_for run-to-cursor "current line $sleep_line (top frame)"
+expect run-to-cursor "run-to-cursor"
+
+# The channel: continue-execution stops at the breakpoint again, run-to-cursor runs to a line.
+forward continue-execution
+wait_for continued "current line $step_line (top frame)"
+forward run-to-cursor "$source" "$count_line"
+wait_for channel-run-to "current line $count_line (top frame)"
+
+# Find: "interlockedincrement" ignores case and finds InterlockedIncrement; Go to Line moves the cursor.
+key ctrl+f
+sleep 1
+xdotool type --delay 40 "interlockedincrement"
+key Return Escape
+wait_for found "cursor line $count_line column 5"
+key ctrl+g
+sleep 1
+key ctrl+a
+xdotool type --delay 40 "3"
+key Return
+wait_for goto "cursor line 3 column 1"
+
+forward stop-debugging
+wait_for stopped "Program halted with exit code 0x00007E57" 30
+expect_not stopped "current line"
+
+# A file changed on disk is read again, in its own tab beside the first.
+printf 'int a;\nint b;\n' > "$out/changed.c"
+forward open-file "Z:$out/changed.c"
+wait_for second-tab "[window changed.c###002]"
+expect second-tab "(2 lines)"
+printf 'int c;\n' >> "$out/changed.c"
+wait_for reloaded "(3 lines)"
+forward close-file "Z:$out/changed.c"
+wait_for closed "[window demo.cpp###001]"
+expect_not closed "changed.c###002"
+
+save_prompt_at_exit
+xdotool windowfocus --sync "$prompt" 2>/dev/null
+xdotool key --window "$prompt" n
+wait_exit
+echo PASS
