@@ -354,6 +354,8 @@ static void LogTab(const SourceTab *tab, const TabLayout *l, u32 first, u32 last
   for (u32 i = 0; i < l->marker_count; i++)
     ImGui::LogText("breakpoint line %u %s\n", l->markers[i].line + 1, kMarkerNames[l->markers[i].kind]);
   ImGui::LogText("cursor line %u column %u\n", tab->cursor_line + 1, tab->cursor_column + 1);
+  if (l->selection_begin < l->selection_end)
+    ImGui::LogText("selection from line %u column %u\n", tab->anchor_line + 1, tab->anchor_column + 1);
 }
 
 static void DrawTabText(AppState *app, SourceViewState *view, SourceViewRequests *r, SourceTab *tab, s32 index, ImFont *font) {

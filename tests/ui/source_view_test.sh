@@ -53,13 +53,13 @@ forward run-to-cursor "$source" "$count_line"
 wait_for channel-run-to "current line $count_line (top frame)"
 
 # Find: "interlockedincrement" ignores case and finds InterlockedIncrement; Go to Line moves the cursor.
-key ctrl+f
-sleep 1
+press_until find "[window Find in File]" ctrl+f
 xdotool type --delay 40 "interlockedincrement"
-key Return Escape
-wait_for found "cursor line $count_line column 5"
-key ctrl+g
-sleep 1
+key Return
+wait_for found "selection from line $count_line column 5"
+expect found "cursor line $count_line column 25"
+key Escape
+press_until goto-line "[window Goto Line]" ctrl+g
 key ctrl+a
 xdotool type --delay 40 "3"
 key Return
@@ -73,9 +73,9 @@ expect_not stopped "current line"
 printf 'int a;\nint b;\n' > "$out/changed.c"
 forward open-file "Z:$out/changed.c"
 wait_for second-tab "[window changed.c###002]"
-expect second-tab "(2 lines)"
+expect second-tab "(3 lines)"  # the empty line after the last line end counts
 printf 'int c;\n' >> "$out/changed.c"
-wait_for reloaded "(3 lines)"
+wait_for reloaded "(4 lines)"
 forward close-file "Z:$out/changed.c"
 wait_for closed "[window demo.cpp###001]"
 expect_not closed "changed.c###002"
