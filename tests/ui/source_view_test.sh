@@ -2,7 +2,8 @@
 # The source view as a user and an editor drive it: the demo's source opened through the command
 # channel in a tab of its own, a breakpoint set by a click in the margin, F5 stopping there with the
 # current line shown, Run to Cursor from the context menu, the channel's continue-execution and
-# run-to-cursor, Find and Go to Line, and a file changed on disk reloaded in its tab.
+# run-to-cursor, a stop in a file whose tab was closed opening it again, Find and Go to Line, a file
+# changed on disk reloaded in its tab, and the session's open files and breakpoint back after a restart.
 # usage: source_view_test.sh WINE_RUN KESTRUNE_EXE DEMO_EXE SOURCE_DIR OUT_DIR
 set -u
 wine_run=$1 exe=$2 demo=$3 source_dir=$4 out=$5
@@ -21,7 +22,14 @@ line_y() { set -- $(layout "$1") "$2"; [ $# -eq 6 ] || fail "no layout in step $
 text_x() { set -- $(layout "$1"); echo $(($2 + $4 + 40)); }
 margin_x() { set -- $(layout "$1"); echo $(($2 + $5 / 2)); }
 
-start "Z:$demo" 30
+# A session whose target command runs the demo for 30 s.
+work="$out/work.ktrn"
+python3 - "$work" "Z:$demo" <<'PY'
+import struct, sys
+text = lambda s: struct.pack('<I', len(s)) + s.encode()
+open(sys.argv[1], 'wb').write(b'KTRN' + text(sys.argv[2]) + text('30') + text('') + struct.pack('<II', 0, 0))
+PY
+start "Z:$work"
 wait_for first-start "[window Output]"
 forward open-file "$source" "$step_line"
 wait_for opened "[window demo.cpp###001]"
@@ -52,6 +60,14 @@ wait_for continued "current line $step_line (top frame)"
 forward run-to-cursor "$source" "$count_line"
 wait_for channel-run-to "current line $count_line (top frame)"
 
+# The tab closed, the next stop in its file opens it again (a new serial number) at the line.
+forward close-file "$source"
+wait_for tab-closed "[window Output]"
+expect_not tab-closed "demo.cpp###"
+forward continue-execution
+wait_for reopened-at-stop "[window demo.cpp###002]"
+expect reopened-at-stop "current line $step_line (top frame)"
+
 # Find: "interlockedincrement" ignores case and finds InterlockedIncrement; Go to Line moves the cursor.
 press_until find "[window Find in File]" ctrl+f
 xdotool type --delay 40 "interlockedincrement"
@@ -72,16 +88,22 @@ expect_not stopped "current line"
 # A file changed on disk is read again, in its own tab beside the first.
 printf 'int a;\nint b;\n' > "$out/changed.c"
 forward open-file "Z:$out/changed.c"
-wait_for second-tab "[window changed.c###002]"
+wait_for second-tab "[window changed.c###003]"
 expect second-tab "(3 lines)"  # the empty line after the last line end counts
 printf 'int c;\n' >> "$out/changed.c"
 wait_for reloaded "(4 lines)"
 forward close-file "Z:$out/changed.c"
-wait_for closed "[window demo.cpp###001]"
-expect_not closed "changed.c###002"
+wait_for closed "[window demo.cpp###002]"
+expect_not closed "changed.c###"
 
+# Saved at exit (Yes), the session brings back its open file and its breakpoint.
 save_prompt_at_exit
 xdotool windowfocus --sync "$prompt" 2>/dev/null
-xdotool key --window "$prompt" n
+xdotool key --window "$prompt" Return
 wait_exit
+start "Z:$work"
+wait_for restored "[window demo.cpp###001]"
+expect restored "breakpoint line $step_line set"
+expect_not restored "changed.c"
+quit
 echo PASS
