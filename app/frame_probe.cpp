@@ -38,6 +38,11 @@ bool FrameProbeInit(FrameProbe *probe) {
 
 u32 FrameProbeOutputLines() { return EnvironmentNumber("KTRN_BENCH_OUTPUT_LINES"); }
 
+bool FrameProbeSourceFile(char *out, u32 capacity) {
+  DWORD length = GetEnvironmentVariableA("KTRN_BENCH_SOURCE", out, capacity);
+  return length && length < capacity;
+}
+
 bool FrameProbeAfterFrame(FrameProbe *probe) {
   if (!probe->frames_wanted) return false;
   u64 created = 0, cpu = 0, now = NowUs();

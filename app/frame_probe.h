@@ -21,5 +21,8 @@ struct FrameProbe {
 bool FrameProbeInit(FrameProbe *probe);
 // The number of output lines to fill in before measuring (KTRN_BENCH_OUTPUT_LINES), 0 when unset.
 u32 FrameProbeOutputLines();
+// A source file to open in a tab and scroll through, a page a frame (KTRN_BENCH_SOURCE); false when
+// unset.
+bool FrameProbeSourceFile(char *out, u32 capacity);
 // After every presented frame; true once the results are written and the program should quit.
 bool FrameProbeAfterFrame(FrameProbe *probe);

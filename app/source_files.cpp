@@ -117,13 +117,14 @@ static void FollowSession(AppState *app) {
   while (tabs->count > s->source_file_count) CloseTab(app, tabs->count - 1);
 }
 
-bool SourceFilesOpen(AppState *app, const char *path, u32 line) {
+// A stop in a file that cannot be read (a system library's sources) is not reported: report off.
+static bool OpenAt(AppState *app, const char *path, u32 line, bool report) {
   Session *s = &app->session;
   s32 at = SourceTabsFind(&app->sources, path);
   if (at < 0) {
     SourceTab *tab = OpenTab(app, path, app->sources.count);
     if (!tab) {
-      Report(app, path);
+      if (report) Report(app, path);
       return false;
     }
     if (SessionAddSourceFile(s, tab->path) != kSessionOk) {
@@ -142,6 +143,8 @@ bool SourceFilesOpen(AppState *app, const char *path, u32 line) {
   tab->focus = 1;
   return true;
 }
+
+bool SourceFilesOpen(AppState *app, const char *path, u32 line) { return OpenAt(app, path, line, true); }
 
 void SourceFilesClose(AppState *app, const char *path) {
   s32 at = SourceTabsFind(&app->sources, path);
@@ -234,17 +237,8 @@ static void FollowStop(AppState *app) {
     }
   }
   EngineUnlockModel(app->target);
-  if (!app->location_line) return;
-  // A name without a drive, from a program built on a Unix machine, is found under Wine's root drive.
-  const char *path = app->location_file;
-  char on_drive[kAppPathCapacity + 2];
-  if (SourceTabsFind(&app->sources, path) < 0 && (path[0] == '/' || path[0] == '\\') && GetFileAttributesA(path) == INVALID_FILE_ATTRIBUTES) {
-    snprintf(on_drive, sizeof on_drive, "Z:%s", path);
-    for (char *p = on_drive; *p; p++)
-      if (*p == '/') *p = '\\';
-    path = on_drive;
-  }
-  SourceFilesOpen(app, path, app->location_line);
+  // The file as the symbols name it (under Wine a Unix path of a program built here opens as it is).
+  if (app->location_line) OpenAt(app, app->location_file, app->location_line, false);
 }
 
 void SourceFilesEachFrame(AppState *app) {
