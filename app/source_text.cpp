@@ -89,6 +89,21 @@ u32 SourceTextLineOfOffset(const SourceText *text, u32 offset) {
   return lo;
 }
 
+static bool IdentifierChar(char c) {
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_';
+}
+
+bool SourceIdentifierAt(const char *begin, const char *end, u32 column, u32 *from, u32 *to) {
+  u32 length = (u32)(end - begin);
+  if (column >= length || !IdentifierChar(begin[column])) return false;
+  u32 a = column, b = column;
+  while (a > 0 && IdentifierChar(begin[a - 1])) a--;
+  while (b < length && IdentifierChar(begin[b])) b++;
+  *from = a;
+  *to = b;
+  return true;
+}
+
 static bool HasDrive(const char *p) {
   return ((p[0] | 0x20) >= 'a' && (p[0] | 0x20) <= 'z') && p[1] == ':' && (p[2] == '\\' || p[2] == '/');
 }

@@ -33,6 +33,10 @@ void SourceTextLine(const SourceText *text, u32 line, const char **begin, const 
 // The line that holds a byte offset.
 u32 SourceTextLineOfOffset(const SourceText *text, u32 offset);
 
+// The C identifier around byte column of a line [begin, end): [*from, *to) in the line; false when
+// the column is not on an identifier character.
+bool SourceIdentifierAt(const char *begin, const char *end, u32 column, u32 *from, u32 *to);
+
 // Two source paths name the same file: equal up to ASCII case and the direction of slashes, and a
 // rooted path without a drive (as a program built on a Unix machine names its sources) equals the
 // same path with a drive in front (as Wine shows that root).

@@ -6,10 +6,6 @@
 
 #include "ui/text_capture.h"
 
-static bool IdentifierChar(char c) {
-  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_';
-}
-
 // The selection's text, else the identifier at the cursor; false when there is neither.
 static bool WatchText(const SourceTab *tab, char *out, u32 capacity) {
   const SourceText *t = &tab->text;
@@ -18,11 +14,9 @@ static bool WatchText(const SourceTab *tab, char *out, u32 capacity) {
   if (from == to) {
     const char *begin, *end;
     SourceTextLine(t, tab->cursor_line, &begin, &end);
-    u32 length = (u32)(end - begin), column = tab->cursor_column;
-    if (column >= length || !IdentifierChar(begin[column])) return false;
-    from = to = t->line_starts[tab->cursor_line] + column;
-    while (from > t->line_starts[tab->cursor_line] && IdentifierChar(t->bytes[from - 1])) from--;
-    while (to < t->line_starts[tab->cursor_line] + length && IdentifierChar(t->bytes[to])) to++;
+    if (!SourceIdentifierAt(begin, end, tab->cursor_column, &from, &to)) return false;
+    from += t->line_starts[tab->cursor_line];
+    to += t->line_starts[tab->cursor_line];
   }
   if (to - from >= capacity) to = from + capacity - 1;
   memcpy(out, t->bytes + from, to - from);

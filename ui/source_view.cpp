@@ -145,13 +145,17 @@ static void DrawMarker(ImDrawList *draw, ImVec2 centre, float radius, u8 kind) {
   }
 }
 
+// One line: the gutter stays at the window's left edge while the text scrolls sideways under it.
+// Nothing is clipped per line (each clip would cost a draw call): the text starts at the first
+// column wholly right of the gutter, and the bands start at the gutter's edge.
 static void DrawLine(const SourceTab *tab, const TabLayout *l, u32 line, ImVec2 at, float width) {
   ImDrawList *draw = ImGui::GetWindowDrawList();
   const char *begin, *end;
   SourceTextLine(&tab->text, line, &begin, &end);
   float h = l->line_height, text_x = at.x + l->gutter_width;
+  float scroll_x = ImGui::GetScrollX(), gutter_x = at.x + scroll_x, edge = gutter_x + l->gutter_width;
   bool current = (s32)line == l->current_line;
-  if (current) draw->AddRectFilled(ImVec2(text_x, at.y), ImVec2(at.x + width, at.y + h), l->top_frame ? kTopFrameLineColour : kOtherFrameLineColour);
+  if (current) draw->AddRectFilled(ImVec2(edge, at.y), ImVec2(gutter_x + width, at.y + h), l->top_frame ? kTopFrameLineColour : kOtherFrameLineColour);
   // The selection's part of this line.
   u32 start = tab->text.line_starts[line], stop = start + (u32)(end - begin);
   if (l->selection_begin < l->selection_end && l->selection_begin <= stop && l->selection_end >= start) {
@@ -159,33 +163,33 @@ static void DrawLine(const SourceTab *tab, const TabLayout *l, u32 line, ImVec2 
     u32 to = l->selection_end < stop ? l->selection_end - start : (u32)(end - begin) + 1;
     float x0 = text_x + ColumnOfByte(begin, end, from, l->tab) * l->char_width;
     float x1 = text_x + (ColumnOfByte(begin, end, to, l->tab) + (to > (u32)(end - begin) ? 1 : 0)) * l->char_width;
-    draw->AddRectFilled(ImVec2(x0, at.y), ImVec2(x1, at.y + h), kSelectionColour);
+    if (x0 < edge) x0 = edge;
+    if (x1 > x0) draw->AddRectFilled(ImVec2(x0, at.y), ImVec2(x1, at.y + h), kSelectionColour);
   }
   if (line == tab->cursor_line && ImGui::IsWindowFocused()) {
     float x = text_x + ColumnOfByte(begin, end, tab->cursor_column, l->tab) * l->char_width;
-    draw->AddLine(ImVec2(x, at.y), ImVec2(x, at.y + h), kCursorColour);
+    if (x >= edge) draw->AddLine(ImVec2(x, at.y), ImVec2(x, at.y + h), kCursorColour);
   }
-  // Gutter: the marker, the current-line arrow, the number.
+  // The text from the first column wholly right of the gutter on.
+  u32 first = scroll_x > 0 ? (u32)(scroll_x / l->char_width + 0.999f) : 0;
+  static char expanded[kExpandedCapacity];
+  u32 n = Expand(begin, end, first, l->tab, expanded, sizeof expanded);
+  draw->AddText(l->font, l->font_size, ImVec2(text_x + first * l->char_width, at.y), l->foreground, expanded, expanded + n);
+  // Gutter: its background over text that scrolled under it, the marker, the current-line arrow,
+  // the number.
+  if (scroll_x > 0) draw->AddRectFilled(ImVec2(gutter_x, at.y), ImVec2(edge, at.y + h), ImGui::GetColorU32(ImGuiCol_ChildBg));
   float radius = h * 0.32f;
-  ImVec2 centre(at.x + h * 0.5f, at.y + h * 0.5f);
+  ImVec2 centre(gutter_x + h * 0.5f, at.y + h * 0.5f);
   if (const Marker *m = MarkerOnLine(l->markers, l->marker_count, line)) DrawMarker(draw, centre, radius, m->kind);
   if (current) {
-    float x = at.x + h * 0.15f;
-    draw->AddTriangleFilled(ImVec2(x, at.y + h * 0.2f), ImVec2(x + h * 0.75f, at.y + h * 0.5f), ImVec2(x, at.y + h * 0.8f),
+    float x = gutter_x + h * 0.3f;  // inside a breakpoint's circle, whose rim stays visible
+    draw->AddTriangleFilled(ImVec2(x, at.y + h * 0.3f), ImVec2(x + h * 0.45f, at.y + h * 0.5f), ImVec2(x, at.y + h * 0.7f),
                             l->top_frame ? kTopFrameColour : kOtherFrameColour);
   }
   char number[16];
   int digits = snprintf(number, sizeof number, "%u", line + 1);
-  float number_x = at.x + l->gutter_width - (digits + 1) * l->char_width;
+  float number_x = edge - (digits + 1) * l->char_width;
   draw->AddText(l->font, l->font_size, ImVec2(number_x, at.y), kLineNumberColour, number, number + digits);
-  // The text from the first visible column on.
-  float scroll_x = ImGui::GetScrollX();
-  u32 first = scroll_x > 0 ? (u32)(scroll_x / l->char_width) : 0;
-  static char expanded[kExpandedCapacity];
-  u32 n = Expand(begin, end, first, l->tab, expanded, sizeof expanded);
-  draw->PushClipRect(ImVec2(text_x + scroll_x, at.y), ImVec2(at.x + width + scroll_x, at.y + h), true);
-  draw->AddText(l->font, l->font_size, ImVec2(text_x + first * l->char_width, at.y), l->foreground, expanded, expanded + n);
-  draw->PopClipRect();
 }
 
 // [SECTION] Mouse and keys
@@ -208,22 +212,6 @@ static void PlaceAt(const SourceTab *tab, const TabLayout *l, ImVec2 mouse, u32 
   SourceTextLine(&tab->text, row, &begin, &end);
   *line = row;
   *column = ByteOfColumn(begin, end, x <= 0 ? 0 : (u32)x, l->tab);
-}
-
-static bool IdentifierChar(char c) {
-  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_';
-}
-
-// The identifier around a byte column of a line: [*from, *to) in the line; false when none.
-static bool IdentifierAt(const char *begin, const char *end, u32 column, u32 *from, u32 *to) {
-  u32 length = (u32)(end - begin);
-  if (column >= length || !IdentifierChar(begin[column])) return false;
-  u32 a = column, b = column;
-  while (a > 0 && IdentifierChar(begin[a - 1])) a--;
-  while (b < length && IdentifierChar(begin[b])) b++;
-  *from = a;
-  *to = b;
-  return true;
 }
 
 static void CopySelection(const SourceTab *tab, const TabLayout *l) {
@@ -280,7 +268,7 @@ static void TakeKeys(AppState *app, SourceTab *tab, const TabLayout *l, SourceVi
 static void TakeMouse(AppState *app, SourceViewState *view, SourceViewRequests *r, SourceTab *tab, const TabLayout *l, s32 index) {
   ImVec2 mouse = ImGui::GetMousePos();
   bool hovered = ImGui::IsWindowHovered();
-  bool in_margin = mouse.x < l->origin.x + l->gutter_width;
+  bool in_margin = mouse.x < l->origin.x + ImGui::GetScrollX() + l->gutter_width;
   u32 line, column;
   PlaceAt(tab, l, mouse, &line, &column);
   if (hovered && ImGui::IsMouseClicked(ImGuiMouseButton_Left)) {
@@ -319,7 +307,7 @@ static void TakeMouse(AppState *app, SourceViewState *view, SourceViewRequests *
   const char *begin, *end;
   SourceTextLine(&tab->text, line, &begin, &end);
   u32 from, to;
-  if (!s->evaluate_on_hover || !hovered || in_margin || !IdentifierAt(begin, end, column, &from, &to)) {
+  if (!s->evaluate_on_hover || !hovered || in_margin || !SourceIdentifierAt(begin, end, column, &from, &to)) {
     if (view->hover_tab == index) view->hover_tab = -1;
     return;
   }

@@ -27,6 +27,14 @@ TEST(SourceText, LinesEndAtLineFeedsWithOrWithoutCarriageReturns) {
   EXPECT_EQ(Line(t, 3), "last");
   EXPECT_EQ(Line(t, 9), "");  // past the end: empty
   EXPECT_EQ(t.longest_line, 8u);
+  // The identifier under a column (what hover and Add Watch take).
+  const char *b, *e;
+  u32 from = 0, to = 0;
+  SourceTextLine(&t, 1, &b, &e);
+  EXPECT_TRUE(SourceIdentifierAt(b, e, 6, &from, &to));
+  EXPECT_EQ(std::string(b + from, b + to), "bb");
+  EXPECT_FALSE(SourceIdentifierAt(b, e, 7, &from, &to));  // ';'
+  EXPECT_FALSE(SourceIdentifierAt(b, e, 8, &from, &to));  // past the end
   EXPECT_EQ(SourceTextLineOfOffset(&t, 0), 0u);
   EXPECT_EQ(SourceTextLineOfOffset(&t, 7), 0u);  // the line feed belongs to its line
   EXPECT_EQ(SourceTextLineOfOffset(&t, 8), 1u);
