@@ -501,36 +501,11 @@ static void CarryOutPending(Program *program) {
   free(pending.path);
 }
 
-// What the source view asked for: breakpoints, run control, tabs, watches.
-static void CarryOutSourceRequests(Program *program) {
-  AppState *app = &program->app;
-  const SourceViewRequests *r = &program->frame.source_requests;
-  SourceTabs *tabs = &app->sources;
-  char path[kAppPathCapacity];
-  if (r->toggle_tab >= 0 && (u32)r->toggle_tab < tabs->count) {
-    if (r->toggle_breakpoint) DebuggingRemoveBreakpoint(app, r->toggle_breakpoint);
-    else DebuggingAddLineBreakpoint(app, tabs->tabs[r->toggle_tab]->path, r->toggle_line);
-  }
-  if (r->run_to_tab >= 0 && (u32)r->run_to_tab < tabs->count)
-    DebuggingRunToLine(app, tabs->tabs[r->run_to_tab]->path, r->run_to_line, r->run_to_reason, Wake, program);
-  if (r->set_next_tab >= 0 && (u32)r->set_next_tab < tabs->count) {
-    int result = DebuggingSetNextStatement(app, tabs->tabs[r->set_next_tab]->path, r->set_next_line);
-    if (result != 0) OutputAppendZ(&app->output, "Unable to set the next statement: no code at or after that line\n");
-  }
-  if (r->add_watch[0] && SessionAddWatchRow(&app->session, 0, r->add_watch, "") == kSessionOk) app->session.modified = 1;
-  if (r->close_others >= 0 && (u32)r->close_others < tabs->count) {
-    snprintf(path, sizeof path, "%s", tabs->tabs[r->close_others]->path);
-    for (u32 i = tabs->count; i-- > 0;)
-      if (!SourcePathsEqual(tabs->tabs[i]->path, path)) SourceFilesClose(app, tabs->tabs[i]->path);
-  } else if (r->close_tab >= 0 && (u32)r->close_tab < tabs->count) {
-    snprintf(path, sizeof path, "%s", tabs->tabs[r->close_tab]->path);
-    SourceFilesClose(app, path);
-  }
-  if (r->open_file && AskFilePath(program->window, kDialogOpenSource, path, sizeof path)) SourceFilesOpen(app, path, 0);
-}
-
 static void CarryOutRequests(Program *program) {
-  CarryOutSourceRequests(program);
+  char source[kAppPathCapacity];
+  if (program->frame.source_requests.open_file && AskFilePath(program->window, kDialogOpenSource, source, sizeof source))
+    SourceFilesOpen(&program->app, source, 0);
+  SourceFilesCarryOut(&program->app, &program->frame.source_requests, Wake, program);
   AppState *app = &program->app;
   const MainFrameRequests *r = &program->frame.requests;
   if (r->start_debugging) DebuggingStart(app, r->start_reason, Wake, program);
@@ -617,6 +592,7 @@ static void RebuildFonts(Program *program) {
 static void DrawFrame(Program *program) {
   if (!program->renderer.device) return;
   if (program->app.fonts_need_rebuild) RebuildFonts(program);
+  FrameProbeBuildStart(&program->probe);
   SourceFilesEachFrame(&program->app);
   ImGui_ImplWin32_NewFrame();
   ImGui::NewFrame();
@@ -624,6 +600,7 @@ static void DrawFrame(Program *program) {
   DrawMainFrame(&program->app, &program->frame);
   TestHookEndFrame();
   ImGui::Render();
+  FrameProbeBuildEnd(&program->probe);
   static const float kClear[4] = {0.10f, 0.10f, 0.11f, 1.0f};
   RendererDrawFrame(&program->renderer, ImGui::GetDrawData(), kClear);
   if (FrameProbeAfterFrame(&program->probe)) PostMessageW(program->window, WM_CLOSE, 0, 0);

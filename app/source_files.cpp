@@ -5,6 +5,7 @@
 #include <stdio.h>
 #include <string.h>
 
+#include "app/debugging.h"
 #include "engine/engine.h"
 #include "symbols/source_checksum.h"
 
@@ -158,6 +159,29 @@ void SourceFilesClose(AppState *app, const char *path) {
       app->session.modified = 1;
       break;
     }
+}
+
+void SourceFilesCarryOut(AppState *app, const SourceViewRequests *r, void (*wake)(void *), void *wake_user) {
+  SourceTabs *tabs = &app->sources;
+  char path[kAppPathCapacity];
+  if (r->toggle_tab >= 0 && (u32)r->toggle_tab < tabs->count) {
+    if (r->toggle_breakpoint) DebuggingRemoveBreakpoint(app, r->toggle_breakpoint);
+    else DebuggingAddLineBreakpoint(app, tabs->tabs[r->toggle_tab]->path, r->toggle_line);
+  }
+  if (r->run_to_tab >= 0 && (u32)r->run_to_tab < tabs->count)
+    DebuggingRunToLine(app, tabs->tabs[r->run_to_tab]->path, r->run_to_line, r->run_to_reason, wake, wake_user);
+  if (r->set_next_tab >= 0 && (u32)r->set_next_tab < tabs->count &&
+      DebuggingSetNextStatement(app, tabs->tabs[r->set_next_tab]->path, r->set_next_line) != kEngineOk)
+    OutputAppendZ(&app->output, "Unable to set the next statement: no code at or after that line\n");
+  if (r->add_watch[0] && SessionAddWatchRow(&app->session, 0, r->add_watch, "") == kSessionOk) app->session.modified = 1;
+  if (r->close_others >= 0 && (u32)r->close_others < tabs->count) {
+    snprintf(path, sizeof path, "%s", tabs->tabs[r->close_others]->path);
+    for (u32 i = tabs->count; i-- > 0;)
+      if (i < tabs->count && !SourcePathsEqual(tabs->tabs[i]->path, path)) SourceFilesClose(app, tabs->tabs[i]->path);
+  } else if (r->close_tab >= 0 && (u32)r->close_tab < tabs->count) {
+    snprintf(path, sizeof path, "%s", tabs->tabs[r->close_tab]->path);
+    SourceFilesClose(app, path);
+  }
 }
 
 void SourceFilesCloseAll(AppState *app) {

@@ -252,6 +252,12 @@ static void TakeKeys(AppState *app, SourceTab *tab, const TabLayout *l, SourceVi
   if (ImGui::IsKeyPressed(ImGuiKey_PageDown)) MoveCursor(tab, page_lines, io.KeyShift);
   if (io.KeyCtrl && ImGui::IsKeyPressed(ImGuiKey_Home)) MoveCursor(tab, -(s64)tab->text.line_count, io.KeyShift);
   if (io.KeyCtrl && ImGui::IsKeyPressed(ImGuiKey_End)) MoveCursor(tab, tab->text.line_count, io.KeyShift);
+  if (ImGui::IsKeyChordPressed(ImGuiKey_F9)) {  // a breakpoint on the cursor's line, or off again
+    const Marker *m = MarkerOnLine(l->markers, l->marker_count, tab->cursor_line);
+    r->toggle_tab = index;
+    r->toggle_line = tab->cursor_line + 1;
+    r->toggle_breakpoint = m ? m->id : 0;
+  }
   if (ImGui::IsKeyChordPressed(ImGuiMod_Ctrl | ImGuiKey_F10)) {
     r->run_to_tab = index;
     r->run_to_line = tab->cursor_line + 1;
@@ -267,7 +273,8 @@ static void TakeKeys(AppState *app, SourceTab *tab, const TabLayout *l, SourceVi
 // places the cursor (Shift extends the selection, a drag selects), the right button opens the menu.
 static void TakeMouse(AppState *app, SourceViewState *view, SourceViewRequests *r, SourceTab *tab, const TabLayout *l, s32 index) {
   ImVec2 mouse = ImGui::GetMousePos();
-  bool hovered = ImGui::IsWindowHovered();
+  // The text itself: not the child's scrollbars, which are items of their own.
+  bool hovered = ImGui::IsWindowHovered() && !ImGui::IsAnyItemHovered() && !ImGui::IsAnyItemActive();
   bool in_margin = mouse.x < l->origin.x + ImGui::GetScrollX() + l->gutter_width;
   u32 line, column;
   PlaceAt(tab, l, mouse, &line, &column);

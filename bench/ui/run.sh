@@ -43,7 +43,7 @@ for round in $(seq 1 "$rounds"); do
 done
 
 echo "UI benchmark: $rounds rounds, $frames frames measured, then $idle_ms ms idle; medians (load $(cut -d' ' -f1-3 /proc/loadavg))"
-printf '%-34s %16s %18s %18s %18s\n' "program" "first frame (ms)" "CPU per frame (us)" "CPU while idle (%)" "idle frames per s"
+printf '%-40s %16s %18s %20s %18s %18s\n' "program" "first frame (ms)" "CPU per frame (us)" "frame built in (us)" "CPU while idle (%)" "idle frames per s"
 for name in bare kestrune kestrune_output kestrune_source; do
   label=$name
   [ "$name" = kestrune_output ] && label="kestrune, $lines output lines"
@@ -52,9 +52,9 @@ for name in bare kestrune kestrune_output kestrune_source; do
 import statistics, sys
 rows = [dict(zip(l.split()[::2], map(float, l.split()[1::2]))) for l in open(sys.argv[1]) if l.strip() != "failed"]
 if not rows:
-    print("%-34s %s" % (sys.argv[2], "every run failed")); sys.exit()
+    print("%-40s %s" % (sys.argv[2], "every run failed")); sys.exit()
 m = lambda k: statistics.median(r[k] for r in rows)
-print("%-34s %16.1f %18.1f %18.1f %18.1f" % (sys.argv[2], m("first_frame_ms"), m("cpu_per_frame_us"),
-      m("idle_cpu_percent"), m("idle_frames_per_s")))
+print("%-40s %16.1f %18.1f %20.1f %18.1f %18.1f" % (sys.argv[2], m("first_frame_ms"), m("cpu_per_frame_us"),
+      m("build_per_frame_us"), m("idle_cpu_percent"), m("idle_frames_per_s")))
 PY
 done
