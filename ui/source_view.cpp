@@ -425,8 +425,10 @@ static void DrawTab(AppState *app, SourceViewState *view, SourceViewRequests *r,
   if (shown) {
     TextCaptureWindow(tab->title);
     if (ImGui::IsWindowFocused(ImGuiFocusedFlags_RootAndChildWindows)) app->sources.active = (s32)index;
-    if (tab->checksum == kChecksumDiffers)
+    if (tab->checksum == kChecksumDiffers) {
       ImGui::TextColored(ImVec4(1.0f, 0.8f, 0.2f, 1.0f), "Warning: source file on disk does not match checksum in symbol file");
+      if (TextCaptureActive()) ImGui::LogText("\n");
+    }
     DrawTabText(app, view, r, tab, (s32)index, font);
   }
   ImGui::End();
