@@ -204,7 +204,11 @@ void DebuggingAddLineBreakpoint(AppState *app, const char *path, u32 line) {
   if (SessionFindSourceLineBreakpoint(s, path, line) >= 0) return;
   if (SessionAddBreakpoint(s, kBreakpointSourceLine, path, line, 0, &index) != kSessionOk) return;
   s->modified = 1;
-  if (app->target && !g_awaiting_first_run) BindBreakpoint(app, s->breakpoints[index], app->debug_state == kDebugSuspended);
+  DebuggingBreakpointAdded(app, s->breakpoints[index]);
+}
+
+void DebuggingBreakpointAdded(AppState *app, Breakpoint *b) {
+  if (app->target && !g_awaiting_first_run) BindBreakpoint(app, b, app->debug_state == kDebugSuspended);
 }
 
 void DebuggingRemoveBreakpoint(AppState *app, u32 id) {

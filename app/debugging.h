@@ -28,6 +28,9 @@ bool DebuggingAwaitingFirstRun(const AppState *app);
 // while a target runs, given to the engine at once; removed from both.
 void DebuggingAddLineBreakpoint(AppState *app, const char *path, u32 line);
 void DebuggingRemoveBreakpoint(AppState *app, u32 id);
+// A breakpoint just added to the session (complete, with its condition): given to the engine at
+// once while a target runs (a launch not yet let run binds it with the others).
+void DebuggingBreakpointAdded(AppState *app, Breakpoint *breakpoint);
 // Runs the target to the first line with code at or after line (1-based) of the file; with nothing
 // running, launches the session's program and runs it there (or plainly, when no module has the
 // line when the launch first runs).

@@ -343,6 +343,7 @@ static void ActionAddFunctionBreakpoint(void *user, const char *name, const char
   if (SessionAddBreakpoint(s, kBreakpointFunction, name, 0, 0, &index) != kSessionOk) return;
   if (condition) TextReplace(&s->breakpoints[index]->condition, condition);
   s->modified = 1;
+  DebuggingBreakpointAdded(&((Program *)user)->app, s->breakpoints[index]);
 }
 
 // The engine's record of a breakpoint that leaves the session goes with it.

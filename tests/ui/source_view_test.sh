@@ -2,7 +2,8 @@
 # The source view as a user and an editor drive it: the demo's source opened through the command
 # channel in a tab of its own, a breakpoint set by a click in the margin, F5 stopping there with the
 # current line shown, Run to Cursor from the context menu, the channel's continue-execution and
-# run-to-cursor, a stop in a file whose tab was closed opening it again, Find and Go to Line, a file
+# run-to-cursor, a stop in a file whose tab was closed opening it again, the caller's frame picked in
+# the call stack marking its line, Find and Go to Line, a file
 # changed on disk reloaded in its tab, and the session's open files and breakpoint back after a restart.
 # usage: source_view_test.sh WINE_RUN KESTRUNE_EXE DEMO_EXE SOURCE_DIR OUT_DIR
 set -u
@@ -68,6 +69,18 @@ forward continue-execution
 wait_for reopened-at-stop "[window demo.cpp###002]"
 expect reopened-at-stop "current line $step_line (top frame)"
 
+# A stop in StepParticles opens particles.cpp; the caller's frame picked in the call stack brings
+# demo.cpp back to the front with the call's line marked as the selected frame's.
+forward add-breakpoint-at-function StepParticles
+forward continue-execution
+wait_for in-callee "[window particles.cpp###003]"
+expect in-callee "(top frame)"
+click_until callstack 815 223 1 "| demo.exe | Simulate() Ln $step_line"
+xdotool mousemove --window "$window" 800 284 click 1
+wait_for caller-frame "current line $step_line (selected frame)"
+forward remove-breakpoint-at-function StepParticles
+forward close-file "$(grep -m1 -o '^file .*particles.cpp' "$out/dumps/in-callee.txt" | cut -c6-)"
+
 # Find: "interlockedincrement" ignores case and finds InterlockedIncrement; Go to Line moves the cursor.
 press_until find "[window Find in File]" ctrl+f
 xdotool type --delay 40 "interlockedincrement"
@@ -88,7 +101,7 @@ expect_not stopped "current line"
 # A file changed on disk is read again, in its own tab beside the first.
 printf 'int a;\nint b;\n' > "$out/changed.c"
 forward open-file "Z:$out/changed.c"
-wait_for second-tab "[window changed.c###003]"
+wait_for second-tab "[window changed.c###004]"
 expect second-tab "(3 lines)"  # the empty line after the last line end counts
 printf 'int c;\n' >> "$out/changed.c"
 wait_for reloaded "(4 lines)"
