@@ -49,8 +49,7 @@ static void WatchClose(SourceTab *tab) {
 
 // Tested without waiting; when signalled, re-armed and the file reloaded if its write time moved.
 // A file that cannot be read keeps its old text.
-static void WatchPoll(SourceTab *tab) {
-  if (!tab->watch || WaitForSingleObject((HANDLE)tab->watch, 0) != WAIT_OBJECT_0) return;
+static void WatchSignalled(SourceTab *tab) {
   FindNextChangeNotification((HANDLE)tab->watch);
   u64 written = LastWriteTime(tab->path);
   if (!written || written == tab->last_write_time) return;
@@ -61,6 +60,31 @@ static void WatchPoll(SourceTab *tab) {
   if (tab->cursor_line >= tab->text.line_count) tab->cursor_line = tab->text.line_count - 1;
   tab->anchor_line = tab->cursor_line;
   tab->anchor_column = tab->cursor_column = 0;
+}
+
+// Every watch tested with one wait per 64 tabs (each wait is a round trip to the system; under Wine
+// one to its server), not one per tab; each signalled one is handled and the rest tested again.
+static void PollWatches(AppState *app) {
+  enum { kWaitMax = MAXIMUM_WAIT_OBJECTS };
+  for (u32 first = 0; first < app->sources.count; first += kWaitMax) {
+    HANDLE handles[kWaitMax];
+    SourceTab *owners[kWaitMax];
+    u32 n = 0;
+    for (u32 i = first; i < app->sources.count && i < first + kWaitMax; i++)
+      if (app->sources.tabs[i]->watch) {
+        owners[n] = app->sources.tabs[i];
+        handles[n] = (HANDLE)owners[n]->watch;
+        n++;
+      }
+    while (n) {
+      DWORD hit = WaitForMultipleObjects(n, handles, FALSE, 0);
+      if (hit >= WAIT_OBJECT_0 + n) break;
+      u32 i = hit - WAIT_OBJECT_0;
+      WatchSignalled(owners[i]);
+      handles[i] = handles[n - 1];
+      owners[i] = owners[--n];
+    }
+  }
 }
 
 // [SECTION] Tabs and the session
@@ -267,6 +291,6 @@ static void FollowStop(AppState *app) {
 
 void SourceFilesEachFrame(AppState *app) {
   FollowSession(app);
-  for (u32 i = 0; i < app->sources.count; i++) WatchPoll(app->sources.tabs[i]);
+  PollWatches(app);
   FollowStop(app);
 }
