@@ -8,6 +8,7 @@ void AppStateInit(AppState *app) {
   memset(app, 0, sizeof(*app));
   SessionInit(&app->session);
   SettingsInitDefaults(&app->settings);
+  SourceTabsInit(&app->sources);
   app->first_run_layout = 1;
   app->placement.x = app->placement.y = kSettingsUseDefault;
   app->placement.width = app->placement.height = kSettingsUseDefault;
@@ -16,6 +17,7 @@ void AppStateInit(AppState *app) {
 
 void AppStateFree(AppState *app) {
   SessionFree(&app->session);
+  SourceTabsFree(&app->sources);
   AppStateClearPending(app);
   free(app->output.text);
   memset(&app->output, 0, sizeof(app->output));

@@ -5,6 +5,7 @@
 #pragma once
 #include "base/types.h"
 #include "app/session.h"
+#include "app/source_tabs.h"
 #include "app/settings.h"
 
 enum { kAppPathCapacity = 260, kAppIniPathCapacity = 280, kAppTitleCapacity = 300 };
@@ -59,6 +60,16 @@ typedef struct AppState {
   u32 run_started_by;        // the StopReason code of the action that started the current run
   u8 has_run;                // a process has run and exited since start-up
   u32 last_exit_code;
+
+  u32 run_serial;             // counts the runs started
+  u32 stop_serial;            // counts the stops the windows were told of
+  // Where the stopped target stands, for the source view: the selected frame's file as its symbols
+  // name it and its 1-based line (0: no line known, or not stopped); whether that frame is the top.
+  char location_file[kAppPathCapacity];
+  u32 location_line;
+  u8 location_top_frame;
+
+  SourceTabs sources;         // the source view's open files (the session lists their paths)
 
   PendingAction pending;
   u8 quit_when_target_exits;  // "-q"

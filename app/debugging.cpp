@@ -16,6 +16,9 @@ static bool g_first_run_to_entry;  // the launch was begun by a step: its first 
 // An attach stops first at its break-in; that stop is the attach's own, not one of the user's.
 static bool g_awaiting_break_in;
 static bool g_continue_after_break_in;
+// A run to a line asked for with nothing running: the launch's first run goes there.
+static char g_first_run_to_path[kSessionPathCapacity];
+static u32 g_first_run_to_line;
 
 int DebuggingStart(AppState *app, u32 reason, void (*wake)(void *), void *wake_user) {
   TargetCommand *t = SessionCurrentTarget(&app->session);
@@ -48,7 +51,9 @@ int DebuggingStart(AppState *app, u32 reason, void (*wake)(void *), void *wake_u
   app->debug_state = kDebugRunning;  // the menus of the next frame already show it running
   app->stop_reason = reason;
   app->run_started_by = reason;
+  app->run_serial++;
   g_awaiting_first_run = true;
+  g_first_run_to_line = 0;
   return kEngineOk;
 }
 
@@ -142,35 +147,108 @@ static void RunEnded(AppState *app, u32 exit_code) {
 static void Stopped(AppState *app, u32 reason) {
   app->debug_state = kDebugSuspended;
   app->stop_reason = reason;
+  app->stop_serial++;
+}
+
+// The engine's record was bound (or lost its binding) after it was given: the session's
+// breakpoint that holds it shows the new state and the line it stops at.
+static void BindingChanged(AppState *app, const EngineEvent *e, bool bound) {
+  Session *session = &app->session;
+  for (u32 i = 0; i < session->breakpoint_count; i++) {
+    Breakpoint *b = session->breakpoints[i];
+    if (!b->runtime.location || (void *)b->runtime.location != e->breakpoint.location_record) continue;
+    b->runtime.state = bound ? kBreakpointStateBound : kBreakpointStatePending;
+    b->runtime.bound_line = bound ? e->breakpoint.location.line : 0;
+    b->runtime.bound_address = bound ? e->breakpoint.address : 0;
+    return;
+  }
 }
 
 // The session's breakpoints given to the engine as the run starts: each binds where a loaded
 // module has its place, or stays pending until one loads. Processor breakpoints wait for the
 // evaluator (their address is an expression); disabled ones are not given.
+// One breakpoint of the session given to the engine. At a stop the engine binds it at once; while
+// the target runs the request is queued and the binding reports itself (kind 8).
+static void BindBreakpoint(AppState *app, Breakpoint *b, bool at_stop) {
+  if (!b->enabled || b->kind == kBreakpointProcessor || b->runtime.location) return;
+  BreakpointWanted wanted = {};
+  wanted.kind = b->kind;
+  wanted.place = b->place;
+  wanted.line = b->line;
+  wanted.address = b->address;
+  wanted.condition = b->condition;
+  BreakpointLocation *location = nullptr;
+  EngineResult result = EngineAddBreakpoint(app->target, &wanted, &location);
+  if ((result != kEngineOk && result != kEngineParseError) || !location) {
+    char line[96];
+    snprintf(line, sizeof line, "Unable to set breakpoint %u (result %d)\n", b->id, (int)result);
+    OutputAppendZ(&app->output, line);
+    return;
+  }
+  b->runtime.location = location;
+  b->runtime.state = !at_stop ? kBreakpointStatePending : location->module ? kBreakpointStateBound : kBreakpointStatePending;
+  if (at_stop && location->module) b->runtime.bound_line = location->location.line;
+  b->runtime.condition_parse_failed = result == kEngineParseError;
+  if (result == kEngineParseError)
+    snprintf(b->runtime.condition_error, sizeof b->runtime.condition_error, "%s", "The condition does not parse");
+}
+
 static void BindSessionBreakpoints(AppState *app) {
   Session *session = &app->session;
-  for (u32 i = 0; i < session->breakpoint_count; i++) {
-    Breakpoint *b = session->breakpoints[i];
-    if (!b->enabled || b->kind == kBreakpointProcessor || b->runtime.location) continue;
-    BreakpointWanted wanted = {};
-    wanted.kind = b->kind;
-    wanted.place = b->place;
-    wanted.line = b->line;
-    wanted.address = b->address;
-    wanted.condition = b->condition;
-    BreakpointLocation *location = nullptr;
-    EngineResult result = EngineAddBreakpoint(app->target, &wanted, &location);
-    if ((result != kEngineOk && result != kEngineParseError) || !location) {
-      char line[96];
-      snprintf(line, sizeof line, "Unable to set breakpoint %u (result %d)\n", b->id, (int)result);
-      OutputAppendZ(&app->output, line);
-      continue;
-    }
-    b->runtime.location = location;
-    b->runtime.state = location->module ? kBreakpointStateBound : kBreakpointStatePending;
-    if (result == kEngineParseError)
-      snprintf(b->runtime.condition_error, sizeof b->runtime.condition_error, "%s", "The condition does not parse");
+  for (u32 i = 0; i < session->breakpoint_count; i++) BindBreakpoint(app, session->breakpoints[i], true);
+}
+
+void DebuggingAddLineBreakpoint(AppState *app, const char *path, u32 line) {
+  Session *s = &app->session;
+  u32 index;
+  if (SessionFindSourceLineBreakpoint(s, path, line) >= 0) return;
+  if (SessionAddBreakpoint(s, kBreakpointSourceLine, path, line, 0, &index) != kSessionOk) return;
+  s->modified = 1;
+  DebuggingBreakpointAdded(app, s->breakpoints[index]);
+}
+
+void DebuggingBreakpointAdded(AppState *app, Breakpoint *b) {
+  if (app->target && !g_awaiting_first_run) BindBreakpoint(app, b, app->debug_state == kDebugSuspended);
+}
+
+void DebuggingRemoveBreakpoint(AppState *app, u32 id) {
+  Session *s = &app->session;
+  for (u32 i = 0; i < s->breakpoint_count; i++) {
+    Breakpoint *b = s->breakpoints[i];
+    if (b->id != id) continue;
+    if (app->target && b->runtime.location) (void)EngineRemoveBreakpoint(app->target, b->runtime.location);
+    if (SessionRemoveBreakpoint(s, i) == kSessionOk) s->modified = 1;
+    return;
   }
+}
+
+int DebuggingRunToLine(AppState *app, const char *path, u32 line, u32 reason, void (*wake)(void *), void *wake_user) {
+  if (!app->target) {
+    int result = DebuggingStart(app, reason, wake, wake_user);
+    if (result == kEngineOk) {
+      snprintf(g_first_run_to_path, sizeof g_first_run_to_path, "%s", path);
+      g_first_run_to_line = line;
+    }
+    return result;
+  }
+  if (app->debug_state != kDebugSuspended) return kEngineNotSuspended;
+  int result = EngineRunToLine(app->target, path, line);
+  if (result == kEngineOk) {
+    app->debug_state = kDebugRunning;
+    app->stop_reason = reason;
+    app->run_started_by = reason;
+  }
+  return result;
+}
+
+int DebuggingSetNextStatement(AppState *app, const char *path, u32 line) {
+  if (!app->target || app->debug_state != kDebugSuspended) return kEngineNotSuspended;
+  int result = EngineSetNextStatement(app->target, path, line);
+  if (result == kEngineOk) {
+    app->stop_reason = kStopReasonNextStatement;
+    app->stop_serial++;
+  }
+  return result;
 }
 
 bool DebuggingDrainEvents(AppState *app) {
@@ -180,8 +258,14 @@ bool DebuggingDrainEvents(AppState *app) {
     BindSessionBreakpoints(app);
     const TargetCommand *command = SessionCurrentTarget(&app->session);
     bool nominal = !command || command->halt_at_nominal_entry;
-    EngineResult first = g_first_run_to_entry ? EngineRunToEntry(app->target, nominal) : EngineRun(app->target);
-    if (first == kEngineOk) g_awaiting_first_run = g_first_run_to_entry = false;
+    EngineResult first = kEngineNoLineCode;
+    if (g_first_run_to_line) first = EngineRunToLine(app->target, g_first_run_to_path, g_first_run_to_line);
+    if (first == kEngineNoLineCode)
+      first = g_first_run_to_entry ? EngineRunToEntry(app->target, nominal) : EngineRun(app->target);
+    if (first == kEngineOk) {
+      g_awaiting_first_run = g_first_run_to_entry = false;
+      g_first_run_to_line = 0;
+    }
   }
   OutputOptions options = {app->settings.show_module_load, app->settings.show_module_unload,
                            app->settings.show_thread_exit, app->settings.show_process_exit};
@@ -204,6 +288,7 @@ bool DebuggingDrainEvents(AppState *app) {
         }
         u32 reason = StopReasonOfEngineStop(e.stopped.reason, app->run_started_by);
         if (reason != kStopReasonNone) Stopped(app, reason);
+        else app->stop_serial++;  // a refresh (frame selected, registers written): the place may have moved
         break;
       }
       case kEventException:
@@ -214,6 +299,12 @@ bool DebuggingDrainEvents(AppState *app) {
         break;
       case kEventProcessorBreakpointHit:
         Stopped(app, kStopReasonProcessorBreakpoint);
+        break;
+      case kEventBreakpointBound:
+        BindingChanged(app, &e, true);
+        break;
+      case kEventBreakpointLost:
+        BindingChanged(app, &e, false);
         break;
       case kEventModuleUnloaded:
         TargetModuleRelease(app->target, e.module.module);

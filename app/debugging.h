@@ -26,6 +26,19 @@ bool DebuggingDrainEvents(AppState *app);
 bool DebuggingAwaitingFirstRun(const AppState *app);
 // The module's symbols from the PDB the user picked (at a stop).
 void DebuggingReloadSymbols(AppState *app, struct TargetModule *module, const char *pdb_path);
+// Source-line breakpoints from the source view and the command channel: added to the session and,
+// while a target runs, given to the engine at once; removed from both.
+void DebuggingAddLineBreakpoint(AppState *app, const char *path, u32 line);
+void DebuggingRemoveBreakpoint(AppState *app, u32 id);
+// A breakpoint just added to the session (complete, with its condition): given to the engine at
+// once while a target runs (a launch not yet let run binds it with the others).
+void DebuggingBreakpointAdded(AppState *app, Breakpoint *breakpoint);
+// Runs the target to the first line with code at or after line (1-based) of the file; with nothing
+// running, launches the session's program and runs it there (or plainly, when no module has the
+// line when the launch first runs).
+int DebuggingRunToLine(AppState *app, const char *path, u32 line, u32 reason, void (*wake)(void *), void *wake_user);
+// Moves the current thread to the line at a stop.
+int DebuggingSetNextStatement(AppState *app, const char *path, u32 line);
 // Carries out what the call stack and threads windows asked for in the frame (at a stop; the
 // engine's operations take the model lock themselves, so this runs after the frame).
 void DebuggingCarryOutTargetRequests(AppState *app, const TargetWindowRequests *requests);

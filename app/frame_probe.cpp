@@ -38,6 +38,20 @@ bool FrameProbeInit(FrameProbe *probe) {
 
 u32 FrameProbeOutputLines() { return EnvironmentNumber("KTRN_BENCH_OUTPUT_LINES"); }
 
+bool FrameProbeSourceFile(char *out, u32 capacity) {
+  DWORD length = GetEnvironmentVariableA("KTRN_BENCH_SOURCE", out, capacity);
+  return length && length < capacity;
+}
+
+void FrameProbeBuildStart(FrameProbe *probe) {
+  if (probe->frames_wanted) probe->build_started_us = NowUs();
+}
+
+void FrameProbeBuildEnd(FrameProbe *probe) {
+  if (probe->frames_wanted && probe->frames_drawn >= 1 && probe->frames_drawn <= probe->frames_wanted)
+    probe->build_us += NowUs() - probe->build_started_us;
+}
+
 bool FrameProbeAfterFrame(FrameProbe *probe) {
   if (!probe->frames_wanted) return false;
   u64 created = 0, cpu = 0, now = NowUs();
@@ -57,8 +71,9 @@ bool FrameProbeAfterFrame(FrameProbe *probe) {
   double idle_wall = (double)(now - probe->wall_after_frames_us);
   FILE *out = fopen(probe->out_path, "w");
   if (out) {
-    fprintf(out, "first_frame_ms %.1f cpu_per_frame_us %.1f idle_cpu_percent %.1f idle_frames_per_s %.1f\n",
+    fprintf(out, "first_frame_ms %.1f cpu_per_frame_us %.1f build_per_frame_us %.1f idle_cpu_percent %.1f idle_frames_per_s %.1f\n",
             probe->first_frame_us / 1000.0, (probe->cpu_after_frames_us - probe->cpu_at_first_frame_us) / frames,
+            probe->build_us / frames,
             100.0 * (double)(cpu - probe->cpu_after_frames_us) / idle_wall,
             (probe->frames_drawn - probe->frames_wanted - 1) * 1e6 / idle_wall);
     fclose(out);

@@ -14,6 +14,8 @@ struct FrameProbe {
   u64 cpu_at_first_frame_us;
   u64 cpu_after_frames_us;
   u64 wall_after_frames_us;
+  u64 build_started_us;   // FrameProbeBuildStart of the frame being built
+  u64 build_us;           // the measured frames' time from NewFrame to Render, summed
   char out_path[260];
 };
 
@@ -21,5 +23,12 @@ struct FrameProbe {
 bool FrameProbeInit(FrameProbe *probe);
 // The number of output lines to fill in before measuring (KTRN_BENCH_OUTPUT_LINES), 0 when unset.
 u32 FrameProbeOutputLines();
+// A source file to open in a tab and scroll through, a page a frame (KTRN_BENCH_SOURCE); false when
+// unset.
+bool FrameProbeSourceFile(char *out, u32 capacity);
+// Around the building of a frame (Dear ImGui's NewFrame to Render, the program's own work without
+// the renderer's): reported as build_per_frame_us.
+void FrameProbeBuildStart(FrameProbe *probe);
+void FrameProbeBuildEnd(FrameProbe *probe);
 // After every presented frame; true once the results are written and the program should quit.
 bool FrameProbeAfterFrame(FrameProbe *probe);

@@ -31,9 +31,11 @@
 #include "app/frame_probe.h"
 #include "app/renderer_d3d11.h"
 #include "app/shell_win32.h"
+#include "app/source_files.h"
 #include "app/test_hook.h"
 #include "app/saved_layouts.h"
 #include "app/session_file.h"
+#include "engine/engine.h"
 #include "engine/process_list.h"
 #include "ui/main_frame.h"
 #include "ui/stop_reason.h"
@@ -193,6 +195,7 @@ static bool OpenSession(AppState *app, const char *path) {
   SessionReadHooks hooks = {};
   hooks.user = app;
   hooks.output = ReportUnopened;
+  hooks.open_source_file = SourceFilesOpenForSession;
   u32 sections = 0;
   u64 unread = 0;
   int result = SessionReadFile(&app->session, path, &hooks, &app->settings.recent_files, &sections, &unread);
@@ -315,30 +318,23 @@ static void ActionAttach(void *user, u32 process_id, bool let_run) {
   AttachOrPark(program, process_id, let_run);
 }
 
-static void ActionOpenFile(void *user, const char *path, u32) {
-  Session *s = &((Program *)user)->app.session;
-  for (u32 i = 0; i < s->source_file_count; i++)
-    if (TextEqualNoCase(s->source_files[i], path)) return;
-  if (SessionAddSourceFile(s, path) == kSessionOk) s->modified = 1;
-}
+static void ActionOpenFile(void *user, const char *path, u32 line) { SourceFilesOpen(&((Program *)user)->app, path, line); }
 
-static void ActionCloseFile(void *user, const char *path) {
-  Session *s = &((Program *)user)->app.session;
-  if (SessionRemoveSourceFile(s, path) == kSessionOk) s->modified = 1;
-}
+static void ActionCloseFile(void *user, const char *path) { SourceFilesClose(&((Program *)user)->app, path); }
 
 static void ActionAddFileBreakpoint(void *user, const char *path, u32 line) {
-  Session *s = &((Program *)user)->app.session;
-  u32 index;
-  if (SessionFindSourceLineBreakpoint(s, path, line) < 0 &&
-      SessionAddBreakpoint(s, kBreakpointSourceLine, path, line, 0, &index) == kSessionOk)
-    s->modified = 1;
+  DebuggingAddLineBreakpoint(&((Program *)user)->app, path, line);
 }
 
 static void ActionRemoveFileBreakpoint(void *user, const char *path, u32 line) {
-  Session *s = &((Program *)user)->app.session;
-  s32 index = SessionFindSourceLineBreakpoint(s, path, line);
-  if (index >= 0 && SessionRemoveBreakpoint(s, (u32)index) == kSessionOk) s->modified = 1;
+  AppState *app = &((Program *)user)->app;
+  s32 index = SessionFindSourceLineBreakpoint(&app->session, path, line);
+  if (index >= 0) DebuggingRemoveBreakpoint(app, app->session.breakpoints[index]->id);
+}
+
+static void ActionRunToCursor(void *user, const char *path, u32 line) {
+  Program *program = (Program *)user;
+  if (program->window) DebuggingRunToLine(&program->app, path, line, kStopReasonRunToCursorMenu, Wake, program);
 }
 
 static void ActionAddFunctionBreakpoint(void *user, const char *name, const char *condition) {
@@ -347,11 +343,18 @@ static void ActionAddFunctionBreakpoint(void *user, const char *name, const char
   if (SessionAddBreakpoint(s, kBreakpointFunction, name, 0, 0, &index) != kSessionOk) return;
   if (condition) TextReplace(&s->breakpoints[index]->condition, condition);
   s->modified = 1;
+  DebuggingBreakpointAdded(&((Program *)user)->app, s->breakpoints[index]);
+}
+
+// The engine's record of a breakpoint that leaves the session goes with it.
+static void ForgetEngineBreakpoint(void *user, const Breakpoint *breakpoint) {
+  AppState *app = (AppState *)user;
+  if (app->target && breakpoint->runtime.location) (void)EngineRemoveBreakpoint(app->target, breakpoint->runtime.location);
 }
 
 static void ActionRemoveFunctionBreakpoints(void *user, const char *name) {
-  Session *s = &((Program *)user)->app.session;
-  if (SessionRemoveFunctionBreakpoints(s, name, nullptr, nullptr)) s->modified = 1;
+  AppState *app = &((Program *)user)->app;
+  if (SessionRemoveFunctionBreakpoints(&app->session, name, ForgetEngineBreakpoint, app)) app->session.modified = 1;
 }
 
 static void ActionStartDebugging(void *user, bool) {
@@ -379,9 +382,8 @@ static void ActionContinue(void *user) {
 }
 
 static void ActionRemoveAllBreakpoints(void *user) {
-  Session *s = &((Program *)user)->app.session;
-  if (s->breakpoint_count) s->modified = 1;
-  while (s->breakpoint_count) SessionRemoveBreakpoint(s, s->breakpoint_count - 1);
+  AppState *app = &((Program *)user)->app;
+  while (app->session.breakpoint_count) DebuggingRemoveBreakpoint(app, app->session.breakpoints[app->session.breakpoint_count - 1]->id);
 }
 
 static CommandActions ProgramActions(Program *program) {
@@ -394,15 +396,13 @@ static CommandActions ProgramActions(Program *program) {
   a.continue_execution = ActionContinue;
   a.remove_all_breakpoints = ActionRemoveAllBreakpoints;
   a.attach_to_process = ActionAttach;
-  // The source view and the breakpoints window show these once they are built; today they change
-  // the session's open files and breakpoints, which the session file keeps.
   a.open_file = ActionOpenFile;
   a.close_file = ActionCloseFile;
   a.add_breakpoint_at_file = ActionAddFileBreakpoint;
   a.remove_breakpoint_at_file = ActionRemoveFileBreakpoint;
   a.add_breakpoint_at_function = ActionAddFunctionBreakpoint;
   a.remove_breakpoint_at_function = ActionRemoveFunctionBreakpoints;
-  // run-to-cursor waits for stepping.
+  a.run_to_cursor = ActionRunToCursor;
   return a;
 }
 
@@ -503,6 +503,10 @@ static void CarryOutPending(Program *program) {
 }
 
 static void CarryOutRequests(Program *program) {
+  char source[kAppPathCapacity];
+  if (program->frame.source_requests.open_file && AskFilePath(program->window, kDialogOpenSource, source, sizeof source))
+    SourceFilesOpen(&program->app, source, 0);
+  SourceFilesCarryOut(&program->app, &program->frame.source_requests, Wake, program);
   AppState *app = &program->app;
   const MainFrameRequests *r = &program->frame.requests;
   if (r->start_debugging) DebuggingStart(app, r->start_reason, Wake, program);
@@ -593,15 +597,22 @@ static void RebuildFonts(Program *program) {
 static void DrawFrame(Program *program) {
   if (!program->renderer.device) return;
   if (program->app.fonts_need_rebuild) RebuildFonts(program);
+  FrameProbeBuildStart(&program->probe);
+  SourceFilesEachFrame(&program->app);
   ImGui_ImplWin32_NewFrame();
   ImGui::NewFrame();
   TestHookBeginFrame();
   DrawMainFrame(&program->app, &program->frame);
   TestHookEndFrame();
   ImGui::Render();
+  FrameProbeBuildEnd(&program->probe);
   static const float kClear[4] = {0.10f, 0.10f, 0.11f, 1.0f};
   RendererDrawFrame(&program->renderer, ImGui::GetDrawData(), kClear);
   if (FrameProbeAfterFrame(&program->probe)) PostMessageW(program->window, WM_CLOSE, 0, 0);
+  if (program->probe.frames_wanted && program->app.sources.count) {  // the benchmark's source: a page further
+    SourceTab *tab = program->app.sources.tabs[0];
+    tab->scroll_to_line = (s32)((program->probe.frames_drawn * 60u) % tab->text.line_count);
+  }
   CarryOutRequests(program);
   AppState *app = &program->app;
   // The engine's events of this frame, then what waited for the run to end.
@@ -812,6 +823,8 @@ int WINAPI wWinMain(HINSTANCE instance, HINSTANCE, PWSTR, int show_command) {
       int length = snprintf(line, sizeof line, "second %u: %u particles, energy %u.%u\n", i, i % 200, i * 7, i % 10);
       OutputAppend(&app->output, line, (u64)length);
     }
+    char source[kAppPathCapacity];
+    if (FrameProbeSourceFile(source, sizeof source)) SourceFilesOpen(app, source, 1);
     SetTimer(program->window, kBenchTimer, 500, nullptr);
   }
   if (app->start_when_shown) DebuggingStart(app, 5, Wake, program);
@@ -858,6 +871,7 @@ int WINAPI wWinMain(HINSTANCE instance, HINSTANCE, PWSTR, int show_command) {
   ImGui::DestroyContext();  // writes the ini file
   DestroyWindow(program->window);
   UnregisterClassW(kWindowClassName, instance);
+  SourceFilesCloseAll(app);
   AppStateFree(app);
   free(program->processes);
   if (wide_argv) LocalFree(wide_argv);

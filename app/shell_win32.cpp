@@ -19,12 +19,22 @@ bool AskFilePath(void *owner, FileDialog kind, char *out, u32 capacity) {
   wchar_t file[MAX_PATH] = L"";
   OPENFILENAMEW ofn = {sizeof ofn};
   ofn.hwndOwner = (HWND)owner;
-  ofn.lpstrFilter = kind == kDialogOpenProgram   ? L"Programs (*.exe)\0*.exe\0All files (*.*)\0*.*\0"
-                    : kind == kDialogOpenSymbols ? L"Program databases (*.pdb)\0*.pdb\0All files (*.*)\0*.*\0"
-                                                 : L"Kestrune session (*.ktrn)\0*.ktrn\0";
+  // The filter and default extension of each kind, in FileDialog order.
+  static const struct {
+    const wchar_t *filter;
+    const wchar_t *extension;
+  } kKinds[] = {
+      {L"Kestrune session (*.ktrn)\0*.ktrn\0", L"ktrn"},
+      {L"Kestrune session (*.ktrn)\0*.ktrn\0", L"ktrn"},
+      {L"Programs (*.exe)\0*.exe\0All files (*.*)\0*.*\0", L"exe"},
+      {L"Program databases (*.pdb)\0*.pdb\0All files (*.*)\0*.*\0", L"pdb"},
+      {L"Sources (*.c;*.cpp;*.cc;*.cxx;*.h;*.hpp;*.inl)\0*.c;*.cpp;*.cc;*.cxx;*.h;*.hpp;*.inl\0All files (*.*)\0*.*\0",
+       nullptr},
+  };
+  ofn.lpstrFilter = kKinds[kind].filter;
   ofn.lpstrFile = file;
   ofn.nMaxFile = MAX_PATH;
-  ofn.lpstrDefExt = kind == kDialogOpenProgram ? L"exe" : kind == kDialogOpenSymbols ? L"pdb" : L"ktrn";
+  ofn.lpstrDefExt = kKinds[kind].extension;
   BOOL chosen;
   if (kind == kDialogSaveSession) {
     ofn.Flags = OFN_OVERWRITEPROMPT | OFN_PATHMUSTEXIST;

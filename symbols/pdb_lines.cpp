@@ -53,10 +53,19 @@ static void InsertSourceFile(PdbSourceFileTable *files, const char *name, u32 na
   files->used++;
 }
 
-u32 PdbFindSourceFile(const PdbSourceFileTable *files, const char *path) {
-  if (!files->capacity) return 0;
+static u32 FindSourceFileAsSpelled(const PdbSourceFileTable *files, const char *path) {
   u32 slot = SourceFileSlotOf(files, path, PdbSourceFileHash(path, strlen(path)));
   return slot < files->capacity && files->name_hashes[slot] ? (u32)files->name_offsets[slot] : 0;
+}
+
+// A program built on a Unix machine names its sources by rooted paths without a drive; Wine shows
+// that root as a drive, so "Z:\src\a.c" is looked for as "\src\a.c" when the drive form is not there.
+u32 PdbFindSourceFile(const PdbSourceFileTable *files, const char *path) {
+  if (!files->capacity) return 0;
+  u32 found = FindSourceFileAsSpelled(files, path);
+  bool drive = ((path[0] | 0x20) >= 'a' && (path[0] | 0x20) <= 'z') && path[1] == ':' && (path[2] == '\\' || path[2] == '/');
+  if (!found && drive) found = FindSourceFileAsSpelled(files, path + 2);
+  return found;
 }
 
 u32 PdbLineFileOffset(const PdbLineEntry *entry) { return entry->file ? ReadU32(entry->file) : 0; }

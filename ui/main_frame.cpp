@@ -288,10 +288,14 @@ static void DrawMenuBar(AppState *app, MainFrameState *state) {
   if (!ImGui::BeginMainMenuBar()) return;
   TextCaptureWindow("menu bar");
   DrawSessionMenu(app, state);
-  if (ImGui::BeginMenu("Source File")) {  // the source view comes later
-    ImGui::MenuItem("Open", "Ctrl-O", false, false);
-    ImGui::MenuItem("Find", "Ctrl+F", false, false);
-    ImGui::MenuItem("Goto Line", "Ctrl+G", false, false);
+  if (ImGui::BeginMenu("Source File")) {
+    SourceViewState *view = &state->source_view;
+    bool active = SourceViewActiveTab(app) != nullptr;
+    if (ImGui::MenuItem("Open", "Ctrl-O")) state->source_requests.open_file = true;
+    if (ImGui::MenuItem("Find", "Ctrl+F", false, active)) view->open_find = true;
+    if (ImGui::MenuItem("Find Next", "F3", false, active)) view->find_next = true;
+    if (ImGui::MenuItem("Find Prev", "Shift+F3", false, active)) view->find_previous = true;
+    if (ImGui::MenuItem("Goto Line", "Ctrl+G", false, active)) view->open_goto = true;
     ImGui::EndMenu();
   }
   DrawControlMenu(app, state);
@@ -389,6 +393,14 @@ static void TakeShortcuts(AppState *app, MainFrameState *state) {
     if (ImGui::IsKeyChordPressed(ImGuiMod_Shift | ImGuiKey_F11) && suspended) AskStep(r, kAskStepOut, 26);
   }
   if (ImGui::IsKeyChordPressed(ImGuiMod_Ctrl | ImGuiKey_S)) r->save_session = true;
+  if (ImGui::IsKeyChordPressed(ImGuiMod_Ctrl | ImGuiKey_O)) state->source_requests.open_file = true;
+  if (SourceViewActiveTab(app)) {
+    SourceViewState *view = &state->source_view;
+    if (ImGui::IsKeyChordPressed(ImGuiMod_Ctrl | ImGuiKey_F)) view->open_find = true;
+    if (ImGui::IsKeyChordPressed(ImGuiKey_F3)) view->find_next = true;
+    if (ImGui::IsKeyChordPressed(ImGuiMod_Shift | ImGuiKey_F3)) view->find_previous = true;
+    if (ImGui::IsKeyChordPressed(ImGuiMod_Ctrl | ImGuiKey_G)) view->open_goto = true;
+  }
   if (ImGui::IsKeyChordPressed(ImGuiMod_Ctrl | ImGuiMod_Shift | ImGuiKey_O)) r->open_session = true;
   if (ImGui::IsKeyChordPressed(ImGuiMod_Shift | ImGuiKey_F6)) state->show_attach = true;
   if (ImGui::IsKeyChordPressed(ImGuiMod_Ctrl | ImGuiMod_Shift | ImGuiKey_F6) && state->reattach_name &&
@@ -444,7 +456,8 @@ static void BuildDefaultLayout(AppState *app, ImGuiID dockspace, ImVec2 size) {
   ImGui::DockBuilderFinish(dockspace);
 }
 
-static void DrawDockSpace(AppState *app) {
+// Returns the dock space's central node, where source tabs dock (0 when there is none).
+static ImGuiID DrawDockSpace(AppState *app) {
   const ImGuiViewport *viewport = ImGui::GetMainViewport();
   ImGui::SetNextWindowPos(viewport->WorkPos);
   ImGui::SetNextWindowSize(viewport->WorkSize);
@@ -464,6 +477,8 @@ static void DrawDockSpace(AppState *app) {
   }
   ImGui::DockSpace(dockspace, ImVec2(0, 0), ImGuiDockNodeFlags_PassthruCentralNode);
   ImGui::End();
+  ImGuiDockNode *central = ImGui::DockBuilderGetCentralNode(dockspace);
+  return central ? central->ID : 0;
 }
 
 // [SECTION] Status text
@@ -531,11 +546,13 @@ void DrawMainFrame(AppState *app, MainFrameState *state) {
   ApplyStyle(app);
   memset(&state->requests, 0, sizeof state->requests);
   TargetWindowRequestsClear(&state->target_requests);
+  SourceViewRequestsClear(&state->source_requests);
   DrawMenuBar(app, state);
   DrawToolbar(app, state);
   DrawStatusBar(app);
-  DrawDockSpace(app);
+  ImGuiID central = DrawDockSpace(app);
   DrawToolWindows(app, state);
+  DrawSourceTabs(app, &state->source_view, &state->source_requests, state->text_font, central);
   DrawTargetCommandEditor(app, state);
   DrawAttachDialog(app, state);
   DrawAbout(state);

@@ -6,6 +6,7 @@
 #include "app/app_state.h"
 #include "app/saved_layouts.h"
 #include "engine/process_list.h"
+#include "ui/source_view.h"
 #include "ui/target_windows.h"
 
 // The steps of the Control menu, its keys and the toolbar.
@@ -53,6 +54,8 @@ struct ImFont;
 struct MainFrameState {
   MainFrameRequests requests;  // cleared at the start of each frame
   TargetWindowRequests target_requests;  // the call stack and threads windows' (cleared likewise)
+  SourceViewRequests source_requests;    // the source view's (cleared likewise)
+  SourceViewState source_view;
   ImFont *text_font;           // source and disassembly text (the UI font is Dear ImGui's default)
   unsigned frame_count;
   bool show_about;

@@ -17,3 +17,5 @@ void TextCaptureWindow(const char *name) {
   if (!GImGui->LogEnabled) ImGui::LogToFile(-1, g_capture_path);
   ImGui::LogText("\n[window %s]\n", name);
 }
+
+bool TextCaptureActive(void) { return g_capture_path != nullptr; }

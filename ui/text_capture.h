@@ -8,3 +8,6 @@ void TextCaptureStop(void);
 // After a Begin that returned true: the window's text from here on goes to the capture, headed by
 // "[window NAME]".
 void TextCaptureWindow(const char *name);
+// True while a capture runs: windows that draw text without Dear ImGui's text calls (the source
+// view) then log what they show themselves.
+bool TextCaptureActive(void);

@@ -75,6 +75,7 @@ int main(int argc, char **argv) {
       TranslateMessage(&msg);
       DispatchMessageW(&msg);
     }
+    FrameProbeBuildStart(&probe);
     ImGui_ImplWin32_NewFrame();
     ImGui::NewFrame();
     if (ImGui::BeginMainMenuBar()) {
@@ -82,6 +83,7 @@ int main(int argc, char **argv) {
       ImGui::EndMainMenuBar();
     }
     ImGui::Render();
+    FrameProbeBuildEnd(&probe);
     static const float kClear[4] = {0.10f, 0.10f, 0.11f, 1.0f};
     RendererDrawFrame(&g_renderer, ImGui::GetDrawData(), kClear);
     if (FrameProbeAfterFrame(&probe)) DestroyWindow(window);

@@ -57,7 +57,12 @@ xdotool mousemove --window "$window" 640 400 click 1
 press_until f10-step "Program stopped because a step-over operation completed" F10
 "$wine_run" "$exe" stop-debugging || fail "the forwarding instance failed"
 wait_for f11-stopped "Program halted with exit code 0x00007E57" 30
-quit
+# The stop opened main's source in a tab, which changed the session: Exit asks to save it (No).
+expect f11-stopped "[window demo.cpp###001]"
+save_prompt_at_exit
+xdotool windowfocus --sync "$prompt" 2>/dev/null
+xdotool key --window "$prompt" n
+wait_exit
 
 # 5. A corrupt ini: the program starts with its defaults and writes a clean file again.
 head -c 3000 /dev/urandom > "$ini"
