@@ -278,8 +278,8 @@ static void FollowStop(AppState *app) {
   app->location_top_frame = frame_index <= 0;
   if (frame_index >= 0 && (u32)frame_index < count) {
     const StackFrame *f = &frames[frame_index];
-    if (f->module && f->line_entry && f->line && f->module->symbols.status == kSymbolsLoaded) {
-      const char *name = PdbStringAt(&f->module->symbols.pdb.strings, PdbLineFileOffset(f->line_entry));
+    if (f->module && f->file && f->line && f->module->symbols.status == kSymbolsLoaded) {
+      const char *name = PdbStringAt(&f->module->symbols.pdb.strings, PdbFileRecordNameOffset(f->file));
       snprintf(app->location_file, sizeof app->location_file, "%s", name);
       app->location_line = f->line;
     }

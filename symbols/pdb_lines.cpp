@@ -68,7 +68,8 @@ u32 PdbFindSourceFile(const PdbSourceFileTable *files, const char *path) {
   return found;
 }
 
-u32 PdbLineFileOffset(const PdbLineEntry *entry) { return entry->file ? ReadU32(entry->file) : 0; }
+u32 PdbLineFileOffset(const PdbLineEntry *entry) { return PdbFileRecordNameOffset(entry->file); }
+u32 PdbFileRecordNameOffset(const u8 *file_record) { return file_record ? ReadU32(file_record) : 0; }
 
 // Walks the subsections of one module's C13 area: calls visit(kind, payload, size) for each one
 // whose declared length fits. Subsections start 4-aligned.

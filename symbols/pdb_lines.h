@@ -44,6 +44,8 @@ const u8 *PdbModuleFileRecord(const PdbModuleSymbols *module, u32 file_id);
 
 // Name offset of the entry's file, 0 when it has none.
 u32 PdbLineFileOffset(const PdbLineEntry *entry);
+// Name offset of a file checksum record (its first field), 0 for none.
+u32 PdbFileRecordNameOffset(const u8 *file_record);
 
 // The entry covering (section, offset), or null.
 const PdbLineEntry *PdbLineAtAddress(const PdbLines *lines, u32 section, u32 offset);
