@@ -173,6 +173,8 @@ static void BindSessionBreakpoints(AppState *app) {
   }
 }
 
+bool DebuggingMaySleep(AppState *app) { return !app->target || EngineUiBlocking(app->target); }
+
 bool DebuggingDrainEvents(AppState *app) {
   if (!app->target) return false;
   // The engine holds a new launch at its start; let it run once it serves commands.

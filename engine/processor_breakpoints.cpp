@@ -130,7 +130,7 @@ void EngineReleaseProcessorSlot(Target *target, u32 slot) {
 
 EngineResult EngineAddDataBreakpoint(Target *target, u64 address, u32 size, u32 access, BreakpointLocation **out) {
   if (out) *out = nullptr;
-  if (!target || !out || !target->breakpoint_pool || !target->wait_objects[kWaitEngineWaiting]) return kEngineNoTarget;
+  if (!target || !out || !target->breakpoint_pool || target->engine_state == kEngineStateNone) return kEngineNoTarget;
   if (target->exited || target->detached) return kEngineNoProcess;
   if (!address || (size != 1 && size != 2 && size != 4 && size != 8) || access > kAccessExecute) return kEngineNoTarget;
   EngineResult state = EngineLockStopped(target);

@@ -12,7 +12,7 @@
 //      kernel events (what a debugger thread and a UI thread pay with kernel objects alone);
 //    - the same hand-off through one state word (WaitOnAddress / WakeByAddressSingle);
 //    - the engine as built, driven as kestrune.exe drives it (the debugger thread, rings, the stop
-//      sequence; the UI side pops the events after each wake-up and answers stops with run).
+//      sequence; the UI side sleeps in EngineWaitForEvent, pops the events and answers stops with run).
 // 2. Events that do not stop: strloop N (debug strings; the raw loop also with the string read)
 //    and many N (threads started and ended), microseconds per event, raw loop and engine.
 // 3. Breakpoint hits (bench_hits N: one function called N times with a breakpoint on it), hits per
@@ -389,12 +389,9 @@ static double RawStepsRun(int count, int *steps) {
 
 // [SECTION] The engine
 
-static void Wake(void *user) { SetEvent((HANDLE)user); }
-
-// The engine, driven as the user interface drives it: events popped on this thread after each
-// wake-up, every stop answered with the run command.
+// The engine, driven as a user interface without a message loop drives it: events popped on this
+// thread whenever EngineWaitForEvent says some are queued, every stop answered with the run command.
 static double EngineRunOnce(const char *mode, int count, Counted counted) {
-  static HANDLE wake = CreateEventW(nullptr, FALSE, FALSE, nullptr);
   std::string path = TargetProgram("eng_target.exe");
   std::string arguments = std::string(mode) + " " + std::to_string(count);
   LaunchDescription launch = {};
@@ -402,7 +399,7 @@ static double EngineRunOnce(const char *mode, int count, Counted counted) {
   launch.arguments = arguments.c_str();
   Target *target = nullptr;
   u32 pid = 0;
-  if (EngineStartLaunch(&launch, Wake, wake, &target, &pid) != 0) return -1;
+  if (EngineStartLaunch(&launch, nullptr, nullptr, &target, &pid) != 0) return -1;
   if (EngineRun(target) != 0) {
     (void)EngineTerminate(target, 1);
     EngineRelease(target);
@@ -410,7 +407,7 @@ static double EngineRunOnce(const char *mode, int count, Counted counted) {
   }
   Span span;
   for (bool done = false; !done;) {
-    WaitForSingleObject(wake, INFINITE);
+    (void)EngineWaitForEvent(target, INFINITE);
     EngineEvent e;
     bool answered_stop = false;
     for (;;) {
@@ -443,7 +440,6 @@ static double EngineRunOnce(const char *mode, int count, Counted counted) {
 // engine rewinds, restores the byte, single-steps and re-arms. Seconds per hit; the exit code must
 // say every call counted and every hit must have stopped.
 static double EngineHitsRun(int count) {
-  static HANDLE wake = CreateEventW(nullptr, FALSE, FALSE, nullptr);
   std::string path = TargetProgram("bench_hits.exe");
   std::string arguments = std::to_string(count);
   LaunchDescription launch = {};
@@ -451,7 +447,7 @@ static double EngineHitsRun(int count) {
   launch.arguments = arguments.c_str();
   Target *target = nullptr;
   u32 pid = 0;
-  if (EngineStartLaunch(&launch, Wake, wake, &target, &pid) != 0) return -1;
+  if (EngineStartLaunch(&launch, nullptr, nullptr, &target, &pid) != 0) return -1;
   BreakpointWanted wanted = {};
   wanted.kind = kBreakpointFunction;
   wanted.place = "BenchHit";
@@ -464,7 +460,7 @@ static double EngineHitsRun(int count) {
   Span span;
   u32 exit_code = 1;
   for (bool done = false; !done;) {
-    WaitForSingleObject(wake, INFINITE);
+    (void)EngineWaitForEvent(target, INFINITE);
     EngineEvent e;
     bool answered_stop = false;
     for (;;) {
@@ -496,7 +492,6 @@ static double EngineHitsRun(int count) {
 // between the step command and its stop) and the number of steps; the first int3 stop and the
 // step's stop must come as the program has them, and the exit code must say the sum is right.
 static double EngineStepsRun(int count, int *steps) {
-  static HANDLE wake = CreateEventW(nullptr, FALSE, FALSE, nullptr);
   *steps = 0;
   std::string path = TargetProgram("bench_hits.exe");
   std::string arguments = "step " + std::to_string(count);
@@ -505,7 +500,7 @@ static double EngineStepsRun(int count, int *steps) {
   launch.arguments = arguments.c_str();
   Target *target = nullptr;
   u32 pid = 0;
-  if (EngineStartLaunch(&launch, Wake, wake, &target, &pid) != 0) return -1;
+  if (EngineStartLaunch(&launch, nullptr, nullptr, &target, &pid) != 0) return -1;
   if (EngineRun(target) != 0) {
     (void)EngineTerminate(target, 1);
     EngineRelease(target);
@@ -517,7 +512,7 @@ static double EngineStepsRun(int count, int *steps) {
   double begin = 0, end = 0;
   u32 exit_code = 1;
   for (bool done = false; !done;) {
-    WaitForSingleObject(wake, INFINITE);
+    (void)EngineWaitForEvent(target, INFINITE);
     EngineEvent e;
     for (;;) {
       (void)EnginePopEvent(target, &e);

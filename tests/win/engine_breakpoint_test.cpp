@@ -376,6 +376,7 @@ TEST(EngineProcessorBreakpoints, WritesAndReadsByTheMainThreadAndLaterThreads) {
   EXPECT_EQ(write->kind, (u32)kBreakpointProcessor);
   u32 slot = write->slot;
   TargetThread *main = t->threads;
+  u32 main_id = main->id;  // the record goes with the run's release
   std::vector<std::pair<const void *, u32>> hits;  // record, thread
   std::vector<int> lines;
   int own = 0;
@@ -411,10 +412,10 @@ TEST(EngineProcessorBreakpoints, WritesAndReadsByTheMainThreadAndLaterThreads) {
     GTEST_SKIP() << "this machine delivers no debug-register traps: the hits were not seen";
   }
   ASSERT_EQ(hits.size(), 4u);
-  EXPECT_EQ(hits[0], std::make_pair((const void *)write, main->id));
+  EXPECT_EQ(hits[0], std::make_pair((const void *)write, main_id));
   EXPECT_EQ(hits[1].first, write);
-  EXPECT_NE(hits[1].second, main->id);
-  EXPECT_EQ(hits[2], std::make_pair((const void *)read_write, main->id));
+  EXPECT_NE(hits[1].second, main_id);
+  EXPECT_EQ(hits[2], std::make_pair((const void *)read_write, main_id));
   EXPECT_EQ(hits[3].first, read_write);
   // The stop is after the access: on the accessing line or the next.
   const char *markers[4] = {"WATCH_MAIN_LINE", "WATCH_THREAD_LINE", "WATCH_READ_LINE", "WATCH_READER_LINE"};
