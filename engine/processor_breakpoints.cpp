@@ -54,6 +54,7 @@ void EngineServeProcessorRequest(Target *target, const EngineRequest *request) {
     if (!slot->address) return;
     for (TargetThread *t = target->threads; t; t = t->next) ArmInThread(t, slot, i);
     slot->armed = 1;
+    target->processor_slots_used = 1;
   } else if (request->kind == kRequestDisarmSlot) {
     // The slot was freed when its breakpoint was removed and may already be another's: only the
     // registers go (an arm request for the new one follows on the ring).
@@ -78,7 +79,9 @@ void EngineDisarmAllSlots(Target *target) {
 
 u32 EngineProcessorHit(Target *target, TargetThread *thread, bool *claimed) {
   *claimed = false;
-  if (!thread) return kOutcomeContinue;
+  // No debug register of the engine's has been set in this run: DR6 can name none of its slots, and
+  // a single step (over a breakpoint, say) needs no register read for it.
+  if (!thread || !target->processor_slots_used) return kOutcomeContinue;
   CONTEXT *context = ThreadContextGet(thread);
   if (!context || !(context->Dr6 & kDr6SlotBits)) return kOutcomeContinue;
   *claimed = true;

@@ -304,6 +304,8 @@ typedef struct Target {
   BreakpointLocation *free_breakpoints;  // guarded by the ticket lock
   BreakpointLocation *breakpoint_pool;
   ProcessorSlot processor_slots[kProcessorSlotCount];
+  u8 processor_slots_used;  // a slot has been armed in this run (a late hit may name it after its removal)
+  u8 padding_slots[7];
   struct EvaluationRequests *evaluation_requests;
 
   // [run control] the request is written by the UI at a stop (under the model lock), the rest is
