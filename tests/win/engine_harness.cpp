@@ -55,14 +55,15 @@ const bool g_listener_added = [] {
 }();
 }  // namespace
 
-Target *Launch(const char *arguments, bool run, u32 *pid, const char *program, const LaunchDescription *extra) {
+Target *Launch(const char *arguments, bool run, u32 *pid, const char *program, const LaunchDescription *extra,
+               EngineWakeFn wake) {
   std::string path = TargetPath(program);
   LaunchDescription launch = {};
   if (extra) launch = *extra;
   launch.executable = path.c_str();
   launch.arguments = arguments;
   Target *target = nullptr;
-  int result = EngineStartLaunch(&launch, nullptr, nullptr, &target, pid);
+  int result = EngineStartLaunch(&launch, wake, nullptr, &target, pid);
   EXPECT_EQ(result, 0) << program << " " << (arguments ? arguments : "");
   if (result != 0) return nullptr;
   g_unended = target;
