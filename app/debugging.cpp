@@ -231,6 +231,17 @@ bool DebuggingDrainEvents(AppState *app) {
   return false;
 }
 
+void DebuggingReloadSymbols(AppState *app, TargetModule *module, const char *pdb_path) {
+  if (!app->target || app->debug_state != kDebugSuspended) return;
+  // The modules window shows the status the reload left; a failure is one line in the output.
+  EngineResult result = EngineReloadModuleSymbols(app->target, module, pdb_path);
+  if (result != kEngineOk) {
+    char line[kAppPathCapacity + 64];
+    snprintf(line, sizeof line, "Cannot load symbols from %s\n", pdb_path);
+    OutputAppendZ(&app->output, line);
+  }
+}
+
 void DebuggingCarryOutTargetRequests(AppState *app, const TargetWindowRequests *r) {
   if (!app->target || app->debug_state != kDebugSuspended) return;
   // Results other than 0 only say the stop ended meanwhile: the windows show the next stop's state.

@@ -27,6 +27,8 @@ bool DebuggingDrainEvents(AppState *app);
 bool DebuggingMaySleep(AppState *app);
 // A launch is held by the engine at its start until the first run: true while that is so.
 bool DebuggingAwaitingFirstRun(const AppState *app);
+// The module's symbols from the PDB the user picked (at a stop).
+void DebuggingReloadSymbols(AppState *app, struct TargetModule *module, const char *pdb_path);
 // Carries out what the call stack and threads windows asked for in the frame (at a stop; the
 // engine's operations take the model lock themselves, so this runs after the frame).
 void DebuggingCarryOutTargetRequests(AppState *app, const TargetWindowRequests *requests);

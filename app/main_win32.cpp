@@ -511,6 +511,10 @@ static void CarryOutRequests(Program *program) {
   if (r->stop_debugging) DebuggingStop(app);
   if (r->break_in) DebuggingBreak(app, r->break_reason);
   DebuggingCarryOutTargetRequests(app, &program->frame.target_requests);
+  char picked[kAppPathCapacity];
+  TargetModule *module = program->frame.target_requests.pick_symbols;
+  if (module && app->target && AskFilePath(program->window, kDialogOpenSymbols, picked, sizeof picked))
+    DebuggingReloadSymbols(app, module, picked);
   if (r->restart && app->target && !app->attached) {
     AppStateSetPending(app, kPendingRestart, nullptr);
     app->pending.reason = r->restart_reason;

@@ -19,11 +19,12 @@ bool AskFilePath(void *owner, FileDialog kind, char *out, u32 capacity) {
   wchar_t file[MAX_PATH] = L"";
   OPENFILENAMEW ofn = {sizeof ofn};
   ofn.hwndOwner = (HWND)owner;
-  ofn.lpstrFilter = kind == kDialogOpenProgram ? L"Programs (*.exe)\0*.exe\0All files (*.*)\0*.*\0"
-                                               : L"Kestrune session (*.ktrn)\0*.ktrn\0";
+  ofn.lpstrFilter = kind == kDialogOpenProgram   ? L"Programs (*.exe)\0*.exe\0All files (*.*)\0*.*\0"
+                    : kind == kDialogOpenSymbols ? L"Program databases (*.pdb)\0*.pdb\0All files (*.*)\0*.*\0"
+                                                 : L"Kestrune session (*.ktrn)\0*.ktrn\0";
   ofn.lpstrFile = file;
   ofn.nMaxFile = MAX_PATH;
-  ofn.lpstrDefExt = kind == kDialogOpenProgram ? L"exe" : L"ktrn";
+  ofn.lpstrDefExt = kind == kDialogOpenProgram ? L"exe" : kind == kDialogOpenSymbols ? L"pdb" : L"ktrn";
   BOOL chosen;
   if (kind == kDialogSaveSession) {
     ofn.Flags = OFN_OVERWRITEPROMPT | OFN_PATHMUSTEXIST;

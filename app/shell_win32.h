@@ -6,7 +6,7 @@
 
 // [SECTION] Dialogs
 // Each returns false when the user cancelled; the path arrives as UTF-8. owner is the HWND.
-enum FileDialog { kDialogSaveSession, kDialogOpenSession, kDialogOpenProgram };
+enum FileDialog { kDialogSaveSession, kDialogOpenSession, kDialogOpenProgram, kDialogOpenSymbols };
 bool AskFilePath(void *owner, FileDialog kind, char *out, u32 capacity);
 bool AskFolder(void *owner, char *out, u32 capacity);  // the working directory's folder chooser
 

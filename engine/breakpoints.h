@@ -49,6 +49,7 @@ typedef struct BreakpointLocation {
   ExprNode *condition_tree;     // parsed on the user-interface thread; null without a condition
   char place[kBreakpointPlaceCapacity];  // the file path or function name
   char condition[kConditionCapacity];
+  char condition_error[kConditionCapacity];  // the message of the last hit whose condition failed
   ExprPool condition_nodes;  // the condition tree's own nodes; last, so that taking a record
                              // clears only what comes before it
 } BreakpointLocation;

@@ -56,6 +56,10 @@ EngineResult EngineSetStackOverflowCollapsing(Target *target, u8 on);
 // The PDB the next module load reads, whatever its GUID (the user picked it); that load clears it.
 // 33 for a path too long to keep.
 EngineResult EngineSetPdbOverride(Target *target, const char *path);
+// At a stop: a loaded module's symbols again from the PDB at path, taken without its GUID check
+// (the user's pick); its breakpoints bound again through them. 37 when the image cannot be read
+// (the module is then without symbols), 3 for a module not of this run.
+EngineResult EngineReloadModuleSymbols(Target *target, struct TargetModule *module, const char *pdb_path);
 EngineResult EngineSetInstructionPointer(Target *target, u64 address);
 // Moves the current thread to the first of lines line..line+9 of the source file that has code.
 EngineResult EngineSetNextStatement(Target *target, const char *path, u32 line);
@@ -80,6 +84,13 @@ u64 EngineFunctionAddress(Target *target, const char *name);
 // of 256 characters or more, 37 when every request is taken.
 EngineResult EngineAddEvaluationRequest(Target *target, const char *text, void *cookie, EvaluationRequest **out);
 EngineResult EngineRemoveEvaluationRequest(Target *target, EvaluationRequest *request);
+// Evaluates every request again (kind 3 for each). 26 when the target is not stopped.
+EngineResult EngineRefresh(Target *target);
+// Chooses the row a request shows (the expression's, or a descendant's along a path of child
+// indexes), the children reported with it and the display flags; evaluated again at once when
+// stopped. Results are read under the model lock after the request's kind-3 event. Child rows come
+// from a shared pool of pages: 37 when every page is taken (the view then shows the row alone).
+EngineResult EngineSetEvaluationView(Target *target, EvaluationRequest *request, const EvaluationView *view);
 // Carries a request to the engine although the target runs: queued, then served at a silent
 // break-in (or at the stop the target is in); the operation does not wait for it.
 EngineResult EngineQueueRequest(Target *target, const EngineRequest *request);

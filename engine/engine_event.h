@@ -94,6 +94,8 @@ typedef struct EngineEvent {
       u64 address;
       EngineSourceLocation location;
       u32 thread_id;          // kind 6: the thread that hit it
+      u32 reserved;
+      const char *condition_error;  // in the text ring: why the condition gave no answer; null when none
     } breakpoint;
     struct {
       u32 slot;

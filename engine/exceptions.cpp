@@ -12,6 +12,7 @@
 #include <string.h>
 
 #include "engine/cxx_type_name.h"
+#include "engine/breakpoint_condition.h"
 #include "engine/engine_internal.h"
 
 static const u8 kInt3Byte = 0xCC;
@@ -241,12 +242,23 @@ static void RewindToInt3(TargetThread *thread, u64 at) {
   ThreadContextMarkDirty(thread, kContextIpOnly);
 }
 
-// A breakpoint of the user's was hit (the thread is back on its address). With a condition the hit
-// is counted; conditions are not evaluated yet, so every hit stops, as one whose condition could
-// not be evaluated does.
+// A breakpoint of the user's was hit (the thread is back on its address). A condition that is
+// false lets the thread run on: it steps over the breakpoint's instruction with the int3 lifted,
+// and the single step puts it back. A step under way stays under way (a false condition is as if
+// the breakpoint were not there).
 static u32 BreakpointHit(Target *target, TargetThread *thread, BreakpointLocation *hit, u64 at) {
   BreakpointLocation *bp = hit->owner ? hit->owner : hit;  // a further binding reports the user's record
-  if (bp->condition[0]) bp->hit_count++;
+  ConditionVerdict verdict = BreakpointConditionCheck(target, thread, bp);
+  if (verdict == kConditionFalse) {
+    CONTEXT *context = ThreadContextGet(thread);
+    BreakpointDisarm(target, hit);
+    if (context && !hit->armed) {
+      thread->rearm_address = at;
+      context->EFlags |= kTrapFlag;
+      ThreadContextMarkDirty(thread, kContextDirty);
+    }
+    return kOutcomeContinue;
+  }
   target->user_break_requested = 0;  // this stop answers a break the user waits for
   target->current_thread = thread;
   EngineEvent event;
@@ -256,6 +268,7 @@ static u32 BreakpointHit(Target *target, TargetThread *thread, BreakpointLocatio
   event.breakpoint.address = at;
   event.breakpoint.thread_id = thread->id;
   event.breakpoint.location = hit->location;
+  if (verdict == kConditionFailed) event.breakpoint.condition_error = BreakpointConditionErrorText(target, bp);
   EngineHoldStopEvent(target, &event);
   return kOutcomeStop;
 }

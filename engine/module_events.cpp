@@ -3,6 +3,8 @@
 // memory where the loader mapped the image.
 #include <string.h>
 
+#include "engine/call_stack.h"
+#include "engine/engine.h"
 #include "engine/engine_internal.h"
 
 #include <psapi.h>
@@ -168,4 +170,46 @@ void EngineUnloadModule(Target *target, u64 base) {
   TargetModuleUnlink(target, module);
   for (u32 i = 0; i < 2; i++) MemoryCacheDropKept(target->caches[i]);  // its pages are gone
   PostModuleEvent(target, kEventModuleUnloaded, module, base);
+}
+
+// The module's symbols again, from the PDB the user picked (no GUID check): breakpoints in the
+// module are taken out and bound again through the new symbols, and every structure that points
+// into the old ones (stacks, the threads' functions) is forgotten first.
+EngineResult EngineReloadModuleSymbols(Target *target, TargetModule *module, const char *pdb_path) {
+  if (!target || !module || !pdb_path) return kEngineNoTarget;
+  if (strnlen(pdb_path, kModulePathCapacity) >= kModulePathCapacity) return kEngineTextTooLong;
+  EngineResult state = EngineLockStopped(target);
+  if (state != kEngineOk) return state;
+  bool known = false;
+  for (TargetModule *m = target->modules; m; m = m->next) known |= m == module;
+  if (!known) {
+    EngineUnlockModel(target);
+    return kEngineNoTarget;
+  }
+  BreakpointsOnModuleUnload(target, module);
+  CallStackForgetAll(target);
+  for (TargetThread *t = target->threads; t; t = t->next)
+    if (t->ip_module == module) {
+      t->ip_function = nullptr;
+      t->ip_function_start = t->ip_function_end = 0;
+    }
+  u64 base = TargetModuleBase(module);
+  char image_path[kModulePathCapacity];
+  memcpy(image_path, module->symbols.image_path, sizeof image_path);
+  UnloadModuleSymbols(&module->symbols);
+  target->symbols_generation++;
+  // The image as the system mapped it: its headers are in the target whatever became of its file.
+  PeImage layout;
+  ImageHandles handles = {nullptr, target->process, base, nullptr};
+  ImageSource source = {&handles, ReadImageFromMemory, ReadImageMapped};
+  int result = PeReadImage(&source, base, &layout);
+  if (result == 0) {
+    handles.layout = &layout;
+    result = LoadModuleSymbols(&module->symbols, &source, image_path, base, pdb_path);
+  }
+  if (result == 0) BreakpointsOnModuleLoad(target, module);
+  if (target->current_thread) (void)CallStackBuild(target, target->current_thread);
+  EngineUnlockModel(target);
+  (void)EngineRefresh(target);  // values and their types come from the new symbols
+  return result == 0 ? kEngineOk : kEngineSystemCallFailed;
 }

@@ -5,6 +5,7 @@
 #include <string.h>
 
 #include "engine/engine.h"
+#include "engine/breakpoint_condition.h"
 #include "engine/engine_internal.h"
 
 enum : u32 {
@@ -96,8 +97,9 @@ u32 EngineProcessorHit(Target *target, TargetThread *thread, bool *claimed) {
   context->EFlags |= kResumeFlag;
   ProcessorSlot *slot = &target->processor_slots[i];
   BreakpointLocation *owner = slot->owner;
-  if (owner && owner->condition[0]) owner->hit_count++;
   if (target->ending) return kOutcomeContinue;
+  ConditionVerdict verdict = owner ? BreakpointConditionCheck(target, thread, owner) : kConditionTrue;
+  if (verdict == kConditionFalse) return kOutcomeContinue;
   target->user_break_requested = 0;
   target->current_thread = thread;
   EngineEvent event;
@@ -108,6 +110,7 @@ u32 EngineProcessorHit(Target *target, TargetThread *thread, bool *claimed) {
     event.breakpoint.address = context->Rip;
     event.breakpoint.thread_id = thread->id;
     EngineLocate(target, context->Rip, &event.breakpoint.location);
+    if (verdict == kConditionFailed) event.breakpoint.condition_error = BreakpointConditionErrorText(target, owner);
   } else {
     event.kind = kEventProcessorBreakpointHit;
     event.processor_breakpoint.slot = i;

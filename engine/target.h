@@ -337,6 +337,7 @@ typedef struct Target {
   u32 stop_generation; // counts visible stops; every stop event carries it, every command quotes it
   u64 stop_target_generation;      // the generation of the current (or last) visible stop
   u64 previous_stop_generation;    // the generation of the visible stop before it
+  u32 symbols_generation;          // counts reloads of a module's symbols (what was read from them is stale)
 
   // [call stacks] reserved at the first build (engine/call_stack.cpp)
   u8 *frame_pool;      // kThreadPoolCount parts of kFramePoolThreadBytes, committed as used

@@ -37,6 +37,9 @@ enum : u32 {
   kExprTypeVector128 = 0x79,
   kExprTypeVector256 = 0xF1,
   kExprTypeVector512 = 0xF2,
+  // The value of "__locals" and "__params": a group whose members are the frame's variables.
+  kExprTypeLocalsGroup = 0xF3,
+  kExprTypeParamsGroup = 0xF4,
 };
 
 // A bit field's facts, for a type index that is one (CodeView LF_BITFIELD).
@@ -134,12 +137,21 @@ struct ExprEvalHost {
   // The system's message text of an HRESULT or Win32 error code, without the trailing line end and
   // full stop; false (or an empty text) when there is none.
   bool (*error_message)(void *context, u32 code, char *out, u32 size);
+  // Globals, statics and thread-locals of every module, answered like find_name. When set, names
+  // are resolved in the full order (locals and parameters through find_name, the implicit this,
+  // pseudo-variables, registers, "__locals"/"__params", then these), so that a member of this or
+  // a register is not hidden by a global of the same name; when null, find_name answers for
+  // globals too, before the other kinds.
+  u32 (*find_global)(void *context, const char *name, u32 length, ExprValue *out, char *error, u32 error_size);
 };
 
 struct ExprEvalContext {
   const ExprEvalHost *host;
   u32 depth;  // recursion guard
   char error[256];
+  // When set, the fields of this object (a structure, or a pointer to one) are names too, found
+  // where the implicit this's are: a format specifier's count may say "p, size" for p->size.
+  const ExprValue *object_scope;
 };
 
 // Evaluates a tree. On failure the context's error holds the message.
@@ -149,6 +161,12 @@ struct ExprEvalContext {
 // Evaluates as a breakpoint condition: integers and pointers are true when not zero, floating
 // values when less or greater than zero (a NaN is false).
 [[nodiscard]] u32 ExprEvaluateToBoolean(ExprEvalContext *context, const ExprNode *node, bool *out);
+// Evaluates and converts to a basic type (wanted: its CodeView index, or a 64-bit pointer to one),
+// writing its size bytes to out: for addresses typed by the user and counts. On failure the
+// message is "Unable to evaluate and/or convert expression to the appropriate type".
+[[nodiscard]] u32 ExprEvaluateAs(ExprEvalContext *context, const ExprNode *node, u32 wanted, void *out, u32 size);
+// Converts a loaded value to a basic type or a pointer, as a cast does; false when it cannot.
+bool ExprConvertValue(const ExprEvalContext *context, const ExprValue *value, u32 wanted, ExprValue *out);
 // Describes any type index (basic and pointer-to-basic ones without asking the host).
 bool ExprDescribeType(const ExprEvalContext *context, u32 type, ExprTypeFacts *out);
 // A loaded basic or pointer value as a 64-bit pattern (sign-extended for signed types).

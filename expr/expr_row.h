@@ -36,7 +36,9 @@ struct ExprRow {
   u32 memory_kind;      // memory views: 1..10
   u32 vector_kind;      // vector lanes: 1..10
   u32 matrix_kind;      // matrices: 0..2
-  u32 columns;          // memory views: elements a row shows
+  u32 columns;          // memory views: elements a row shows; matrices: cells a row shows
+  u32 element_type;     // the children's type: members' owner, array element, pointee, lane or cell type
+  u64 element_address;  // where the children start: the object, first element or pointee, or the view's start
   u8 failed;            // value_text holds the message; the type text may be empty
   u8 unreadable;        // the value's memory could not be read ("??? (unable to read process memory)")
   u8 padding[6];

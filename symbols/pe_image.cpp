@@ -26,6 +26,7 @@ enum : u32 {
   kMachineI386 = 0x14C,
   kDirectoryException = 3,
   kDirectoryDebug = 6,
+  kDirectoryTls = 9,
   kDebugEntryType = 12,
   kDebugEntryDataSize = 16,
   kDebugEntryFileOffset = 24,
@@ -161,6 +162,7 @@ PeResult PeReadImage(const ImageSource *source, u64 load_base, PeImage *out) {
     out->exception_rva = ReadU32(directories + kDirectoryException * 8);
     out->exception_entry_count = ReadU32(directories + kDirectoryException * 8 + 4) / kPeExceptionEntryBytes;
   }
+  if (directory_count > kDirectoryTls) out->tls_rva = ReadU32(directories + kDirectoryTls * 8);
   if (directory_count > kDirectoryDebug) {
     u32 rva = ReadU32(directories + kDirectoryDebug * 8);
     u32 size = ReadU32(directories + kDirectoryDebug * 8 + 4);

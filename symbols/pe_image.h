@@ -17,6 +17,10 @@ enum : u32 {
   kPePdbPathCapacity = 780,    // the path after the 24-byte identity, terminator included
   kPeExceptionEntryBytes = 12,
   kPeSectionMemWrite = 0x80000000u,  // section characteristics: the pages are writable
+  // The TLS directory (PE32+): virtual addresses, relocated in the loaded image.
+  kPeTlsStartOfData = 0,  // the template of each thread's block
+  kPeTlsIndexAddress = 16,  // where the loader writes the module's slot in the threads' TLS arrays
+  kPeTlsDirectoryBytes = 40,
 };
 
 // Result codes of image reading (shared with module loading).
@@ -61,6 +65,7 @@ typedef struct PeImage {
   u32 file_section_count;   // as the file header says
   u32 exception_rva;        // exception directory (data directory 3), 0 when absent
   u32 exception_entry_count;
+  u32 tls_rva;              // TLS directory (data directory 9), 0 when absent
   u32 debug_entry_count;
   bool has_codeview;
   CodeViewIdentity identity;  // "RSDS", GUID, age; valid when has_codeview

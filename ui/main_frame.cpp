@@ -82,7 +82,7 @@ static void DrawToolWindows(AppState *app, MainFrameState *state) {
       if (i == kWindowOutput) DrawOutputWindow(app);
       else if (i == kWindowCallStack) DrawCallStackWindow(app, &state->target_requests);
       else if (i == kWindowThreads) DrawThreadsWindow(app, &state->target_requests);
-      else if (i == kWindowModules) DrawModulesWindow(app);
+      else if (i == kWindowModules) DrawModulesWindow(app, &state->target_requests);
     }
     ImGui::End();
     if (!open) *shown = 0;

@@ -1,9 +1,11 @@
 #include "ui/target_windows.h"
 
 #include <imgui.h>
+#include <stdarg.h>
 #include <stdio.h>
 
 #include "engine/engine.h"
+#include "engine/frame_parameters.h"
 
 static const ImU32 kCurrentRowColour = IM_COL32(255, 216, 55, 255);
 static const ImU32 kSelectedFrameColour = IM_COL32(206, 231, 206, 255);
@@ -65,8 +67,87 @@ static void DrawCallStackMenu(AppState *app, TargetWindowRequests *requests, con
   ImGui::EndPopup();
 }
 
-static void DrawFrameRow(AppState *app, TargetWindowRequests *requests, const StackFrame *frame, u32 index,
-                         s32 selected) {
+// Parameter lists of the frames drawn, kept for the stop they were made at (the window draws every
+// frame; the values change only when the target has run). The user-interface thread's alone.
+enum : u32 { kParameterCacheSlots = 32 };
+typedef struct ParameterCacheSlot {
+  u32 stop;  // the engine's stop number; 0: empty
+  u32 symbols;  // the engine's count of symbol reloads
+  u32 thread_id;
+  u32 frame;
+  FrameParameters list;
+} ParameterCacheSlot;
+static ParameterCacheSlot g_parameter_cache[kParameterCacheSlots];
+
+static const FrameParameters *CachedParameters(AppState *app, TargetThread *thread, u32 index) {
+  u32 stop = app->target->stop_generation;
+  ParameterCacheSlot *slot = &g_parameter_cache[(index * 7 + thread->id) % kParameterCacheSlots];
+  u32 symbols = app->target->symbols_generation;
+  if (slot->stop != stop || slot->symbols != symbols || slot->thread_id != thread->id || slot->frame != index) {
+    slot->stop = stop;
+    slot->symbols = symbols;
+    slot->thread_id = thread->id;
+    slot->frame = index;
+    (void)EngineFrameParameters(app->target, thread, index, &slot->list);
+  }
+  return &slot->list;
+}
+
+static void AppendCell(char *cell, u32 *used, const char *format, ...) __attribute__((format(printf, 3, 4)));
+static void AppendCell(char *cell, u32 *used, const char *format, ...) {
+  if (*used >= kCellCapacity - 1) return;
+  va_list arguments;
+  va_start(arguments, format);
+  int n = vsnprintf(cell + *used, kCellCapacity - *used, format, arguments);
+  va_end(arguments);
+  if (n > 0) *used = *used + (u32)n < kCellCapacity - 1 ? *used + (u32)n : kCellCapacity - 1;
+}
+
+// The detailed function cell: the return type and name, one line per parameter with its value in
+// the form its class asks for, then the line. Returns the number of parameters listed.
+static u32 DetailedFunctionCell(const char *function, const FrameParameters *list, u32 line, char *cell) {
+  u32 used = 0;
+  cell[0] = 0;
+  if (list->return_type[0])
+    AppendCell(cell, &used, "%s %s(", list->return_type, function);
+  else
+    AppendCell(cell, &used, "%s(", function);
+  FrameParameter p;
+  u32 offset = 0, n = 0;
+  while (FrameParameterNext(list, &offset, &p)) {
+    n++;
+    char last = n == list->count ? ' ' : ',';
+    char type[256], name[256];
+    snprintf(type, sizeof type, "%.*s", (int)p.type_length, p.type);
+    snprintf(name, sizeof name, "%.*s", (int)p.name_length, p.name);
+    if (!type[0]) snprintf(type, sizeof type, "<unknown-type>");
+    if (!name[0]) snprintf(name, sizeof name, "<unknown-param-name>");
+    switch (p.value_class) {
+      case kParameterNamedSigned:
+        AppendCell(cell, &used, "\n   %s %s = %.*s (%lld)", type, name, (int)p.value_length, p.value, (long long)p.number);
+        break;
+      case kParameterNamedUnsigned:
+        AppendCell(cell, &used, "\n   %s %s = %.*s (%llu)", type, name, (int)p.value_length, p.value,
+                   (unsigned long long)p.number);
+        break;
+      // Pointers as "%p" writes them on Windows: sixteen upper-case digits.
+      case kParameterPointer: AppendCell(cell, &used, "\n   %s %s = %016llX", type, name, (unsigned long long)p.number); break;
+      case kParameterInteger: AppendCell(cell, &used, "\n   %s %s = %lld", type, name, (long long)p.number); break;
+      case kParameterAggregate: AppendCell(cell, &used, "\n   %s %s = { ... }", type, name); break;
+      case kParameterText: AppendCell(cell, &used, "\n   %s %s = %.*s", type, name, (int)p.value_length, p.value); break;
+      default: AppendCell(cell, &used, "\n   <unknown-type> %s = ???", name); break;
+    }
+    if (last == ',') AppendCell(cell, &used, ",");
+  }
+  if (line)
+    AppendCell(cell, &used, ") Ln %d", (int)line);
+  else
+    AppendCell(cell, &used, ")");
+  return n;
+}
+
+static void DrawFrameRow(AppState *app, TargetWindowRequests *requests, TargetThread *thread, const StackFrame *frame,
+                         u32 index, s32 selected) {
   const Settings *s = &app->settings;
   ImGui::TableNextRow();
   if (index == 0) ImGui::TableSetBgColor(ImGuiTableBgTarget_RowBg0, kCurrentRowColour);
@@ -76,22 +157,34 @@ static void DrawFrameRow(AppState *app, TargetWindowRequests *requests, const St
   bool coloured = index == 0 || (s32)index == selected;
   if (coloured) ImGui::PushStyleColor(ImGuiCol_Text, IM_COL32(0, 0, 0, 255));
   if (ImGui::Selectable("##frame", false, ImGuiSelectableFlags_SpanAllColumns)) requests->select_frame = (s32)index;
+  bool detailed = !frame->collapsed && frame->procedure &&
+                  (s->callstack_verbosity == 2 || (s->callstack_verbosity == 1 && index == 0));
+  char cell[kCellCapacity];
+  char function[kCellCapacity - 32];
+  FrameFunction(frame, function, sizeof function);
+  u32 parameters = detailed ? DetailedFunctionCell(function, CachedParameters(app, thread, index), frame->line, cell) : 0;
   if (s->callstack_show_module_name) {
     ImGui::TableNextColumn();
-    if (!frame->collapsed) ImGui::TextUnformatted(ModuleName(frame->module));
+    if (!frame->collapsed) {
+      // As tall as the function cell: one line break per parameter and one more.
+      char module[256 + 80];
+      u32 breaks = parameters >= 2 ? parameters + 1 : 0;
+      int n = snprintf(module, sizeof module - 80, "%s", ModuleName(frame->module));
+      for (u32 i = 0; i < breaks && n > 0 && (u32)n < sizeof module - 1; i++) module[n++] = '\n';
+      module[n > 0 ? n : 0] = 0;
+      ImGui::TextUnformatted(module);
+    }
   }
   ImGui::TableNextColumn();
-  char cell[kCellCapacity];
   if (frame->collapsed) {
     snprintf(cell, sizeof cell, "Collapsed %d frames (possible stack-overflow)", (int)frame->collapsed_count);
     ImGui::TextUnformatted(cell);
     ImVec2 low = ImGui::GetItemRectMin(), high = ImGui::GetItemRectMax();
     ImGui::GetWindowDrawList()->AddRect(ImVec2(low.x - 2, low.y - 1), ImVec2(high.x + 2, high.y + 1),
                                         kCollapsedOutlineColour, 4.0f, ImDrawFlags_RoundCornersAll, 2.0f);
+  } else if (detailed) {
+    ImGui::TextUnformatted(cell);
   } else {
-    // Parameter values need the evaluator: both forms show the name and the line for now.
-    char function[kCellCapacity - 32];
-    FrameFunction(frame, function, sizeof function);
     if (!frame->procedure) snprintf(cell, sizeof cell, "%s", function);  // no symbols: no call to show
     else if (frame->line) snprintf(cell, sizeof cell, "%s() Ln %d", function, (int)frame->line);
     else snprintf(cell, sizeof cell, "%s()", function);
@@ -125,11 +218,28 @@ void DrawCallStackWindow(AppState *app, TargetWindowRequests *requests) {
     ImGui::TableSetupColumn("Function Name", ImGuiTableColumnFlags_WidthStretch);
     if (s->callstack_show_address) ImGui::TableSetupColumn("Address");
     ImGui::TableHeadersRow();
-    ImGuiListClipper clipper;
-    clipper.Begin((int)count);
-    while (clipper.Step())
-      for (int i = clipper.DisplayStart; i < clipper.DisplayEnd; i++) DrawFrameRow(app, requests, &frames[i], (u32)i, selected);
+    // Minimal rows are one line each and only the visible ones are drawn; with "Top Frame Detailed"
+    // the tall top row is drawn first, and with "Detailed" every row is drawn (their heights differ).
+    u32 first = 0;
+    if (s->callstack_verbosity == 1 && count) {
+      DrawFrameRow(app, requests, thread, &frames[0], 0, selected);
+      first = 1;
+    }
+    if (s->callstack_verbosity == 2) {
+      for (u32 i = 0; i < count; i++) DrawFrameRow(app, requests, thread, &frames[i], i, selected);
+    } else {
+      ImGuiListClipper clipper;
+      clipper.Begin((int)(count - first));
+      while (clipper.Step())
+        for (int i = clipper.DisplayStart; i < clipper.DisplayEnd; i++)
+          DrawFrameRow(app, requests, thread, &frames[first + i], first + (u32)i, selected);
+    }
     ImGui::EndTable();
+  }
+  // The menu's shortcuts: Ctrl+Up towards frame 0 ("Next Frame"), Ctrl+Down away from it.
+  if (ImGui::IsWindowFocused(ImGuiFocusedFlags_ChildWindows) && ImGui::GetIO().KeyCtrl) {
+    if (ImGui::IsKeyPressed(ImGuiKey_UpArrow) && selected > 0) requests->select_frame = selected - 1;
+    if (ImGui::IsKeyPressed(ImGuiKey_DownArrow) && count && (u32)selected + 1 < count) requests->select_frame = selected + 1;
   }
   DrawCallStackMenu(app, requests, thread, selected, count);
   EngineUnlockModel(app->target);
@@ -264,8 +374,21 @@ void DrawThreadsWindow(AppState *app, TargetWindowRequests *requests) {
 
 // [SECTION] Modules
 
-static void DrawModulesMenu(Settings *s) {
+// A module row as "Copy" writes it: the cells separated by tabs, the status by its short name.
+static void CopyModuleRow(const TargetModule *m) {
+  char row[kModulePathCapacity * 2 + 128];
+  snprintf(row, sizeof row, "%s\t%s\t%llX-%llX\t%s\t%s\n", ModuleName(m), m->symbols.image_path,
+           (unsigned long long)TargetModuleBase(m), (unsigned long long)TargetModuleEnd(m), m->symbols.pdb_path,
+           SymbolStatusName(m->symbols.status));
+  ImGui::SetClipboardText(row);
+}
+
+static void DrawModulesMenu(Settings *s, TargetModule *selected, TargetWindowRequests *requests) {
   if (!ImGui::BeginPopupContextWindow("modules-wnd")) return;
+  if (ImGui::MenuItem("Copy", "Ctrl+C", false, selected != nullptr)) CopyModuleRow(selected);
+  // The user's pick of a PDB for the module (taken without its GUID check), then its symbols anew.
+  if (ImGui::MenuItem("Load Symbols From...", nullptr, false, selected != nullptr)) requests->pick_symbols = selected;
+  ImGui::Separator();
   ImGui::MenuItem("Name", nullptr, true, false);
   struct Column { const char *label; u8 *shown; };
   const Column columns[] = {{"Path", &s->modules_show_path},
@@ -279,11 +402,12 @@ static void DrawModulesMenu(Settings *s) {
   ImGui::EndPopup();
 }
 
-void DrawModulesWindow(AppState *app) {
+void DrawModulesWindow(AppState *app, TargetWindowRequests *requests) {
   if (!LockStoppedTarget(app)) return;
   Settings *s = &app->settings;
   int columns = 1 + s->modules_show_path + s->modules_show_address + s->modules_show_symbol_file + s->modules_show_status;
   static u64 selected_base;  // the clicked row's module
+  TargetModule *selected = nullptr;
   if (ImGui::BeginTable("tbl", columns, ImGuiTableFlags_Resizable | ImGuiTableFlags_ScrollY | ImGuiTableFlags_BordersInnerV)) {
     ImGui::TableSetupScrollFreeze(0, 1);
     ImGui::TableSetupColumn("Name");
@@ -292,12 +416,13 @@ void DrawModulesWindow(AppState *app) {
     if (s->modules_show_symbol_file) ImGui::TableSetupColumn("Symbol File");
     if (s->modules_show_status) ImGui::TableSetupColumn("Symbol Status");
     ImGui::TableHeadersRow();
-    for (const TargetModule *m = app->target->modules; m; m = m->next) {
+    for (TargetModule *m = app->target->modules; m; m = m->next) {
       ImGui::TableNextRow();
       ImGui::TableNextColumn();
       u64 base = TargetModuleBase(m);
       ImGui::PushID((const void *)m);
       if (ImGui::Selectable(ModuleName(m), selected_base == base, ImGuiSelectableFlags_SpanAllColumns)) selected_base = base;
+      if (selected_base == base) selected = m;
       ImGui::PopID();
       if (s->modules_show_path) { ImGui::TableNextColumn(); ImGui::TextUnformatted(m->symbols.image_path); }
       if (s->modules_show_address) {
@@ -309,6 +434,9 @@ void DrawModulesWindow(AppState *app) {
     }
     ImGui::EndTable();
   }
-  DrawModulesMenu(s);
+  if (selected && ImGui::IsWindowFocused(ImGuiFocusedFlags_ChildWindows) && ImGui::GetIO().KeyCtrl &&
+      ImGui::IsKeyPressed(ImGuiKey_C, false))
+    CopyModuleRow(selected);
+  DrawModulesMenu(s, selected, requests);
   EngineUnlockModel(app->target);
 }

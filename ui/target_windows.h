@@ -13,10 +13,11 @@ struct TargetWindowRequests {
   TargetThread *toggle_freeze;  // null for none
   TargetThread *toggle_solo;
   s32 collapse_repeated;        // -1 unchanged, else the new switch
+  struct TargetModule *pick_symbols;  // "Load Symbols From...": the module whose PDB the user picks
 };
 
 void TargetWindowRequestsClear(TargetWindowRequests *requests);
 // Each draws the body of its window (between Begin and End).
 void DrawCallStackWindow(AppState *app, TargetWindowRequests *requests);
 void DrawThreadsWindow(AppState *app, TargetWindowRequests *requests);
-void DrawModulesWindow(AppState *app);
+void DrawModulesWindow(AppState *app, TargetWindowRequests *requests);

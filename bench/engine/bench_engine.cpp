@@ -439,7 +439,11 @@ static double EngineRunOnce(const char *mode, int count, Counted counted) {
 // the program's PDB), every hit a stop answered with run as the user interface answers it: the
 // engine rewinds, restores the byte, single-steps and re-arms. Seconds per hit; the exit code must
 // say every call counted and every hit must have stopped.
-static double EngineHitsRun(int count) {
+//
+// With a condition that is false at every call but the first and the last, the calls between run
+// through the engine's condition evaluation without a stop: seconds per call between those two
+// stops, which bp->hit_count must have counted.
+static double EngineHitsRun(int count, bool conditional = false) {
   std::string path = TargetProgram("bench_hits.exe");
   std::string arguments = std::to_string(count);
   LaunchDescription launch = {};
@@ -451,6 +455,8 @@ static double EngineHitsRun(int count) {
   BreakpointWanted wanted = {};
   wanted.kind = kBreakpointFunction;
   wanted.place = "BenchHit";
+  std::string condition = "g_hits == 0 || g_hits == " + std::to_string(count - 1);
+  if (conditional) wanted.condition = condition.c_str();
   BreakpointLocation *bp = nullptr;
   if (EngineAddBreakpoint(target, &wanted, &bp) != kEngineOk || EngineRun(target) != 0) {
     (void)EngineTerminate(target, 1);
@@ -480,12 +486,70 @@ static double EngineHitsRun(int count) {
     }
     if (!answered_stop && !done) Sleep(16);
   }
+  u32 counted = bp->hit_count;
   EngineRelease(target);
+  if (conditional) {
+    if (exit_code != 0 || span.seen != 2 || counted != (u32)count) {
+      fprintf(stderr, "engine conditional run: %d stops of 2, %u hits of %d, exit code %u\n", span.seen, counted,
+              count, exit_code);
+      return -1;
+    }
+    return (span.last - span.first) / (count - 1);
+  }
   if (exit_code != 0 || span.seen != count) {
     fprintf(stderr, "engine breakpoint run: %d hits of %d, exit code %u\n", span.seen, count, exit_code);
     return -1;
   }
   return span.PerEvent();
+}
+
+// A thousand watch requests of one shape ("g_type.name[i]", a member's array element) at one stop
+// of eng_target: seconds from the refresh to the last result, and the system reads the memory cache
+// made for them (its lines hold at the second refresh). Returns the median of the refreshes.
+static double EngineWatchesRun(int watches, int refreshes, u64 *first_fills, u64 *later_fills) {
+  std::string path = TargetProgram("eng_target.exe");
+  LaunchDescription launch = {};
+  launch.executable = path.c_str();
+  launch.arguments = "int3";
+  Target *target = nullptr;
+  u32 pid = 0;
+  if (EngineStartLaunch(&launch, nullptr, nullptr, &target, &pid) != 0) return -1;
+  std::vector<EvaluationRequest *> requests(watches);
+  for (int i = 0; i < watches; i++) {
+    std::string text = "g_type.name[" + std::to_string(i % 22) + "]";
+    if (EngineAddEvaluationRequest(target, text.c_str(), (void *)(uintptr_t)(i + 1), &requests[i]) != 0) return -1;
+  }
+  // Pops until the stop and the results it brings; then each refresh's results, timed.
+  auto await_results = [&](int wanted) {
+    int seen = 0;
+    for (;;) {
+      EngineEvent e;
+      while (EnginePopEvent(target, &e) == 0 && e.kind != kEventNone) {
+        if (e.kind == kEventEvaluation && ++seen == wanted) return true;
+        if (e.kind == kEventProcessExited) return false;
+      }
+      if (!EngineWaitForEvent(target, 10000)) return false;
+    }
+  };
+  std::vector<double> times;
+  bool ok = EngineRun(target) == 0 && await_results(watches) && EngineWaitStopped(target, 10000) == 0;
+  for (int r = 0; ok && r < refreshes; r++) {
+    u64 fills = TargetCache(target)->line_fills;
+    double begin = Now();
+    ok = EngineRefresh(target) == 0 && await_results(watches);
+    times.push_back(Now() - begin);
+    (r == 0 ? *first_fills : *later_fills) = TargetCache(target)->line_fills - fills;
+    ok = ok && EngineWaitStopped(target, 10000) == 0;
+  }
+  (void)EngineTerminate(target, 0);
+  for (bool done = false; !done;) {
+    EngineEvent e;
+    while (EnginePopEvent(target, &e) == 0 && e.kind != kEventNone)
+      if (e.kind == kEventProcessExited || e.kind == kEventDetached) done = true;
+    if (!done && !EngineWaitForEvent(target, 10000)) break;
+  }
+  EngineRelease(target);
+  return ok ? Median(times) : -1;
 }
 
 // The engine stepping over the loop's line: seconds per single step (the target's debug events
@@ -678,17 +742,19 @@ int main(int argc, char **argv) {
   }
 
   // 3. Breakpoint hits, alternating the raw loop and the engine as the stop table does.
-  std::vector<double> hits, engine_hits;
+  std::vector<double> hits, engine_hits, false_hits;
   for (int r = 0; r < rounds; r++) {
     if (r % 2 == 0) {
       hits.push_back(RawHitsRun(hit_count));
       engine_hits.push_back(EngineHitsRun(hit_count));
+      false_hits.push_back(EngineHitsRun(hit_count, true));
     } else {
+      false_hits.push_back(EngineHitsRun(hit_count, true));
       engine_hits.push_back(EngineHitsRun(hit_count));
       hits.push_back(RawHitsRun(hit_count));
     }
   }
-  double hit = Median(hits), engine_hit = Median(engine_hits);
+  double hit = Median(hits), engine_hit = Median(engine_hits), false_hit = Median(false_hits);
   printf("\n| breakpoint hits (%d calls of one function) | hits per second | us per hit | / raw loop |\n"
          "|---|---|---|---|\n",
          hit_count);
@@ -699,6 +765,19 @@ int main(int argc, char **argv) {
          engine_hit > 0 ? 1 / engine_hit : 0);
   PrintMicroseconds(engine_hit);
   printf(" | %.2f |\n", hit > 0 && engine_hit > 0 ? engine_hit / hit : 0);
+  printf("| the engine: the same breakpoint with a condition that is false, evaluated at each hit | %.0f | ",
+         false_hit > 0 ? 1 / false_hit : 0);
+  PrintMicroseconds(false_hit);
+  printf(" | %.2f |\n", hit > 0 && false_hit > 0 ? false_hit / hit : 0);
+
+  // 5 (before the steps, which take longest). Watches at one stop.
+  {
+    u64 first_fills = 0, later_fills = 0;
+    double watches = EngineWatchesRun(1000, 2 * rounds + 1, &first_fills, &later_fills);
+    printf("\n| 1,000 watches of `g_type.name[i]` at one stop | ms per refresh (all results popped) | "
+           "system reads, first refresh | later refreshes |\n|---|---|---|---|\n| the engine | %.2f | %llu | %llu |\n",
+           watches * 1e3, (unsigned long long)first_fills, (unsigned long long)later_fills);
+  }
 
   // 4. Single steps, alternating the raw loop and the engine.
   int step_rounds_count = argc > 6 ? atoi(argv[6]) : 2000;

@@ -34,13 +34,16 @@ main_row=$(grep -F '| > |' "$out/dumps/modules.txt") || fail "no current thread 
 [[ "$main_row" == *"Main Thread"* ]] || fail "the current thread is not the main thread: $main_row"
 grep -qF "msvcrt.dll thread" "$out/dumps/modules.txt" || fail "the worker thread is not listed"
 
-# The Call Stack tab (beside Modules): the main thread's chain, from the system's Sleep down to main.
+# The Call Stack tab (beside Modules): the main thread's chain, from the system's Sleep down to main,
+# each frame detailed (the default): its return type, then one line per parameter with its value.
 click_until callstack 815 223 1 "[window Call Stack]"
-wait_for callstack "| demo.exe | main() Ln "
-expect callstack "| Module Name | Function Name | Address |" "| kernelbase.dll | kernelbase.dll!"
+wait_for callstack "| int main("
+expect callstack "| Module Name | Function Name | Address |" "| kernelbase.dll | kernelbase.dll!" "   int argc = 2," \
+  "   char ** argv = "
+grep -qE '^   char \*\* argv = [0-9A-F]{16}\) Ln [0-9]+ \|' "$out/dumps/callstack.txt" || fail "main's argv line"
 # A double click on the worker's row makes it current: the stack follows it into Simulate.
 xdotool mousemove --window "$window" 780 107 click --repeat 2 --delay 80 1
-wait_for worker-selected "| demo.exe | Simulate() Ln "
+wait_for worker-selected "| void Simulate("
 worker_row=$(grep -F '| > |' "$out/dumps/worker-selected.txt")
 [[ "$worker_row" == *"msvcrt.dll thread"* ]] || fail "the worker is not marked current: $worker_row"
 # Its "F" button freezes it: drawn red from then on.
@@ -60,8 +63,9 @@ for w in $(xdotool search --name 'demo\.exe$' 2>/dev/null); do
   [ "$w" != "$window" ] && xdotool windowmove "$w" 1270 790
 done
 press_until breakpoint-run "[SUSPENDED]" F5  # F5 again while running does nothing
-wait_for breakpoint-run "| demo.exe | StepParticles() Ln " 30
-expect breakpoint-run "| demo.exe | Simulate() Ln "
+wait_for breakpoint-run "| void StepParticles(" 30
+# At the function's first instruction its parameters are typed but not stored yet.
+expect breakpoint-run "| void Simulate(" "   float dt = ???) Ln "
 "$wine_run" "$exe" stop-debugging || fail "the forwarding instance failed"
 wait_for stopped-again "Program halted with exit code 0x00007E57" 30
 

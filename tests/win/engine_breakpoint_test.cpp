@@ -376,7 +376,7 @@ TEST(EngineProcessorBreakpoints, WritesAndReadsByTheMainThreadAndLaterThreads) {
   EXPECT_EQ(write->kind, (u32)kBreakpointProcessor);
   u32 slot = write->slot;
   TargetThread *main = t->threads;
-  u32 main_id = main->id;  // the record goes with the run's release
+  const u32 main_id = main->id;  // the record goes with the run; its id is checked after
   std::vector<std::pair<const void *, u32>> hits;  // record, thread
   std::vector<int> lines;
   int own = 0;

@@ -6,6 +6,8 @@
 
 #include <functional>
 #include <set>
+#include <string>
+#include <vector>
 
 #include "engine/pending_action.h"
 #include "engine/process_list.h"
@@ -37,23 +39,32 @@ TEST(EngineCommands, ServedAtTheProgramsOwnInt3) {
   EXPECT_EQ((int)stop.event.stopped.location.line, MarkerLine("INT3_LINE"));
   u64 stop_address = stop.event.stopped.address;
 
-  // At the stop: the unparsed request's result is known, reported after the stop itself; the
-  // parsed one waits for the evaluator.
+  // At the stop, after the stop itself: each request's result, in the order they were added; the
+  // unparsed one's is its parse error, the parsed one's the evaluator's row.
   PopInto(t, seen, kLeaveStopped);
-  ASSERT_EQ(seen.Count(kEventEvaluation), 1);
+  ASSERT_EQ(seen.Count(kEventEvaluation), 2);
   EXPECT_LT(seen.First(kEventStopped), seen.First(kEventEvaluation));
   const EngineEvent &result = seen.First(kEventEvaluation)->event;
-  EXPECT_EQ(result.evaluation.request, (void *)broken);
-  EXPECT_EQ(result.evaluation.cookie, broken->cookie);
-  EXPECT_EQ(result.evaluation.parse_failed, 1);
+  EXPECT_EQ(result.evaluation.request, (void *)parsed);
+  EXPECT_EQ(result.evaluation.parse_failed, 0);
+  ASSERT_TRUE(EngineLockModel(t));
+  EXPECT_EQ(parsed->row.failed, 1);
+  EXPECT_STREQ(parsed->row.value_text, "Identifier \"counter\" not found");
+  EngineUnlockModel(t);
   // Added while stopped: a refresh re-evaluates every request, the new one included.
   size_t mark = seen.events.size();
   ASSERT_EQ(EngineAddEvaluationRequest(t, "((", (void *)3, &late), 0);
-  int first = WaitForKind(t, seen, kEventEvaluation, mark);
-  int second = first < 0 ? -1 : WaitForKind(t, seen, kEventEvaluation, first + 1);
-  ASSERT_GE(second, 0);
-  std::set<void *> evaluated = {seen.events[first].event.evaluation.request, seen.events[second].event.evaluation.request};
-  EXPECT_EQ(evaluated, (std::set<void *>{broken, late}));
+  std::set<void *> evaluated;
+  for (int at = (int)mark - 1, n = 0; n < 3; n++) {
+    at = WaitForKind(t, seen, kEventEvaluation, at + 1);
+    ASSERT_GE(at, 0);
+    evaluated.insert(seen.events[at].event.evaluation.request);
+    if (seen.events[at].event.evaluation.request == broken) {
+      EXPECT_EQ(seen.events[at].event.evaluation.cookie, broken->cookie);
+      EXPECT_EQ(seen.events[at].event.evaluation.parse_failed, 1);
+    }
+  }
+  EXPECT_EQ(evaluated, (std::set<void *>{parsed, broken, late}));
   EXPECT_EQ(late->cookie, (void *)3);
   ASSERT_EQ(EngineWaitStopped(t, 10000), 0);
   for (EvaluationRequest *request : {parsed, broken, late}) EXPECT_EQ(EngineRemoveEvaluationRequest(t, request), 0);
@@ -120,6 +131,68 @@ TEST(EngineCommands, ServedAtTheProgramsOwnInt3) {
   DriveToEnd(t, seen);
   EXPECT_EQ(seen.debug_strings.size(), 0u);
   EXPECT_EQ(seen.exit_code, 3u);
+}
+
+// Symbols picked by hand for a loaded module: a wrong PDB (taken unchecked) leaves the module's
+// function breakpoint pending, the right one binds it again where it was.
+TEST(EngineCommands, ReloadingAModulesSymbolsFromAPickedPdb) {
+  Target *t = Launch("int3", false);
+  ASSERT_NE(t, nullptr);
+  EXPECT_EQ(EngineRun(t), 0);
+  Seen seen;
+  WaitStopped(t, seen);
+  BreakpointWanted wanted = {};
+  wanted.kind = kBreakpointFunction;
+  wanted.place = "BreakWork";
+  BreakpointLocation *bp = nullptr;
+  ASSERT_EQ(EngineAddBreakpoint(t, &wanted, &bp), 0);
+  ASSERT_EQ(bp->pending, 0);
+  u64 bound_at = bp->address;
+  TargetModule *module = t->main_module;
+  std::string right = module->symbols.pdb_path;
+  EXPECT_EQ(EngineReloadModuleSymbols(t, module, TargetPath("values_mingw.pdb").c_str()), 0);
+  EXPECT_EQ(module->symbols.status, (u32)kSymbolsLoaded);  // taken as picked, without the GUID check
+  EXPECT_EQ(bp->pending, 1);
+  EXPECT_EQ(EngineFunctionAddress(t, "BreakWork"), 0u);
+  EXPECT_EQ(EngineReloadModuleSymbols(t, module, right.c_str()), 0);
+  EXPECT_EQ(bp->pending, 0);
+  EXPECT_EQ(bp->address, bound_at);
+  EXPECT_EQ(EngineReloadModuleSymbols(t, nullptr, right.c_str()), kEngineNoTarget);
+  EXPECT_EQ(EngineTerminate(t, 0), 0);
+  DriveToEnd(t, seen);
+}
+
+// A thousand watches of one shape, each in its own request with its own nodes, evaluate at one
+// stop: every one reports its own element of the program's array.
+TEST(EngineCommands, AThousandWatchesEvaluateAtOneStop) {
+  Target *t = Launch("int3", false);
+  ASSERT_NE(t, nullptr);
+  const char name[] = ".?AVparse_error@ktrn@@";  // g_type.name, as the program has it
+  const u32 length = sizeof name - 1;
+  std::vector<EvaluationRequest *> requests(1000);
+  for (u32 i = 0; i < requests.size(); i++) {
+    std::string text = "g_type.name[" + std::to_string(i % length) + "]";
+    ASSERT_EQ(EngineAddEvaluationRequest(t, text.c_str(), (void *)(uintptr_t)(i + 1), &requests[i]), 0) << i;
+  }
+  EXPECT_EQ(EngineRun(t), 0);
+  Seen seen;
+  WaitStopped(t, seen);
+  std::set<void *> answered;
+  for (int at = -1; answered.size() < requests.size();) {
+    at = WaitForKind(t, seen, kEventEvaluation, at + 1);
+    ASSERT_GE(at, 0) << answered.size() << " answered";
+    answered.insert(seen.events[at].event.evaluation.request);
+  }
+  ASSERT_TRUE(EngineLockModel(t));
+  for (u32 i = 0; i < requests.size(); i++) {
+    char expected[32];
+    snprintf(expected, sizeof expected, "%d '%c'", name[i % length], name[i % length]);
+    EXPECT_STREQ(requests[i]->row.value_text, expected) << requests[i]->text;
+  }
+  EngineUnlockModel(t);
+  for (EvaluationRequest *r : requests) EXPECT_EQ(EngineRemoveEvaluationRequest(t, r), 0);
+  EXPECT_EQ(EngineTerminate(t, 0), 0);
+  DriveToEnd(t, seen);
 }
 
 TEST(EngineCommands, RequestsQueuedWhileRunningAreServedWithoutAVisibleStop) {

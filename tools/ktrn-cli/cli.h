@@ -35,6 +35,7 @@ typedef struct Cli {
   // The script's breakpoints, numbered from 1 in the order they were made; null once deleted.
   BreakpointLocation *breakpoints[256];
   u32 breakpoint_count;
+  void *awaited_evaluation;  // the cookie of the evaluation request a command waits for
 } Cli;
 
 // [SECTION] Events (session.cpp)
@@ -43,6 +44,7 @@ enum PumpResult {
   kPumpEnded = 1,     // the process exited or was detached
   kPumpRefreshed = 2, // the engine answered a command that changed thread states or registers
   kPumpTimedOut = 3,
+  kPumpEvaluated = 4, // (with want_refresh) the awaited evaluation request has a result
 };
 // Pops and prints events until a stop, the end of the run, or (with want_refresh) the engine's
 // answer to a thread-state command, or until timeout_ms passes. The --seconds and
@@ -105,6 +107,13 @@ bool CliSetRegister(Cli *cli, TargetThread *thread, const char *name, u64 value)
 bool CliIsVectorRegister(const char *name);
 bool CliSetVectorRegister(Cli *cli, TargetThread *thread, const char *name, const char *hex);
 void CliPrintVectorRegister(Cli *cli, TargetThread *thread, const char *name);
+
+// [SECTION] Evaluation (evaluate.cpp)
+// eval EXPR: prints "EXPR | VALUE | TYPE", the three texts of a watch row.
+bool CliEvaluate(Cli *cli, const char *text);
+// expand EXPR [DEPTH]: the expression's row, then its child rows down to depth levels, each
+// indented by two spaces a level.
+bool CliExpand(Cli *cli, const char *text, u32 depth);
 
 // [SECTION] Script (script.cpp)
 // Reads the script line by line and carries out each command.

@@ -7,6 +7,7 @@
 // [SECTION] Commands
 // [SECTION] Run control
 // [SECTION] Call stack
+// [SECTION] Evaluation
 // [SECTION] The command table
 // [SECTION] Running a script
 #include <ctype.h>
@@ -237,6 +238,12 @@ static bool Remember(Cli *cli, BreakpointLocation *bp) {
 
 // A breakpoint the engine made: numbered and printed; an error line otherwise.
 static bool Added(Cli *cli, EngineResult result, BreakpointLocation *bp) {
+  if (result == kEngineParseError && bp) {  // made, with its condition kept as text
+    if (!Remember(cli, bp)) return false;
+    CliPrintBreakpoint(cli, bp);
+    CliError(cli, "%s", CliResultText(result));
+    return false;
+  }
   if (result != kEngineOk) {
     CliError(cli, "%s", CliResultText(result));
     return false;
@@ -249,8 +256,20 @@ static bool Added(Cli *cli, EngineResult result, BreakpointLocation *bp) {
 // break FILE:LINE | FUNCTION | ADDRESS: a number is an address; a text whose last ':' is followed
 // by digits only is a file and line (a path may hold ':' of its own); anything else names a function.
 static bool CommandBreak(Cli *cli, const ScriptArguments *args) {
+  // "break PLACE if CONDITION": the condition is the text after the first " if ".
+  char place_text[kBreakpointPlaceCapacity];
   const char *place = args->rest[0];
   BreakpointWanted wanted = {};
+  if (const char *when = strstr(place, " if ")) {
+    if ((size_t)(when - place) >= sizeof place_text) {
+      CliError(cli, "%s", CliResultText(kEngineTextTooLong));
+      return false;
+    }
+    memcpy(place_text, place, when - place);
+    place_text[when - place] = 0;
+    place = place_text;
+    wanted.condition = when + 4;
+  }
   char file[kBreakpointPlaceCapacity];
   u64 number = 0;
   const char *colon = strrchr(place, ':');
@@ -568,6 +587,38 @@ static bool CommandFrame(Cli *cli, const ScriptArguments *args) {
   return true;
 }
 
+// [SECTION] Evaluation
+
+// echo TEXT: prints the text (a heading in a transcript).
+static bool CommandEcho(Cli *, const ScriptArguments *args) {
+  printf("%s\n", args->count ? args->rest[0] : "");
+  return true;
+}
+
+static bool CommandEval(Cli *cli, const ScriptArguments *args) { return CliEvaluate(cli, args->rest[0]); }
+
+// expand EXPR [DEPTH]: a last word that is a number is the depth (1 when none is given).
+static bool CommandExpand(Cli *cli, const ScriptArguments *args) {
+  u64 depth = 1;
+  char text[kEvaluationTextCapacity];
+  u32 length = (u32)strlen(args->rest[0]);
+  if (args->count > 1 && ParseNumber(args->word[args->count - 1], &depth)) {
+    length = (u32)(args->rest[args->count - 1] - args->rest[0]);
+    while (length && (args->rest[0][length - 1] == ' ' || args->rest[0][length - 1] == '\t')) length--;
+  }
+  if (length >= sizeof text) {
+    CliError(cli, "%s", CliResultText(kEngineTextTooLong));
+    return false;
+  }
+  if (depth < 1 || depth > kEvaluationPathCapacity) {
+    CliError(cli, "DEPTH must be a number from 1 to %u", kEvaluationPathCapacity);
+    return false;
+  }
+  memcpy(text, args->rest[0], length);
+  text[length] = 0;
+  return CliExpand(cli, text, (u32)depth);
+}
+
 // [SECTION] The command table
 
 static const ScriptCommand kScriptCommands[] = {
@@ -582,7 +633,7 @@ static const ScriptCommand kScriptCommands[] = {
     {"freeze", "TID|#N", 1, 1, kNeedsStartedStop, CommandFreeze},
     {"thaw", "TID|#N", 1, 1, kNeedsStartedStop, CommandThaw},
     {"solo", "TID|#N", 1, 1, kNeedsStartedStop, CommandSolo},
-    {"break", "FILE:LINE|FUNCTION|ADDRESS", 1, kArgumentsRestOfLine, kNeedsProcess, CommandBreak},
+    {"break", "FILE:LINE|FUNCTION|ADDRESS [if CONDITION]", 1, kArgumentsRestOfLine, kNeedsProcess, CommandBreak},
     {"break-data", "ADDRESS SIZE r|w|x", 3, 3, kNeedsStop, CommandBreakData},
     {"condition", "N [TEXT]", 1, kArgumentsRestOfLine, kNeedsStop, CommandCondition},
     {"enable", "N", 1, 1, kNeedsProcess, CommandEnable},
@@ -595,6 +646,9 @@ static const ScriptCommand kScriptCommands[] = {
     {"set-reg", "NAME VALUE", 2, 2, kNeedsStartedStop, CommandSetReg},  // general registers, ymm0-15
     {"read", "ADDRESS COUNT", 2, 2, kNeedsStop, CommandRead},
     {"modules", "", 0, 0, kNeedsStop, CommandModules},
+    {"echo", "[TEXT]", 0, kArgumentsRestOfLine, kNeedsProcess, CommandEcho},
+    {"eval", "EXPR", 1, kArgumentsRestOfLine, kNeedsStartedStop, CommandEval},
+    {"expand", "EXPR [DEPTH]", 1, kArgumentsRestOfLine, kNeedsStartedStop, CommandExpand},
     {"detach", "", 0, 0, kNeedsProcess, CommandDetach},
     {"kill", "[EXIT_CODE]", 0, 1, kNeedsProcess, CommandKill},
 };

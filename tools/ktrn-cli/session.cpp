@@ -193,8 +193,11 @@ static int HandleEvent(Cli *cli, const EngineEvent *e) {
     case kEventBreakpointHit: {
       const BreakpointLocation *bp = (const BreakpointLocation *)e->breakpoint.location_record;
       u32 code = bp && bp->kind == kBreakpointProcessor ? kStopReasonProcessorBreakpoint : kStopReasonUserBreakpoint;
-      return ReportStop(cli, StopReasonStoppedText(code, cli->started_by), e->breakpoint.thread_id,
-                        &e->breakpoint.location, e->breakpoint.address);
+      int meaning = ReportStop(cli, StopReasonStoppedText(code, cli->started_by), e->breakpoint.thread_id,
+                               &e->breakpoint.location, e->breakpoint.address);
+      // A condition that gave no answer stops; its message says why.
+      if (e->breakpoint.condition_error) printf("condition: %s\n", e->breakpoint.condition_error);
+      return meaning;
     }
     case kEventBreakpointBound:
     case kEventBreakpointLost:
@@ -203,6 +206,9 @@ static int HandleEvent(Cli *cli, const EngineEvent *e) {
     case kEventProcessorBreakpointHit:
       return ReportStop(cli, StopReasonStoppedText(kStopReasonProcessorBreakpoint, cli->started_by),
                         HeldThreadId(cli), &e->processor_breakpoint.location, e->processor_breakpoint.address);
+    case kEventEvaluation:
+      if (cli->awaited_evaluation && e->evaluation.cookie == cli->awaited_evaluation) return kPumpEvaluated;
+      break;
     case kEventModuleUnloaded:
       TargetModuleRelease(cli->target, e->module.module);
       break;
@@ -238,7 +244,7 @@ PumpResult CliPump(Cli *cli, bool want_refresh, u32 timeout_ms) {
     while (EnginePopEvent(cli->target, &event) == 0 && event.kind != kEventNone) {
       int meaning = HandleEvent(cli, &event);
       if (meaning == kPumpStopped || meaning == kPumpEnded) return (PumpResult)meaning;
-      if (meaning == kPumpRefreshed && want_refresh) return kPumpRefreshed;
+      if ((meaning == kPumpRefreshed || meaning == kPumpEvaluated) && want_refresh) return (PumpResult)meaning;
     }
     if (cli->ended) return kPumpEnded;
     TakeLimits(cli);

@@ -16,8 +16,9 @@ struct Evaluator {
   eval_image::Image image;
   ExprEvalHost host;
   std::unique_ptr<ExprPool> pool{new ExprPool};
-  Evaluator() {
+  explicit Evaluator(bool split = false) {
     eval_image::Fill(&image);
+    image.split = split;
     host = eval_image::Host(&image);
     InitExprPool(pool.get());
   }
@@ -26,7 +27,7 @@ struct Evaluator {
   std::string Run(const char *text) {
     ExprParseResult parsed;
     if (!ExprParse(pool.get(), text, &parsed)) return "parse error";
-    ExprEvalContext context = {&host, 0, {}};
+    ExprEvalContext context = {&host, 0, {}, nullptr};
     ExprValue value;
     std::string out;
     if (ExprEvaluate(&context, parsed.tree, &value) != kExprEvalOk || ExprLoadValue(&context, &value, &value) != kExprEvalOk)
@@ -115,6 +116,8 @@ TEST(Evaluator, ValuesAndTheirTypes) {
       {"sizeof(Point)", "23 8"},
       {"sizeof arr", "23 16"},
       {"sizeof c", "23 1"},
+      {"sizeof(d)", "23 8"},               // no type has the name: the variable's size
+      {"sizeof(der)", "23 12"},
       // Memory: members through a base, arrays, pointers and their arithmetic.
       {"pt.x", "74 10"},
       {"pt.y * pt.y", "11 4"},
@@ -140,12 +143,12 @@ TEST(Evaluator, ValuesAndTheirTypes) {
       // Registers: any case, an optional '$', every width.
       {"rax", "23 1234605616436508552"},
       {"$RAX == Rax", "30 1"},
-      {"eax", "22 1432778632"},
-      {"ah", "20 119"},
-      {"al", "20 136"},
-      {"r10l", "20 2"},
-      {"R10W", "21 258"},
-      {"r10d", "22 3773825282"},
+      {"eax", "75 1432778632"},
+      {"ah", "69 119"},
+      {"al", "69 136"},
+      {"r10l", "69 2"},
+      {"R10W", "73 258"},
+      {"r10d", "75 3773825282"},
   };
   Evaluator evaluator;
   for (const Case &c : cases) EXPECT_EQ(evaluator.Run(c.text), c.expected) << c.text;
@@ -181,6 +184,7 @@ TEST(Evaluator, EveryFailureHasItsMessage) {
       {"i[0]", "Expression is not a pointer or array type"},
       {"(Missing)i", "Type name not found"},
       {"sizeof(Missing)", "Type name not found"},
+      {"sizeof(Missing*)", "Type name not found"},
       {"(int*)d", "Cannot cast this type (expecting pointer, array, or integer literal)"},
       {"(int)pt", "Cannot cast expression of this type"},
       {"(Point)i", "Cannot cast expression to this type"},
@@ -207,11 +211,79 @@ TEST(Evaluator, ConditionsAsBooleans) {
   for (const auto &c : cases) {
     ExprParseResult parsed;
     ASSERT_TRUE(ExprParse(evaluator.pool.get(), c.text, &parsed)) << c.text;
-    ExprEvalContext context = {&evaluator.host, 0, {}};
+    ExprEvalContext context = {&evaluator.host, 0, {}, nullptr};
     bool truth = false;
     int got = ExprEvaluateToBoolean(&context, parsed.tree, &truth) == kExprEvalOk ? (int)truth : -1;
     EXPECT_EQ(got, c.expected) << c.text << ": " << context.error;
     ExprFreeTree(evaluator.pool.get(), parsed.tree);
+  }
+}
+
+// The kinds of names in their order: locals, members of this, pseudo-variables, registers, vector
+// registers, the frame groups, globals; and bit fields, which load shifted and masked.
+TEST(Evaluator, NamesInTheirOrderAndBitFields) {
+  const Case cases[] = {
+      {"$tid", "75 4660"},
+      {"$pid + 1", "75 67"},
+      {"$err", "75 5"},
+      {"$handles", "75 77"},
+      {"$Tid", "Identifier \"$Tid\" not found"},
+      {"y", "11 6"},             // this->y
+      {"z", "74 -7"},            // a global answered by find_name comes before this
+      {"efl", "75 582"},
+      {"$EFLAGS & 0x40", "75 64"},
+      {"sizeof xmm0", "23 16"},
+      {"sizeof YMM15", "23 32"},
+      {"xmm0 + 1", "Operand requires arithmetic or pointer types"},
+      {"zmm31", "AVX-512 Feature Set not supported on this processor"},
+      {"zmm32", "Identifier \"zmm32\" not found"},
+      {"ymm16", "Identifier \"ymm16\" not found"},
+      {"xmm01", "Identifier \"xmm01\" not found"},
+      {"__locals + 1", "Operand requires arithmetic or pointer types"},
+      {"flags.lo", "75 1"},
+      {"flags.mid", "75 5"},
+      {"flags.neg", "74 -1"},
+      {"flags.neg * 3", "74 -3"},
+      {"flags.lo + flags.mid", "75 6"},
+      {"sizeof flags.mid", "23 4"},
+      {"(char)flags.mid", "70 5"},
+      {"&flags.mid", "Address-of operator requires lvalue type"},
+  };
+  Evaluator evaluator;
+  for (const Case &c : cases) EXPECT_EQ(evaluator.Run(c.text), c.expected) << c.text;
+  evaluator.image.avx = false;
+  EXPECT_EQ(evaluator.Run("ymm0"), "AVX Feature Set not supported on this processor");
+  EXPECT_EQ(evaluator.Run("xmm15 == xmm15"), "Operand requires arithmetic or pointer types");
+
+  // With globals asked apart, a member of this and a register hide a global of the same name.
+  Evaluator split(true);
+  const Case split_cases[] = {{"z", "74 7"}, {"g", "74 2"}, {"i + g", "74 -5"}, {"rax == $rax", "30 1"}, {"$tid", "75 4660"}};
+  for (const Case &c : split_cases) EXPECT_EQ(split.Run(c.text), c.expected) << c.text;
+  split.host.frame_variable_at = nullptr;
+  EXPECT_EQ(split.Run("__locals"), "No local variables found in current frame");
+  EXPECT_EQ(split.Run("__params"), "No function parameters found in current frame");
+}
+
+TEST(Evaluator, EvaluateAsConvertsOrSaysWhy) {
+  Evaluator evaluator;
+  const struct {
+    const char *text;
+    u32 wanted;
+    bool ok;
+    u64 bits;  // the converted value's bytes
+  } cases[] = {{"pi", 0x23, true, 0x10050},        {"arr[1] * 2", 0x23, true, 4},       {"d", 0x74, true, 0},
+               {"c + c", 0x75, true, 0xFFFFFFC8},   {"(char)-1", 0x623, true, ~0ull},    {"i", 0x41, true, 0xC01C000000000000ull},
+               {"pt", 0x23, false, 0},              {"nowhere", 0x23, false, 0},         {"i", 0x1000, false, 0}};
+  for (const auto &c : cases) {
+    ExprParseResult parsed;
+    ASSERT_TRUE(ExprParse(evaluator.pool.get(), c.text, &parsed)) << c.text;
+    ExprEvalContext context = {&evaluator.host, 0, {}, nullptr};
+    u64 out = 0;
+    u32 result = ExprEvaluateAs(&context, parsed.tree, c.wanted, &out, sizeof out);
+    ExprFreeTree(evaluator.pool.get(), parsed.tree);
+    EXPECT_EQ(result, c.ok ? kExprEvalOk : kExprEvalFailed) << c.text << ": " << context.error;
+    if (c.ok) EXPECT_EQ(out, c.bits) << c.text;
+    else EXPECT_STREQ(context.error, "Unable to evaluate and/or convert expression to the appropriate type") << c.text;
   }
 }
 

@@ -8,11 +8,14 @@
 //   {line:MARKER}    the line of eng_target.cpp whose comment holds MARKER
 //   {step_source}    eng_step.c (the stepping program), as its PDB names it
 //   {step:MARKER}    the line of eng_step.c whose comment holds MARKER
+//   {values_source}  values_oracle.cpp (the evaluator's oracle program), as its PDBs name it
+//   {values:MARKER}  the line of values_oracle.cpp whose comment holds MARKER
 //   {pid:MODE}       (arguments only) the id of an eng_target.exe started in MODE outside the debugger,
 //                    ended after the run
 // In expected lines: {n} stands for decimal digits, {x} for hexadecimal digits, {*} for any text,
 // and a line "..." for any number of lines. Everything else must match exactly. A transcript that
-// does not match is also written to the temporary folder as NAME.actual.
+// does not match is also written to the temporary folder as NAME.actual. Values a program prints
+// as its own oracle are checked against the script's evals besides (see ExpectOracleValues).
 #include <windows.h>
 
 #include <gtest/gtest.h>
@@ -22,6 +25,8 @@
 
 #include <algorithm>
 #include <fstream>
+#include <map>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -46,7 +51,7 @@ static std::vector<std::string> Lines(const std::string &text) {
 }
 
 static int MarkerLine(const char *file, const std::string &marker) {
-  std::ifstream in(std::string("Z:") + KTRN_SOURCE_DIR + "/tests/targets/engine/" + file);
+  std::ifstream in(std::string("Z:") + KTRN_SOURCE_DIR + "/tests/targets/" + file);
   std::string line;
   for (int n = 1; std::getline(in, line); n++)
     if (line.find("// " + marker) != std::string::npos) return n;
@@ -107,11 +112,19 @@ static bool CommonSubstitution(const std::string &key, std::string *value) {
     return true;
   }
   if (key.compare(0, 5, "line:") == 0) {
-    *value = std::to_string(MarkerLine("eng_target.cpp", key.substr(5)));
+    *value = std::to_string(MarkerLine("engine/eng_target.cpp", key.substr(5)));
+    return true;
+  }
+  if (key == "values_source") {
+    *value = KTRN_SOURCE_DIR "/tests/targets/values/values_oracle.cpp";
+    return true;
+  }
+  if (key.compare(0, 7, "values:") == 0) {
+    *value = std::to_string(MarkerLine("values/values_oracle.cpp", key.substr(7)));
     return true;
   }
   if (key.compare(0, 5, "step:") == 0) {
-    *value = std::to_string(MarkerLine("eng_step.c", key.substr(5)));
+    *value = std::to_string(MarkerLine("engine/eng_step.c", key.substr(5)));
     return true;
   }
   return false;
@@ -151,6 +164,39 @@ static bool LinesMatch(const std::vector<std::string> &expected, size_t e, const
   }
   return a < actual.size() && LineMatches(expected[e].c_str(), actual[a].c_str()) &&
          LinesMatch(expected, e + 1, actual, a + 1);
+}
+
+// [SECTION] Values the program printed
+
+// A program may print lines "ORACLE SCOPE EXPR | VALUE": in every scope the script enters (with a
+// line "scope SCOPE", an echo of the script's) each such EXPR must have been evaluated, and show VALUE.
+static void ExpectOracleValues(const std::vector<std::string> &lines) {
+  std::map<std::string, std::string> printed, shown;  // "SCOPE EXPR" -> value text
+  std::set<std::string> entered;
+  std::string scope, evaluated;
+  for (const std::string &line : lines) {
+    size_t bar = line.find(" | ");
+    if (line.compare(0, 7, "ORACLE ") == 0 && bar != std::string::npos) {
+      printed[line.substr(7, bar - 7)] = line.substr(bar + 3);
+    } else if (line.compare(0, 6, "scope ") == 0) {
+      scope = line.substr(6);
+      entered.insert(scope);
+    } else if (line.compare(0, 7, "> eval ") == 0) {
+      evaluated = line.substr(7);
+    } else if (!evaluated.empty() && line.compare(0, evaluated.size() + 3, evaluated + " | ") == 0) {
+      std::string row = line.substr(evaluated.size() + 3);
+      shown[scope + " " + evaluated] = row.substr(0, row.rfind(" | "));
+      evaluated.clear();
+    }
+  }
+  for (const auto &p : printed) {
+    if (!entered.count(p.first.substr(0, p.first.find(' ')))) continue;
+    auto found = shown.find(p.first);
+    if (found == shown.end())
+      ADD_FAILURE() << "no eval of " << p.first;
+    else
+      EXPECT_EQ(found->second, p.second) << p.first;
+  }
 }
 
 // [SECTION] Running ktrn-cli
@@ -214,6 +260,7 @@ TEST_P(CliScript, TranscriptMatchesGoldenFile) {
   if (!match) {
     std::ofstream(testing::TempDir() + GetParam() + ".actual", std::ios::binary) << output;
   }
+  ExpectOracleValues(Lines(output));
   EXPECT_TRUE(match) << "ktrn-cli --script " << GetParam() << ".script " << arguments << "\n--- expected\n"
                      << expected << "--- actual\n"
                      << output;
