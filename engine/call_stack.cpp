@@ -10,6 +10,8 @@
 #include <string.h>
 
 #include "engine/unwind.h"
+#include "symbols/pdb_inline.h"
+#include "symbols/pdb_raw.h"
 
 // [SECTION] The frame pool
 
@@ -58,9 +60,9 @@ void CallStackForgetAll(Target *target) {
 
 // Appends a frame of the context's registers and its address's symbols; false when the list is full
 // or the pool cannot grow.
-static bool RecordFrame(TargetThread *thread, const UnwindContext *c, TargetModule *module, bool return_address) {
+static StackFrame *TakeFrame(TargetThread *thread, const UnwindContext *c, TargetModule *module, bool return_address) {
   u32 n = thread->frame_count;
-  if (n >= kMaxStackFrames || !CommitFrames(thread, n + 1)) return false;
+  if (n >= kMaxStackFrames || !CommitFrames(thread, n + 1)) return nullptr;
   StackFrame *f = &thread->frames[n];
   memset(f, 0, sizeof *f);
   f->ip = c->rip;
@@ -75,17 +77,50 @@ static bool RecordFrame(TargetThread *thread, const UnwindContext *c, TargetModu
   f->r15 = c->gpr[kUnwindR15];
   f->module = module;
   f->return_address = return_address ? 1 : 0;
-  if (module) {
-    ScopeAtAddress scope;
-    FindScopeAtAddress(&module->symbols, nullptr, c->rip, return_address ? kScopeReturnAddress : kScopeExact, &scope);
-    f->procedure = scope.procedure;
-    f->block = scope.block;
-    f->line_entry = scope.line_entry;
-    f->line = scope.line;
-  }
   thread->frame_count = n + 1;
   memset(&thread->frames[n + 1], 0, sizeof(StackFrame));
+  return f;
+}
+
+// The frames of one address: one per function inlined there, innermost first, each at its own
+// line, then the procedure's own frame. False when the list is full.
+static bool RecordFrame(TargetThread *thread, const UnwindContext *c, TargetModule *module, bool return_address) {
+  ScopeAtAddress scope = {};
+  ScopeChain chain;
+  chain.inline_count = 0;
+  const PdbFile *pdb = module && module->symbols.status == kSymbolsLoaded ? &module->symbols.pdb : nullptr;
+  if (module) {
+    FindScopeAtAddress(&module->symbols, nullptr, c->rip, return_address ? kScopeReturnAddress : kScopeExact, &scope);
+    if (pdb && scope.procedure)
+      PdbScopeChainAt(pdb, scope.procedure, scope.offset, return_address ? kScopeReturnAddress : kScopeExact, &chain);
+  }
+  u32 procedure_offset = 0;
+  if (scope.procedure) memcpy(&procedure_offset, scope.procedure->record + kProcSymOffset, 4);
+  for (u32 i = 0; i < chain.inline_count; i++) {
+    StackFrame *f = TakeFrame(thread, c, module, return_address);
+    if (!f) return false;
+    f->procedure = scope.procedure;
+    f->inline_site = chain.inlines[i];
+    u32 line = 0;
+    const u8 *file = nullptr;
+    if (PdbInlineSiteLineAt(pdb, chain.inlines[i], chain.offset - procedure_offset, &line, &file)) {
+      f->line = line;
+      f->file = file;
+    }
+  }
+  StackFrame *f = TakeFrame(thread, c, module, return_address);
+  if (!f) return false;
+  f->procedure = scope.procedure;
+  f->file = scope.line_entry ? scope.line_entry->file : nullptr;
+  f->line = scope.line;
   return true;
+}
+
+const char *StackFrameFunctionName(const StackFrame *frame, char *scratch, u32 capacity) {
+  if (!frame->procedure) return "";
+  if (!frame->inline_site || !frame->module) return PdbProcName(frame->procedure);
+  PdbInlineeName(&frame->module->symbols.pdb, PdbInlineSiteInlinee(frame->inline_site), scratch, capacity);
+  return scratch;
 }
 
 static bool RecordMarker(TargetThread *thread, u32 hidden) {

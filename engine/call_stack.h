@@ -1,6 +1,6 @@
 // The call stack of a stopped thread: its frames, innermost first, found by unwinding its registers
 // over the target's memory (engine/unwind.h), each with the registers the evaluator needs and the
-// symbols of its address. With the collapsing switch on, a thread that has seen a stack overflow
+// symbols of its address; code inlined at an address adds a frame for each inlined function. With the collapsing switch on, a thread that has seen a stack overflow
 // shows each long run of repeated frames as its first frame and one marker row.
 //
 // Frame lists live in one pool reserved for all threads (a thread's part is committed as its stack
@@ -26,9 +26,12 @@ typedef struct StackFrame {
   u64 rsp, rbp, rbx, rsi, rdi, r12, r13, r14, r15;
   TargetModule *module;             // null only in a marker row
   const PdbProcScope *procedure;    // null: no symbols know the address
-  const PdbBlockScope *block;       // innermost block at the address, null for the procedure itself
-  const PdbLineEntry *line_entry;
-  u32 line;                         // 0 when unknown
+  // The frame of a function inlined at the address: its inline site (the frames of the sites come
+  // before the frame of the procedure they lie in, innermost first, with the same registers). Null
+  // for the procedure's own frame.
+  const PdbInlineScope *inline_site;
+  const u8 *file;                   // the line's file checksum record in the module's PDB, or null
+  u32 line;                         // 0 when unknown (an inlined function's own line in its frame)
   u32 collapsed_count;              // marker row: the frames it stands for
   u8 collapsed;                     // 1: a marker row ("Collapsed %d frames (possible stack-overflow)")
   u8 return_address;                // 1: ip follows a call (its line is the call's)
@@ -48,3 +51,5 @@ void CallStackForgetAll(Target *target);
 void CallStackReleaseThread(Target *target, TargetThread *thread);
 // Gives back the pool and the collapse table (target release).
 void CallStackRelease(Target *target);
+// A frame's function name: the procedure's, or the inlined function's (written into scratch).
+const char *StackFrameFunctionName(const StackFrame *frame, char *scratch, u32 capacity);

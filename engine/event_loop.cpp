@@ -186,13 +186,19 @@ static void PostFrameSelected(Target *target, TargetThread *thread, s32 index) {
   u64 address = EngineThreadIp(thread);
   bool return_address = false;
   const StackFrame *frames = nullptr;
-  if ((u32)index < CallStackOfThread(target, thread, &frames)) {
+  u32 count = CallStackOfThread(target, thread, &frames);
+  if ((u32)index < count) {
     address = frames[index].ip;
     return_address = frames[index].return_address != 0;
   }
   EngineEvent event;
   EngineMakeStopped(target, thread, kStopFrameSelected, address, index, &event);
   if (return_address) EngineLocate(target, address, &event.stopped.location, true);
+  // An inlined function's frame is at its own line, in its own file.
+  if ((u32)index < count && frames[index].inline_site) {
+    event.stopped.location.file = frames[index].file;
+    event.stopped.location.line = frames[index].line;
+  }
   event.generation = target->stop_generation;
   EnginePostEvent(target, &event);
 }

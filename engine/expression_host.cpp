@@ -301,8 +301,13 @@ static bool ForEachFrameVariable(ExpressionScope *scope, VariableFn fn, void *us
     PdbScopeChainAt(pdb, scope->frame.procedure, scope->offset, kScopeExact, &scope->chain);
     scope->chain_ready = 1;
   }
+  // The chain's frame of this stack frame: an inlined function's site, else the procedure's own.
+  u32 chain_frame = scope->from_registers ? 0 : scope->chain.inline_count;
+  for (u32 i = 0; i < scope->chain.inline_count; i++)
+    if (scope->chain.inlines[i] == scope->frame.inline_site) chain_frame = i;
   VariableWalk walk = {scope, fn, user};
-  PdbForEachLocal(pdb, scope->frame.procedure, &scope->chain, scope->section, scope->offset, 0, VisitVariable, &walk);
+  PdbForEachLocal(pdb, scope->frame.procedure, &scope->chain, scope->section, scope->offset, chain_frame, VisitVariable,
+                  &walk);
   return true;
 }
 
@@ -672,9 +677,9 @@ void ExpressionScopeAtRegisters(ExpressionScope *scope, Target *target, TargetTh
     ScopeAtAddress at;
     FindScopeAtAddress(&frame.module->symbols, nullptr, frame.ip, kScopeExact, &at);
     frame.procedure = at.procedure;
-    frame.block = at.block;
   }
   ScopeTakeFrame(scope, &frame, 0);
+  scope->from_registers = 1;
 }
 
 void ExpressionHostInit(ExprEvalHost *host, ExpressionScope *scope) {

@@ -33,7 +33,8 @@ typedef struct ExpressionScope {
   u32 frame_index;       // 0: all registers come from the thread's context
   u8 has_frame;          // false: no registers (no current thread)
   u8 chain_ready;
-  u8 padding[2];
+  u8 from_registers;  // a one-frame scope: the innermost function at the address (inlined or not)
+  u8 padding;
   TargetModule *frame_module;  // holds the frame's address; null when none does
   TargetModule *type_module;   // whose PDB describes the type indexes of this evaluation
   // The frame's place in its procedure: section and offset of the address looked up (the call for

@@ -73,7 +73,9 @@ bool EngineFrameParameters(Target *target, TargetThread *thread, u32 index, Fram
   ExprEvalContext context;
   memset(&context, 0, sizeof context);
   context.host = &host;
-  ReturnType(frames[index].module, frames[index].procedure, out->return_type, sizeof out->return_type);
+  // An inlined function's frame names no return type (its id record carries none that is read here).
+  if (!frames[index].inline_site)
+    ReturnType(frames[index].module, frames[index].procedure, out->return_type, sizeof out->return_type);
   for (u32 i = 0; i < kMaxParameters; i++) {
     const char *name = nullptr;
     ExprValue value;

@@ -33,8 +33,10 @@ static const char *ModuleName(const TargetModule *module) {
 // A frame's function as the lists show it: the procedure's name, or the module and address when no
 // symbols know the address.
 static void FrameFunction(const StackFrame *frame, char *out, u32 capacity) {
+  char inlined[kScopeNameCapacity];
   if (frame->procedure)
-    snprintf(out, capacity, "%s", PdbProcName(frame->procedure));
+    snprintf(out, capacity, "%s%s", frame->inline_site ? "[Inline Frame] " : "",
+             StackFrameFunctionName(frame, inlined, sizeof inlined));
   else if (frame->module)
     snprintf(out, capacity, "%s!%llX", ModuleName(frame->module), (unsigned long long)frame->ip);
   else

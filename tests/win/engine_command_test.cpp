@@ -114,9 +114,9 @@ TEST(EngineCommands, ServedAtTheProgramsOwnInt3) {
     EXPECT_EQ(e.event.stopped.frame, 0) << "step " << i;
     EXPECT_TRUE(steps[i].after()) << "step " << i;
   }
-  // Frame 5 does not exist and changes nothing.
+  // A frame past the last does not exist and changes nothing.
   mark = seen.events.size();
-  EXPECT_EQ(EngineSelectFrame(t, 5), 0);
+  EXPECT_EQ(EngineSelectFrame(t, (s32)kMaxStackFrames + 5), 0);
   Sleep(200);
   PopInto(t, seen, kLeaveStopped);
   EXPECT_EQ(seen.events.size(), mark);

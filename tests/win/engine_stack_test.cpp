@@ -36,6 +36,16 @@ static const PdbProcScope *ProcedureOfReturnAddress(Target *t, u64 address) {
   return scope.procedure;
 }
 
+// The frames the machine has: the frames of inlined functions (the program's own chain and the
+// system's unwinder know nothing of them) taken out.
+static u32 MachineFrames(const StackFrame *frames, u32 count, std::vector<StackFrame> *out, const StackFrame **start) {
+  out->clear();
+  for (u32 i = 0; i < count; i++)
+    if (!frames[i].inline_site) out->push_back(frames[i]);
+  *start = out->data();
+  return (u32)out->size();
+}
+
 static std::string Describe(const StackFrame *frames, u32 count) {
   std::ostringstream out;
   for (u32 i = 0; i < count; i++)
@@ -96,6 +106,8 @@ TEST(EngineStack, AgreesWithTheProgramsOwnChain) {
     ASSERT_EQ(stop.event.kind, c.stop_kind);
     const StackFrame *frames = nullptr;
     u32 count = EngineThreadStack(t, t->current_thread, &frames);
+    std::vector<StackFrame> machine;
+    count = MachineFrames(frames, count, &machine, &frames);
     ExpectAgrees(t, frames, count, PrintedChain(seen), c.first_min, c.first_max);
     if (count) EXPECT_EQ(frames[0].return_address, strcmp(c.mode, "nullcall") == 0 ? 1 : 0);
     EndRun(t, seen);
@@ -121,6 +133,8 @@ TEST(EngineStack, StackOverflowCollapsesAndTheSwitchWorks) {
       SeenEvent selected = StopAfter(t, seen, [&] { return EngineSetStackOverflowCollapsing(t, on); });
       EXPECT_EQ(selected.event.stopped.frame, 0);
       u32 count = EngineThreadStack(t, t->current_thread, &frames);
+      std::vector<StackFrame> machine;
+      count = MachineFrames(frames, count, &machine, &frames);
       if (!on) {
         EXPECT_EQ(count, (u32)kMaxStackFrames);
         continue;
@@ -159,6 +173,8 @@ TEST(EngineStack, RegistersOfEveryFrameAgreeWithTheSystemUnwinder) {
     }
     const StackFrame *frames = nullptr;
     u32 count = EngineThreadStack(t, t->current_thread, &frames);
+    std::vector<StackFrame> machine;
+    count = MachineFrames(frames, count, &machine, &frames);
     ASSERT_GE(printed.size(), 9u);  // Mix 7 times, main, the runtime's start
     EXPECT_EQ(count, printed.size()) << Describe(frames, count);
     for (u32 i = 0; i < count && i < printed.size(); i++) {
@@ -196,5 +212,51 @@ TEST(EngineStack, StacksAreBuiltWhenAsked) {
   count = EngineThreadStack(t, t->current_thread, &frames);
   ASSERT_GT(count, 0u);
   EXPECT_STREQ(PdbProcName(frames[0].procedure), "main");
+  EndRun(t, seen);
+}
+
+// Code inlined two levels deep: a breakpoint where Scale's inlined SumPair has inlined Clamp (the
+// -O2 build of the frames program) stops with a frame for each inlined function, innermost first,
+// then Scale's own frame at the same address, then main.
+TEST(EngineStack, InlinedFunctionsHaveFramesOfTheirOwn) {
+  Target *t = Launch("", false, nullptr, "frames_o2.exe");
+  ASSERT_NE(t, nullptr);
+  ASSERT_TRUE(EngineLockModel(t));
+  u64 scale = EngineFunctionAddress(t, "Scale");
+  TargetModule *module = TargetFindModule(t, scale);
+  EngineUnlockModel(t);
+  ASSERT_NE(module, nullptr);
+  const PdbFile *pdb = &module->symbols.pdb;
+  ScopeAtAddress at;
+  FindScopeAtAddress(&module->symbols, nullptr, scale, kScopeExact, &at);
+  ASSERT_NE(at.procedure, nullptr);
+  u32 length = 0;
+  memcpy(&length, at.procedure->record + kProcSymLength, 4);
+  u64 inner = 0;
+  for (u32 i = 0; i < length && !inner; i++) {
+    ScopeChain chain;
+    PdbScopeChainAt(pdb, at.procedure, at.offset + i, kScopeExact, &chain);
+    if (chain.inline_count == 2) inner = scale + i;
+  }
+  ASSERT_NE(inner, 0u) << "no code of Clamp inlined through SumPair into Scale";
+  BreakpointWanted wanted = {};
+  wanted.kind = kBreakpointAddress;
+  wanted.address = inner;
+  BreakpointLocation *bp = nullptr;
+  ASSERT_EQ(EngineAddBreakpoint(t, &wanted, &bp), 0);
+  EXPECT_EQ(EngineRun(t), 0);
+  Seen seen;
+  ASSERT_EQ(WaitStopped(t, seen, kEventBreakpointHit).event.kind, (u32)kEventBreakpointHit);
+  const StackFrame *frames = nullptr;
+  u32 count = EngineThreadStack(t, t->current_thread, &frames);
+  ASSERT_GE(count, 4u);
+  char name[256];
+  const char *expected[4] = {"frames::Clamp", "frames::SumPair", "Scale", "main"};
+  for (u32 i = 0; i < 4; i++) {
+    EXPECT_STREQ(StackFrameFunctionName(&frames[i], name, sizeof name), expected[i]) << Describe(frames, count);
+    EXPECT_EQ(frames[i].inline_site != nullptr, i < 2) << i;
+    if (i < 3) EXPECT_EQ(frames[i].ip, inner);
+    EXPECT_NE(frames[i].line, 0u) << i;
+  }
   EndRun(t, seen);
 }

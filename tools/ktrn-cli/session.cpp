@@ -47,8 +47,11 @@ void CliPlaceOfFrame(const StackFrame *frame, CliPlace *out) {
   strcpy(out->file_line, "?");
   const TargetModule *module = frame->module;
   if (!module || module->symbols.status != kSymbolsLoaded) return;
-  if (frame->procedure) snprintf(out->function, sizeof out->function, "%s", PdbProcName(frame->procedure));
-  if (frame->line_entry) FileLineText(module, frame->line_entry->file, frame->line, out);
+  char inlined[sizeof out->function];
+  if (frame->procedure)
+    snprintf(out->function, sizeof out->function, "%s%s", StackFrameFunctionName(frame, inlined, sizeof inlined),
+             frame->inline_site ? " [inlined]" : "");
+  if (frame->file) FileLineText(module, frame->file, frame->line, out);
 }
 
 void CliPrintFrame(const char *prefix, u32 index, const StackFrame *frame) {
