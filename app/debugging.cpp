@@ -251,6 +251,8 @@ int DebuggingSetNextStatement(AppState *app, const char *path, u32 line) {
   return result;
 }
 
+bool DebuggingMaySleep(AppState *app) { return !app->target || EngineUiBlocking(app->target); }
+
 bool DebuggingDrainEvents(AppState *app) {
   if (!app->target) return false;
   // The engine holds a new launch at its start; let it run once it serves commands.

@@ -22,6 +22,9 @@ int DebuggingBreak(AppState *app, u32 reason);
 // Pops every queued engine event. True when the run ended during this call (the caller then
 // carries out the pending action).
 bool DebuggingDrainEvents(AppState *app);
+// Just before the main loop sleeps: true when it may (the engine's next event will wake it through
+// the wake-up callback), false when events are queued already.
+bool DebuggingMaySleep(AppState *app);
 // A launch is held by the engine at its start until the first run: true while that is so.
 bool DebuggingAwaitingFirstRun(const AppState *app);
 // The module's symbols from the PDB the user picked (at a stop).

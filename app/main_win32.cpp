@@ -844,6 +844,12 @@ int WINAPI wWinMain(HINSTANCE instance, HINSTANCE, PWSTR, int show_command) {
       DrawFrame(program);
     } else if (!app->wake) {
       DrawFrame(program);
+      // The engine wakes us (WM_USER) only once told that we sleep; events already queued are
+      // drawn first.
+      if (!DebuggingMaySleep(app)) {
+        app->wake = 1;
+        continue;
+      }
       BOOL got = GetMessageW(&msg, nullptr, 0, 0);
       if (got == 0) break;
       if (got != -1) {

@@ -399,7 +399,7 @@ static void ReleaseRecord(Target *target, BreakpointLocation *bp) {
 
 EngineResult EngineAddBreakpoint(Target *target, const BreakpointWanted *wanted, BreakpointLocation **out) {
   if (out) *out = nullptr;
-  if (!target || !wanted || !out || !target->breakpoint_pool || !target->wait_objects[kWaitEngineWaiting])
+  if (!target || !wanted || !out || !target->breakpoint_pool || target->engine_state == kEngineStateNone)
     return kEngineNoTarget;
   if (target->exited || target->detached) return kEngineNoProcess;
   bool named = wanted->kind == kBreakpointFunction || wanted->kind == kBreakpointSourceLine;

@@ -26,12 +26,22 @@ EngineResult EngineStartLaunch(const LaunchDescription *launch, EngineWakeFn wak
 void EngineRelease(Target *target);
 
 // [SECTION] State
-// 0 stopped (the engine waits for a command), 26 running (or working on a command), 37 the wait
-// failed, 1 no target.
+// 0 stopped (the engine waits for a command), 26 running (or handling an event), 1 no target.
 EngineResult EngineStoppedState(Target *target);
 // Waits up to timeout_ms for the engine to wait for a command (the events of a stop are posted
-// before it does). 0 when stopped, else as EngineStoppedState.
+// before it does). 0 when stopped, 26 when the time ran out, 37 when the engine thread has ended.
 EngineResult EngineWaitStopped(Target *target, u32 timeout_ms);
+
+// [SECTION] Waiting for events
+// The engine calls the wake-up callback given at the start only when the user interface has said
+// that it is about to sleep: a user interface that draws frames and pops the events at each one
+// is not woken for every event, and a stop it answers at once costs no wake-up.
+// Says so just before sleeping (in GetMessage, say): true when nothing is queued, and the callback
+// will be called for the next event; false when events wait (pop them instead of sleeping).
+bool EngineUiBlocking(Target *target);
+// For a user interface without a message loop: sleeps until an event is queued (true at once when
+// one is) or timeout_ms pass (false). It needs no wake-up callback.
+bool EngineWaitForEvent(Target *target, u32 timeout_ms);
 
 // [SECTION] Operations
 EngineResult EngineBreak(Target *target);
@@ -130,9 +140,12 @@ EngineResult EngineWriteRegisters(Target *target, TargetThread *thread);
 // The threads window's name of a thread priority ("Normal", "Highest", ...); "" for a value
 // without one.
 const char *EngineThreadPriorityName(s32 priority);
+// The thread's priority at this stop, asked of the system at the first call in the stop. Call it
+// under the model lock (EngineLockModel).
+s32 EngineThreadPriority(Target *target, TargetThread *thread);
 // The thread's call stack at this stop, innermost first (marker rows included), and its count; 0
-// when not stopped or nothing could be unwound. The current thread's is built at every stop, another
-// thread's at its first request in the stop. Valid until the target runs.
+// when not stopped or nothing could be unwound. Built at its first request in the stop (the stop
+// itself builds none). Valid until the target runs.
 u32 EngineThreadStack(Target *target, TargetThread *thread, const StackFrame **out_frames);
 // Reads target memory at a stop (the program's own bytes). 26 when not stopped, 37 unreadable.
 EngineResult EngineReadMemory(Target *target, u64 address, void *buffer, u32 size);

@@ -1,5 +1,5 @@
 // The operations of the user-interface thread. Each checks the target's state, writes what the
-// engine needs into the Target, and wakes the engine through one of its wait objects; none waits
+// engine needs into the Target, and wakes the engine with one of its commands; none waits
 // for the engine's answer, which comes back as events.
 //
 // [SECTION] Starting and ending a run
@@ -111,31 +111,7 @@ void EngineRelease(Target *target) {
 
 // [SECTION] State
 
-EngineResult EngineStoppedState(Target *target) {
-  if (!target || !target->wait_objects[kWaitEngineWaiting]) return kEngineNoTarget;
-  DWORD r = WaitForSingleObject(target->wait_objects[kWaitEngineWaiting], 0);
-  if (r == WAIT_OBJECT_0) return kEngineOk;
-  if (r == WAIT_TIMEOUT) return kEngineNotSuspended;
-  return kEngineSystemCallFailed;
-}
-
-EngineResult EngineWaitStopped(Target *target, u32 timeout_ms) {
-  if (!target || !target->wait_objects[kWaitEngineWaiting]) return kEngineNoTarget;
-  HANDLE handles[2] = {target->wait_objects[kWaitEngineWaiting], target->engine_thread};
-  DWORD r = WaitForMultipleObjects(target->engine_thread ? 2 : 1, handles, FALSE, timeout_ms);
-  if (r == WAIT_OBJECT_0) return kEngineOk;
-  if (r == WAIT_TIMEOUT) return kEngineNotSuspended;
-  return kEngineSystemCallFailed;  // the engine thread ended
-}
-
 static bool HasProcess(const Target *target) { return target->process && !target->exited && !target->detached; }
-
-// Wakes the engine for the stop it is in (a command for an earlier stop is dropped), or, with
-// kAnyStop, for whichever stop comes next.
-static void Signal(Target *target, u32 object, u32 stop = 0) {
-  target->quoted_stop[object] = stop == kAnyStop ? kAnyStop : target->stop_generation;
-  SetEvent(target->wait_objects[object]);
-}
 
 // The state an operation that needs a stopped target answers with when it is not stopped.
 static EngineResult NotStopped(EngineResult state) {
@@ -169,7 +145,7 @@ static bool BreakInIfRunning(Target *target) {
 // [SECTION] Operations
 
 EngineResult EngineBreak(Target *target) {
-  if (!target || !target->wait_objects[kWaitEngineWaiting]) return kEngineNoTarget;
+  if (!target || target->engine_state == kEngineStateNone) return kEngineNoTarget;
   if (!HasProcess(target)) return kEngineNoProcess;
   if (EngineStoppedState(target) != kEngineNotSuspended) return kEngineSystemCallFailed;
   __atomic_store_n(&target->user_break_requested, 1, __ATOMIC_SEQ_CST);
@@ -184,12 +160,12 @@ EngineResult EngineRun(Target *target) {
   if (!target) return kEngineNoTarget;
   EngineResult state = EngineStoppedState(target);
   if (state != kEngineOk) return NotStopped(state);
-  Signal(target, kWaitRun);
+  EngineSignal(target, kWaitRun);
   return kEngineOk;
 }
 
 EngineResult EngineStopDebugging(Target *target) {
-  if (!target || !target->wait_objects[kWaitEngineWaiting]) return kEngineNoTarget;
+  if (!target || target->engine_state == kEngineStateNone) return kEngineNoTarget;
   if (!HasProcess(target)) return kEngineNoProcess;
   bool stopped = EngineStoppedState(target) == kEngineOk;
   u8 was_ending = target->ending;
@@ -200,12 +176,12 @@ EngineResult EngineStopDebugging(Target *target) {
     target->ending = was_ending;
     return kEngineSystemCallFailed;
   }
-  Signal(target, kWaitStopDebugging, stopped ? 0 : kAnyStop);
+  EngineSignal(target, kWaitStopDebugging, stopped ? 0 : kAnyStop);
   return kEngineOk;
 }
 
 EngineResult EngineTerminate(Target *target, u32 exit_code) {
-  if (!target || !target->wait_objects[kWaitEngineWaiting]) return kEngineNoTarget;
+  if (!target || target->engine_state == kEngineStateNone) return kEngineNoTarget;
   if (!HasProcess(target)) return kEngineNoProcess;
   u8 was_ending = target->ending;
   target->ending = kEndingTerminate;
@@ -216,7 +192,7 @@ EngineResult EngineTerminate(Target *target, u32 exit_code) {
   // Run is signalled whether the engine is stopped or not: a break already on its way (the user's,
   // or an attach's break-in) still arrives after the terminate and stops silently, and this run lets
   // it go on to the exit instead of waiting for a command that never comes.
-  Signal(target, kWaitRun, kAnyStop);
+  EngineSignal(target, kWaitRun, kAnyStop);
   return kEngineOk;
 }
 
@@ -226,7 +202,7 @@ EngineResult EngineSelectThread(Target *target, u32 thread_id) {
   if (state != kEngineOk) return NotStopped(state);
   for (TargetThread *t = target->threads; t; t = t->next)
     if (t->id == thread_id) target->current_thread = t;
-  Signal(target, kWaitThreadStates);
+  EngineSignal(target, kWaitThreadStates);
   Unlock(target);
   return kEngineOk;
 }
@@ -239,7 +215,7 @@ static EngineResult ToggleFlag(Target *target, TargetThread *thread, bool solo) 
       thread->solo ^= 1;
     else
       thread->frozen ^= 1;
-    Signal(target, kWaitThreadStates);
+    EngineSignal(target, kWaitThreadStates);
   }
   Unlock(target);
   return thread ? kEngineOk : kEngineNoTarget;
@@ -254,7 +230,7 @@ EngineResult EngineSelectFrame(Target *target, s32 frame_index) {
   if (state == kEngineNoTarget) return state;
   if (state != kEngineOk) return kEngineOk;
   target->requested_frame = frame_index;
-  Signal(target, kWaitSelectFrame);
+  EngineSignal(target, kWaitSelectFrame);
   return kEngineOk;
 }
 
@@ -264,7 +240,7 @@ EngineResult EngineSetStackOverflowCollapsing(Target *target, u8 on) {
   if (state == kEngineNoTarget) return state;
   if (state != kEngineOk) return kEngineOk;
   target->collapse_stack_overflow = on ? 1 : 0;
-  Signal(target, kWaitRebuildStack);
+  EngineSignal(target, kWaitRebuildStack);
   return kEngineOk;
 }
 
@@ -282,7 +258,7 @@ static EngineResult SetInstructionPointerLocked(Target *target, u64 address) {
   context->Rip = address;
   ThreadContextMarkDirty(t, kContextDirty);
   if (ThreadContextFlush(t) != kEngineOk) return kEngineSystemCallFailed;
-  Signal(target, kWaitContextChanged);
+  EngineSignal(target, kWaitContextChanged);
   return kEngineOk;
 }
 
@@ -336,7 +312,7 @@ static EngineResult NextStatementLocked(Target *target, const char *path, u32 li
 static EngineResult RunWith(Target *target, u8 request, u64 address) {
   target->run_request = request;
   target->run_to_address = address;
-  Signal(target, kWaitRun);
+  EngineSignal(target, kWaitRun);
   Unlock(target);
   return kEngineOk;
 }
@@ -402,7 +378,7 @@ EngineResult EngineRunToEntry(Target *target, bool nominal_entry) {
 }
 
 EngineResult EngineQueueRequest(Target *target, const EngineRequest *request) {
-  if (!target || !request || !target->wait_objects[kWaitEngineWaiting]) return kEngineNoTarget;
+  if (!target || !request || target->engine_state == kEngineStateNone) return kEngineNoTarget;
   if (!HasProcess(target)) return kEngineNoProcess;
   EngineResult result = EngineRingPushRequest(target, request);
   if (result != kEngineOk) return result;
@@ -431,6 +407,15 @@ u32 EngineThreadStack(Target *target, TargetThread *thread, const StackFrame **o
   u32 count = CallStackOfThread(target, thread, out_frames);
   Unlock(target);
   return count;
+}
+
+s32 EngineThreadPriority(Target *target, TargetThread *thread) {
+  u32 stop = target->stop_generation + 1;  // a held launch (stop 0) counts as a stop too
+  if (thread->priority_stop != stop) {
+    thread->priority = GetThreadPriority(thread->handle);
+    thread->priority_stop = stop;
+  }
+  return thread->priority;
 }
 
 EngineResult EngineReadMemory(Target *target, u64 address, void *buffer, u32 size) {
@@ -466,7 +451,7 @@ EngineResult EngineWriteRegisters(Target *target, TargetThread *thread) {
   if (ThreadContextIfRead(thread)) {
     ThreadContextMarkDirty(thread, kContextDirty);
     result = ThreadContextFlush(thread);
-    if (result == kEngineOk) Signal(target, kWaitContextChanged);
+    if (result == kEngineOk) EngineSignal(target, kWaitContextChanged);
   }
   Unlock(target);
   return result;

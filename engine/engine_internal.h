@@ -27,6 +27,9 @@ void EngineUnloadModule(Target *target, u64 base);
 void EngineNameThread(Target *target, TargetThread *thread, bool main_thread);
 // Posts kind 2 for the threads list: the thread's id and start address.
 void EnginePostThreadStarted(Target *target, const TargetThread *thread);
+// The function at the thread's instruction pointer (ip_module, ip_function and its range), looked
+// up again only when the pointer has left the function held.
+void EngineRefreshIpFunction(Target *target, TargetThread *thread);
 
 // [SECTION] Locations (source_location.cpp)
 // return_address: the address follows a call, so its line is the call's (looked up at address - 1).
@@ -113,5 +116,6 @@ u32 EngineServeCommands(Target *target, bool held);
 void EngineServeRequests(Target *target);
 // Detaches from the process (the event held at the stop, if any, is continued first); posts 13.
 void EngineDetach(Target *target, bool event_pending);
-// Waits for one command; sets object 0 while it waits and clears it while the engine works.
+// Waits for one command; the engine's state reads serving while it waits, working once it takes
+// run or stop debugging.
 u32 EngineWaitCommand(Target *target);

@@ -42,20 +42,23 @@ static EngineResult TakeProcess(Target *target) {
   return continued ? kEngineOk : kEngineInitFailed;
 }
 
-static EngineResult CreateWaitObjects(Target *target) {
-  for (u32 i = 0; i < kWaitObjectCount; i++) {
-    target->wait_objects[i] = CreateEventW(nullptr, i == kWaitEngineWaiting, FALSE, nullptr);
-    if (!target->wait_objects[i]) return kEngineInitFailed;
-  }
-  return kEngineOk;
-}
-
-static void CloseWaitObjects(Target *target) {
-  for (u32 i = 0; i < kWaitObjectCount; i++)
-    if (target->wait_objects[i]) {
-      CloseHandle(target->wait_objects[i]);
-      target->wait_objects[i] = nullptr;
+// Steps 8 and 9, once the start has succeeded.
+static void RunStarted(Target *target) {
+  // 8. A launched process stays held until the first run (or a stop, which detaches it).
+  if (!target->attached) {
+    u32 command = EngineServeCommands(target, true);
+    if (command == kCommandStopDebugging) {
+      EngineDetach(target, false);
+      return;
     }
+    EngineRunControlBegin(target);  // a launch that halts at the entry point places its breakpoint
+  }
+
+  // 9. The loop.
+  HMODULE ntdll = GetModuleHandleW(L"ntdll.dll");
+  target->break_in_address = (u64)(uintptr_t)(void *)GetProcAddress(ntdll, "DbgUiRemoteBreakin");
+  target->loader_breakpoint_expected = target->attached ? 0 : 1;
+  EngineRunLoop(target);
 }
 
 static DWORD WINAPI EngineThreadMain(void *parameter) {
@@ -102,8 +105,7 @@ static DWORD WINAPI EngineThreadMain(void *parameter) {
   if (result == kEngineOk) result = TakeProcess(target);
   target->launch = nullptr;  // the description belongs to the starter
 
-  // 6. The wait objects, published with the result.
-  if (result == kEngineOk) result = CreateWaitObjects(target);
+  // 6. The result published.
   target->start_result = (u32)result;
   start->result = result;
   start->process_id = target->process_id;
@@ -122,31 +124,15 @@ static DWORD WINAPI EngineThreadMain(void *parameter) {
         }
       }
     }
-    CloseWaitObjects(target);
     TargetRelease(target);
     SetEvent(finished);
     return (DWORD)result;
   }
   // A launched process is held, which the UI sees as stopped as soon as the start returns.
-  if (!target->attached) SetEvent(target->wait_objects[kWaitEngineWaiting]);
+  EngineSetState(target, target->attached ? kEngineStateWorking : kEngineStateServing);
   SetEvent(finished);  // start is invalid from here on
-
-  // 8. A launched process stays held until the first run (or a stop, which detaches it).
-  if (!target->attached) {
-    u32 command = EngineServeCommands(target, true);
-    if (command == kCommandStopDebugging) {
-      EngineDetach(target, false);
-      return 0;
-    }
-    if (command == kCommandFailed) return 0;
-    EngineRunControlBegin(target);  // a launch that halts at the entry point places its breakpoint
-  }
-
-  // 9. The loop.
-  HMODULE ntdll = GetModuleHandleW(L"ntdll.dll");
-  target->break_in_address = (u64)(uintptr_t)(void *)GetProcAddress(ntdll, "DbgUiRemoteBreakin");
-  target->loader_breakpoint_expected = target->attached ? 0 : 1;
-  EngineRunLoop(target);
+  RunStarted(target);
+  EngineSetState(target, kEngineStateEnded);
   return 0;
 }
 
@@ -175,6 +161,5 @@ void EngineEndRun(Target *target) {
     CloseHandle(target->engine_thread);
     target->engine_thread = nullptr;
   }
-  CloseWaitObjects(target);
   TargetRelease(target);
 }

@@ -11,9 +11,7 @@
 
 // A request added or removed while the target is stopped is evaluated at once.
 static void RefreshWhenStopped(Target *target) {
-  if (EngineStoppedState(target) != kEngineOk) return;
-  target->quoted_stop[kWaitRefresh] = target->stop_generation;
-  SetEvent(target->wait_objects[kWaitRefresh]);
+  if (EngineStoppedState(target) == kEngineOk) EngineSignal(target, kWaitRefresh);
 }
 
 void EvaluationRequestsInit(EvaluationRequests *requests) {

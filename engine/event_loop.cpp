@@ -1,8 +1,8 @@
 // The debugger thread's loop: every debug event, the stop sequence, the commands served while the
 // target is stopped, resuming and detaching.
 //
-// The model while commands are served: the engine-waiting object (0) is set from the end of the
-// stop sequence until the engine takes run or stop debugging. While it is set, the engine changes
+// The model while commands are served: the engine's state reads serving from the end of the stop
+// sequence until the engine takes run or stop debugging. While it does, the engine changes
 // the model (threads, registers, memory, breakpoints) only while it holds the model lock, which it
 // takes for each command it serves; the user interface takes the same lock to read or change the
 // model (EngineLockModel), so it never reads records the engine is rewriting.
@@ -166,54 +166,6 @@ void EngineServeRequests(Target *target) {
   }
 }
 
-// The wait objects in the order the command wait tries them, and what each one means.
-static const u32 kCommandObjects[7] = {kWaitRun,          kWaitStopDebugging,  kWaitRefresh,     kWaitThreadStates,
-                                       kWaitSelectFrame,  kWaitContextChanged, kWaitRebuildStack};
-static const u32 kCommandCodes[7] = {kCommandRun,         kCommandStopDebugging, kCommandRefresh,     kCommandThreadStates,
-                                     kCommandSelectFrame, kCommandThreadStates,  kCommandRebuildStack};
-
-u32 EngineWaitCommand(Target *target) {
-  HANDLE *w = target->wait_objects;
-  HANDLE order[7];
-  for (u32 i = 0; i < 7; i++) order[i] = w[kCommandObjects[i]];
-  for (;;) {
-    SetEvent(w[kWaitEngineWaiting]);
-    DWORD r = WaitForMultipleObjects(7, order, FALSE, INFINITE);
-    AcquireSRWLockExclusive(&target->model_lock);
-    if (r >= WAIT_OBJECT_0 + 7) {
-      ResetEvent(w[kWaitEngineWaiting]);
-      return kCommandFailed;
-    }
-    u32 i = r - WAIT_OBJECT_0;
-    u32 object = kCommandObjects[i];
-    u32 quoted = target->quoted_stop[object];
-    // A command signalled for an earlier stop (one that crossed a resume) is not this stop's.
-    if (quoted != kAnyStop && quoted != target->stop_generation) {
-      ReleaseSRWLockExclusive(&target->model_lock);
-      continue;
-    }
-    u32 code = kCommandCodes[i];
-    if (object == kWaitContextChanged) target->continue_status = DBG_CONTINUE;  // registers written: handled
-    if (code == kCommandRun || code == kCommandStopDebugging) {
-      ResetEvent(w[kWaitEngineWaiting]);
-      // Commands signalled together with the run (registers written just before it, say) are
-      // taken now, so that none carries over into the next stop: written registers still make the
-      // pending exception handled, the rest have nothing left to do. One call when none waits.
-      HANDLE rest[5] = {w[kWaitRefresh], w[kWaitThreadStates], w[kWaitSelectFrame], w[kWaitContextChanged],
-                        w[kWaitRebuildStack]};
-      for (;;) {
-        DWORD taken = WaitForMultipleObjects(5, rest, FALSE, 0);
-        if (taken >= WAIT_OBJECT_0 + 5) break;
-        if (rest[taken - WAIT_OBJECT_0] == w[kWaitContextChanged]) target->continue_status = DBG_CONTINUE;
-      }
-    }
-    EngineServeRequests(target);
-    return code;  // with the model lock held: EngineServeCommands lets it go
-  }
-}
-
-static void RefreshThreadSnapshot(Target *target, TargetThread *thread);
-
 // Holds the threads that must not run (frozen ones, or every one but the solo ones) and lets go
 // of those the engine held that may run now.
 static void ApplySuspensions(Target *target) {
@@ -233,40 +185,40 @@ static void ApplySuspensions(Target *target) {
 static void PostFrameSelected(Target *target, TargetThread *thread, s32 index) {
   u64 address = EngineThreadIp(thread);
   bool return_address = false;
-  if (thread->frames && (u32)index < thread->frame_count) {
-    address = thread->frames[index].ip;
-    return_address = thread->frames[index].return_address != 0;
+  const StackFrame *frames = nullptr;
+  u32 count = CallStackOfThread(target, thread, &frames);
+  if ((u32)index < count) {
+    address = frames[index].ip;
+    return_address = frames[index].return_address != 0;
   }
   EngineEvent event;
   EngineMakeStopped(target, thread, kStopFrameSelected, address, index, &event);
   if (return_address) EngineLocate(target, address, &event.stopped.location, true);
   // An inlined function's frame is at its own line, in its own file.
-  if ((u32)index < thread->frame_count && thread->frames[index].inline_site) {
-    event.stopped.location.file = thread->frames[index].file;
-    event.stopped.location.line = thread->frames[index].line;
+  if ((u32)index < count && frames[index].inline_site) {
+    event.stopped.location.file = frames[index].file;
+    event.stopped.location.line = frames[index].line;
   }
   event.generation = target->stop_generation;
   EnginePostEvent(target, &event);
 }
 
 // Thread states changed (also after registers were written or another thread was selected): the
-// views are brought up to date and the threads held or let go; the stop event comes before the
-// evaluation results. Registers may have changed: the stacks are built again, the current
-// thread's now.
+// threads are held or let go; the stop event comes before the evaluation results. Registers may
+// have changed: every stack is built again when next asked for.
 static void ApplyThreadStates(Target *target) {
-  for (TargetThread *t = target->threads; t; t = t->next) RefreshThreadSnapshot(target, t);
   CallStackForgetAll(target);
-  if (target->current_thread) (void)CallStackBuild(target, target->current_thread);
   ApplySuspensions(target);
   EnginePostStopped(target, target->current_thread, kStopThreadStates, EngineThreadIp(target->current_thread), 0);
   EngineEvaluateRequests(target, true);
 }
 u32 EngineServeCommands(Target *target, bool held) {
   for (;;) {
-    // Each command comes with the model lock held. Run and stop debugging end the serving: object
-    // 0 is clear, so the model is the engine's alone again; the others are served under the lock.
+    // Each command comes with the model lock held. Run and stop debugging end the serving: the
+    // state reads working, so the model is the engine's alone again; the others are served under
+    // the lock.
     u32 command = EngineWaitCommand(target);
-    if (command == kCommandFailed || command == kCommandRun || command == kCommandStopDebugging) {
+    if (command == kCommandRun || command == kCommandStopDebugging) {
       ReleaseSRWLockExclusive(&target->model_lock);
       return command;
     }
@@ -281,11 +233,12 @@ u32 EngineServeCommands(Target *target, bool held) {
         TargetThread *t = target->current_thread;
         s32 index = target->requested_frame;
         if (held || !t) break;
-        if (index < 0 || (u32)index >= t->frame_count) {  // out of range: the requests only
+        const StackFrame *frames = nullptr;
+        if (index < 0 || (u32)index >= CallStackOfThread(target, t, &frames)) {  // out of range: the requests only
           EngineEvaluateRequests(target, true);
           break;
         }
-        if (!t->frames || t->frames[index].collapsed) {  // a marker row is no frame to look at
+        if (frames[index].collapsed) {  // a marker row is no frame to look at
           EngineEvaluateRequests(target, true);
           break;
         }
@@ -308,12 +261,10 @@ u32 EngineServeCommands(Target *target, bool held) {
 
 // [SECTION] Stop, resume, detach
 
-// The threads window's view of each thread: the module and function at its instruction pointer,
-// kept while the pointer stays inside that function.
-static void RefreshThreadSnapshot(Target *target, TargetThread *thread) {
+// The function at the thread's instruction pointer, kept while the pointer stays inside it.
+void EngineRefreshIpFunction(Target *target, TargetThread *thread) {
   CONTEXT *context = ThreadContextGet(thread);
   if (!context) return;
-  thread->priority = GetThreadPriority(thread->handle);
   u64 ip = context->Rip;
   if (thread->ip_module && thread->ip_function_start <= ip && ip < thread->ip_function_end) return;
   thread->ip_module = TargetFindModule(target, ip);
@@ -337,8 +288,11 @@ static void RefreshThreadSnapshot(Target *target, TargetThread *thread) {
   }
 }
 
-// A visible stop: the model is rebuilt (object 0 clear), then the stop is reported and the
-// evaluation requests after it.
+// A visible stop: the model is made current (the engine's state still working), then the stop is reported and the
+// evaluation requests after it. Nothing is asked of the system here: a thread's registers, its
+// call stack and its priority are read when something first asks for them in this stop (a window,
+// a step, an evaluation; see CallStackOfThread), so a stop that the user answers at once costs
+// what the raw debug loop costs plus the hand-off to the user interface.
 static void StopSequence(Target *target) {
   EngineRunControlClear(target);
   target->stop_generation++;
@@ -347,12 +301,7 @@ static void StopSequence(Target *target) {
   EngineServeRequests(target);  // queued while the target ran on to this stop
   target->cache_index ^= 1;
   MemoryCacheNewGeneration(TargetCache(target));
-  for (TargetThread *t = target->threads; t; t = t->next) {
-    t->selected_frame = 0;
-    RefreshThreadSnapshot(target, t);
-  }
-  // The current thread's stack now; the others' when something asks for them.
-  if (target->current_thread) (void)CallStackBuild(target, target->current_thread);
+  for (TargetThread *t = target->threads; t; t = t->next) t->selected_frame = 0;
   if (target->stop_event_held) {
     target->stop_event_held = 0;
     target->held_stop_event.generation = target->stop_generation;
@@ -361,15 +310,28 @@ static void StopSequence(Target *target) {
   EngineEvaluateRequests(target, true);
 }
 
+// An exception other than an int3 held at an address where an int3 of the engine's sits (a
+// breakpoint's instruction that faulted while it was stepped over): the thread would meet the int3
+// when its handler lets it go on there.
+static bool HeldOnArmedBreakpoint(Target *target) {
+  const DEBUG_EVENT *ev = &target->event;
+  if (ev->dwDebugEventCode != EXCEPTION_DEBUG_EVENT || ev->u.Exception.ExceptionRecord.ExceptionCode == 0x80000003)
+    return false;
+  BreakpointLocation *bp = BreakpointAt(target, (u64)(uintptr_t)ev->u.Exception.ExceptionRecord.ExceptionAddress);
+  return bp && bp->armed;
+}
+
 // Prepares the thread whose event is held before it runs on: an int3 of the program's own under
 // its instruction pointer is stepped over instead of being executed again. A thread whose
-// registers were not read goes on as the event left it.
+// registers were not read (nobody moved it) goes on as the event left it, unless it sits on an
+// int3 of the engine's.
 static void PrepareHeldThread(Target *target) {
   TargetThread *t = target->event_thread;
   if (!t) return;
   ThreadContextSlot *slot = ThreadContextIfRead(t);
   u64 own_int3 = t->int3_at_stop;
   t->int3_at_stop = 0;
+  if (!slot && HeldOnArmedBreakpoint(target) && ThreadContextGet(t)) slot = ThreadContextIfRead(t);
   if (!slot) return;
   CONTEXT *context = slot->context;
   u64 p = context->Rip;
@@ -559,7 +521,6 @@ void EngineRunLoop(Target *target) {
         EngineDetach(target, true);
         return;
       }
-      if (command == kCommandFailed) return;
     }
     Resume(target, outcome == kOutcomeStop);
   }

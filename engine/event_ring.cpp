@@ -9,8 +9,6 @@
 
 void EnginePostEvent(Target *target, const EngineEvent *event) {
   TicketLockAcquire(&target->lock);
-  // The UI pops every queued event after a wake-up: it needs one only when it had caught up.
-  bool was_empty = target->event_read == target->event_write;
   u64 at = target->event_write;
   if (at + kEventSlotBytes > target->event_size) at = 0;
   // The read cursor is not consulted: a UI that falls a whole ring behind loses its oldest events.
@@ -27,7 +25,7 @@ void EnginePostEvent(Target *target, const EngineEvent *event) {
     target->events_posted++;
   }
   TicketLockRelease(&target->lock);
-  if (target->wake && was_empty) target->wake(target->wake_user);
+  EngineWakeUi(target);
 }
 
 EngineResult EnginePopEvent(Target *target, EngineEvent *out) {

@@ -55,6 +55,7 @@ void EngineServeProcessorRequest(Target *target, const EngineRequest *request) {
     if (!slot->address) return;
     for (TargetThread *t = target->threads; t; t = t->next) ArmInThread(t, slot, i);
     slot->armed = 1;
+    target->processor_slots_used = 1;
   } else if (request->kind == kRequestDisarmSlot) {
     // The slot was freed when its breakpoint was removed and may already be another's: only the
     // registers go (an arm request for the new one follows on the ring).
@@ -79,7 +80,9 @@ void EngineDisarmAllSlots(Target *target) {
 
 u32 EngineProcessorHit(Target *target, TargetThread *thread, bool *claimed) {
   *claimed = false;
-  if (!thread) return kOutcomeContinue;
+  // No debug register of the engine's has been set in this run: DR6 can name none of its slots, and
+  // a single step (over a breakpoint, say) needs no register read for it.
+  if (!thread || !target->processor_slots_used) return kOutcomeContinue;
   CONTEXT *context = ThreadContextGet(thread);
   if (!context || !(context->Dr6 & kDr6SlotBits)) return kOutcomeContinue;
   *claimed = true;
@@ -133,7 +136,7 @@ void EngineReleaseProcessorSlot(Target *target, u32 slot) {
 
 EngineResult EngineAddDataBreakpoint(Target *target, u64 address, u32 size, u32 access, BreakpointLocation **out) {
   if (out) *out = nullptr;
-  if (!target || !out || !target->breakpoint_pool || !target->wait_objects[kWaitEngineWaiting]) return kEngineNoTarget;
+  if (!target || !out || !target->breakpoint_pool || target->engine_state == kEngineStateNone) return kEngineNoTarget;
   if (target->exited || target->detached) return kEngineNoProcess;
   if (!address || (size != 1 && size != 2 && size != 4 && size != 8) || access > kAccessExecute) return kEngineNoTarget;
   EngineResult state = EngineLockStopped(target);

@@ -265,6 +265,7 @@ static void BeginStepOut(Target *target, TargetThread *thread, CONTEXT *context)
     if (PlaceTemporary(target, frame.rip, frame.gpr[kUnwindRsp], has_entry)) s->mode = kStepOut;
     return;
   }
+  EngineRefreshIpFunction(target, thread);
   if (thread->ip_function_start <= p && p < thread->ip_function_end) {
     s->mode = kStepOver;
     s->out_of_function = 1;

@@ -1,11 +1,12 @@
 // The debuggee of the current debugging run and its model: threads from a fixed pool, modules
-// with their symbols, the event, text and command rings, and the wait objects shared with the
+// with their symbols, the event, text and command rings, and the command channel shared with the
 // user-interface thread. One Target exists for the whole program: it is cleared and rebuilt at the
 // start of every run and cleared again at its release, never freed.
 //
 // Records: TargetModule, TargetThread, EngineRequest, Target; then
 // [SECTION] Target model (target.cpp)
 // [SECTION] Rings (event_ring.cpp)
+// [SECTION] Command channel (command_channel.cpp)
 // [SECTION] Target memory (target.cpp)
 // [SECTION] Thread context (thread_context.cpp)
 #pragma once
@@ -29,16 +30,16 @@ enum : u32 {
   kCommandRingBytes = 0x20000,  // 128 KiB of 16-byte requests
   kEventSlotBytes = 80,
   kCommandSlotBytes = 16,
-  kWaitObjectCount = 8,
+  kWaitObjectCount = 8,  // the command numbers, 0 unused
   kBreakInThreadCapacity = 16,
   kFullContextFlags = 0x10005F,  // every register group plus the extended state
   kPlainContextFlags = 0x10001F, // every register group, no extended state
   kControlContextFlags = 0x100001,  // rip, rsp, rbp, flags, segments: what a step changes
 };
 
-// The wait objects, in their fixed order.
+// The commands of the channel between the user interface and the engine, each a bit of
+// Target.commands (1 << number; the numbers of the system's wait objects they replace).
 enum EngineWaitObject : u32 {
-  kWaitEngineWaiting = 0,  // manual reset: set while the engine serves commands at a stop
   kWaitRun = 1,
   kWaitRefresh = 2,
   kWaitThreadStates = 3,
@@ -50,7 +51,6 @@ enum EngineWaitObject : u32 {
 
 // The engine's command codes, as its command wait returns them.
 enum EngineCommandCode : u32 {
-  kCommandFailed = 0,
   kCommandRun = 1,
   kCommandStopDebugging = 2,
   kCommandRefresh = 3,
@@ -130,7 +130,8 @@ typedef struct TargetThread {
   u8 solo;
   u8 stack_overflow_seen;
   u32 context_index;   // 0 or 1: the buffer of the current stop; the other holds the previous stop's
-  s32 priority;        // as the system gave it at the last stop
+  s32 priority;        // as the system gave it at the stop counted in priority_stop
+  u32 priority_stop;   // one more than the stop whose priority is held (0: never read)
   u64 int3_at_stop;    // the program's own int3 this thread stopped at (its Rip is one past), 0 when none
   u64 rearm_address;   // a breakpoint whose int3 was lifted for this thread's single step over it
   // The function at the instruction pointer, reused while the pointer stays in [start, end).
@@ -243,8 +244,10 @@ typedef BOOL(WINAPI *SetXStateFeaturesMaskFn)(CONTEXT *, DWORD64);
 typedef void *(WINAPI *LocateXStateFeatureFn)(CONTEXT *, DWORD, DWORD *);
 
 typedef struct Target {
-  // [wait objects] shared with the UI thread
-  HANDLE wait_objects[kWaitObjectCount];
+  // [command channel] shared with the UI thread (engine/command_channel.cpp)
+  volatile u32 engine_state;  // EngineState
+  volatile u32 commands;      // a bit (1 << EngineWaitObject) for each command signalled and not taken
+  volatile u32 ui_blocking;   // the user interface sleeps until the next event (EngineUiBlocking)
   // The stop each command was signalled for (kAnyStop: whichever comes); see EngineWaitCommand.
   volatile u32 quoted_stop[kWaitObjectCount];
   HANDLE engine_thread;
@@ -301,6 +304,8 @@ typedef struct Target {
   BreakpointLocation *free_breakpoints;  // guarded by the ticket lock
   BreakpointLocation *breakpoint_pool;
   ProcessorSlot processor_slots[kProcessorSlotCount];
+  u8 processor_slots_used;  // a slot has been armed in this run (a late hit may name it after its removal)
+  u8 padding_slots[7];
   struct EvaluationRequests *evaluation_requests;
 
   // [run control] the request is written by the UI at a stop (under the model lock), the rest is
@@ -368,6 +373,14 @@ typedef struct Target {
 
 enum : u32 { kAnyStop = 0xFFFFFFFF };
 
+// What the engine is doing, as the user interface sees it.
+enum EngineState : u32 {
+  kEngineStateNone = 0,     // no run: the Target is clear
+  kEngineStateWorking = 1,  // the target runs, or the engine handles an event or starts it running
+  kEngineStateServing = 2,  // stopped: the engine waits for a command (or serves one that is not run)
+  kEngineStateEnded = 3,    // the debugger thread has ended (the run waits for its release)
+};
+
 enum EndingKind : u8 {
   kEndingNone = 0,
   kEndingDetach = 1,     // stop debugging: the engine detaches at its next command wait
@@ -407,6 +420,16 @@ void EnginePostText(Target *target, const char *text, u32 length);
 [[nodiscard]] EngineResult EngineRingPushRequest(Target *target, const EngineRequest *request);
 bool EngineRingPopRequest(Target *target, EngineRequest *out);
 bool EngineRingHasRequests(Target *target);
+
+// [SECTION] Command channel (command_channel.cpp)
+// Sets the engine's state and wakes whoever waits for it to change.
+void EngineSetState(Target *target, u32 state);
+// Signals a command (an EngineWaitObject) for the current stop, or with kAnyStop for whichever
+// stop takes it, and wakes the engine if it sleeps.
+void EngineSignal(Target *target, u32 command, u32 stop = 0);
+// After an event is queued: wakes the user interface when it said it would sleep (its wake-up
+// callback, and EngineWaitForEvent).
+void EngineWakeUi(Target *target);
 
 // [SECTION] Target memory (target.cpp)
 // Reads through the memory cache of the current generation: the bytes as the target has them.

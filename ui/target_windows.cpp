@@ -359,9 +359,10 @@ void DrawThreadsWindow(AppState *app, TargetWindowRequests *requests) {
       }
       if (s->threads_show_priority) {
         ImGui::TableNextColumn();
-        const char *name = EngineThreadPriorityName(t->priority);
-        if (name[0]) ImGui::Text("%s (%d)", name, (int)t->priority);
-        else ImGui::Text("%d", (int)t->priority);
+        s32 priority = EngineThreadPriority(target, t);
+        const char *name = EngineThreadPriorityName(priority);
+        if (name[0]) ImGui::Text("%s (%d)", name, (int)priority);
+        else ImGui::Text("%d", (int)priority);
       }
       ImGui::PopID();
     }

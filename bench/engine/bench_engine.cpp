@@ -12,7 +12,7 @@
 //      kernel events (what a debugger thread and a UI thread pay with kernel objects alone);
 //    - the same hand-off through one state word (WaitOnAddress / WakeByAddressSingle);
 //    - the engine as built, driven as kestrune.exe drives it (the debugger thread, rings, the stop
-//      sequence; the UI side pops the events after each wake-up and answers stops with run).
+//      sequence; the UI side sleeps in EngineWaitForEvent, pops the events and answers stops with run).
 // 2. Events that do not stop: strloop N (debug strings; the raw loop also with the string read)
 //    and many N (threads started and ended), microseconds per event, raw loop and engine.
 // 3. Breakpoint hits (bench_hits N: one function called N times with a breakpoint on it), hits per
@@ -389,12 +389,9 @@ static double RawStepsRun(int count, int *steps) {
 
 // [SECTION] The engine
 
-static void Wake(void *user) { SetEvent((HANDLE)user); }
-
-// The engine, driven as the user interface drives it: events popped on this thread after each
-// wake-up, every stop answered with the run command.
+// The engine, driven as a user interface without a message loop drives it: events popped on this
+// thread whenever EngineWaitForEvent says some are queued, every stop answered with the run command.
 static double EngineRunOnce(const char *mode, int count, Counted counted) {
-  static HANDLE wake = CreateEventW(nullptr, FALSE, FALSE, nullptr);
   std::string path = TargetProgram("eng_target.exe");
   std::string arguments = std::string(mode) + " " + std::to_string(count);
   LaunchDescription launch = {};
@@ -402,7 +399,7 @@ static double EngineRunOnce(const char *mode, int count, Counted counted) {
   launch.arguments = arguments.c_str();
   Target *target = nullptr;
   u32 pid = 0;
-  if (EngineStartLaunch(&launch, Wake, wake, &target, &pid) != 0) return -1;
+  if (EngineStartLaunch(&launch, nullptr, nullptr, &target, &pid) != 0) return -1;
   if (EngineRun(target) != 0) {
     (void)EngineTerminate(target, 1);
     EngineRelease(target);
@@ -410,7 +407,7 @@ static double EngineRunOnce(const char *mode, int count, Counted counted) {
   }
   Span span;
   for (bool done = false; !done;) {
-    WaitForSingleObject(wake, INFINITE);
+    (void)EngineWaitForEvent(target, INFINITE);
     EngineEvent e;
     bool answered_stop = false;
     for (;;) {
@@ -447,7 +444,6 @@ static double EngineRunOnce(const char *mode, int count, Counted counted) {
 // through the engine's condition evaluation without a stop: seconds per call between those two
 // stops, which bp->hit_count must have counted.
 static double EngineHitsRun(int count, bool conditional = false) {
-  static HANDLE wake = CreateEventW(nullptr, FALSE, FALSE, nullptr);
   std::string path = TargetProgram("bench_hits.exe");
   std::string arguments = std::to_string(count);
   LaunchDescription launch = {};
@@ -455,7 +451,7 @@ static double EngineHitsRun(int count, bool conditional = false) {
   launch.arguments = arguments.c_str();
   Target *target = nullptr;
   u32 pid = 0;
-  if (EngineStartLaunch(&launch, Wake, wake, &target, &pid) != 0) return -1;
+  if (EngineStartLaunch(&launch, nullptr, nullptr, &target, &pid) != 0) return -1;
   BreakpointWanted wanted = {};
   wanted.kind = kBreakpointFunction;
   wanted.place = "BenchHit";
@@ -470,7 +466,7 @@ static double EngineHitsRun(int count, bool conditional = false) {
   Span span;
   u32 exit_code = 1;
   for (bool done = false; !done;) {
-    WaitForSingleObject(wake, INFINITE);
+    (void)EngineWaitForEvent(target, INFINITE);
     EngineEvent e;
     bool answered_stop = false;
     for (;;) {
@@ -511,14 +507,13 @@ static double EngineHitsRun(int count, bool conditional = false) {
 // of eng_target: seconds from the refresh to the last result, and the system reads the memory cache
 // made for them (its lines hold at the second refresh). Returns the median of the refreshes.
 static double EngineWatchesRun(int watches, int refreshes, u64 *first_fills, u64 *later_fills) {
-  static HANDLE wake = CreateEventW(nullptr, FALSE, FALSE, nullptr);
   std::string path = TargetProgram("eng_target.exe");
   LaunchDescription launch = {};
   launch.executable = path.c_str();
   launch.arguments = "int3";
   Target *target = nullptr;
   u32 pid = 0;
-  if (EngineStartLaunch(&launch, Wake, wake, &target, &pid) != 0) return -1;
+  if (EngineStartLaunch(&launch, nullptr, nullptr, &target, &pid) != 0) return -1;
   std::vector<EvaluationRequest *> requests(watches);
   for (int i = 0; i < watches; i++) {
     std::string text = "g_type.name[" + std::to_string(i % 22) + "]";
@@ -533,7 +528,7 @@ static double EngineWatchesRun(int watches, int refreshes, u64 *first_fills, u64
         if (e.kind == kEventEvaluation && ++seen == wanted) return true;
         if (e.kind == kEventProcessExited) return false;
       }
-      if (WaitForSingleObject(wake, 10000) == WAIT_TIMEOUT) return false;
+      if (!EngineWaitForEvent(target, 10000)) return false;
     }
   };
   std::vector<double> times;
@@ -551,7 +546,7 @@ static double EngineWatchesRun(int watches, int refreshes, u64 *first_fills, u64
     EngineEvent e;
     while (EnginePopEvent(target, &e) == 0 && e.kind != kEventNone)
       if (e.kind == kEventProcessExited || e.kind == kEventDetached) done = true;
-    if (!done && WaitForSingleObject(wake, 10000) == WAIT_TIMEOUT) break;
+    if (!done && !EngineWaitForEvent(target, 10000)) break;
   }
   EngineRelease(target);
   return ok ? Median(times) : -1;
@@ -561,7 +556,6 @@ static double EngineWatchesRun(int watches, int refreshes, u64 *first_fills, u64
 // between the step command and its stop) and the number of steps; the first int3 stop and the
 // step's stop must come as the program has them, and the exit code must say the sum is right.
 static double EngineStepsRun(int count, int *steps) {
-  static HANDLE wake = CreateEventW(nullptr, FALSE, FALSE, nullptr);
   *steps = 0;
   std::string path = TargetProgram("bench_hits.exe");
   std::string arguments = "step " + std::to_string(count);
@@ -570,7 +564,7 @@ static double EngineStepsRun(int count, int *steps) {
   launch.arguments = arguments.c_str();
   Target *target = nullptr;
   u32 pid = 0;
-  if (EngineStartLaunch(&launch, Wake, wake, &target, &pid) != 0) return -1;
+  if (EngineStartLaunch(&launch, nullptr, nullptr, &target, &pid) != 0) return -1;
   if (EngineRun(target) != 0) {
     (void)EngineTerminate(target, 1);
     EngineRelease(target);
@@ -582,7 +576,7 @@ static double EngineStepsRun(int count, int *steps) {
   double begin = 0, end = 0;
   u32 exit_code = 1;
   for (bool done = false; !done;) {
-    WaitForSingleObject(wake, INFINITE);
+    (void)EngineWaitForEvent(target, INFINITE);
     EngineEvent e;
     for (;;) {
       (void)EnginePopEvent(target, &e);

@@ -39,8 +39,6 @@ static bool CountedRead(void *context, u64 address, void *buffer, u32 size) {
   return r->read(r->context, address, buffer, size);
 }
 
-static void Wake(void *user) { SetEvent((HANDLE)user); }
-
 struct Build {
   double seconds;
   u64 reads;
@@ -65,20 +63,19 @@ static Build BuildOnce(Target *t, CountingReader *reader, bool new_generation, b
 int main(int argc, char **argv) {
   int rounds = argc > 1 ? atoi(argv[1]) : 50;
   PrintLoadAverage("before");
-  HANDLE wake = CreateEventW(nullptr, FALSE, FALSE, nullptr);
   std::string path = std::string(KTRN_TARGETS_DIR) + "/stack_o0.exe";
   LaunchDescription launch = {};
   launch.executable = path.c_str();
   launch.arguments = "deep";
   Target *t = nullptr;
   u32 pid = 0;
-  if (EngineStartLaunch(&launch, Wake, wake, &t, &pid) != 0 || EngineRun(t) != 0) {
+  if (EngineStartLaunch(&launch, nullptr, nullptr, &t, &pid) != 0 || EngineRun(t) != 0) {
     printf("could not start %s\n", path.c_str());
     return 1;
   }
   // Run to the program's int3, 64 frames down.
   for (bool stopped = false; !stopped;) {
-    WaitForSingleObject(wake, 1000);
+    (void)EngineWaitForEvent(t, 1000);
     EngineEvent e;
     for (;;) {
       (void)EnginePopEvent(t, &e);
@@ -128,7 +125,7 @@ int main(int argc, char **argv) {
   PrintLoadAverage("after");
   (void)EngineTerminate(t, 0);
   for (bool done = false; !done;) {
-    WaitForSingleObject(wake, 1000);
+    (void)EngineWaitForEvent(t, 1000);
     EngineEvent e;
     for (;;) {
       (void)EnginePopEvent(t, &e);

@@ -11,6 +11,7 @@
 
 #include "engine/pending_action.h"
 #include "engine/process_list.h"
+#include "symbols/scope_lookup.h"
 #include "tests/win/engine_harness.h"
 
 // One stop at the program's own int3 (with an idle second thread), and everything served there:
@@ -76,9 +77,12 @@ TEST(EngineCommands, ServedAtTheProgramsOwnInt3) {
   bool idle_named = false;
   for (TargetThread *th = t->threads; th; th = th->next) idle_named |= !strcmp(th->name, "eng_target.exe!IdleThread");
   EXPECT_TRUE(idle_named);
-  EXPECT_EQ(main->ip_module, t->main_module);
-  EXPECT_NE(main->ip_function, nullptr);
-  EXPECT_TRUE(main->ip_function_start <= stop_address && stop_address < main->ip_function_end);
+  const StackFrame *frames = nullptr;
+  ASSERT_GT(EngineThreadStack(t, main, &frames), 0u);
+  EXPECT_EQ(frames[0].module, t->main_module);
+  EXPECT_EQ(frames[0].ip, stop_address);
+  ASSERT_NE(frames[0].procedure, nullptr);
+  EXPECT_STREQ(PdbProcName(frames[0].procedure), "main");
   // Each operation, the stop reason it reports, and what it leaves behind.
   struct Step {
     std::function<int()> operation;

@@ -199,13 +199,12 @@ TEST(EngineDispatch, RefusedTerminateLeavesTheRunGoing) {
   ASSERT_TRUE(p.Start("spin"));
   static Target target;
   ASSERT_EQ(TargetInit(&target), 0);
-  for (HANDLE &object : target.wait_objects) object = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+  target.engine_state = kEngineStateWorking;  // a run the engine is not serving
   target.process = OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, p.Id());  // no right to terminate
   ASSERT_NE(target.process, nullptr);
   EXPECT_EQ(EngineTerminate(&target, 1), 37);
   EXPECT_EQ(target.ending, 0);
   EXPECT_TRUE(p.Alive());
   CloseHandle(target.process);
-  for (HANDLE object : target.wait_objects) CloseHandle(object);
   TargetRelease(&target);
 }

@@ -21,14 +21,6 @@ int MarkerLine(const char *marker, const char *source) {
   return -1;
 }
 
-// The wake-up event the engine signals after each event it queues.
-static HANDLE WakeEvent() {
-  static HANDLE wake = CreateEventW(nullptr, FALSE, FALSE, nullptr);
-  return wake;
-}
-
-static void Wake(void *user) { SetEvent((HANDLE)user); }
-
 // [SECTION] Launch
 
 // The run a test started and has not driven to its end. There is one Target for the program, so a
@@ -63,14 +55,15 @@ const bool g_listener_added = [] {
 }();
 }  // namespace
 
-Target *Launch(const char *arguments, bool run, u32 *pid, const char *program, const LaunchDescription *extra) {
+Target *Launch(const char *arguments, bool run, u32 *pid, const char *program, const LaunchDescription *extra,
+               EngineWakeFn wake) {
   std::string path = TargetPath(program);
   LaunchDescription launch = {};
   if (extra) launch = *extra;
   launch.executable = path.c_str();
   launch.arguments = arguments;
   Target *target = nullptr;
-  int result = EngineStartLaunch(&launch, Wake, WakeEvent(), &target, pid);
+  int result = EngineStartLaunch(&launch, wake, nullptr, &target, pid);
   EXPECT_EQ(result, 0) << program << " " << (arguments ? arguments : "");
   if (result != 0) return nullptr;
   g_unended = target;
@@ -80,7 +73,7 @@ Target *Launch(const char *arguments, bool run, u32 *pid, const char *program, c
 
 Target *Attach(u32 pid) {
   Target *target = nullptr;
-  int result = EngineStartAttach(pid, Wake, WakeEvent(), &target);
+  int result = EngineStartAttach(pid, nullptr, nullptr, &target);
   EXPECT_EQ(result, 0) << "attach to " << pid;
   if (result != 0) return nullptr;
   g_unended = target;
@@ -130,7 +123,7 @@ void DriveToEnd(Target *target, Seen &seen, const OnStop &on_stop, DWORD timeout
       terminated = true;
       EXPECT_EQ(EngineTerminate(target, 1), 0);
     }
-    WaitForSingleObject(WakeEvent(), 20);
+    (void)EngineWaitForEvent(target, 20);
     PopInto(target, seen, on_stop);
   }
   seen.requests_served = target->requests_served;
@@ -151,7 +144,7 @@ int WaitForKind(Target *target, Seen &seen, u32 kind, size_t from, DWORD timeout
     for (; from < seen.events.size(); from++)
       if (seen.events[from].event.kind == kind) return (int)from;
     if (GetTickCount64() - start > timeout_ms) return -1;
-    WaitForSingleObject(WakeEvent(), 20);
+    (void)EngineWaitForEvent(target, 20);
     PopInto(target, seen, kLeaveStopped);
   }
 }

@@ -51,9 +51,10 @@ int MarkerLine(const char *marker, const char *source = nullptr);  // of a marke
 
 // [SECTION] Launch and attach
 // Launches eng_target.exe (or program) and, with run, lets it past its held start; null, and a
-// failure, when the launch fails.
+// failure, when the launch fails. The tests wait with EngineWaitForEvent: no wake-up callback
+// unless one is given.
 Target *Launch(const char *arguments, bool run = true, u32 *pid = nullptr, const char *program = "eng_target.exe",
-               const LaunchDescription *extra = nullptr);
+               const LaunchDescription *extra = nullptr, EngineWakeFn wake = nullptr);
 // Attaches to a running process; null, and a failure, when the attach fails.
 Target *Attach(u32 pid);
 

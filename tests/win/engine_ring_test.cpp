@@ -36,6 +36,39 @@ TEST(EngineRing, UiFallingBehindLosesTheOldestEventsAndNeverBlocksTheEngine) {
   EngineRelease(t);
 }
 
+// The wake-up callback is called only once the user interface has said that it sleeps, and then for
+// the next event alone; EngineWaitForEvent sleeps until an event is queued. Three int3s of the
+// program: the first reached without a word from the user interface, the second after it.
+TEST(EngineRing, TheUiIsWokenOnlyWhenItSaidItSleeps) {
+  static LONG wakes;
+  wakes = 0;
+  Target *t = Launch("int3loop 3", true, nullptr, "eng_target.exe", nullptr, [](void *) { InterlockedIncrement(&wakes); });
+  ASSERT_NE(t, nullptr);
+  Seen seen;
+  auto PopUntilStopped = [&] {
+    for (ULONGLONG start = GetTickCount64(); GetTickCount64() - start < 10000; Sleep(1)) {
+      size_t before = seen.events.size();
+      PopInto(t, seen, kLeaveStopped);
+      for (size_t i = before; i < seen.events.size(); i++)
+        if (seen.events[i].event.kind == kEventStopped) return true;
+    }
+    return false;
+  };
+  ASSERT_TRUE(PopUntilStopped());  // module loads, thread starts, the stop: nobody said it sleeps
+  EXPECT_EQ(wakes, 0);
+  EXPECT_TRUE(EngineUiBlocking(t));  // nothing queued: the next event wakes
+  ASSERT_EQ(EngineRun(t), 0);
+  ASSERT_TRUE(PopUntilStopped());
+  EXPECT_EQ(wakes, 1);
+  EXPECT_FALSE(EngineWaitForEvent(t, 0));  // nothing queued
+  ASSERT_EQ(EngineRun(t), 0);
+  EXPECT_TRUE(EngineWaitForEvent(t, 10000));
+  EXPECT_FALSE(EngineUiBlocking(t));  // the third stop is queued
+  DriveToEnd(t, seen);
+  EXPECT_EQ(seen.Count(kEventStopped), 3);
+  EXPECT_EQ(seen.exit_code, 0u);
+}
+
 TEST(EngineRing, TextStorageWrapsAndDropsWhatCannotBePlaced) {
   static Target target;  // the rings alone, without a run
   ASSERT_EQ(TargetInit(&target), 0);

@@ -160,7 +160,7 @@ TEST(EngineThreads, PriorityNamesOfTheProgramsThreads) {
   WaitStopped(t, seen);
   ASSERT_TRUE(EngineLockModel(t));
   std::vector<std::string> names;
-  for (TargetThread *th = t->threads; th; th = th->next) names.push_back(EngineThreadPriorityName(th->priority));
+  for (TargetThread *th = t->threads; th; th = th->next) names.push_back(EngineThreadPriorityName(EngineThreadPriority(t, th)));
   EngineUnlockModel(t);
   std::sort(names.begin(), names.end());  // the threads start in no fixed order
   EXPECT_EQ(names, (std::vector<std::string>{"Above Normal", "Below Normal", "Highest", "Idle", "Lowest", "Normal",

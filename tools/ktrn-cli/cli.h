@@ -19,7 +19,6 @@ enum : u32 {
 typedef struct Cli {
   Target *target;
   u32 process_id;
-  HANDLE wake;
   OutputOptions options;
   u32 started_by;      // StopReason of the run under way: the code the stop texts are chosen by
   u8 held;             // launched and never run: the program has not reached its first instruction

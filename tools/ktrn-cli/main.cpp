@@ -25,8 +25,6 @@
 #include "engine/process_list.h"
 #include "ui/stop_reason.h"
 
-static void Wake(void *user) { SetEvent((HANDLE)user); }
-
 static void Usage(void) {
   fprintf(stderr,
           "usage: ktrn-cli [OPTIONS] launch PROGRAM [ARGS...]\n"
@@ -94,7 +92,6 @@ int main(int argc, char **argv) {
       return 2;
     }
   }
-  cli.wake = CreateEventW(nullptr, FALSE, FALSE, nullptr);
   int result;
   if (!strcmp(verb, "launch")) {
     static char arguments[32768];
@@ -109,7 +106,7 @@ int main(int argc, char **argv) {
     launch.environment_count = env_count;
     launch.inherit_from_parent = inherit;
     printf("Debugging new process...");
-    result = EngineStartLaunch(&launch, Wake, cli.wake, &cli.target, &cli.process_id);
+    result = EngineStartLaunch(&launch, nullptr, nullptr, &cli.target, &cli.process_id);
     if (result == 0) {
       printf("[OK] Process ID: %u\n", cli.process_id);
       cli.held = 1;  // until the first run: at once without a script, at the first continue with one
@@ -125,7 +122,7 @@ int main(int argc, char **argv) {
       cli.process_id = (u32)strtoul(argv[i + 1], nullptr, 0);
     }
     printf("Attaching to process ID %u...", cli.process_id);
-    result = EngineStartAttach(cli.process_id, Wake, cli.wake, &cli.target);
+    result = EngineStartAttach(cli.process_id, nullptr, nullptr, &cli.target);
     if (result == 0) {
       printf("[OK]\n");
       cli.started_by = kStopReasonAttached;

@@ -252,7 +252,7 @@ PumpResult CliPump(Cli *cli, bool want_refresh, u32 timeout_ms) {
     if (cli->ended) return kPumpEnded;
     TakeLimits(cli);
     if (timeout_ms != INFINITE && GetTickCount64() - begin >= timeout_ms) return kPumpTimedOut;
-    WaitForSingleObject(cli->wake, 50);
+    (void)EngineWaitForEvent(cli->target, 50);
   }
 }
 
