@@ -96,7 +96,13 @@ static bool RecordFrame(TargetThread *thread, const UnwindContext *c, TargetModu
   }
   u32 procedure_offset = 0;
   if (scope.procedure) memcpy(&procedure_offset, scope.procedure->record + kProcSymOffset, 4);
-  for (u32 i = 0; i < chain.inline_count; i++) {
+  // A thread stopped at the first instruction of inlined code has not entered that function yet:
+  // it is shown at the call (as a step or a run to a line that calls an inline function expects),
+  // so those sites add no frame.
+  u32 first = 0;
+  if (!return_address)
+    while (first < chain.inline_count && chain.inlines[first]->code_start == chain.offset - procedure_offset) first++;
+  for (u32 i = first; i < chain.inline_count; i++) {
     StackFrame *f = TakeFrame(thread, c, module, return_address);
     if (!f) return false;
     f->procedure = scope.procedure;

@@ -8,6 +8,7 @@
 
 #include <sstream>
 
+#include "engine/instruction_class.h"
 #include "symbols/scope_lookup.h"
 #include "tests/win/engine_harness.h"
 
@@ -232,13 +233,21 @@ TEST(EngineStack, InlinedFunctionsHaveFramesOfTheirOwn) {
   ASSERT_NE(at.procedure, nullptr);
   u32 length = 0;
   memcpy(&length, at.procedure->record + kProcSymLength, 4);
+  // An instruction inside Clamp's code past its first (at its first the thread is shown at the
+  // call): the instruction after the first address with both sites, decoded from the program.
   u64 inner = 0;
   for (u32 i = 0; i < length && !inner; i++) {
     ScopeChain chain;
     PdbScopeChainAt(pdb, at.procedure, at.offset + i, kScopeExact, &chain);
-    if (chain.inline_count == 2) inner = scale + i;
+    if (chain.inline_count != 2) continue;
+    u8 code[kMaxInstructionBytes];
+    ASSERT_EQ(EngineReadMemory(t, scale + i, code, sizeof code), 0);
+    u32 next = i + ClassifyInstruction(code, sizeof code).length;
+    PdbScopeChainAt(pdb, at.procedure, at.offset + next, kScopeExact, &chain);
+    ASSERT_EQ(chain.inline_count, 2u) << "Clamp's code is one instruction";
+    inner = scale + next;
   }
-  ASSERT_NE(inner, 0u) << "no code of Clamp inlined through SumPair into Scale";
+  ASSERT_NE(inner, 0u) << "no code of Clamp inlined through SumPair into Scale past its first instruction";
   BreakpointWanted wanted = {};
   wanted.kind = kBreakpointAddress;
   wanted.address = inner;
