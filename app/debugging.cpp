@@ -8,6 +8,7 @@
 #include "ui/engine_event_text.h"
 #include "ui/main_frame.h"
 #include "ui/stop_reason.h"
+#include "ui/watch_model.h"
 
 enum { kTerminateExitCode = 0x7E57, kEnvironmentPairsMax = 512, kEventTextCapacity = 4096 };
 
@@ -214,6 +215,9 @@ bool DebuggingDrainEvents(AppState *app) {
         break;
       case kEventProcessorBreakpointHit:
         Stopped(app, kStopReasonProcessorBreakpoint);
+        break;
+      case kEventEvaluation:
+        WatchPanesResultArrived(e.evaluation.cookie);
         break;
       case kEventModuleUnloaded:
         TargetModuleRelease(app->target, e.module.module);

@@ -1,0 +1,487 @@
+// [SECTION] Texts of rows
+// [SECTION] Editing
+// [SECTION] Context menu
+// [SECTION] Rows
+// [SECTION] Window
+#include "ui/watch_window.h"
+
+#include <imgui.h>
+#include <stdio.h>
+#include <string.h>
+
+#include "expr/expr_row.h"
+#include "ui/watch_model.h"
+
+enum { kEditCapacity = kWatchRowBufferSize, kCopyCapacity = 64 * 1024 };
+
+// The one text input open at a time: a row's expression ("##edtlbl"), its comment, or a new row.
+typedef struct WatchEdit {
+  s32 pane;       // -1: none
+  u32 row_id;     // 0: a new row at the end
+  u8 comment;     // the comment column
+  u8 focus;       // the input takes the keyboard in its first frame
+  char text[kEditCapacity];
+} WatchEdit;
+
+static WatchEdit g_edit = {-1, 0, 0, 0, ""};
+
+static WatchWindowSettings *Options(AppState *app, u32 pane) {
+  return pane == kWatchLocalsPane ? &app->settings.locals : &app->settings.watch[pane];
+}
+
+static s32 RowIndex(const WatchList *list, u32 id) {
+  for (u32 r = 0; r < list->count; r++)
+    if (list->rows[r]->id == id) return (s32)r;
+  return -1;
+}
+
+// [SECTION] Texts of rows
+
+void WatchFormatAs(const char *expression, const char *specifier, char *out, u32 capacity) {
+  const char *comma = strrchr(expression, ',');
+  u64 length = comma ? (u64)(comma - expression) : strlen(expression);
+  while (length && (expression[length - 1] == ' ' || expression[length - 1] == '\t')) length--;
+  snprintf(out, capacity, "%.*s, %s", (int)length, expression, specifier);
+}
+
+// Whether an expression can take a member access or an index without parentheses.
+static bool IsPostfixOperand(const char *text) {
+  for (const char *c = text; *c; c++) {
+    bool plain = (*c >= 'a' && *c <= 'z') || (*c >= 'A' && *c <= 'Z') || (*c >= '0' && *c <= '9') || *c == '_' ||
+                 *c == '.' || *c == '[' || *c == ']';
+    if (plain) continue;
+    if (c[0] == '-' && c[1] == '>') {
+      c++;
+      continue;
+    }
+    return false;
+  }
+  return true;
+}
+
+// An expression that names a row: a top-level row's own text without its specifier; a child's
+// made from its parent's (a member, an element or the pointee's member), else the child's name.
+static bool RowExpression(WatchPane *pane, AppState *app, WatchRef ref, char *out, u32 capacity, u32 depth) {
+  if (!ref.parent) {
+    const WatchList *list = &app->session.watches[pane->number];
+    s32 r = RowIndex(list, (u32)ref.index);
+    if (r < 0) return false;
+    const char *text = list->rows[r]->expression;
+    const char *comma = strrchr(text, ',');
+    snprintf(out, capacity, "%.*s", (int)(comma ? comma - text : (long long)strlen(text)), text);
+    return true;
+  }
+  const WatchCell *cell = WatchPaneChildCell(pane, ref.parent, ref.index);
+  const WatchNode *parent = WatchPaneNode(pane, ref.parent);
+  const WatchCell *parent_cell = parent ? WatchPaneNodeCell(pane, parent->key) : nullptr;
+  if (!cell || !parent) return false;
+  char base[kEditCapacity];
+  WatchRef parent_ref = {parent->parent, 0, parent->parent ? parent->index : parent->row_id};
+  bool group = pane->number == kWatchLocalsPane && !parent->parent;
+  if (group || !parent_cell || depth > kWatchPathCapacity ||
+      !RowExpression(pane, app, parent_ref, base, sizeof base, depth + 1)) {
+    snprintf(out, capacity, "%s", cell->name);
+    return true;
+  }
+  const char *open = IsPostfixOperand(base) ? "" : "(", *close = open[0] ? ")" : "";
+  switch (parent_cell->view) {
+    case kExprRowAggregate: snprintf(out, capacity, "%s%s%s.%s", open, base, close, cell->name); break;
+    case kExprRowArray: snprintf(out, capacity, "%s%s%s[%llu]", open, base, close, (unsigned long long)ref.index); break;
+    case kExprRowPointee:
+      if (parent_cell->child_count == 1) snprintf(out, capacity, "*%s%s%s", open, base, close);
+      else snprintf(out, capacity, "%s%s%s->%s", open, base, close, cell->name);
+      break;
+    default: snprintf(out, capacity, "%s", cell->name); break;
+  }
+  return true;
+}
+
+// The three texts of a selected row (the name of a top-level row is its expression).
+static bool RowTexts(WatchPane *pane, AppState *app, WatchRef ref, const char **name, const WatchCell **cell) {
+  *cell = nullptr;
+  if (!ref.parent) {
+    const WatchList *list = &app->session.watches[pane->number];
+    s32 r = RowIndex(list, (u32)ref.index);
+    if (r < 0) return false;
+    *name = list->rows[r]->expression;
+    const WatchNode *node = nullptr;
+    for (u32 i = 0; i < pane->node_count && !node; i++)
+      if (pane->nodes[i].key && !pane->nodes[i].parent && pane->nodes[i].row_id == ref.index) node = &pane->nodes[i];
+    if (node) *cell = WatchPaneNodeCell(pane, node->key);
+    return true;
+  }
+  *cell = WatchPaneChildCell(pane, ref.parent, ref.index);
+  *name = *cell ? (*cell)->name : "";
+  return *cell != nullptr;
+}
+
+// "Copy": the selected rows as "name;value;type" lines; "Copy Value": the values, one a line.
+static void CopySelection(WatchPane *pane, AppState *app, bool value_only) {
+  static char text[kCopyCapacity];
+  u32 length = 0;
+  text[0] = 0;
+  for (u32 i = 0; i < pane->selection_count && length < sizeof text - 1; i++) {
+    const char *name;
+    const WatchCell *cell;
+    if (!RowTexts(pane, app, pane->selection[i], &name, &cell)) continue;
+    const char *value = cell ? cell->value : "", *type = cell ? cell->type : "";
+    int n = value_only ? snprintf(text + length, sizeof text - length, "%s\n", value)
+                       : snprintf(text + length, sizeof text - length, "%s;%s;%s\n", name, value, type);
+    if (n > 0) length += (u32)n < sizeof text - length ? (u32)n : (u32)(sizeof text - 1 - length);
+  }
+  if (length) ImGui::SetClipboardText(text);
+}
+
+// [SECTION] Editing
+
+static void BeginEdit(u32 pane, u32 row_id, bool comment, const char *text) {
+  g_edit.pane = (s32)pane;
+  g_edit.row_id = row_id;
+  g_edit.comment = comment;
+  g_edit.focus = 1;
+  snprintf(g_edit.text, sizeof g_edit.text, "%s", text ? text : "");
+}
+
+// A committed edit: an emptied expression removes its row; a new row is added when not empty.
+static void CommitEdit(AppState *app) {
+  u32 window = (u32)g_edit.pane;
+  g_edit.pane = -1;
+  Session *session = &app->session;
+  WatchList *list = &session->watches[window];
+  if (!g_edit.row_id) {
+    if (g_edit.text[0] && !g_edit.comment) (void)SessionAddWatchRow(session, window, g_edit.text, "");
+    return;
+  }
+  s32 r = RowIndex(list, g_edit.row_id);
+  if (r < 0) return;
+  const WatchRow *row = list->rows[r];
+  if (g_edit.comment) {
+    if (strcmp(row->comment, g_edit.text) != 0) (void)SessionSetWatchRow(session, window, (u32)r, row->expression, g_edit.text);
+  } else if (!g_edit.text[0]) {
+    (void)SessionRemoveWatchRow(session, window, (u32)r);
+  } else if (strcmp(row->expression, g_edit.text) != 0) {
+    char comment[kWatchRowBufferSize];
+    snprintf(comment, sizeof comment, "%s", row->comment);
+    (void)SessionSetWatchRow(session, window, (u32)r, g_edit.text, comment);
+  }
+}
+
+// The open text input in a cell; true while it stays open.
+static void DrawEditInput(AppState *app, const char *id) {
+  if (g_edit.focus) ImGui::SetKeyboardFocusHere();
+  ImGui::SetNextItemWidth(-1);
+  bool entered = ImGui::InputText(id, g_edit.text, sizeof g_edit.text,
+                                  ImGuiInputTextFlags_EnterReturnsTrue | ImGuiInputTextFlags_AutoSelectAll);
+  bool first = g_edit.focus;
+  g_edit.focus = 0;
+  if (entered || ImGui::IsItemDeactivatedAfterEdit()) CommitEdit(app);
+  else if (!first && !ImGui::IsItemActive()) g_edit.pane = -1;  // Escape, or a click elsewhere without a change
+}
+
+static bool Editing(u32 pane, u32 row_id, bool comment) {
+  return g_edit.pane == (s32)pane && g_edit.row_id == row_id && g_edit.comment == comment;
+}
+
+static void DeleteSelectedRows(WatchPane *pane, AppState *app) {
+  WatchList *list = &app->session.watches[pane->number];
+  for (u32 i = 0; i < pane->selection_count; i++) {
+    if (pane->selection[i].parent) continue;
+    s32 r = RowIndex(list, (u32)pane->selection[i].index);
+    if (r >= 0) (void)SessionRemoveWatchRow(&app->session, pane->number, (u32)r);
+  }
+  WatchPaneClearSelection(pane);
+}
+
+// Each selected top-level row one place up (or down); a row already at the end stays, and so do
+// the selected rows stacked against it.
+static void MoveSelectedRows(WatchPane *pane, AppState *app, bool up) {
+  WatchList *list = &app->session.watches[pane->number];
+  if (!list->count) return;
+  for (u32 step = 0; step < list->count; step++) {
+    u32 r = up ? step : list->count - 1 - step;
+    WatchRef ref = {0, 0, list->rows[r]->id};
+    if (!WatchPaneIsSelected(pane, ref)) continue;
+    u32 to = up ? r - 1 : r + 1;
+    if ((up && r == 0) || (!up && r + 1 >= list->count)) continue;
+    WatchRef other = {0, 0, list->rows[to]->id};
+    if (WatchPaneIsSelected(pane, other)) continue;
+    (void)SessionMoveWatchRow(&app->session, pane->number, r, to);
+  }
+}
+
+static void FormatSelectedRows(WatchPane *pane, AppState *app, const char *specifier) {
+  WatchList *list = &app->session.watches[pane->number];
+  for (u32 i = 0; i < pane->selection_count; i++) {
+    if (pane->selection[i].parent) continue;
+    s32 r = RowIndex(list, (u32)pane->selection[i].index);
+    if (r < 0) continue;
+    char text[kWatchRowBufferSize], comment[kWatchRowBufferSize];
+    WatchFormatAs(list->rows[r]->expression, specifier, text, sizeof text);
+    snprintf(comment, sizeof comment, "%s", list->rows[r]->comment);
+    (void)SessionSetWatchRow(&app->session, pane->number, (u32)r, text, comment);
+  }
+}
+
+// "Add Watch": each selected row's expression as a new row of this window (the locals window's
+// go to "Watch 1").
+static void AddSelectedAsWatches(WatchPane *pane, AppState *app) {
+  u32 target = pane->number == kWatchLocalsPane ? 0 : pane->number;
+  u32 count = pane->selection_count;
+  WatchRef refs[kWatchSelectionCapacity];
+  memcpy(refs, pane->selection, sizeof(WatchRef) * count);
+  for (u32 i = 0; i < count; i++) {
+    char text[kWatchRowBufferSize];
+    if (RowExpression(pane, app, refs[i], text, sizeof text, 0) && text[0])
+      (void)SessionAddWatchRow(&app->session, target, text, "");
+  }
+}
+
+// [SECTION] Context menu
+
+typedef struct SpecifierItem {
+  const char *label;
+  const char *specifier;
+} SpecifierItem;
+
+static void SpecifierItems(WatchPane *pane, AppState *app, const SpecifierItem *items, u32 count) {
+  for (u32 i = 0; i < count; i++)
+    if (ImGui::MenuItem(items[i].label, items[i].specifier)) FormatSelectedRows(pane, app, items[i].specifier);
+}
+
+// What the selected rows are, for the submenus of "Format As" that apply to them.
+typedef struct SelectionKinds {
+  bool top_level;  // a row with an expression of its own is selected
+  bool address;    // a pointer or an array (strings, memory, matrices)
+  bool vector;     // a vector-sized object
+} SelectionKinds;
+
+static SelectionKinds KindsOfSelection(WatchPane *pane, AppState *app) {
+  SelectionKinds kinds = {false, false, false};
+  for (u32 i = 0; i < pane->selection_count; i++) {
+    WatchRef ref = pane->selection[i];
+    if (ref.parent) continue;
+    kinds.top_level = true;
+    const char *name;
+    const WatchCell *cell;
+    if (!RowTexts(pane, app, ref, &name, &cell) || !cell || cell->failed) {
+      kinds.address = kinds.vector = true;  // not known yet: everything is offered
+      continue;
+    }
+    u64 length = strlen(cell->type);
+    char last = length ? cell->type[length - 1] : 0;
+    kinds.address |= last == '*' || last == ']' || cell->view == kExprRowArray || cell->view == kExprRowString ||
+                     cell->view == kExprRowMemory || cell->view == kExprRowMatrix;
+    kinds.vector |= cell->view == kExprRowVector || cell->view == kExprRowAggregate || cell->view == kExprRowArray ||
+                    strncmp(cell->type, "u128", 4) == 0 || strncmp(cell->type, "u256", 4) == 0 ||
+                    strncmp(cell->type, "u512", 4) == 0 || strstr(cell->type, "__m") != nullptr;
+  }
+  return kinds;
+}
+
+static void DrawFormatAsMenu(WatchPane *pane, AppState *app, SelectionKinds kinds) {
+  if (!ImGui::BeginMenu("Format As", kinds.top_level)) return;
+  static const SpecifierItem kRadix[] = {{"Binary", "b"}, {"Decimal", "d"}, {"Hexadecimal (lower)", "x"},
+                                         {"Hexadecimal (upper)", "X"}, {"HRESULT/Win32 message", "hr"}};
+  SpecifierItems(pane, app, kRadix, KTRN_ARRAY_COUNT(kRadix));
+  if (kinds.address) {
+    static const SpecifierItem kStrings[] = {{"String View", "str"}, {"Wide String View", "wstr"}};
+    SpecifierItems(pane, app, kStrings, KTRN_ARRAY_COUNT(kStrings));
+  }
+  if (kinds.vector && ImGui::BeginMenu("Vector")) {
+    static const SpecifierItem kFloats[] = {{"Float", "ps"}, {"Double", "pd"}};
+    SpecifierItems(pane, app, kFloats, KTRN_ARRAY_COUNT(kFloats));
+    static const char *const kWidths[] = {"8-bit", "16-bit", "32-bit", "64-bit"};
+    static const char *const kBits[] = {"8", "16", "32", "64"};
+    for (u32 w = 0; w < 4; w++) {
+      if (!ImGui::BeginMenu(kWidths[w])) continue;
+      char names[4][16];
+      snprintf(names[0], sizeof names[0], "epi%s", kBits[w]);
+      snprintf(names[1], sizeof names[1], "epu%s", kBits[w]);
+      snprintf(names[2], sizeof names[2], "epu%sx", kBits[w]);
+      snprintf(names[3], sizeof names[3], "epu%sX", kBits[w]);
+      const SpecifierItem lanes[] = {{"signed", names[0]}, {"unsigned", names[1]}, {"unsigned (hex lower)", names[2]},
+                                     {"unsigned (hex upper)", names[3]}};
+      SpecifierItems(pane, app, lanes, KTRN_ARRAY_COUNT(lanes));
+      ImGui::EndMenu();
+    }
+    ImGui::EndMenu();
+  }
+  if (kinds.address && ImGui::BeginMenu("Memory")) {
+    static const SpecifierItem kMemory[] = {
+        {"Bytes w/ASCII", "db"}, {"Double-words w/ASCII", "dc"}, {"Double-words", "dd"}, {"Doubles", "dD"},
+        {"Floats", "df"},        {"Quad-words", "dq"},           {"Words w/ASCII", "dW"}, {"Words", "dw"},
+        {"Binary w/bytes", "dyb"}, {"Binary w/double-words", "dyd"}};
+    SpecifierItems(pane, app, kMemory, KTRN_ARRAY_COUNT(kMemory));
+    ImGui::EndMenu();
+  }
+  if (kinds.address && ImGui::BeginMenu("Matrix")) {
+    static const SpecifierItem kMatrix[] = {{"4x4 matrix", "mtx"}, {"4x3 matrix", "mtx4x3"}, {"3x4 matrix", "mtx3x4"}};
+    SpecifierItems(pane, app, kMatrix, KTRN_ARRAY_COUNT(kMatrix));
+    ImGui::EndMenu();
+  }
+  ImGui::EndMenu();
+}
+
+static void DrawContextMenu(WatchPane *pane, AppState *app) {
+  if (!ImGui::BeginPopupContextWindow("watch-menu")) return;
+  WatchWindowSettings *options = Options(app, pane->number);
+  bool locals = pane->number == kWatchLocalsPane;
+  bool any = pane->selection_count > 0;
+  if (ImGui::MenuItem("Add Watch", nullptr, false, any)) AddSelectedAsWatches(pane, app);
+  // There is no memory window to send an address to yet.
+  ImGui::MenuItem("Send to Memory Window", nullptr, false, false);
+  if (ImGui::MenuItem("Copy", "Ctrl+C", false, any)) CopySelection(pane, app, false);
+  if (ImGui::MenuItem("Copy Value", nullptr, false, any)) CopySelection(pane, app, true);
+  ImGui::Separator();
+  bool hex = options->hexadecimal, column_major = options->column_major;
+  if (ImGui::MenuItem("Hexadecimal Display", nullptr, &hex)) options->hexadecimal = hex;
+  if (ImGui::MenuItem("Column Major Display", nullptr, &column_major)) options->column_major = column_major;
+  if (!locals) {
+    DrawFormatAsMenu(pane, app, KindsOfSelection(pane, app));
+    ImGui::Separator();
+    if (ImGui::MenuItem("Move Up", "Ctrl+Up", false, any)) MoveSelectedRows(pane, app, true);
+    if (ImGui::MenuItem("Move Down", "Ctrl+Down", false, any)) MoveSelectedRows(pane, app, false);
+    if (ImGui::MenuItem("Delete", "Del", false, any)) DeleteSelectedRows(pane, app);
+  }
+  ImGui::Separator();
+  bool type = options->show_type, comment = options->show_comment;
+  if (ImGui::MenuItem("Type", nullptr, &type)) options->show_type = type;
+  if (!locals && ImGui::MenuItem("Comment", nullptr, &comment)) options->show_comment = comment;
+  ImGui::EndPopup();
+}
+
+// [SECTION] Rows
+
+static const float kIndentPerLevel = 14.0f;
+
+static void DrawRow(WatchPane *pane, AppState *app, u64 flat, bool stale, bool show_type, bool show_comment) {
+  WatchRowView row;
+  ImGui::TableNextRow();
+  if (!WatchPaneRow(pane, app, flat, &row)) return;
+  ImGui::TableNextColumn();
+  ImGui::PushID((int)flat);
+  const WatchCell *cell = row.cell;
+  bool top_level = !row.ref.parent;
+  u32 row_id = top_level ? (u32)row.ref.index : 0;
+  if (top_level && Editing(pane->number, row_id, false)) {
+    ImGui::Indent(row.depth * kIndentPerLevel + 1.0f);
+    DrawEditInput(app, "##edtlbl");
+    ImGui::Unindent(row.depth * kIndentPerLevel + 1.0f);
+  } else {
+    bool selected = WatchPaneIsSelected(pane, row.ref);
+    bool expandable = cell && cell->child_count && (top_level || row.depth <= kWatchPathCapacity);
+    bool expanded = expandable && row.node && row.node->expanded;
+    ImGuiTreeNodeFlags flags = ImGuiTreeNodeFlags_OpenOnArrow | ImGuiTreeNodeFlags_SpanAllColumns |
+                               ImGuiTreeNodeFlags_NoTreePushOnOpen;
+    if (!expandable) flags |= ImGuiTreeNodeFlags_Leaf;
+    if (selected) flags |= ImGuiTreeNodeFlags_Selected;
+    float indent = row.depth * kIndentPerLevel + 1.0f;
+    ImGui::Indent(indent);
+    ImGui::SetNextItemOpen(expanded);
+    bool open = ImGui::TreeNodeEx("##row", flags, "%s", top_level ? row.expression : cell ? cell->name : "");
+    ImGui::Unindent(indent);
+    if (ImGui::IsItemToggledOpen()) {
+      WatchPaneSetExpanded(pane, &row, open);
+    } else if (ImGui::IsItemClicked(ImGuiMouseButton_Left)) {
+      WatchPaneSelect(pane, row.ref, ImGui::GetIO().KeyCtrl);
+      if (top_level && pane->number != kWatchLocalsPane && ImGui::IsMouseDoubleClicked(ImGuiMouseButton_Left))
+        BeginEdit(pane->number, row_id, false, row.expression);
+    } else if (ImGui::IsItemClicked(ImGuiMouseButton_Right) && !selected) {
+      WatchPaneSelect(pane, row.ref, false);
+    }
+  }
+  ImGui::TableNextColumn();
+  if (stale) ImGui::PushStyleColor(ImGuiCol_Text, ImGui::GetStyleColorVec4(ImGuiCol_TextDisabled));
+  if (cell) ImGui::TextUnformatted(cell->value);
+  if (show_type) {
+    ImGui::TableNextColumn();
+    if (cell) ImGui::TextUnformatted(cell->type);
+  }
+  if (stale) ImGui::PopStyleColor();
+  if (show_comment) {
+    ImGui::TableNextColumn();
+    if (top_level && Editing(pane->number, row_id, true)) {
+      DrawEditInput(app, "##edtcmt");
+    } else if (top_level) {
+      const WatchList *list = &app->session.watches[pane->number];
+      s32 r = RowIndex(list, row_id);
+      const char *comment = r >= 0 ? list->rows[r]->comment : "";
+      ImGui::TextUnformatted(comment);
+      if (ImGui::IsItemHovered() && ImGui::IsMouseDoubleClicked(ImGuiMouseButton_Left))
+        BeginEdit(pane->number, row_id, true, comment);
+    }
+  }
+  ImGui::PopID();
+}
+
+// The line below the rows: a click there starts a new row.
+static void DrawNewRow(WatchPane *pane, AppState *app) {
+  ImGui::TableNextRow();
+  ImGui::TableNextColumn();
+  ImGui::PushID("new-row");
+  if (Editing(pane->number, 0, false)) {
+    DrawEditInput(app, "##edtlbl");
+  } else if (ImGui::Selectable("##new", false, ImGuiSelectableFlags_SpanAllColumns)) {
+    WatchPaneClearSelection(pane);
+    BeginEdit(pane->number, 0, false, "");
+  }
+  ImGui::PopID();
+}
+
+// [SECTION] Window
+
+static void HandleKeys(WatchPane *pane, AppState *app) {
+  if (g_edit.pane >= 0 || !ImGui::IsWindowFocused(ImGuiFocusedFlags_RootAndChildWindows)) return;
+  bool ctrl = ImGui::GetIO().KeyCtrl, locals = pane->number == kWatchLocalsPane;
+  if (ctrl && ImGui::IsKeyPressed(ImGuiKey_C, false)) CopySelection(pane, app, false);
+  if (locals) return;
+  if (ctrl && ImGui::IsKeyPressed(ImGuiKey_UpArrow)) MoveSelectedRows(pane, app, true);
+  if (ctrl && ImGui::IsKeyPressed(ImGuiKey_DownArrow)) MoveSelectedRows(pane, app, false);
+  if (ImGui::IsKeyPressed(ImGuiKey_Delete, false)) DeleteSelectedRows(pane, app);
+  if (ImGui::IsKeyPressed(ImGuiKey_F2, false) || ImGui::IsKeyPressed(ImGuiKey_Enter, false)) {
+    const WatchList *list = &app->session.watches[pane->number];
+    for (u32 i = 0; i < pane->selection_count; i++) {
+      s32 r = pane->selection[i].parent ? -1 : RowIndex(list, (u32)pane->selection[i].index);
+      if (r < 0) continue;
+      BeginEdit(pane->number, list->rows[r]->id, false, list->rows[r]->expression);
+      break;
+    }
+  }
+  if (ImGui::IsKeyPressed(ImGuiKey_Insert, false)) BeginEdit(pane->number, 0, false, "");
+}
+
+void DrawWatchWindow(AppState *app, u32 number) {
+  WatchPane *pane = WatchPaneGet(number);
+  if (!pane) return;
+  WatchWindowSettings *options = Options(app, number);
+  bool locals = number == kWatchLocalsPane;
+  WatchPaneLayout(pane, app);
+  if (ImGui::BeginChild("watch-wnd")) {
+    bool show_type = options->show_type != 0, show_comment = !locals && options->show_comment;
+    int columns = 2 + show_type + show_comment;
+    ImGuiTableFlags flags = ImGuiTableFlags_Resizable | ImGuiTableFlags_ScrollY | ImGuiTableFlags_BordersInnerV;
+    if (ImGui::BeginTable("tbl", columns, flags)) {
+      ImGui::TableSetupScrollFreeze(0, 1);
+      ImGui::TableSetupColumn("Name");
+      ImGui::TableSetupColumn("Value", ImGuiTableColumnFlags_WidthStretch);
+      if (show_type) ImGui::TableSetupColumn("Type");
+      if (show_comment) ImGui::TableSetupColumn("Comment");
+      ImGui::TableHeadersRow();
+      // Values of an earlier stop (the target runs, or no longer exists) are drawn dimmed.
+      bool stale = app->debug_state != kDebugSuspended;
+      u64 total = pane->row_total + (locals ? 0 : 1);
+      if (total > 0x7FFFFFFFull) total = 0x7FFFFFFFull;
+      ImGuiListClipper clipper;
+      clipper.Begin((int)total);
+      while (clipper.Step())
+        for (int i = clipper.DisplayStart; i < clipper.DisplayEnd; i++) {
+          if ((u64)i == pane->row_total && !locals) DrawNewRow(pane, app);
+          else DrawRow(pane, app, (u64)i, stale, show_type, show_comment);
+        }
+      ImGui::EndTable();
+    }
+    HandleKeys(pane, app);
+    DrawContextMenu(pane, app);
+  }
+  ImGui::EndChild();
+}
