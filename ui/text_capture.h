@@ -8,3 +8,9 @@ void TextCaptureStop(void);
 // After a Begin that returned true: the window's text from here on goes to the capture, headed by
 // "[window NAME]".
 void TextCaptureWindow(const char *name);
+
+// Whether a capture runs in this frame. A window that lays out its own text lines (the watch
+// windows' rows) suspends the capture of its widgets and writes its lines itself.
+bool TextCaptureActive(void);
+void TextCaptureSuspend(bool suspended);
+void TextCaptureLine(const char *line);  // the line and a line feed, also while suspended

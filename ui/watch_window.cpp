@@ -10,6 +10,7 @@
 #include <string.h>
 
 #include "expr/expr_row.h"
+#include "ui/text_capture.h"
 #include "ui/watch_model.h"
 
 enum { kEditCapacity = kWatchRowBufferSize, kCopyCapacity = 64 * 1024 };
@@ -24,6 +25,7 @@ typedef struct WatchEdit {
 } WatchEdit;
 
 static WatchEdit g_edit = {-1, 0, 0, 0, ""};
+static bool g_capturing;  // the test hook's capture runs: the rows write their own lines
 
 static WatchWindowSettings *Options(AppState *app, u32 pane) {
   return pane == kWatchLocalsPane ? &app->settings.locals : &app->settings.watch[pane];
@@ -168,6 +170,11 @@ static void CommitEdit(AppState *app) {
 
 // The open text input in a cell; true while it stays open.
 static void DrawEditInput(AppState *app, const char *id) {
+  if (g_capturing) {
+    char line[kEditCapacity + 16];
+    snprintf(line, sizeof line, "| [edit] %s |", g_edit.text);
+    TextCaptureLine(line);
+  }
   if (g_edit.focus) ImGui::SetKeyboardFocusHere();
   ImGui::SetNextItemWidth(-1);
   bool entered = ImGui::InputText(id, g_edit.text, sizeof g_edit.text,
@@ -280,6 +287,7 @@ static SelectionKinds KindsOfSelection(WatchPane *pane, AppState *app) {
 
 static void DrawFormatAsMenu(WatchPane *pane, AppState *app, SelectionKinds kinds) {
   if (!ImGui::BeginMenu("Format As", kinds.top_level)) return;
+  TextCaptureWindow("format menu");
   static const SpecifierItem kRadix[] = {{"Binary", "b"}, {"Decimal", "d"}, {"Hexadecimal (lower)", "x"},
                                          {"Hexadecimal (upper)", "X"}, {"HRESULT/Win32 message", "hr"}};
   SpecifierItems(pane, app, kRadix, KTRN_ARRAY_COUNT(kRadix));
@@ -323,7 +331,11 @@ static void DrawFormatAsMenu(WatchPane *pane, AppState *app, SelectionKinds kind
 }
 
 static void DrawContextMenu(WatchPane *pane, AppState *app) {
-  if (!ImGui::BeginPopupContextWindow("watch-menu")) return;
+  // The table scrolls in a child window of its own: the menu opens over it too.
+  if (ImGui::IsWindowHovered(ImGuiHoveredFlags_ChildWindows) && ImGui::IsMouseReleased(ImGuiMouseButton_Right))
+    ImGui::OpenPopup("watch-menu");
+  if (!ImGui::BeginPopup("watch-menu")) return;
+  TextCaptureWindow("watch menu");
   WatchWindowSettings *options = Options(app, pane->number);
   bool locals = pane->number == kWatchLocalsPane;
   bool any = pane->selection_count > 0;
@@ -338,6 +350,7 @@ static void DrawContextMenu(WatchPane *pane, AppState *app) {
   if (ImGui::MenuItem("Column Major Display", nullptr, &column_major)) options->column_major = column_major;
   if (!locals) {
     DrawFormatAsMenu(pane, app, KindsOfSelection(pane, app));
+    TextCaptureWindow("watch menu");  // a submenu's end closes the capture
     ImGui::Separator();
     if (ImGui::MenuItem("Move Up", "Ctrl+Up", false, any)) MoveSelectedRows(pane, app, true);
     if (ImGui::MenuItem("Move Down", "Ctrl+Down", false, any)) MoveSelectedRows(pane, app, false);
@@ -412,6 +425,14 @@ static void DrawRow(WatchPane *pane, AppState *app, u64 flat, bool stale, bool s
     }
   }
   ImGui::PopID();
+  if (g_capturing) {
+    // The test dumps' line of the row: its name indented two blanks a level, value and type.
+    char line[kWatchNameCapacity + kWatchValueCapacity + kWatchTypeCapacity + 96];
+    const char *name = top_level ? row.expression : cell ? cell->name : "";
+    snprintf(line, sizeof line, "| %*s%s | %s | %s |", (int)(2 * row.depth), "", name, cell ? cell->value : "",
+             cell ? cell->type : "");
+    TextCaptureLine(line);
+  }
 }
 
 // The line below the rows: a click there starts a new row.
@@ -460,6 +481,11 @@ void DrawWatchWindow(AppState *app, u32 number) {
     bool show_type = options->show_type != 0, show_comment = !locals && options->show_comment;
     int columns = 2 + show_type + show_comment;
     ImGuiTableFlags flags = ImGuiTableFlags_Resizable | ImGuiTableFlags_ScrollY | ImGuiTableFlags_BordersInnerV;
+    g_capturing = TextCaptureActive();
+    if (g_capturing) {
+      TextCaptureLine(show_type ? "| Name | Value | Type |" : "| Name | Value |");
+      TextCaptureSuspend(true);  // the cells' widgets would log the rows in pieces
+    }
     if (ImGui::BeginTable("tbl", columns, flags)) {
       ImGui::TableSetupScrollFreeze(0, 1);
       ImGui::TableSetupColumn("Name");
@@ -480,6 +506,8 @@ void DrawWatchWindow(AppState *app, u32 number) {
         }
       ImGui::EndTable();
     }
+    if (g_capturing) TextCaptureSuspend(false);
+    g_capturing = false;
     HandleKeys(pane, app);
     DrawContextMenu(pane, app);
   }
