@@ -497,13 +497,17 @@ void DrawWatchWindow(AppState *app, u32 number) {
       bool stale = app->debug_state != kDebugSuspended;
       u64 total = pane->row_total + (locals ? 0 : 1);
       if (total > 0x7FFFFFFFull) total = 0x7FFFFFFFull;
+      // The row height measured in an earlier frame spares the clipper drawing the first row (and
+      // asking the engine for its block) just to measure it.
+      static float row_heights[kWatchPaneCount];
       ImGuiListClipper clipper;
-      clipper.Begin((int)total);
+      clipper.Begin((int)total, row_heights[number] > 0 ? row_heights[number] : -1.0f);
       while (clipper.Step())
         for (int i = clipper.DisplayStart; i < clipper.DisplayEnd; i++) {
           if ((u64)i == pane->row_total && !locals) DrawNewRow(pane, app);
           else DrawRow(pane, app, (u64)i, stale, show_type, show_comment);
         }
+      if (clipper.ItemsHeight > 0) row_heights[number] = clipper.ItemsHeight;
       ImGui::EndTable();
     }
     if (g_capturing) TextCaptureSuspend(false);
