@@ -81,7 +81,10 @@ static void DrawToolWindows(AppState *app, MainFrameState *state) {
     u8 *shown = ToolWindowShown(&app->settings, i);
     if (!*shown) continue;
     bool open = true;
-    if (ImGui::Begin(ToolWindowTitle(i), &open)) {
+    // The locals window, docked last beside "Watch 1", does not take its tab's place in front when
+    // it first appears (choosing it in the Window menu brings it to the front).
+    ImGuiWindowFlags flags = i == kWindowLocals ? ImGuiWindowFlags_NoFocusOnAppearing : 0;
+    if (ImGui::Begin(ToolWindowTitle(i), &open, flags)) {
       TextCaptureWindow(ToolWindowTitle(i));
       if (i == kWindowOutput) DrawOutputWindow(app);
       else if (i == kWindowCallStack) DrawCallStackWindow(app, &state->target_requests);

@@ -21,14 +21,21 @@ typedef struct WatchEdit {
   u32 row_id;     // 0: a new row at the end
   u8 comment;     // the comment column
   u8 focus;       // the input takes the keyboard in its first frame
+  u8 drawn;       // the input was drawn in this frame (a row scrolled away or gone ends its edit)
+  int closed_frame;  // the frame the last edit ended in: its Enter is not a key of the window
   char text[kEditCapacity];
 } WatchEdit;
 
-static WatchEdit g_edit = {-1, 0, 0, 0, ""};
+static WatchEdit g_edit = {-1, 0, 0, 0, 0, -1, ""};
 static bool g_capturing;  // the test hook's capture runs: the rows write their own lines
 
 static WatchWindowSettings *Options(AppState *app, u32 pane) {
   return pane == kWatchLocalsPane ? &app->settings.locals : &app->settings.watch[pane];
+}
+
+static void EndEdit(void) {
+  g_edit.pane = -1;
+  g_edit.closed_frame = ImGui::GetFrameCount();
 }
 
 static s32 RowIndex(const WatchList *list, u32 id) {
@@ -147,7 +154,7 @@ static void BeginEdit(u32 pane, u32 row_id, bool comment, const char *text) {
 // A committed edit: an emptied expression removes its row; a new row is added when not empty.
 static void CommitEdit(AppState *app) {
   u32 window = (u32)g_edit.pane;
-  g_edit.pane = -1;
+  EndEdit();
   Session *session = &app->session;
   WatchList *list = &session->watches[window];
   if (!g_edit.row_id) {
@@ -170,6 +177,7 @@ static void CommitEdit(AppState *app) {
 
 // The open text input in a cell; true while it stays open.
 static void DrawEditInput(AppState *app, const char *id) {
+  g_edit.drawn = 1;
   if (g_capturing) {
     char line[kEditCapacity + 16];
     snprintf(line, sizeof line, "| [edit] %s |", g_edit.text);
@@ -182,7 +190,7 @@ static void DrawEditInput(AppState *app, const char *id) {
   bool first = g_edit.focus;
   g_edit.focus = 0;
   if (entered || ImGui::IsItemDeactivatedAfterEdit()) CommitEdit(app);
-  else if (!first && !ImGui::IsItemActive()) g_edit.pane = -1;  // Escape, or a click elsewhere without a change
+  else if (!first && !ImGui::IsItemActive()) EndEdit();  // Escape, or a click elsewhere without a change
 }
 
 static bool Editing(u32 pane, u32 row_id, bool comment) {
@@ -367,7 +375,8 @@ static void DrawContextMenu(WatchPane *pane, AppState *app) {
 
 static const float kIndentPerLevel = 14.0f;
 
-static void DrawRow(WatchPane *pane, AppState *app, u64 flat, bool stale, bool show_type, bool show_comment) {
+static void DrawRow(WatchPane *pane, AppState *app, u64 flat, bool stale, bool show_type, bool show_comment,
+                    int comment_column) {
   WatchRowView row;
   ImGui::TableNextRow();
   if (!WatchPaneRow(pane, app, flat, &row)) return;
@@ -397,8 +406,16 @@ static void DrawRow(WatchPane *pane, AppState *app, u64 flat, bool stale, bool s
       WatchPaneSetExpanded(pane, &row, open);
     } else if (ImGui::IsItemClicked(ImGuiMouseButton_Left)) {
       WatchPaneSelect(pane, row.ref, ImGui::GetIO().KeyCtrl);
-      if (top_level && pane->number != kWatchLocalsPane && ImGui::IsMouseDoubleClicked(ImGuiMouseButton_Left))
-        BeginEdit(pane->number, row_id, false, row.expression);
+      if (top_level && pane->number != kWatchLocalsPane && ImGui::IsMouseDoubleClicked(ImGuiMouseButton_Left)) {
+        // The row's item spans every column: the column under the mouse says what is edited.
+        if (show_comment && (ImGui::TableGetColumnFlags(comment_column) & ImGuiTableColumnFlags_IsHovered)) {
+          const WatchList *list = &app->session.watches[pane->number];
+          s32 r = RowIndex(list, row_id);
+          BeginEdit(pane->number, row_id, true, r >= 0 ? list->rows[r]->comment : "");
+        } else {
+          BeginEdit(pane->number, row_id, false, row.expression);
+        }
+      }
     } else if (ImGui::IsItemClicked(ImGuiMouseButton_Right) && !selected) {
       WatchPaneSelect(pane, row.ref, false);
     }
@@ -418,10 +435,7 @@ static void DrawRow(WatchPane *pane, AppState *app, u64 flat, bool stale, bool s
     } else if (top_level) {
       const WatchList *list = &app->session.watches[pane->number];
       s32 r = RowIndex(list, row_id);
-      const char *comment = r >= 0 ? list->rows[r]->comment : "";
-      ImGui::TextUnformatted(comment);
-      if (ImGui::IsItemHovered() && ImGui::IsMouseDoubleClicked(ImGuiMouseButton_Left))
-        BeginEdit(pane->number, row_id, true, comment);
+      ImGui::TextUnformatted(r >= 0 ? list->rows[r]->comment : "");
     }
   }
   ImGui::PopID();
@@ -452,7 +466,9 @@ static void DrawNewRow(WatchPane *pane, AppState *app) {
 // [SECTION] Window
 
 static void HandleKeys(WatchPane *pane, AppState *app) {
-  if (g_edit.pane >= 0 || !ImGui::IsWindowFocused(ImGuiFocusedFlags_RootAndChildWindows)) return;
+  if (g_edit.pane >= 0 || g_edit.closed_frame == ImGui::GetFrameCount() ||
+      !ImGui::IsWindowFocused(ImGuiFocusedFlags_RootAndChildWindows))
+    return;
   bool ctrl = ImGui::GetIO().KeyCtrl, locals = pane->number == kWatchLocalsPane;
   if (ctrl && ImGui::IsKeyPressed(ImGuiKey_C, false)) CopySelection(pane, app, false);
   if (locals) return;
@@ -500,14 +516,17 @@ void DrawWatchWindow(AppState *app, u32 number) {
       // The row height measured in an earlier frame spares the clipper drawing the first row (and
       // asking the engine for its block) just to measure it.
       static float row_heights[kWatchPaneCount];
+      bool editing_here = g_edit.pane == (s32)number;
+      g_edit.drawn = 0;
       ImGuiListClipper clipper;
       clipper.Begin((int)total, row_heights[number] > 0 ? row_heights[number] : -1.0f);
       while (clipper.Step())
         for (int i = clipper.DisplayStart; i < clipper.DisplayEnd; i++) {
           if ((u64)i == pane->row_total && !locals) DrawNewRow(pane, app);
-          else DrawRow(pane, app, (u64)i, stale, show_type, show_comment);
+          else DrawRow(pane, app, (u64)i, stale, show_type, show_comment, columns - 1);
         }
       if (clipper.ItemsHeight > 0) row_heights[number] = clipper.ItemsHeight;
+      if (editing_here && g_edit.pane == (s32)number && !g_edit.drawn && !g_edit.focus) EndEdit();
       ImGui::EndTable();
     }
     if (g_capturing) TextCaptureSuspend(false);

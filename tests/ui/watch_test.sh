@@ -20,15 +20,7 @@ forward() { "$wine_run" "$exe" "$@" || fail "the forwarding instance failed ($*)
 cell() { grep -F "| $2 |" "$out/dumps/$1.txt" | head -n 1 | awk -F ' [|] ' '{print $2}'; }  # cell STEP NAME: the value
 
 start "Z:$work"
-wait_for start "[window Locals]"
-# The Watch 1 tab (the locals window's tab is in front at first).
-for _ in 1 2 3; do
-  xdotool mousemove --window "$window" 573 400 click 1
-  sleep 0.5
-  dump watch-tab
-  grep -qF "[window Locals]" "$out/dumps/watch-tab.txt" || break
-done
-expect_not watch-tab "[window Locals]"
+wait_for start "[window Watch 1]"
 
 # Rows typed into the line below the last row (a click opens it for editing, Enter adds the row).
 y=443
