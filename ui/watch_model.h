@@ -40,7 +40,7 @@ typedef struct WatchCell {
 // A top-level row, or a child row that is (or was) expanded. Keys are never reused in a pane.
 typedef struct WatchNode {
   u32 key;          // 0: free
-  u32 row_id;       // the session row (the locals window: 1 + its group)
+  u32 row_id;       // the session row (the locals window: 1 "__params", 2 "__locals")
   u32 parent;       // the parent's key; 0 for a top-level row
   u32 depth;        // length of path
   u64 index;        // the row's index among its parent's children (top-level: in the list)

@@ -465,6 +465,18 @@ static void DrawNewRow(WatchPane *pane, AppState *app) {
 
 // [SECTION] Window
 
+// A frame without variables says so (the message of "__locals") instead of an empty list.
+static void DrawLocalsMessage(WatchPane *pane, AppState *app) {
+  if (app->debug_state != kDebugSuspended) return;
+  for (u32 i = 0; i < pane->node_count; i++) {
+    const WatchNode *n = &pane->nodes[i];
+    if (!n->key || n->parent || n->row_id != 2) continue;  // the second group: "__locals"
+    const WatchCell *cell = WatchPaneNodeCell(pane, n->key);
+    if (cell && cell->failed) ImGui::TextDisabled("%s", cell->value);
+    return;
+  }
+}
+
 static void HandleKeys(WatchPane *pane, AppState *app) {
   if (g_edit.pane >= 0 || g_edit.closed_frame == ImGui::GetFrameCount() ||
       !ImGui::IsWindowFocused(ImGuiFocusedFlags_RootAndChildWindows))
@@ -497,6 +509,7 @@ void DrawWatchWindow(AppState *app, u32 number) {
     bool show_type = options->show_type != 0, show_comment = !locals && options->show_comment;
     int columns = 2 + show_type + show_comment;
     ImGuiTableFlags flags = ImGuiTableFlags_Resizable | ImGuiTableFlags_ScrollY | ImGuiTableFlags_BordersInnerV;
+    if (locals && !pane->row_total) DrawLocalsMessage(pane, app);
     g_capturing = TextCaptureActive();
     if (g_capturing) {
       TextCaptureLine(show_type ? "| Name | Value | Type |" : "| Name | Value |");
@@ -531,6 +544,7 @@ void DrawWatchWindow(AppState *app, u32 number) {
     }
     if (g_capturing) TextCaptureSuspend(false);
     g_capturing = false;
+
     HandleKeys(pane, app);
     DrawContextMenu(pane, app);
   }

@@ -2,7 +2,8 @@
 # The watch windows and the locals window at a stop of the demo, as a user works them: rows typed
 # into "Watch 1", F5 to a breakpoint in TotalEnergy, a value against what the demo then prints, a
 # structure expanded, "Format As" > "Hexadecimal (lower)" from the rows' menu, rows that say why
-# they have no value, values kept (dimmed) while the demo runs on, and the rows back after a restart.
+# they have no value, the locals window following the frame chosen in the call stack, values kept
+# (dimmed) while the demo runs on, and the rows back after a restart.
 # usage: watch_test.sh WINE_RUN KESTRUNE_EXE DEMO_EXE OUT_DIR
 set -u
 wine_run=$1 exe=$2 demo=$3 out=$4
@@ -60,6 +61,9 @@ wait_for hexadecimal "| g_system.seed, x | $hex | unsigned int |" 20
 # The locals window: TotalEnergy's parameter and local.
 click_until locals 754 400 1 "| system |"
 expect locals "| energy |"
+# main's frame chosen in the call stack: the locals window follows it (30 seconds, as the demo was told).
+click_until callstack 815 223 1 "| demo.exe | main() Ln "
+click_until main-frame 760 284 1 "| seconds | 30 | int |"
 click_until watch-again 573 400 1 "| g_system.seed, x |"
 
 # On to the next second's stop: the rows keep their values while the demo runs, and the demo
