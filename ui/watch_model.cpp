@@ -328,7 +328,11 @@ static void AddChildren(WatchPane *pane, u32 key, u64 child_count, u32 depth) {
 static WatchNode *RootFor(WatchPane *pane, u32 row_id, const char *text, bool expanded) {
   WatchNode *root = FindRoot(pane, row_id);
   if (root && root->text && strcmp(root->text, text) == 0) return root;
-  if (root) ForgetRow(pane, row_id);
+  if (root) {
+    // A new text (an edit, "Format As"): the row stays open, its children's state goes.
+    expanded = root->expanded;
+    ForgetRow(pane, row_id);
+  }
   root = NewNode(pane);
   if (!root) return nullptr;
   root->row_id = row_id;

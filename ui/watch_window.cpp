@@ -1,4 +1,3 @@
-// [SECTION] Texts of rows
 // [SECTION] Editing
 // [SECTION] Context menu
 // [SECTION] Rows
@@ -11,9 +10,10 @@
 
 #include "expr/expr_row.h"
 #include "ui/text_capture.h"
+#include "ui/watch_actions.h"
 #include "ui/watch_model.h"
 
-enum { kEditCapacity = kWatchRowBufferSize, kCopyCapacity = 64 * 1024 };
+enum { kEditCapacity = kWatchRowBufferSize };
 
 // The one text input open at a time: a row's expression ("##edtlbl"), its comment, or a new row.
 typedef struct WatchEdit {
@@ -38,108 +38,6 @@ static void EndEdit(void) {
   g_edit.closed_frame = ImGui::GetFrameCount();
 }
 
-static s32 RowIndex(const WatchList *list, u32 id) {
-  for (u32 r = 0; r < list->count; r++)
-    if (list->rows[r]->id == id) return (s32)r;
-  return -1;
-}
-
-// [SECTION] Texts of rows
-
-void WatchFormatAs(const char *expression, const char *specifier, char *out, u32 capacity) {
-  const char *comma = strrchr(expression, ',');
-  u64 length = comma ? (u64)(comma - expression) : strlen(expression);
-  while (length && (expression[length - 1] == ' ' || expression[length - 1] == '\t')) length--;
-  snprintf(out, capacity, "%.*s, %s", (int)length, expression, specifier);
-}
-
-// Whether an expression can take a member access or an index without parentheses.
-static bool IsPostfixOperand(const char *text) {
-  for (const char *c = text; *c; c++) {
-    bool plain = (*c >= 'a' && *c <= 'z') || (*c >= 'A' && *c <= 'Z') || (*c >= '0' && *c <= '9') || *c == '_' ||
-                 *c == '.' || *c == '[' || *c == ']';
-    if (plain) continue;
-    if (c[0] == '-' && c[1] == '>') {
-      c++;
-      continue;
-    }
-    return false;
-  }
-  return true;
-}
-
-// An expression that names a row: a top-level row's own text without its specifier; a child's
-// made from its parent's (a member, an element or the pointee's member), else the child's name.
-static bool RowExpression(WatchPane *pane, AppState *app, WatchRef ref, char *out, u32 capacity, u32 depth) {
-  if (!ref.parent) {
-    const WatchList *list = &app->session.watches[pane->number];
-    s32 r = RowIndex(list, (u32)ref.index);
-    if (r < 0) return false;
-    const char *text = list->rows[r]->expression;
-    const char *comma = strrchr(text, ',');
-    snprintf(out, capacity, "%.*s", (int)(comma ? comma - text : (long long)strlen(text)), text);
-    return true;
-  }
-  const WatchCell *cell = WatchPaneChildCell(pane, ref.parent, ref.index);
-  const WatchNode *parent = WatchPaneNode(pane, ref.parent);
-  const WatchCell *parent_cell = parent ? WatchPaneNodeCell(pane, parent->key) : nullptr;
-  if (!cell || !parent) return false;
-  char base[kEditCapacity];
-  WatchRef parent_ref = {parent->parent, 0, parent->parent ? parent->index : parent->row_id};
-  bool group = pane->number == kWatchLocalsPane && !parent->parent;
-  if (group || !parent_cell || depth > kWatchPathCapacity ||
-      !RowExpression(pane, app, parent_ref, base, sizeof base, depth + 1)) {
-    snprintf(out, capacity, "%s", cell->name);
-    return true;
-  }
-  const char *open = IsPostfixOperand(base) ? "" : "(", *close = open[0] ? ")" : "";
-  switch (parent_cell->view) {
-    case kExprRowAggregate: snprintf(out, capacity, "%s%s%s.%s", open, base, close, cell->name); break;
-    case kExprRowArray: snprintf(out, capacity, "%s%s%s[%llu]", open, base, close, (unsigned long long)ref.index); break;
-    case kExprRowPointee:
-      if (parent_cell->child_count == 1) snprintf(out, capacity, "*%s%s%s", open, base, close);
-      else snprintf(out, capacity, "%s%s%s->%s", open, base, close, cell->name);
-      break;
-    default: snprintf(out, capacity, "%s", cell->name); break;
-  }
-  return true;
-}
-
-// The three texts of a selected row (the name of a top-level row is its expression).
-static bool RowTexts(WatchPane *pane, AppState *app, WatchRef ref, const char **name, const WatchCell **cell) {
-  *cell = nullptr;
-  if (!ref.parent) {
-    const WatchList *list = &app->session.watches[pane->number];
-    s32 r = RowIndex(list, (u32)ref.index);
-    if (r < 0) return false;
-    *name = list->rows[r]->expression;
-    const WatchNode *node = nullptr;
-    for (u32 i = 0; i < pane->node_count && !node; i++)
-      if (pane->nodes[i].key && !pane->nodes[i].parent && pane->nodes[i].row_id == ref.index) node = &pane->nodes[i];
-    if (node) *cell = WatchPaneNodeCell(pane, node->key);
-    return true;
-  }
-  *cell = WatchPaneChildCell(pane, ref.parent, ref.index);
-  *name = *cell ? (*cell)->name : "";
-  return *cell != nullptr;
-}
-
-// "Copy": the selected rows as "name;value;type" lines; "Copy Value": the values, one a line.
-static void CopySelection(WatchPane *pane, AppState *app, bool value_only) {
-  static char text[kCopyCapacity];
-  u32 length = 0;
-  text[0] = 0;
-  for (u32 i = 0; i < pane->selection_count && length < sizeof text - 1; i++) {
-    const char *name;
-    const WatchCell *cell;
-    if (!RowTexts(pane, app, pane->selection[i], &name, &cell)) continue;
-    const char *value = cell ? cell->value : "", *type = cell ? cell->type : "";
-    int n = value_only ? snprintf(text + length, sizeof text - length, "%s\n", value)
-                       : snprintf(text + length, sizeof text - length, "%s;%s;%s\n", name, value, type);
-    if (n > 0) length += (u32)n < sizeof text - length ? (u32)n : (u32)(sizeof text - 1 - length);
-  }
-  if (length) ImGui::SetClipboardText(text);
-}
 
 // [SECTION] Editing
 
@@ -161,7 +59,7 @@ static void CommitEdit(AppState *app) {
     if (g_edit.text[0] && !g_edit.comment) (void)SessionAddWatchRow(session, window, g_edit.text, "");
     return;
   }
-  s32 r = RowIndex(list, g_edit.row_id);
+  s32 r = WatchRowIndex(list, g_edit.row_id);
   if (r < 0) return;
   const WatchRow *row = list->rows[r];
   if (g_edit.comment) {
@@ -197,59 +95,6 @@ static bool Editing(u32 pane, u32 row_id, bool comment) {
   return g_edit.pane == (s32)pane && g_edit.row_id == row_id && g_edit.comment == comment;
 }
 
-static void DeleteSelectedRows(WatchPane *pane, AppState *app) {
-  WatchList *list = &app->session.watches[pane->number];
-  for (u32 i = 0; i < pane->selection_count; i++) {
-    if (pane->selection[i].parent) continue;
-    s32 r = RowIndex(list, (u32)pane->selection[i].index);
-    if (r >= 0) (void)SessionRemoveWatchRow(&app->session, pane->number, (u32)r);
-  }
-  WatchPaneClearSelection(pane);
-}
-
-// Each selected top-level row one place up (or down); a row already at the end stays, and so do
-// the selected rows stacked against it.
-static void MoveSelectedRows(WatchPane *pane, AppState *app, bool up) {
-  WatchList *list = &app->session.watches[pane->number];
-  if (!list->count) return;
-  for (u32 step = 0; step < list->count; step++) {
-    u32 r = up ? step : list->count - 1 - step;
-    WatchRef ref = {0, 0, list->rows[r]->id};
-    if (!WatchPaneIsSelected(pane, ref)) continue;
-    u32 to = up ? r - 1 : r + 1;
-    if ((up && r == 0) || (!up && r + 1 >= list->count)) continue;
-    WatchRef other = {0, 0, list->rows[to]->id};
-    if (WatchPaneIsSelected(pane, other)) continue;
-    (void)SessionMoveWatchRow(&app->session, pane->number, r, to);
-  }
-}
-
-static void FormatSelectedRows(WatchPane *pane, AppState *app, const char *specifier) {
-  WatchList *list = &app->session.watches[pane->number];
-  for (u32 i = 0; i < pane->selection_count; i++) {
-    if (pane->selection[i].parent) continue;
-    s32 r = RowIndex(list, (u32)pane->selection[i].index);
-    if (r < 0) continue;
-    char text[kWatchRowBufferSize], comment[kWatchRowBufferSize];
-    WatchFormatAs(list->rows[r]->expression, specifier, text, sizeof text);
-    snprintf(comment, sizeof comment, "%s", list->rows[r]->comment);
-    (void)SessionSetWatchRow(&app->session, pane->number, (u32)r, text, comment);
-  }
-}
-
-// "Add Watch": each selected row's expression as a new row of this window (the locals window's
-// go to "Watch 1").
-static void AddSelectedAsWatches(WatchPane *pane, AppState *app) {
-  u32 target = pane->number == kWatchLocalsPane ? 0 : pane->number;
-  u32 count = pane->selection_count;
-  WatchRef refs[kWatchSelectionCapacity];
-  memcpy(refs, pane->selection, sizeof(WatchRef) * count);
-  for (u32 i = 0; i < count; i++) {
-    char text[kWatchRowBufferSize];
-    if (RowExpression(pane, app, refs[i], text, sizeof text, 0) && text[0])
-      (void)SessionAddWatchRow(&app->session, target, text, "");
-  }
-}
 
 // [SECTION] Context menu
 
@@ -260,40 +105,11 @@ typedef struct SpecifierItem {
 
 static void SpecifierItems(WatchPane *pane, AppState *app, const SpecifierItem *items, u32 count) {
   for (u32 i = 0; i < count; i++)
-    if (ImGui::MenuItem(items[i].label, items[i].specifier)) FormatSelectedRows(pane, app, items[i].specifier);
+    if (ImGui::MenuItem(items[i].label, items[i].specifier)) WatchFormatSelectedRows(pane, app, items[i].specifier);
 }
 
-// What the selected rows are, for the submenus of "Format As" that apply to them.
-typedef struct SelectionKinds {
-  bool top_level;  // a row with an expression of its own is selected
-  bool address;    // a pointer or an array (strings, memory, matrices)
-  bool vector;     // a vector-sized object
-} SelectionKinds;
 
-static SelectionKinds KindsOfSelection(WatchPane *pane, AppState *app) {
-  SelectionKinds kinds = {false, false, false};
-  for (u32 i = 0; i < pane->selection_count; i++) {
-    WatchRef ref = pane->selection[i];
-    if (ref.parent) continue;
-    kinds.top_level = true;
-    const char *name;
-    const WatchCell *cell;
-    if (!RowTexts(pane, app, ref, &name, &cell) || !cell || cell->failed) {
-      kinds.address = kinds.vector = true;  // not known yet: everything is offered
-      continue;
-    }
-    u64 length = strlen(cell->type);
-    char last = length ? cell->type[length - 1] : 0;
-    kinds.address |= last == '*' || last == ']' || cell->view == kExprRowArray || cell->view == kExprRowString ||
-                     cell->view == kExprRowMemory || cell->view == kExprRowMatrix;
-    kinds.vector |= cell->view == kExprRowVector || cell->view == kExprRowAggregate || cell->view == kExprRowArray ||
-                    strncmp(cell->type, "u128", 4) == 0 || strncmp(cell->type, "u256", 4) == 0 ||
-                    strncmp(cell->type, "u512", 4) == 0 || strstr(cell->type, "__m") != nullptr;
-  }
-  return kinds;
-}
-
-static void DrawFormatAsMenu(WatchPane *pane, AppState *app, SelectionKinds kinds) {
+static void DrawFormatAsMenu(WatchPane *pane, AppState *app, WatchSelectionKinds kinds) {
   if (!ImGui::BeginMenu("Format As", kinds.top_level)) return;
   TextCaptureWindow("format menu");
   static const SpecifierItem kRadix[] = {{"Binary", "b"}, {"Decimal", "d"}, {"Hexadecimal (lower)", "x"},
@@ -347,22 +163,22 @@ static void DrawContextMenu(WatchPane *pane, AppState *app) {
   WatchWindowSettings *options = Options(app, pane->number);
   bool locals = pane->number == kWatchLocalsPane;
   bool any = pane->selection_count > 0;
-  if (ImGui::MenuItem("Add Watch", nullptr, false, any)) AddSelectedAsWatches(pane, app);
+  if (ImGui::MenuItem("Add Watch", nullptr, false, any)) WatchAddSelectedAsWatches(pane, app);
   // There is no memory window to send an address to yet.
   ImGui::MenuItem("Send to Memory Window", nullptr, false, false);
-  if (ImGui::MenuItem("Copy", "Ctrl+C", false, any)) CopySelection(pane, app, false);
-  if (ImGui::MenuItem("Copy Value", nullptr, false, any)) CopySelection(pane, app, true);
+  if (ImGui::MenuItem("Copy", "Ctrl+C", false, any)) WatchCopySelection(pane, app, false);
+  if (ImGui::MenuItem("Copy Value", nullptr, false, any)) WatchCopySelection(pane, app, true);
   ImGui::Separator();
   bool hex = options->hexadecimal, column_major = options->column_major;
   if (ImGui::MenuItem("Hexadecimal Display", nullptr, &hex)) options->hexadecimal = hex;
   if (ImGui::MenuItem("Column Major Display", nullptr, &column_major)) options->column_major = column_major;
   if (!locals) {
-    DrawFormatAsMenu(pane, app, KindsOfSelection(pane, app));
+    DrawFormatAsMenu(pane, app, WatchKindsOfSelection(pane, app));
     TextCaptureWindow("watch menu");  // a submenu's end closes the capture
     ImGui::Separator();
-    if (ImGui::MenuItem("Move Up", "Ctrl+Up", false, any)) MoveSelectedRows(pane, app, true);
-    if (ImGui::MenuItem("Move Down", "Ctrl+Down", false, any)) MoveSelectedRows(pane, app, false);
-    if (ImGui::MenuItem("Delete", "Del", false, any)) DeleteSelectedRows(pane, app);
+    if (ImGui::MenuItem("Move Up", "Ctrl+Up", false, any)) WatchMoveSelectedRows(pane, app, true);
+    if (ImGui::MenuItem("Move Down", "Ctrl+Down", false, any)) WatchMoveSelectedRows(pane, app, false);
+    if (ImGui::MenuItem("Delete", "Del", false, any)) WatchDeleteSelectedRows(pane, app);
   }
   ImGui::Separator();
   bool type = options->show_type, comment = options->show_comment;
@@ -410,7 +226,7 @@ static void DrawRow(WatchPane *pane, AppState *app, u64 flat, bool stale, bool s
         // The row's item spans every column: the column under the mouse says what is edited.
         if (show_comment && (ImGui::TableGetColumnFlags(comment_column) & ImGuiTableColumnFlags_IsHovered)) {
           const WatchList *list = &app->session.watches[pane->number];
-          s32 r = RowIndex(list, row_id);
+          s32 r = WatchRowIndex(list, row_id);
           BeginEdit(pane->number, row_id, true, r >= 0 ? list->rows[r]->comment : "");
         } else {
           BeginEdit(pane->number, row_id, false, row.expression);
@@ -434,7 +250,7 @@ static void DrawRow(WatchPane *pane, AppState *app, u64 flat, bool stale, bool s
       DrawEditInput(app, "##edtcmt");
     } else if (top_level) {
       const WatchList *list = &app->session.watches[pane->number];
-      s32 r = RowIndex(list, row_id);
+      s32 r = WatchRowIndex(list, row_id);
       ImGui::TextUnformatted(r >= 0 ? list->rows[r]->comment : "");
     }
   }
@@ -482,15 +298,15 @@ static void HandleKeys(WatchPane *pane, AppState *app) {
       !ImGui::IsWindowFocused(ImGuiFocusedFlags_RootAndChildWindows))
     return;
   bool ctrl = ImGui::GetIO().KeyCtrl, locals = pane->number == kWatchLocalsPane;
-  if (ctrl && ImGui::IsKeyPressed(ImGuiKey_C, false)) CopySelection(pane, app, false);
+  if (ctrl && ImGui::IsKeyPressed(ImGuiKey_C, false)) WatchCopySelection(pane, app, false);
   if (locals) return;
-  if (ctrl && ImGui::IsKeyPressed(ImGuiKey_UpArrow)) MoveSelectedRows(pane, app, true);
-  if (ctrl && ImGui::IsKeyPressed(ImGuiKey_DownArrow)) MoveSelectedRows(pane, app, false);
-  if (ImGui::IsKeyPressed(ImGuiKey_Delete, false)) DeleteSelectedRows(pane, app);
+  if (ctrl && ImGui::IsKeyPressed(ImGuiKey_UpArrow)) WatchMoveSelectedRows(pane, app, true);
+  if (ctrl && ImGui::IsKeyPressed(ImGuiKey_DownArrow)) WatchMoveSelectedRows(pane, app, false);
+  if (ImGui::IsKeyPressed(ImGuiKey_Delete, false)) WatchDeleteSelectedRows(pane, app);
   if (ImGui::IsKeyPressed(ImGuiKey_F2, false) || ImGui::IsKeyPressed(ImGuiKey_Enter, false)) {
     const WatchList *list = &app->session.watches[pane->number];
     for (u32 i = 0; i < pane->selection_count; i++) {
-      s32 r = pane->selection[i].parent ? -1 : RowIndex(list, (u32)pane->selection[i].index);
+      s32 r = pane->selection[i].parent ? -1 : WatchRowIndex(list, (u32)pane->selection[i].index);
       if (r < 0) continue;
       BeginEdit(pane->number, list->rows[r]->id, false, list->rows[r]->expression);
       break;

@@ -7,6 +7,3 @@
 // Draws the body of a watch window (0..7) or of the locals window (kWatchLocalsPane), between
 // Begin and End.
 void DrawWatchWindow(AppState *app, u32 pane);
-
-// "Format As": the expression cut at its last comma (if any) with ", " and the specifier appended.
-void WatchFormatAs(const char *expression, const char *specifier, char *out, u32 capacity);
