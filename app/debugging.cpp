@@ -217,7 +217,7 @@ bool DebuggingDrainEvents(AppState *app) {
         Stopped(app, kStopReasonProcessorBreakpoint);
         break;
       case kEventEvaluation:
-        WatchPanesResultArrived(e.evaluation.cookie);
+        WatchPanesResultArrived(e.evaluation.cookie, e.generation);
         break;
       case kEventModuleUnloaded:
         TargetModuleRelease(app->target, e.module.module);

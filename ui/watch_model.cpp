@@ -185,13 +185,14 @@ static WatchSlot *DrawFrom(WatchPane *pane, AppState *app, WatchNode *node, u64 
   return slot;
 }
 
-void WatchPanesResultArrived(void *cookie) {
+void WatchPanesResultArrived(void *cookie, u32 stop) {
   if (!cookie) return;
   for (u32 p = 0; p < kWatchPaneCount; p++)
     for (u32 i = 0; i < kWatchSlotCapacity; i++) {
       WatchSlot *s = g_panes[p].slots[i];
       if (s && s->request && s->cookie == cookie) {
         s->pending = 1;
+        s->pending_stop = stop;
         return;
       }
     }
@@ -209,7 +210,10 @@ void WatchPanesEndFrame(AppState *app) {
 
 // [SECTION] Results
 
-static void CopyCell(WatchCell *out, const ExprRow *row) {
+// A cell from a result; at a new stop it is marked when its value text changed (at the same stop
+// the mark stays as it was: a view asked again is no change of the program's).
+static void CopyCell(WatchCell *out, const ExprRow *row, bool new_stop) {
+  if (new_stop) out->changed = out->name[0] && strcmp(out->value, row->value_text) != 0;
   out->child_count = row->child_count;
   out->view = row->view;
   out->failed = row->failed;
@@ -231,10 +235,14 @@ static void TakeResults(WatchPane *pane, WatchSlot *slot) {
     return;
   }
   if (r->result_serial != slot->serial) return;  // an answer to a view since replaced
-  CopyCell(&slot->row, &r->row);
-  slot->child_rows = r->child_rows < kWatchBlockRows ? r->child_rows : kWatchBlockRows;
-  for (u32 i = 0; i < slot->child_rows; i++) CopyCell(&slot->children[i], &r->children[i]);
+  bool new_stop = slot->has_result && slot->result_stop != slot->pending_stop;
+  CopyCell(&slot->row, &r->row, new_stop);
+  u32 rows = r->child_rows < kWatchBlockRows ? r->child_rows : kWatchBlockRows;
+  for (u32 i = slot->child_rows; i < rows; i++) slot->children[i].name[0] = 0;  // nothing to compare with
+  slot->child_rows = rows;
+  for (u32 i = 0; i < slot->child_rows; i++) CopyCell(&slot->children[i], &r->children[i], new_stop);
   slot->has_result = 1;
+  slot->result_stop = slot->pending_stop;
   // The node's children and the expanded children's own counts follow the value's shape.
   WatchNode *node = WatchPaneNode(pane, slot->node);
   if (node) node->child_count = slot->row.child_count;

@@ -31,7 +31,8 @@ typedef struct WatchCell {
   u64 child_count;  // 0: cannot be expanded
   u32 view;         // ExprRowView
   u8 failed;        // value holds why there is no value
-  u8 padding[3];
+  u8 changed;       // the value differs from the one the previous stop showed
+  u8 padding[2];
   char name[kWatchNameCapacity];
   char value[kWatchValueCapacity];
   char type[kWatchTypeCapacity];
@@ -64,6 +65,8 @@ typedef struct WatchSlot {
   u8 pending;       // an answer was announced, not copied yet
   u8 has_result;
   u8 padding[2];
+  u32 pending_stop;  // the stop the announced answer belongs to
+  u32 result_stop;   // the stop of the results held
   u32 child_rows;
   WatchCell row;
   WatchCell children[kWatchBlockRows];
@@ -109,8 +112,8 @@ WatchPane *WatchPaneGet(u32 number);
 void WatchPanesBeginFrame(AppState *app);
 // Gives back the request of every slot no window drew from in this frame.
 void WatchPanesEndFrame(AppState *app);
-// An evaluation result was announced for cookie (the engine's event of kind 3).
-void WatchPanesResultArrived(void *cookie);
+// An evaluation result was announced for cookie (the engine's event of kind 3) at a stop.
+void WatchPanesResultArrived(void *cookie, u32 stop);
 
 // Rebuilds the pane's flattened rows from the session list (or the locals groups).
 void WatchPaneLayout(WatchPane *pane, AppState *app);

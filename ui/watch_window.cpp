@@ -190,6 +190,7 @@ static void DrawContextMenu(WatchPane *pane, AppState *app) {
 // [SECTION] Rows
 
 static const float kIndentPerLevel = 14.0f;
+static const ImVec4 kChangedColour = ImVec4(1.0f, 0.35f, 0.35f, 1.0f);  // changed since the last stop
 
 static void DrawRow(WatchPane *pane, AppState *app, u64 flat, bool stale, bool show_type, bool show_comment,
                     int comment_column) {
@@ -238,7 +239,8 @@ static void DrawRow(WatchPane *pane, AppState *app, u64 flat, bool stale, bool s
   }
   ImGui::TableNextColumn();
   if (stale) ImGui::PushStyleColor(ImGuiCol_Text, ImGui::GetStyleColorVec4(ImGuiCol_TextDisabled));
-  if (cell) ImGui::TextUnformatted(cell->value);
+  if (cell && cell->changed && !stale) ImGui::TextColored(kChangedColour, "%s", cell->value);
+  else if (cell) ImGui::TextUnformatted(cell->value);
   if (show_type) {
     ImGui::TableNextColumn();
     if (cell) ImGui::TextUnformatted(cell->type);

@@ -3,7 +3,8 @@
 # into "Watch 1", F5 to a breakpoint in TotalEnergy, a value against what the demo then prints, a
 # structure expanded, "Format As" > "Hexadecimal (lower)" from the rows' menu, rows that say why
 # they have no value, the locals window following the frame chosen in the call stack, values kept
-# (dimmed) while the demo runs on, and the rows back after a restart.
+# (dimmed) while the demo runs on and drawn red at the next stop when they changed, and the rows
+# back after a restart.
 # usage: watch_test.sh WINE_RUN KESTRUNE_EXE DEMO_EXE OUT_DIR
 set -u
 wine_run=$1 exe=$2 demo=$3 out=$4
@@ -72,6 +73,12 @@ press_until running "[EXECUTING]" F5
 expect running "| g_system.seed, x | $hex | unsigned int |"
 wait_for printed "second 1: " 30
 grep -qF "second 1: $count particles" "$out/dumps/printed.txt" || fail "the demo printed another count than $count"
+# The next second's stop: the count changed, and its value is drawn red.
+wait_for second-stop "[SUSPENDED]" 30
+wait_for second-stop "| g_system.count |" 10
+[ "$(cell second-stop g_system.count)" != "$count" ] || fail "the count did not change between the stops"
+red=$(convert "$out/second-stop.png" -crop 60x14+668+521 txt:- | grep -c "#FF5959")
+[ "$red" -gt 0 ] || fail "the changed count is not drawn red"
 forward stop-debugging
 wait_for stopped-debugging "Program halted" 30
 
