@@ -260,7 +260,10 @@ static void DrawRow(WatchPane *pane, AppState *app, u64 flat, bool stale, bool s
   if (g_capturing) {
     // The test dumps' line of the row: its name indented two blanks a level, value and type.
     char line[kWatchNameCapacity + kWatchValueCapacity + kWatchTypeCapacity + 96];
-    const char *name = top_level ? row.expression : cell ? cell->name : "";
+    // Looked up again: an edit committed in this row may have removed it.
+    const WatchList *list = &app->session.watches[pane->number];
+    s32 r = top_level ? WatchRowIndex(list, row_id) : -1;
+    const char *name = top_level ? (r >= 0 ? list->rows[r]->expression : "") : cell ? cell->name : "";
     snprintf(line, sizeof line, "| %*s%s | %s | %s |", (int)(2 * row.depth), "", name, cell ? cell->value : "",
              cell ? cell->type : "");
     TextCaptureLine(line);
