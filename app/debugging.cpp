@@ -8,6 +8,7 @@
 #include "ui/engine_event_text.h"
 #include "ui/main_frame.h"
 #include "ui/stop_reason.h"
+#include "ui/watch_model.h"
 
 enum { kTerminateExitCode = 0x7E57, kEnvironmentPairsMax = 512, kEventTextCapacity = 4096 };
 
@@ -307,6 +308,8 @@ bool DebuggingDrainEvents(AppState *app) {
         break;
       case kEventBreakpointLost:
         BindingChanged(app, &e, false);
+      case kEventEvaluation:
+        WatchPanesResultArrived(e.evaluation.cookie, e.generation);
         break;
       case kEventModuleUnloaded:
         TargetModuleRelease(app->target, e.module.module);

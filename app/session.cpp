@@ -272,6 +272,29 @@ int SessionAddWatchRow(Session *session, u32 window, const char *expression, con
   return SessionSetWatchRow(session, window, list->count - 1, expression, comment);
 }
 
+int SessionRemoveWatchRow(Session *session, u32 window, u32 row) {
+  if (window >= kWatchWindowCount || row >= session->watches[window].count) return kSessionBadArgument;
+  WatchList *list = &session->watches[window];
+  free(list->rows[row]);
+  memmove(&list->rows[row], &list->rows[row + 1], (size_t)(list->count - row - 1) * sizeof(WatchRow *));
+  list->count--;
+  session->modified = 1;
+  return kSessionOk;
+}
+
+int SessionMoveWatchRow(Session *session, u32 window, u32 row, u32 to) {
+  if (window >= kWatchWindowCount) return kSessionBadArgument;
+  WatchList *list = &session->watches[window];
+  if (row >= list->count || to >= list->count) return kSessionBadArgument;
+  if (row == to) return kSessionOk;
+  WatchRow *moved = list->rows[row];
+  if (to < row) memmove(&list->rows[to + 1], &list->rows[to], (size_t)(row - to) * sizeof(WatchRow *));
+  else memmove(&list->rows[row], &list->rows[row + 1], (size_t)(to - row) * sizeof(WatchRow *));
+  list->rows[to] = moved;
+  session->modified = 1;
+  return kSessionOk;
+}
+
 // [SECTION] Source files
 
 int SessionAddSourceFile(Session *session, const char *path) {

@@ -142,6 +142,9 @@ u32 SessionRemoveFunctionBreakpoints(Session *session, const char *name, Breakpo
 // Watch rows. Texts longer than kWatchTextMaxLength bytes are cut there (at a character start).
 int SessionAddWatchRow(Session *session, u32 window, const char *expression, const char *comment);
 int SessionSetWatchRow(Session *session, u32 window, u32 row, const char *expression, const char *comment);
+// Removes a row (its id is gone with it); moves a row to index to, the rows between shifting by one.
+int SessionRemoveWatchRow(Session *session, u32 window, u32 row);
+int SessionMoveWatchRow(Session *session, u32 window, u32 row, u32 to);
 // Makes room for at least count rows (and never fewer than kWatchRowMinCapacity).
 int WatchListReserve(WatchList *list, u32 count);
 // A new, empty row at the end of the list (null when out of memory). Does not mark the session.

@@ -22,7 +22,8 @@ enum SectionNumber {
   kSecMemory0 = 11, kSecRegisters = 12, kSecDisassembly = 13, kSecOther = 14, kSecOutput = 15,
   kSecWatch1 = 16,   // Watch-1 to Watch-7: 16 to 22
   kSecMemory1 = 23,  // Memory-1 to Memory-3: 23 to 25
-  kSecLast = 25,
+  kSecLocals = 26,   // the locals window: the watch windows' keys
+  kSecLast = 26,
 };
 
 static const SettingsSection kSections[] = {
@@ -32,21 +33,22 @@ static const SettingsSection kSections[] = {
     {"DisassemblyWindow", 13}, {"Other", 14},        {"OutputWindow", 15},  {"Watch-1", 16},
     {"Watch-2", 17},       {"Watch-3", 18},          {"Watch-4", 19},       {"Watch-5", 20},
     {"Watch-6", 21},       {"Watch-7", 22},          {"Memory-1", 23},      {"Memory-2", 24},
-    {"Memory-3", 25},
+    {"Memory-3", 25},      {"LocalsWindow", 26},
 };
 
 // The order in which the sections are written.
 static const u8 kWriteOrder[] = {
     kSecWindowPos, kSecStyle, kSecRecentFiles, kSecOther, kSecLayout, kSecThreads, kSecModules,
     kSecWatch0, kSecBreakpoints, kSecCallstack, kSecMemory0, kSecRegisters, kSecDisassembly,
-    kSecOutput, kSecLayoutOther, 16, 17, 18, 19, 20, 21, 22, 23, 24, 25,
+    kSecOutput, kSecLayoutOther, 16, 17, 18, 19, 20, 21, 22, 23, 24, 25, kSecLocals,
 };
 static_assert(sizeof(kWriteOrder) == kSecLast, "every section is written once");
 
 // Watch and memory windows share one key list per kind; the others have a list of their own.
 static u32 FamilyOf(u32 section) {
-  if (section == kSecWatch0 || (section >= kSecWatch1 && section < kSecMemory1)) return kSecWatch0;
-  if (section == kSecMemory0 || (section >= kSecMemory1 && section <= kSecLast)) return kSecMemory0;
+  if (section == kSecWatch0 || section == kSecLocals || (section >= kSecWatch1 && section < kSecMemory1))
+    return kSecWatch0;
+  if (section == kSecMemory0 || (section >= kSecMemory1 && section < kSecLocals)) return kSecMemory0;
   return section;
 }
 
@@ -55,7 +57,8 @@ static u8 *SectionBase(Settings *s, u32 section) {
   if (section == kSecWatch0) return (u8 *)&s->watch[0];
   if (section >= kSecWatch1 && section < kSecMemory1) return (u8 *)&s->watch[section - kSecWatch1 + 1];
   if (section == kSecMemory0) return (u8 *)&s->memory[0];
-  if (section >= kSecMemory1 && section <= kSecLast) return (u8 *)&s->memory[section - kSecMemory1 + 1];
+  if (section >= kSecMemory1 && section < kSecLocals) return (u8 *)&s->memory[section - kSecMemory1 + 1];
+  if (section == kSecLocals) return (u8 *)&s->locals;
   return (u8 *)s;
 }
 
@@ -187,6 +190,7 @@ void SettingsInitDefaults(Settings *s) {
     s->watch[i].show = i == 0;
     s->watch[i].show_type = 1;
   }
+  s->locals.show = s->locals.show_type = 1;
   for (u32 i = 0; i < kSettingsMemoryWindows; i++) {
     s->memory[i].show_ascii = 1;
     s->memory[i].grey_out_zeros = 1;

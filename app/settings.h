@@ -70,13 +70,14 @@ typedef struct Settings {
   // OutputWindow ShowWnd, also stored as Layout O
   u8 output_show;
   WatchWindowSettings watch[kSettingsWatchWindows];
+  WatchWindowSettings locals;  // LocalsWindow: the watch windows' keys (its comment column unused)
   MemoryWindowSettings memory[kSettingsMemoryWindows];
 } Settings;
 
 void SettingsInitDefaults(Settings *settings);
 
 // [SECTION] Handler
-// A section of ours: its name between the second pair of brackets and its number (1 to 25).
+// A section of ours: its name between the second pair of brackets and its number (1 to 26).
 typedef struct SettingsSection {
   const char *name;
   u32 number;

@@ -244,6 +244,7 @@ u32 EngineServeCommands(Target *target, bool held) {
         }
         t->selected_frame = index;
         PostFrameSelected(target, t, index);
+        EngineEvaluateRequests(target, true);  // the watches and locals now read that frame
         break;
       }
       case kCommandRebuildStack: {

@@ -17,6 +17,8 @@
 #include "ui/session_dialogs.h"
 #include "ui/stop_reason.h"
 #include "ui/text_capture.h"
+#include "ui/watch_model.h"
+#include "ui/watch_window.h"
 
 // [SECTION] Tool windows
 
@@ -24,13 +26,13 @@ enum ToolWindow : u32 {
   kWindowThreads = 0, kWindowModules = 1, kWindowWatch1 = 2,  // Watch 1..8: 2..9
   kWindowMemory1 = 10,                                          // Memory 1..4: 10..13
   kWindowRegisters = 14, kWindowCallStack = 15, kWindowBreakpoints = 16, kWindowOutput = 17,
-  kWindowDisassembly = 18, kWindowLastSingle = 18,
+  kWindowDisassembly = 18, kWindowLocals = 19, kWindowLastSingle = 19,
 };
 
 static const char *const kToolWindowTitles[kToolWindowCount] = {
     "Threads", "Modules", "Watch 1", "Watch 2", "Watch 3", "Watch 4", "Watch 5", "Watch 6", "Watch 7",
     "Watch 8", "Memory 1", "Memory 2", "Memory 3", "Memory 4", "Registers", "Call Stack", "Breakpoints",
-    "Output", "Disassembly", nullptr, nullptr};
+    "Output", "Disassembly", "Locals", nullptr};
 
 // The Window menu's chord letters (Ctrl+L, then Ctrl+letter); 0 for windows without one.
 static ImGuiKey ChordKey(u32 index) {
@@ -61,6 +63,7 @@ u8 *ToolWindowShown(Settings *s, u32 index) {
     case kWindowBreakpoints: return &s->breakpoints_show;
     case kWindowOutput: return &s->output_show;
     case kWindowDisassembly: return &s->disassembly_show;
+    case kWindowLocals: return &s->locals.show;
   }
   return nullptr;
 }
@@ -73,20 +76,27 @@ static void ToggleToolWindow(AppState *app, u32 index) {
 
 // Every shown tool window; those not built yet are titled and empty, so layouts already hold them.
 static void DrawToolWindows(AppState *app, MainFrameState *state) {
+  WatchPanesBeginFrame(app);
   for (u32 i = 0; i <= kWindowLastSingle; i++) {
     u8 *shown = ToolWindowShown(&app->settings, i);
     if (!*shown) continue;
     bool open = true;
-    if (ImGui::Begin(ToolWindowTitle(i), &open)) {
+    // The locals window, docked last beside "Watch 1", does not take its tab's place in front when
+    // it first appears (choosing it in the Window menu brings it to the front).
+    ImGuiWindowFlags flags = i == kWindowLocals ? ImGuiWindowFlags_NoFocusOnAppearing : 0;
+    if (ImGui::Begin(ToolWindowTitle(i), &open, flags)) {
       TextCaptureWindow(ToolWindowTitle(i));
       if (i == kWindowOutput) DrawOutputWindow(app);
       else if (i == kWindowCallStack) DrawCallStackWindow(app, &state->target_requests);
       else if (i == kWindowThreads) DrawThreadsWindow(app, &state->target_requests);
       else if (i == kWindowModules) DrawModulesWindow(app, &state->target_requests);
+      else if (i >= kWindowWatch1 && i < kWindowWatch1 + kSettingsWatchWindows) DrawWatchWindow(app, i - kWindowWatch1);
+      else if (i == kWindowLocals) DrawWatchWindow(app, kWatchLocalsPane);
     }
     ImGui::End();
     if (!open) *shown = 0;
   }
+  WatchPanesEndFrame(app);
 }
 
 // [SECTION] Menus
@@ -433,7 +443,7 @@ static void TakeShortcuts(AppState *app, MainFrameState *state) {
 static void BuildDefaultLayout(AppState *app, ImGuiID dockspace, ImVec2 size) {
   Settings *s = &app->settings;
   s->threads_show = s->modules_show = 1;
-  s->watch[0].show = 1;
+  s->watch[0].show = s->locals.show = 1;
   for (u32 w = 1; w < kSettingsWatchWindows; w++) s->watch[w].show = 0;
   for (u32 m = 0; m < kSettingsMemoryWindows; m++) s->memory[m].show = 0;
   ImGui::DockBuilderRemoveNode(dockspace);
@@ -448,6 +458,7 @@ static void BuildDefaultLayout(AppState *app, ImGuiID dockspace, ImVec2 size) {
   for (u32 i = kWindowWatch1; i < kWindowWatch1 + kSettingsWatchWindows; i++) ImGui::DockBuilderDockWindow(ToolWindowTitle(i), bottom_right);
   for (u32 i = kWindowMemory1; i < kWindowMemory1 + kSettingsMemoryWindows; i++) ImGui::DockBuilderDockWindow(ToolWindowTitle(i), bottom_right);
   ImGui::DockBuilderDockWindow("Breakpoints", bottom_right);
+  ImGui::DockBuilderDockWindow("Locals", bottom_right);
   ImGui::DockBuilderDockWindow("Threads", right);
   ImGui::DockBuilderDockWindow("Registers", right);
   ImGui::DockBuilderDockWindow("Modules", right_bottom);

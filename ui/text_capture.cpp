@@ -18,4 +18,21 @@ void TextCaptureWindow(const char *name) {
   ImGui::LogText("\n[window %s]\n", name);
 }
 
-bool TextCaptureActive(void) { return g_capture_path != nullptr; }
+static bool g_suspended;
+
+bool TextCaptureActive(void) { return g_capture_path && GImGui->LogEnabled; }
+
+void TextCaptureSuspend(bool suspended) {
+  if (!g_capture_path || g_suspended == suspended) return;
+  // The log file stays open: widgets only skip writing while the flag is off.
+  GImGui->LogEnabled = !suspended;
+  g_suspended = suspended;
+}
+
+void TextCaptureLine(const char *line) {
+  if (!g_capture_path) return;
+  bool was = GImGui->LogEnabled;
+  GImGui->LogEnabled = true;
+  ImGui::LogText("%s\n", line);
+  GImGui->LogEnabled = was;
+}

@@ -8,6 +8,10 @@ void TextCaptureStop(void);
 // After a Begin that returned true: the window's text from here on goes to the capture, headed by
 // "[window NAME]".
 void TextCaptureWindow(const char *name);
-// True while a capture runs: windows that draw text without Dear ImGui's text calls (the source
-// view) then log what they show themselves.
+
+// Whether a capture runs in this frame. Windows that draw text without Dear ImGui's text calls (the
+// source view) then log what they show themselves; a window that lays out its own text lines (the
+// watch windows' rows) suspends the capture of its widgets and writes its lines itself.
 bool TextCaptureActive(void);
+void TextCaptureSuspend(bool suspended);
+void TextCaptureLine(const char *line);  // the line and a line feed, also while suspended

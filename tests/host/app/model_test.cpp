@@ -26,6 +26,16 @@ TEST(Model, RowsStayPutWhileTheirListsChange) {
   EXPECT_STREQ(kept->place, "f20");
   EXPECT_EQ(SessionFindWatchRow(s.get(), 2, row_id), row);
   EXPECT_STREQ(row->expression, "w5");
+  // Watch rows removed before it and moved past it (Delete, Move Up/Down of the watch window).
+  ASSERT_EQ(SessionRemoveWatchRow(s.get(), 2, 0), kSessionOk);
+  ASSERT_EQ(SessionMoveWatchRow(s.get(), 2, 4, 0), kSessionOk);  // w5 to the top
+  ASSERT_EQ(SessionMoveWatchRow(s.get(), 2, 1, 298), kSessionOk);  // w1 to the end
+  EXPECT_EQ(SessionMoveWatchRow(s.get(), 2, 0, 299), kSessionBadArgument);
+  EXPECT_EQ(s->watches[2].count, 299u);
+  EXPECT_EQ(s->watches[2].rows[0], row);
+  EXPECT_STREQ(s->watches[2].rows[1]->expression, "w2");
+  EXPECT_STREQ(s->watches[2].rows[298]->expression, "w1");
+  EXPECT_EQ(SessionFindWatchRow(s.get(), 2, row_id), row);
   // Ids are unique across lists and sessions.
   EXPECT_NE(kept_id, row_id);
   EXPECT_EQ(SessionFindWatchRow(s.get(), 1, row_id), nullptr);
