@@ -6,6 +6,7 @@
 
 #include "engine/engine.h"
 #include "engine/frame_parameters.h"
+#include "ui/text_capture.h"
 
 static const ImU32 kCurrentRowColour = IM_COL32(255, 216, 55, 255);
 static const ImU32 kSelectedFrameColour = IM_COL32(206, 231, 206, 255);
@@ -159,6 +160,10 @@ static void DrawFrameRow(AppState *app, TargetWindowRequests *requests, TargetTh
   bool coloured = index == 0 || (s32)index == selected;
   if (coloured) ImGui::PushStyleColor(ImGuiCol_Text, IM_COL32(0, 0, 0, 255));
   if (ImGui::Selectable("##frame", false, ImGuiSelectableFlags_SpanAllColumns)) requests->select_frame = (s32)index;
+  if (TextCaptureActive()) {  // where the row is, for the tests that click on it
+    ImVec2 low = ImGui::GetItemRectMin();
+    ImGui::LogText("frame %u at %.0f,%.0f\n", index, low.x, low.y);
+  }
   bool detailed = !frame->collapsed && frame->procedure &&
                   (s->callstack_verbosity == 2 || (s->callstack_verbosity == 1 && index == 0));
   char cell[kCellCapacity];

@@ -75,8 +75,9 @@ forward add-breakpoint-at-function StepParticles
 forward continue-execution
 wait_for in-callee "[window particles.cpp###003]"
 expect in-callee "(top frame)"
-click_until callstack 815 223 1 "| demo.exe | Simulate() Ln $step_line"
-xdotool mousemove --window "$window" 800 284 click 1
+click_until callstack 815 223 1 "   int frames = "
+expect callstack "| void Simulate(" ") Ln $step_line |"
+xdotool mousemove --window "$window" 800 "$(frame_y callstack 1)" click 1
 wait_for caller-frame "current line $step_line (selected frame)"
 forward remove-breakpoint-at-function StepParticles
 forward close-file "$(grep -m1 -o '^file .*particles.cpp' "$out/dumps/in-callee.txt" | cut -c6-)"

@@ -26,6 +26,14 @@ cleanup() {
 trap cleanup EXIT
 
 window=
+# frame_y STEP N: the window y of the call stack's row for frame N, from the step's dump.
+frame_y() {
+  local y
+  y=$(grep -m1 -o "frame $2 at [0-9-]*,[0-9-]*" "$out/dumps/$1.txt" | sed 's/.*,//')
+  [ -n "$y" ] || fail "no row for frame $2 in step $1"
+  echo $((y + 6))
+}
+
 start() {  # start [ARGS...]: kestrune.exe with our settings folder; waits for its window
   "$wine_run" "$exe" --settings "Z:$settings" "$@" &
   app_pid=$!

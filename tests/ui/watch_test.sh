@@ -63,8 +63,8 @@ wait_for hexadecimal "| g_system.seed, x | $hex | unsigned int |" 20
 click_until locals 754 400 1 "| system |"
 expect locals "| energy |"
 # main's frame chosen in the call stack: the locals window follows it (30 seconds, as the demo was told).
-click_until callstack 815 223 1 "| demo.exe | main() Ln "
-click_until main-frame 760 284 1 "| seconds | 30 | int |"
+click_until callstack 815 223 1 "| int main("
+click_until main-frame 760 "$(frame_y callstack 1)" 1 "| seconds | 30 | int |"
 click_until watch-again 573 400 1 "| g_system.seed, x |"
 
 # On to the next second's stop: the rows keep their values while the demo runs, and the demo
