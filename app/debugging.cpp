@@ -8,6 +8,7 @@
 #include "ui/engine_event_text.h"
 #include "ui/main_frame.h"
 #include "ui/stop_reason.h"
+#include "ui/hover_value.h"
 #include "ui/watch_model.h"
 
 enum { kTerminateExitCode = 0x7E57, kEnvironmentPairsMax = 512, kEventTextCapacity = 4096 };
@@ -310,6 +311,7 @@ bool DebuggingDrainEvents(AppState *app) {
         BindingChanged(app, &e, false);
       case kEventEvaluation:
         WatchPanesResultArrived(e.evaluation.cookie, e.generation);
+        HoverResultArrived(e.evaluation.cookie);
         break;
       case kEventModuleUnloaded:
         TargetModuleRelease(app->target, e.module.module);

@@ -17,6 +17,7 @@
 #include "ui/session_dialogs.h"
 #include "ui/stop_reason.h"
 #include "ui/text_capture.h"
+#include "ui/hover_value.h"
 #include "ui/watch_model.h"
 #include "ui/watch_window.h"
 
@@ -563,7 +564,9 @@ void DrawMainFrame(AppState *app, MainFrameState *state) {
   DrawStatusBar(app);
   ImGuiID central = DrawDockSpace(app);
   DrawToolWindows(app, state);
+  state->source_view.hover_value = HoverValue();
   DrawSourceTabs(app, &state->source_view, &state->source_requests, state->text_font, central);
+  HoverEvaluate(app, state->source_requests.hover_expression);
   DrawTargetCommandEditor(app, state);
   DrawAttachDialog(app, state);
   DrawAbout(state);

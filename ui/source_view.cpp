@@ -329,7 +329,8 @@ static void TakeMouse(AppState *app, SourceViewState *view, SourceViewRequests *
   if ((now - view->hover_since) * 1000.0 < s->tooltip_delay_ms || to - from >= kSourceHoverCapacity) return;
   memcpy(r->hover_expression, begin + from, to - from);
   r->hover_expression[to - from] = 0;
-  if (view->hover_value) ImGui::SetTooltip("%s = %s", r->hover_expression, view->hover_value);
+  // Shown once the tab's text is logged (a tool-tip window ends the text capture of a frame).
+  view->show_hover = view->hover_value != nullptr;
 }
 
 // [SECTION] Tab
@@ -343,8 +344,8 @@ static float TextWidth(ImFont *font, float size, const char *text) {
 static void LogTab(const SourceTab *tab, const TabLayout *l, u32 first, u32 last) {
   ImGui::LogText("file %s (%u lines)\n", tab->path, tab->text.line_count);
   // Where line 1 starts and how tall lines are, so that a test can click a line as a user would.
-  ImGui::LogText("visible lines %u-%u, line 1 at %.0f,%.0f, margin %.0f, line height %.0f\n", first + 1, last,
-                 l->origin.x, l->origin.y, l->gutter_width, l->line_height);
+  ImGui::LogText("visible lines %u-%u, line 1 at %.0f,%.0f, margin %.0f, line height %.0f, column width %.2f\n",
+                 first + 1, last, l->origin.x, l->origin.y, l->gutter_width, l->line_height, l->char_width);
   if (l->current_line >= 0) ImGui::LogText("current line %d (%s)\n", l->current_line + 1, l->top_frame ? "top frame" : "selected frame");
   for (u32 i = 0; i < l->marker_count; i++)
     ImGui::LogText("breakpoint line %u %s\n", l->markers[i].line + 1, kMarkerNames[l->markers[i].kind]);
@@ -405,6 +406,11 @@ static void DrawTabText(AppState *app, SourceViewState *view, SourceViewRequests
   TakeMouse(app, view, r, tab, &l, index);
   if (focused) TakeKeys(app, tab, &l, r, index, visible_height);
   if (TextCaptureActive()) LogTab(tab, &l, first, last);
+  if (view->show_hover) {
+    if (TextCaptureActive()) ImGui::LogText("hover %s = %s\n", r->hover_expression, view->hover_value);
+    ImGui::SetTooltip("%s = %s", r->hover_expression, view->hover_value);
+    view->show_hover = false;
+  }
   DrawSourceContextMenu(app, view, r, tab, index);
   ImGui::EndChild();
   ImGui::PopStyleVar();

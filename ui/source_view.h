@@ -47,6 +47,7 @@ typedef struct SourceViewState {
   u32 hover_offset;
   double hover_since;
   const char *hover_value;  // the program's answer to hover_expression; null: no tool-tip
+  bool show_hover;          // the tool-tip is due in this frame
 } SourceViewState;
 
 void SourceViewRequestsClear(SourceViewRequests *requests);

@@ -22,6 +22,12 @@ layout() { grep -m1 -o 'line 1 at [0-9-]*,[0-9-]*, margin [0-9]*, line height [0
 line_y() { set -- $(layout "$1") "$2"; [ $# -eq 6 ] || fail "no layout in step $1"; echo $(($3 + ($6 - 1) * $5 + $5 / 2)); }
 text_x() { set -- $(layout "$1"); echo $(($2 + $4 + 40)); }
 margin_x() { set -- $(layout "$1"); echo $(($2 + $5 / 2)); }
+# column_x STEP COLUMN: the window x of the middle of a (1-based) column of text.
+column_x() {
+  local width; width=$(grep -m1 -o 'column width [0-9.]*' "$out/dumps/$1.txt" | cut -d' ' -f3)
+  set -- $(layout "$1") "$2" "$width"
+  awk -v x="$2" -v m="$4" -v c="$6" -v w="$7" 'BEGIN { printf "%d\n", x + m + (c - 0.5) * w }'
+}
 
 # A session whose target command runs the demo for 30 s.
 work="$out/work.ktrn"
@@ -46,6 +52,12 @@ press_until hit "current line $step_line (top frame)" F5
 expect hit "breakpoint line $step_line bound" "Program stopped because a user breakpoint was hit"
 for w in $(xdotool search --name 'demo\.exe$' 2>/dev/null); do [ "$w" != "$window" ] && xdotool windowmove "$w" 1270 790; done
 sleep 1
+
+# The mouse resting on an identifier shows its value: "frame" (line 15, column 9) is 0 at the first stop.
+frame_line=$(line_of "if (frame % 10 == 0)")
+# A click there first: the launched demo took the keyboard focus, and the window is given it back.
+xdotool mousemove --window "$window" "$(column_x hit 9)" "$(line_y hit "$frame_line")" click 1
+wait_for hover "hover frame = 0"
 
 # Right click on a later line, then "Run to Cursor" at the top of the context menu.
 y=$(line_y hit "$sleep_line")
