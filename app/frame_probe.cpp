@@ -33,6 +33,7 @@ bool FrameProbeInit(FrameProbe *probe) {
   DWORD length = GetEnvironmentVariableA("KTRN_BENCH_OUT", probe->out_path, sizeof probe->out_path);
   if (!length || length >= sizeof probe->out_path) probe->frames_wanted = 0;
   probe->idle_ms = EnvironmentNumber("KTRN_BENCH_IDLE_MS");
+  probe->wait_for_stop = EnvironmentNumber("KTRN_BENCH_STOPPED") != 0;
   return probe->frames_wanted != 0;
 }
 
@@ -47,7 +48,17 @@ void FrameProbeBuildStart(FrameProbe *probe) {
   if (probe->frames_wanted) probe->build_started_us = NowUs();
 }
 
+void FrameProbeStopSeen(FrameProbe *probe) {
+  if (probe->wait_for_stop && !probe->stop_seen_us) probe->stop_seen_us = NowUs();
+}
+
+// Waiting for the stop, or letting the windows settle after it: no frame counts yet.
+static bool Waiting(const FrameProbe *probe) {
+  return probe->wait_for_stop && (!probe->stop_seen_us || probe->settle_frames < kProbeSettleFrames);
+}
+
 void FrameProbeBuildEnd(FrameProbe *probe) {
+  if (Waiting(probe)) return;
   if (probe->frames_wanted && probe->frames_drawn >= 1 && probe->frames_drawn <= probe->frames_wanted)
     probe->build_us += NowUs() - probe->build_started_us;
 }
@@ -56,6 +67,11 @@ bool FrameProbeAfterFrame(FrameProbe *probe) {
   if (!probe->frames_wanted) return false;
   u64 created = 0, cpu = 0, now = NowUs();
   ProcessTimes(&created, &cpu);
+  if (Waiting(probe)) {
+    if (probe->stop_seen_us && !probe->hit_to_frame_us) probe->hit_to_frame_us = now - probe->stop_seen_us;
+    if (probe->stop_seen_us) probe->settle_frames++;
+    return false;
+  }
   probe->frames_drawn++;
   if (probe->frames_drawn == 1) {
     probe->first_frame_us = now - created;
@@ -71,11 +87,13 @@ bool FrameProbeAfterFrame(FrameProbe *probe) {
   double idle_wall = (double)(now - probe->wall_after_frames_us);
   FILE *out = fopen(probe->out_path, "w");
   if (out) {
-    fprintf(out, "first_frame_ms %.1f cpu_per_frame_us %.1f build_per_frame_us %.1f idle_cpu_percent %.1f idle_frames_per_s %.1f\n",
+    fprintf(out, "first_frame_ms %.1f cpu_per_frame_us %.1f build_per_frame_us %.1f idle_cpu_percent %.1f idle_frames_per_s %.1f",
             probe->first_frame_us / 1000.0, (probe->cpu_after_frames_us - probe->cpu_at_first_frame_us) / frames,
             probe->build_us / frames,
             100.0 * (double)(cpu - probe->cpu_after_frames_us) / idle_wall,
             (probe->frames_drawn - probe->frames_wanted - 1) * 1e6 / idle_wall);
+    if (probe->wait_for_stop) fprintf(out, " hit_to_frame_ms %.2f", probe->hit_to_frame_us / 1000.0);
+    fprintf(out, "\n");
     fclose(out);
   }
   probe->frames_wanted = 0;

@@ -16,8 +16,17 @@ struct FrameProbe {
   u64 wall_after_frames_us;
   u64 build_started_us;   // FrameProbeBuildStart of the frame being built
   u64 build_us;           // the measured frames' time from NewFrame to Render, summed
+  // KTRN_BENCH_STOPPED: the frames are counted only at a stop of the debugged program, after
+  // kProbeSettleFrames; the time from the stop's event to its first presented frame is reported.
+  u8 wait_for_stop;
+  u8 padding[3];
+  u32 settle_frames;
+  u64 stop_seen_us;
+  u64 hit_to_frame_us;
   char out_path[260];
 };
+
+enum : u32 { kProbeSettleFrames = 60 };
 
 // Reads the environment; false when the probe is off.
 bool FrameProbeInit(FrameProbe *probe);
@@ -30,5 +39,7 @@ bool FrameProbeSourceFile(char *out, u32 capacity);
 // the renderer's): reported as build_per_frame_us.
 void FrameProbeBuildStart(FrameProbe *probe);
 void FrameProbeBuildEnd(FrameProbe *probe);
+// The stop the benchmark waits for was seen (its event handled): the clock of hit-to-frame starts.
+void FrameProbeStopSeen(FrameProbe *probe);
 // After every presented frame; true once the results are written and the program should quit.
 bool FrameProbeAfterFrame(FrameProbe *probe);
