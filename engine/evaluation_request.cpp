@@ -146,12 +146,10 @@ EngineResult EngineSetEvaluationView(Target *target, EvaluationRequest *r, const
 
 // The request's row (along its view's path) and the children its view asks for, in the current
 // thread's selected frame.
-static void EvaluateOne(Target *target, EvaluationRequest *r, const EvaluationView *view) {
-  ExpressionScope scope;
-  TargetThread *thread = target->current_thread;
-  ExpressionScopeAtFrame(&scope, target, thread, thread ? (u32)thread->selected_frame : 0);
+static void EvaluateOne(ExpressionScope *scope, EvaluationRequest *r, const EvaluationView *view) {
+  ExpressionScopeRestart(scope);  // each request starts in the frame's own module
   ExprEvalHost host;
-  ExpressionHostInit(&host, &scope);
+  ExpressionHostInit(&host, scope);
   ExprEvalContext context;
   memset(&context, 0, sizeof context);
   context.host = &host;
@@ -199,6 +197,10 @@ void EngineEvaluateRequests(Target *target, bool mark_all) {
     count++;
   }
   TicketLockRelease(&target->lock);
+  // One scope for all of them: the frame's registers, its scopes and the last type's members are
+  // looked up once, not once per request.
+  ExpressionScope scope;
+  bool scope_made = false;
   for (u32 i = 0; i < count; i++) {
     EvaluationRequest *r = due[i].request;
     if (!due[i].parse_failed) {
@@ -213,7 +215,12 @@ void EngineEvaluateRequests(Target *target, bool mark_all) {
       }
       TicketLockRelease(&target->lock);
       if (!live) continue;
-      EvaluateOne(target, r, &view);
+      if (!scope_made) {
+        TargetThread *thread = target->current_thread;
+        ExpressionScopeAtFrame(&scope, target, thread, thread ? (u32)thread->selected_frame : 0);
+        scope_made = true;
+      }
+      EvaluateOne(&scope, r, &view);
       __atomic_store_n(&requests->evaluating, (EvaluationRequest *)nullptr, __ATOMIC_RELEASE);
     }
     EngineEvent event;

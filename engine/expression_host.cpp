@@ -682,6 +682,8 @@ void ExpressionScopeAtRegisters(ExpressionScope *scope, Target *target, TargetTh
   scope->from_registers = 1;
 }
 
+void ExpressionScopeRestart(ExpressionScope *scope) { scope->type_module = scope->frame_module; }
+
 void ExpressionHostInit(ExprEvalHost *host, ExpressionScope *scope) {
   memset(host, 0, sizeof *host);
   host->context = scope;

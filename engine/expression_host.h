@@ -51,5 +51,8 @@ void ExpressionScopeAtFrame(ExpressionScope *scope, Target *target, TargetThread
 // A scope of one frame made from the thread's registers alone, without building its call stack
 // (a breakpoint's condition at each hit).
 void ExpressionScopeAtRegisters(ExpressionScope *scope, Target *target, TargetThread *thread);
+// Makes the scope ready for another evaluation in the same frame: types are the frame's module's
+// again (what was found in the frame stays found).
+void ExpressionScopeRestart(ExpressionScope *scope);
 // The host whose callbacks answer from the scope.
 void ExpressionHostInit(ExprEvalHost *host, ExpressionScope *scope);
