@@ -230,6 +230,7 @@ void EngineEvaluateRequests(Target *target, bool mark_all) {
     event.evaluation.cookie = due[i].cookie;
     event.evaluation.parse_failed = due[i].parse_failed;
     event.generation = target->stop_generation;
-    EnginePostEvent(target, &event);
+    EngineQueueEvent(target, &event);  // the UI is woken once, for all of them
   }
+  if (count) EngineWakeUi(target);
 }

@@ -8,6 +8,11 @@
 // [SECTION] Engine events
 
 void EnginePostEvent(Target *target, const EngineEvent *event) {
+  EngineQueueEvent(target, event);
+  EngineWakeUi(target);
+}
+
+void EngineQueueEvent(Target *target, const EngineEvent *event) {
   TicketLockAcquire(&target->lock);
   u64 at = target->event_write;
   if (at + kEventSlotBytes > target->event_size) at = 0;
@@ -25,7 +30,6 @@ void EnginePostEvent(Target *target, const EngineEvent *event) {
     target->events_posted++;
   }
   TicketLockRelease(&target->lock);
-  EngineWakeUi(target);
 }
 
 EngineResult EnginePopEvent(Target *target, EngineEvent *out) {

@@ -410,6 +410,8 @@ TargetModule *TargetFindModuleByBase(Target *target, u64 base);
 // [SECTION] Rings (event_ring.cpp)
 // Queues an event (never blocks: the oldest unread events are overwritten) and wakes the UI.
 void EnginePostEvent(Target *target, const EngineEvent *event);
+// Queues an event without waking the UI: for a batch, whose last event is followed by EngineWakeUi.
+void EngineQueueEvent(Target *target, const EngineEvent *event);
 // Pops the oldest event into out (kind 0 when none). kEngineNoTarget when there is no run.
 [[nodiscard]] EngineResult EnginePopEvent(Target *target, EngineEvent *out);
 // Text storage from the text ring; null when the text cannot be placed (it is then dropped).
