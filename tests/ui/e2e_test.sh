@@ -2,7 +2,8 @@
 # A day's debugging of the demo in kestrune.exe, driven as a user does (keys, clicks, menus) and then
 # as an editor does (a second instance's channel commands); each step asserted on the windows' text
 # dumps, with a screenshot beside each in OUT_DIR. The values shown are checked against what the
-# demo prints: the line main formats is the one it then prints, g_system's count is in it.
+# demo prints: its loop counter against "second N", the count a watch shows against the next line
+# printed, TotalEnergy's energy against the line's energy.
 # usage: e2e_test.sh WINE_RUN KESTRUNE_EXE DEMO_EXE SOURCE_DIR OUT_DIR
 set -u
 wine_run=$1 exe=$2 demo=$3 source_dir=$4 out=$5
