@@ -49,7 +49,14 @@ expect 4-locals "| seconds | 30 | int |"
 
 # 5. Watch 1: seconds in hexadecimal, line as text (still the first second's), and g_system expanded
 # to the count main formats next (the worker frozen by its "F" in the threads window, so it stays).
-xdotool mousemove --window "$window" 715 107 click 1
+for _ in 1 2 3; do
+  xdotool mousemove --window "$window" 715 107 click 1
+  sleep 0.5
+  dump 5-frozen
+  case $(convert "$out/5-frozen.png" -format "%[pixel:p{709,103}]" info:) in
+    "srgb(255,81,1)" | "srgb(216,35,35)") break ;;  # red: frozen (hovered or not)
+  esac
+done
 click_until 5-watch 573 400 1 "[window Watch 1]"
 y=443
 for text in "seconds, x" "line, str" g_system; do
@@ -59,9 +66,11 @@ for text in "seconds, x" "line, str" g_system; do
   wait_for "5-added-$y" "| $text |" 10
   y=$((y + 18))
 done
-expect 5-added-479 "| seconds, x | 0x1e | int |" "| g_system | { ... } | ParticleSystem |" "$printed"
+wait_for 5-watches "| g_system | { ... } | ParticleSystem |" 10
+expect 5-watches "| seconds, x | 0x1e | int |" "$printed"
 click_until 5-expanded 541 479 1 "|   count | "
-count=$(cell 5-expanded "  count")
+value_of 5-count "  count"
+count=$value
 [[ "$count" =~ ^[0-9]+$ ]] || fail "g_system.count is '$count'"
 
 # 6. The caller's frame picked in the call stack: the locals window follows it, and back.
@@ -114,7 +123,8 @@ forward start-debugging
 wait_for c-started "current line $return_line (top frame)" 60
 move_console
 click_until c-energy 754 400 1 "| energy |"
-energy=$(printf '%.1f' "$(cell c-energy energy)")
+value_of c-energy energy
+energy=$(printf '%.1f' "$value")
 forward continue-execution
 wait_for c-continued "current line $flush_line (top frame)"
 expect c-continued "particles, energy $energy"

@@ -44,6 +44,15 @@ line_y() { set -- $(layout "$1") "$2"; [ $# -eq 6 ] || fail "no layout in step $
 text_x() { set -- $(layout "$1"); echo $(($2 + $4 + 40)); }
 margin_x() { set -- $(layout "$1"); echo $(($2 + $5 / 2)); }
 cell() { grep -F "| $2 |" "$out/dumps/$1.txt" | head -n 1 | awk -F ' [|] ' '{print $2}'; }  # cell STEP NAME: the value
+value_of() {  # value_of STEP NAME: dumps until the row NAME has a value (a row's value comes a frame or more later), in $value
+  for _ in $(seq 1 20); do
+    dump "$1"
+    value=$(cell "$1" "$2")
+    [ -n "$value" ] && return 0
+    sleep 0.5
+  done
+  fail "step $1: no value for $2"
+}
 
 # move_console: the demo's console window opens over ours (no window manager here): moved away.
 move_console() {
