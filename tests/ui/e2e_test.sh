@@ -108,7 +108,7 @@ start "Z:$work"
 wait_for 9-restored "[window demo.cpp###001]"
 expect 9-restored "breakpoint line $flush_line set"
 click_until 9-watches 573 400 1 "| seconds, x |"
-expect 9-watches "| g_system |"
+expect 9-watches "| line, str |" "| g_system |"
 
 # The same day as an editor drives it: particles.cpp opened with a breakpoint where TotalEnergy
 # returns. The run stops there first (its energy is the one the demo prints), continues to main's
