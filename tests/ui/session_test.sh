@@ -39,7 +39,6 @@ title_becomes() {  # title_becomes TEXT: within 15 s
   done
   fail "title is '$(title)', not '$1'"
 }
-forward() { "$wine_run" "$exe" "$@" || fail "the forwarding instance failed ($*)"; }
 
 # 1. A modified session asks to be saved at close; Yes writes it.
 make_session "$work" whole

@@ -15,20 +15,6 @@ step_line=$(line_of "StepParticles(&g_system")
 count_line=$(line_of "InterlockedIncrement(&g_frames)")
 sleep_line=$(line_of "Sleep(16)")
 
-# forward COMMAND ARGS...: a second instance hands the command to the running one.
-forward() { "$wine_run" "$exe" "$@" || fail "the forwarding instance of $1 failed"; }
-# line_y STEP LINE: the window y of a line's middle, from the tab's layout in the step's dump.
-layout() { grep -m1 -o 'line 1 at [0-9-]*,[0-9-]*, margin [0-9]*, line height [0-9]*' "$out/dumps/$1.txt" | tr -c '0-9\n-' ' '; }
-line_y() { set -- $(layout "$1") "$2"; [ $# -eq 6 ] || fail "no layout in step $1"; echo $(($3 + ($6 - 1) * $5 + $5 / 2)); }
-text_x() { set -- $(layout "$1"); echo $(($2 + $4 + 40)); }
-margin_x() { set -- $(layout "$1"); echo $(($2 + $5 / 2)); }
-# column_x STEP COLUMN: the window x of the middle of a (1-based) column of text.
-column_x() {
-  local width; width=$(grep -m1 -o 'column width [0-9.]*' "$out/dumps/$1.txt" | cut -d' ' -f3)
-  set -- $(layout "$1") "$2" "$width"
-  awk -v x="$2" -v m="$4" -v c="$6" -v w="$7" 'BEGIN { printf "%d\n", x + m + (c - 0.5) * w }'
-}
-
 # A session whose target command runs the demo for 30 s.
 work="$out/work.ktrn"
 python3 - "$work" "Z:$demo" <<'PY'

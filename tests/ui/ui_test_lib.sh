@@ -26,6 +26,46 @@ cleanup() {
 trap cleanup EXIT
 
 window=
+forward() { "$wine_run" "$exe" "$@" || fail "the forwarding instance failed ($*)"; }  # a second instance
+
+# demo_session FILE SECONDS: a session whose target command runs the demo ($demo) for SECONDS.
+demo_session() {
+  python3 - "$1" "Z:$demo" "$2" <<'PY2'
+import struct, sys
+text = lambda s: struct.pack('<I', len(s)) + s.encode()
+open(sys.argv[1], 'wb').write(b'KTRN' + text(sys.argv[2]) + text(sys.argv[3]) + text('') + struct.pack('<II', 0, 0))
+PY2
+}
+
+# A source tab's geometry from a step's dump: layout STEP gives "X Y MARGIN LINE_HEIGHT" of line 1;
+# line_y STEP LINE the window y of a line's middle; text_x and margin_x a point in its text and margin.
+layout() { grep -m1 -o 'line 1 at [0-9-]*,[0-9-]*, margin [0-9]*, line height [0-9]*' "$out/dumps/$1.txt" | tr -c '0-9\n-' ' '; }
+line_y() { set -- $(layout "$1") "$2"; [ $# -eq 6 ] || fail "no layout in step $1"; echo $(($3 + ($6 - 1) * $5 + $5 / 2)); }
+text_x() { set -- $(layout "$1"); echo $(($2 + $4 + 40)); }
+margin_x() { set -- $(layout "$1"); echo $(($2 + $5 / 2)); }
+# column_x STEP COLUMN: the window x of the middle of a (1-based) column of text.
+column_x() {
+  local width; width=$(grep -m1 -o 'column width [0-9.]*' "$out/dumps/$1.txt" | cut -d' ' -f3)
+  set -- $(layout "$1") "$2" "$width"
+  awk -v x="$2" -v m="$4" -v c="$6" -v w="$7" 'BEGIN { printf "%d\n", x + m + (c - 0.5) * w }'
+}
+cell() { grep -F "| $2 |" "$out/dumps/$1.txt" | head -n 1 | awk -F ' [|] ' '{print $2}'; }  # cell STEP NAME: the value
+value_of() {  # value_of STEP NAME: dumps until the row NAME has a value (a row's value comes a frame or more later), in $value
+  for _ in $(seq 1 20); do
+    dump "$1"
+    value=$(cell "$1" "$2")
+    [ -n "$value" ] && return 0
+    sleep 0.5
+  done
+  fail "step $1: no value for $2"
+}
+
+# move_console: the demo's console window opens over ours (no window manager here): moved away.
+move_console() {
+  for w in $(xdotool search --name 'demo\.exe$' 2>/dev/null); do [ "$w" != "$window" ] && xdotool windowmove "$w" 1270 790; done
+  sleep 1
+}
+
 # frame_y STEP N: the window y of the call stack's row for frame N, from the step's dump.
 frame_y() {
   local y

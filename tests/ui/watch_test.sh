@@ -18,8 +18,6 @@ path, demo = sys.argv[1:]
 text = lambda s: struct.pack('<I', len(s)) + s.encode()
 open(path, 'wb').write(b'KTRN' + text(demo) + text('30') + text('') + struct.pack('<II', 0, 0))
 PY
-forward() { "$wine_run" "$exe" "$@" || fail "the forwarding instance failed ($*)"; }
-cell() { grep -F "| $2 |" "$out/dumps/$1.txt" | head -n 1 | awk -F ' [|] ' '{print $2}'; }  # cell STEP NAME: the value
 
 start "Z:$work"
 wait_for start "[window Watch 1]"
