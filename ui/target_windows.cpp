@@ -283,19 +283,7 @@ static bool FlagButton(const char *label, bool lit, ImU32 colour, ImU32 hovered,
   return clicked;
 }
 
-// Every thread's stack, built before the rows are drawn: the build takes the model lock itself.
-static void BuildThreadStacks(AppState *app) {
-  static TargetThread *threads[kThreadPoolCount];
-  u32 count = 0;
-  if (!LockStoppedTarget(app)) return;
-  for (TargetThread *t = app->target->threads; t && count < kThreadPoolCount; t = t->next) threads[count++] = t;
-  EngineUnlockModel(app->target);
-  const StackFrame *frames;
-  for (u32 i = 0; i < count; i++) (void)EngineThreadStack(app->target, threads[i], &frames);
-}
-
 void DrawThreadsWindow(AppState *app, TargetWindowRequests *requests) {
-  BuildThreadStacks(app);
   if (!LockStoppedTarget(app)) return;
   Target *target = app->target;
   Settings *s = &app->settings;
@@ -317,59 +305,67 @@ void DrawThreadsWindow(AppState *app, TargetWindowRequests *requests) {
     if (s->threads_show_address) ImGui::TableSetupColumn("Address");
     if (s->threads_show_priority) ImGui::TableSetupColumn("Priority");
     ImGui::TableHeadersRow();
-    for (TargetThread *t = target->threads; t; t = t->next) {
-      ImGui::TableNextRow();
-      ImGui::PushID((int)t->id);
-      bool current = t == target->current_thread;
-      ImGui::TableNextColumn();
-      if (current) {
-        ImGui::TableSetBgColor(ImGuiTableBgTarget_CellBg, kCurrentRowColour);
-        ImGui::TextUnformatted(">");
-      }
-      ImGui::TableNextColumn();
-      bool held = t->frozen || (solo && solo != t);
-      if (FlagButton("F", held, kFrozenColour, kFrozenHoveredColour, "Freeze Thread")) requests->toggle_freeze = t;
-      ImGui::SameLine();
-      if (FlagButton("S", t->solo != 0, kSoloColour, kSoloHoveredColour, "Solo Thread")) requests->toggle_solo = t;
-      ImGui::TableNextColumn();
-      char id[16];
-      snprintf(id, sizeof id, "%u", t->id);
-      if (ImGui::Selectable(id, selected_id == t->id, ImGuiSelectableFlags_SpanAllColumns | ImGuiSelectableFlags_AllowDoubleClick)) {
-        selected_id = t->id;
-        if (ImGui::IsMouseDoubleClicked(ImGuiMouseButton_Left)) requests->select_thread = t->id;
-      }
-      // Built above for this stop (a thread whose build failed shows no frames).
-      bool built = t->frames && t->stack_stop == target->stop_generation;
-      const StackFrame *frames = built ? t->frames : nullptr;
-      u32 count = built ? t->frame_count : 0;
-      char function[kCellCapacity];
-      if (s->threads_show_name) { ImGui::TableNextColumn(); ImGui::TextUnformatted(t->name); }
-      if (s->threads_show_module) {
+    // Only the rows in view are drawn, and only their threads' stacks are built (under the lock
+    // held here, once a stop each): two thousand threads cost the rows on screen.
+    static TargetThread *threads[kThreadPoolCount];
+    u32 thread_count = 0;
+    for (TargetThread *t = target->threads; t && thread_count < kThreadPoolCount; t = t->next) threads[thread_count++] = t;
+    ImGuiListClipper clipper;
+    clipper.Begin((int)thread_count);
+    while (clipper.Step()) {
+      for (int row = clipper.DisplayStart; row < clipper.DisplayEnd; row++) {
+        TargetThread *t = threads[row];
+        ImGui::TableNextRow();
+        ImGui::PushID((int)t->id);
+        bool current = t == target->current_thread;
         ImGui::TableNextColumn();
-        if (count) ImGui::TextUnformatted(ModuleName(frames[0].module));
-      }
-      if (s->threads_show_function_name) {
+        if (current) {
+          ImGui::TableSetBgColor(ImGuiTableBgTarget_CellBg, kCurrentRowColour);
+          ImGui::TextUnformatted(">");
+        }
         ImGui::TableNextColumn();
-        if (count) { FrameFunction(&frames[0], function, sizeof function); ImGui::TextUnformatted(function); }
-      }
-      if (s->threads_show_calling_function_name) {
+        bool held = t->frozen || (solo && solo != t);
+        if (FlagButton("F", held, kFrozenColour, kFrozenHoveredColour, "Freeze Thread")) requests->toggle_freeze = t;
+        ImGui::SameLine();
+        if (FlagButton("S", t->solo != 0, kSoloColour, kSoloHoveredColour, "Solo Thread")) requests->toggle_solo = t;
         ImGui::TableNextColumn();
-        u32 caller = 1;
-        while (caller < count && frames[caller].collapsed) caller++;
-        if (caller < count) { FrameFunction(&frames[caller], function, sizeof function); ImGui::TextUnformatted(function); }
+        char id[16];
+        snprintf(id, sizeof id, "%u", t->id);
+        if (ImGui::Selectable(id, selected_id == t->id, ImGuiSelectableFlags_SpanAllColumns | ImGuiSelectableFlags_AllowDoubleClick)) {
+          selected_id = t->id;
+          if (ImGui::IsMouseDoubleClicked(ImGuiMouseButton_Left)) requests->select_thread = t->id;
+        }
+        const StackFrame *frames = nullptr;
+        u32 count = CallStackOfThread(target, t, &frames);  // a failed build shows no frames
+        char function[kCellCapacity];
+        if (s->threads_show_name) { ImGui::TableNextColumn(); ImGui::TextUnformatted(t->name); }
+        if (s->threads_show_module) {
+          ImGui::TableNextColumn();
+          if (count) ImGui::TextUnformatted(ModuleName(frames[0].module));
+        }
+        if (s->threads_show_function_name) {
+          ImGui::TableNextColumn();
+          if (count) { FrameFunction(&frames[0], function, sizeof function); ImGui::TextUnformatted(function); }
+        }
+        if (s->threads_show_calling_function_name) {
+          ImGui::TableNextColumn();
+          u32 caller = 1;
+          while (caller < count && frames[caller].collapsed) caller++;
+          if (caller < count) { FrameFunction(&frames[caller], function, sizeof function); ImGui::TextUnformatted(function); }
+        }
+        if (s->threads_show_address) {
+          ImGui::TableNextColumn();
+          if (count) ImGui::Text("%llX", (unsigned long long)frames[0].ip);
+        }
+        if (s->threads_show_priority) {
+          ImGui::TableNextColumn();
+          s32 priority = EngineThreadPriority(target, t);
+          const char *name = EngineThreadPriorityName(priority);
+          if (name[0]) ImGui::Text("%s (%d)", name, (int)priority);
+          else ImGui::Text("%d", (int)priority);
+        }
+        ImGui::PopID();
       }
-      if (s->threads_show_address) {
-        ImGui::TableNextColumn();
-        if (count) ImGui::Text("%llX", (unsigned long long)frames[0].ip);
-      }
-      if (s->threads_show_priority) {
-        ImGui::TableNextColumn();
-        s32 priority = EngineThreadPriority(target, t);
-        const char *name = EngineThreadPriorityName(priority);
-        if (name[0]) ImGui::Text("%s (%d)", name, (int)priority);
-        else ImGui::Text("%d", (int)priority);
-      }
-      ImGui::PopID();
     }
     ImGui::EndTable();
   }
