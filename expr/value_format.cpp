@@ -10,6 +10,7 @@
 
 #include "expr/expr_eval_internal.h"
 #include "expr/format_spec.h"
+#include "symbols/type_names.h"
 
 static const char kUnreadable[] = "??? (unable to read process memory)";
 
@@ -31,43 +32,6 @@ static void Copy(char *out, u32 size, const char *text) {
 
 // [SECTION] Type names
 
-static const char *BasicTypeName(u32 basic) {
-  switch (basic) {
-    case 0x00: return "notype";
-    case 0x03: return "void";
-    case 0x08: return "HRESULT";
-    case 0x10: return "signed char";
-    case 0x11: return "short";
-    case 0x12: return "long";
-    case 0x13: case 0x76: return "s64";
-    case 0x14: return "octect";
-    case 0x20: return "unsigned char";
-    case 0x21: return "unsigned short";
-    case 0x22: return "unsigned long";
-    case 0x23: case 0x77: return "u64";
-    case 0x24: return "unsigned octect";
-    case 0x30: return "b8";
-    case 0x31: return "b16";
-    case 0x32: return "b32";
-    case 0x33: return "b64";
-    case 0x40: return "float";
-    case 0x41: return "double";
-    case 0x70: return "char";
-    case 0x71: return "wchar_t";
-    case 0x68: return "s8";
-    case 0x69: return "u8";
-    case 0x72: return "s16";
-    case 0x73: return "u16";
-    case 0x74: return "int";
-    case 0x75: return "unsigned int";
-    case 0x78: return "s128";
-    case 0x79: return "u128";
-    case 0x7A: return "char16";
-    case 0x7B: return "char32";
-    default: return "TBI";
-  }
-}
-
 // depth: how many more element and pointee types may be named inside this one (a damaged type
 // stream may hold a cycle).
 static void TypeText(const ExprEvalContext *context, u32 type, char *out, u32 size, u32 depth) {
@@ -79,13 +43,7 @@ static void TypeText(const ExprEvalContext *context, u32 type, char *out, u32 si
     return;
   }
   if (type == kExprTypeLocalsGroup || type == kExprTypeParamsGroup) return;
-  if (type < 0x1000) {
-    u32 basic = type & 0xFF;
-    if (!(type & 0xF00)) return Copy(out, size, BasicTypeName(basic));
-    // The octet pointers keep their old spelling, without the blank.
-    ExprAppend(out, size, &used, (basic == 0x14 || basic == 0x24) ? "%s near*" : "%s *", BasicTypeName(basic));
-    return;
-  }
+  if (type < 0x1000) return Copy(out, size, BuiltinTypeName(type));  // the one table of built-in names
   ExprBitField field;
   if (depth && ExprIsBitField(context, type, &field)) {
     char base[128];

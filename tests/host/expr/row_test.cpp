@@ -175,15 +175,16 @@ TEST(WatchRows, BasicValuesInEveryMode) {
   }
 }
 
-// The type column's basic names, pointers to them and the octets' old spelling.
+// The type column's basic names (the symbol layer's one table), pointers to them, the octets' old
+// pointer spelling and the vector registers' names, which only values have.
 TEST(WatchRows, BasicTypeNames) {
   const struct {
     u32 type;
     const char *expected;
   } cases[] = {{0x00, "notype"}, {0x03, "void"}, {0x08, "HRESULT"}, {0x10, "signed char"}, {0x13, "s64"},
                {0x14, "octect"}, {0x24, "unsigned octect"}, {0x33, "b64"}, {0x70, "char"}, {0x76, "s64"},
-               {0x77, "u64"}, {0x78, "s128"}, {0x7A, "char16"}, {0x7B, "char32"}, {0x42, "TBI"},
-               {0x670, "char *"}, {0x623, "u64 *"}, {0x614, "octect near*"}, {0x624, "unsigned octect near*"},
+               {0x77, "u64"}, {0x78, "s128"}, {0x7A, "char16"}, {0x7B, "char32"}, {0x42, "f80"},
+               {0x670, "char *"}, {0x623, "u64 *"}, {0x114, "octect near*"}, {0x124, "unsigned octect near*"}, {0x614, "TBI"},
                {0x79, "u128"}, {kExprTypeVector256, "u256"}, {kExprTypeVector512, "u512"}};
   Rows rows;
   for (const auto &c : cases) {
