@@ -355,6 +355,29 @@ static void PrepareHeldThread(Target *target) {
   }
 }
 
+// A thread let go from an int3 it was held at goes with the trap flag, unless it has it already
+// (a step, a step over a breakpoint): see trap_steps_in_flight.
+static void SettleHeldThread(Target *target) {
+  TargetThread *held = target->event_thread;
+  const DEBUG_EVENT *ev = &target->event;
+  if (!held || held->suspended_by_engine || ev->dwDebugEventCode != EXCEPTION_DEBUG_EVENT ||
+      ev->u.Exception.ExceptionRecord.ExceptionCode != 0x80000003 || target->continue_status != DBG_CONTINUE)
+    return;
+  CONTEXT *context = ThreadContextGet(held);
+  if (!context || (context->EFlags & kTrapFlag)) return;
+  context->EFlags |= kTrapFlag;
+  held->settle_step = 1;
+  ThreadContextMarkDirty(held, kContextControl);
+}
+
+static void BreakInIfNoneOutstanding(Target *target) {
+  if (__atomic_load_n(&target->break_ins_outstanding, __ATOMIC_SEQ_CST) != 0) return;
+  __atomic_fetch_add(&target->break_ins_outstanding, 1, __ATOMIC_SEQ_CST);
+  if (!DebugBreakProcess(target->process)) __atomic_fetch_sub(&target->break_ins_outstanding, 1, __ATOMIC_SEQ_CST);
+}
+
+static bool SomethingWaits(Target *target);
+
 // The one way the target runs on after an event: after a visible stop the held thread is prepared
 // and the threads held or let go as the user set them; every changed context is written back; the
 // event is continued, which ends the generation of everything read.
@@ -365,7 +388,17 @@ static void Resume(Target *target, bool after_stop) {
     EngineRunControlBegin(target);
     ApplySuspensions(target);
   }
-  for (TargetThread *t = target->threads; t; t = t->next) (void)ThreadContextFlush(t);
+  SettleHeldThread(target);
+  s32 trap_steps = 0;
+  for (TargetThread *t = target->threads; t; t = t->next) {
+    (void)ThreadContextFlush(t);
+    ThreadContextSlot *slot = ThreadContextIfRead(t);
+    if (slot && (slot->context->EFlags & kTrapFlag)) t->trap_in_flight = 1;
+    trap_steps += t->trap_in_flight;
+  }
+  // Published before the look below for what waits: a break-in the user interface held back for
+  // these steps is then either seen there or taken at the step's event.
+  __atomic_store_n(&target->trap_steps_in_flight, trap_steps, __ATOMIC_SEQ_CST);
   if (target->event_thread) target->event_thread->int3_at_stop = 0;
   target->event_thread = nullptr;
   target->current_thread = nullptr;  // while the target runs there is no current thread
@@ -376,12 +409,14 @@ static void Resume(Target *target, bool after_stop) {
   // Running from here on. A break, request or detach asked for while the target sat at the event,
   // too late for the look before continuing, is carried by a break-in now.
   __atomic_store_n(&target->target_running, 1, __ATOMIC_SEQ_CST);
-  bool waits = __atomic_load_n(&target->user_break_requested, __ATOMIC_SEQ_CST) ||
-               __atomic_load_n(&target->ending, __ATOMIC_SEQ_CST) == kEndingDetach || EngineRingHasRequests(target);
-  if (waits && __atomic_load_n(&target->break_ins_outstanding, __ATOMIC_SEQ_CST) == 0) {
-    __atomic_fetch_add(&target->break_ins_outstanding, 1, __ATOMIC_SEQ_CST);
-    if (!DebugBreakProcess(target->process)) __atomic_fetch_sub(&target->break_ins_outstanding, 1, __ATOMIC_SEQ_CST);
-  }
+  bool waits = SomethingWaits(target);
+  if (waits && trap_steps == 0) BreakInIfNoneOutstanding(target);
+}
+
+// True when a break, a request or a detach waits for the engine.
+static bool SomethingWaits(Target *target) {
+  return __atomic_load_n(&target->user_break_requested, __ATOMIC_SEQ_CST) ||
+         __atomic_load_n(&target->ending, __ATOMIC_SEQ_CST) == kEndingDetach || EngineRingHasRequests(target);
 }
 
 // An event that would be continued silently first takes what the user interface asked for while
@@ -465,7 +500,7 @@ void EngineDetach(Target *target, bool event_pending) {
   u32 stepping[64];
   u32 stepping_count = 0;
   for (TargetThread *t = target->threads; t; t = t->next)
-    if (t->rearm_address) {
+    if (t->rearm_address || t->settle_step) {
       ClearTrapFlag(t);
       if (stepping_count < KTRN_ARRAY_COUNT(stepping)) stepping[stepping_count++] = t->id;
     }
@@ -505,10 +540,20 @@ void EngineDetach(Target *target, bool event_pending) {
 
 // [SECTION] The loop
 
+// How long the engine waits for a single step before it asks for a break-in that waits.
+static const DWORD kStepWaitMs = 50;
+
 void EngineRunLoop(Target *target) {
   DEBUG_EVENT *ev = &target->event;
   for (;;) {
-    if (!target->wait_for_debug_event(ev, INFINITE)) return;
+    // With single steps on their way the wait is short: a step that does not come (its instruction
+    // waits in the system) must not hold back a break-in the user interface left to the engine.
+    bool stepping = __atomic_load_n(&target->trap_steps_in_flight, __ATOMIC_SEQ_CST) != 0;
+    if (!target->wait_for_debug_event(ev, stepping ? kStepWaitMs : INFINITE)) {
+      if (!stepping || GetLastError() != ERROR_SEM_TIMEOUT) return;
+      if (SomethingWaits(target)) BreakInIfNoneOutstanding(target);
+      continue;
+    }
     __atomic_store_n(&target->target_running, 0, __ATOMIC_SEQ_CST);
     target->debug_events++;
     u32 outcome = HandleEvent(target, ev);

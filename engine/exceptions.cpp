@@ -319,6 +319,8 @@ static u32 HandleBreakpoint(Target *target, TargetThread *thread, const EXCEPTIO
 // then a processor breakpoint may claim it, then run control (a step, the temporary breakpoint put
 // back); what no link claims is the program's own.
 static u32 HandleSingleStep(Target *target, TargetThread *thread, const EXCEPTION_DEBUG_INFO *info) {
+  bool settle = thread && thread->settle_step;
+  if (settle) thread->settle_step = 0;
   bool ours = false;
   if (thread && thread->rearm_address) {
     EngineRearmAfterStep(target, thread);
@@ -329,6 +331,12 @@ static u32 HandleSingleStep(Target *target, TargetThread *thread, const EXCEPTIO
   if (processor) {
     target->continue_status = DBG_CONTINUE;
     return outcome;
+  }
+  // The flag was the engine's alone: the step is no one else's (a temporary breakpoint lifted for
+  // another thread must not be put back by it).
+  if (settle) {
+    target->continue_status = DBG_CONTINUE;
+    return kOutcomeContinue;
   }
   bool stepped = false;
   outcome = EngineRunControlSingleStep(target, thread, &stepped);
@@ -349,7 +357,17 @@ u32 EngineHandleException(Target *target, const EXCEPTION_DEBUG_INFO *info) {
   TargetThread *thread = TargetFindThread(target, target->event.dwThreadId);
   target->event_thread = thread;
   u32 code = record->ExceptionCode;
+  if (thread) thread->trap_in_flight = 0;
   if (code == kCodeSingleStep) return HandleSingleStep(target, thread, info);
+  // The instruction after an int3 raised an exception of its own before the engine's single step:
+  // the trap flag it carries would reach the program as a single step after its handler.
+  if (thread && thread->settle_step) {
+    thread->settle_step = 0;
+    if (CONTEXT *context = ThreadContextGet(thread)) {
+      context->EFlags &= ~kTrapFlag;
+      ThreadContextMarkDirty(thread, kContextControl);
+    }
+  }
   // Any other exception of a thread that was stepping over a breakpoint ends that step.
   if (thread && thread->rearm_address) EngineRearmAfterStep(target, thread);
   if (code == kCodeBreakpoint) return HandleBreakpoint(target, thread, record);

@@ -134,6 +134,11 @@ typedef struct TargetThread {
   u32 priority_stop;   // one more than the stop whose priority is held (0: never read)
   u64 int3_at_stop;    // the program's own int3 this thread stopped at (its Rip is one past), 0 when none
   u64 rearm_address;   // a breakpoint whose int3 was lifted for this thread's single step over it
+  // Let go with the trap flag set (by anyone): its next exception has not arrived yet.
+  u8 trap_in_flight;
+  // The trap flag is the engine's alone, set as the thread went on from an int3 so that its
+  // arrival back in the program is an event (see trap_steps_in_flight); the single step is swallowed.
+  u8 settle_step;
   // The function at the instruction pointer, reused while the pointer stays in [start, end).
   TargetModule *ip_module;
   const void *ip_function;
@@ -325,6 +330,13 @@ typedef struct Target {
   // event the engine takes a waiting break or request itself before it continues.
   volatile u8 target_running;
   volatile s32 break_ins_outstanding;  // DebugBreakProcess calls whose break-in has not arrived
+  // Threads let go with the trap flag set whose single step has not arrived, counted as the engine
+  // continues. While any is on its way no break-in goes out: under Wine the remote thread of a
+  // break-in is made by a thread of the program, and a thread let go from an int3 can be lost to it
+  // on its way back (it was seen to return out of its entry point, ending the program). So every
+  // thread let go from an int3 carries the trap flag; its single step is an event that comes within
+  // microseconds, and what waits is taken there.
+  volatile s32 trap_steps_in_flight;
   s32 requested_frame;
 
   TicketLock lock;  // guards the three rings, the module free list and the evaluation requests
