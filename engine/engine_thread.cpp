@@ -77,6 +77,9 @@ static DWORD WINAPI EngineThreadMain(void *parameter) {
   HMODULE kernel32 = GetModuleHandleW(L"kernel32.dll");
   target->wait_for_debug_event = (WaitForDebugEventFn)(void *)GetProcAddress(kernel32, "WaitForDebugEventEx");
   if (!target->wait_for_debug_event) target->wait_for_debug_event = WaitForDebugEvent;
+  // Wine makes a break-in's remote thread through a thread of the program (see
+  // trap_steps_in_flight); Windows makes it in the kernel.
+  target->settle_after_int3 = GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_version") != nullptr;
 
   // 3. Attach or create the process, 4. its first event, 5. the main thread and image.
   bool process_made = false;

@@ -355,19 +355,29 @@ static void PrepareHeldThread(Target *target) {
   }
 }
 
-// A thread let go from an int3 it was held at goes with the trap flag, unless it has it already
-// (a step, a step over a breakpoint): see trap_steps_in_flight.
+// Under Wine a thread let go from an int3 it was held at goes with the trap flag, unless it has it
+// already (a step, a step over a breakpoint): see trap_steps_in_flight. Registers not read at this
+// event are not read whole for it: the control registers alone cost the system far less.
 static void SettleHeldThread(Target *target) {
   TargetThread *held = target->event_thread;
   const DEBUG_EVENT *ev = &target->event;
-  if (!held || held->suspended_by_engine || ev->dwDebugEventCode != EXCEPTION_DEBUG_EVENT ||
+  if (!target->settle_after_int3 || !held || held->suspended_by_engine || ev->dwDebugEventCode != EXCEPTION_DEBUG_EVENT ||
       ev->u.Exception.ExceptionRecord.ExceptionCode != 0x80000003 || target->continue_status != DBG_CONTINUE)
     return;
-  CONTEXT *context = ThreadContextGet(held);
-  if (!context || (context->EFlags & kTrapFlag)) return;
-  context->EFlags |= kTrapFlag;
+  if (ThreadContextSlot *slot = ThreadContextIfRead(held)) {
+    if (slot->context->EFlags & kTrapFlag) return;
+    slot->context->EFlags |= kTrapFlag;
+    ThreadContextMarkDirty(held, kContextControl);
+    held->settle_step = 1;
+    return;
+  }
+  CONTEXT control;
+  control.ContextFlags = kControlContextFlags;
+  if (!GetThreadContext(held->handle, &control) || (control.EFlags & kTrapFlag)) return;
+  control.EFlags |= kTrapFlag;
+  if (!SetThreadContext(held->handle, &control)) return;
   held->settle_step = 1;
-  ThreadContextMarkDirty(held, kContextControl);
+  held->trap_in_flight = 1;
 }
 
 static void BreakInIfNoneOutstanding(Target *target) {

@@ -333,10 +333,11 @@ typedef struct Target {
   // Threads let go with the trap flag set whose single step has not arrived, counted as the engine
   // continues. While any is on its way no break-in goes out: under Wine the remote thread of a
   // break-in is made by a thread of the program, and a thread let go from an int3 can be lost to it
-  // on its way back (it was seen to return out of its entry point, ending the program). So every
-  // thread let go from an int3 carries the trap flag; its single step is an event that comes within
-  // microseconds, and what waits is taken there.
+  // on its way back (it was seen to return out of its entry point, ending the program). So there
+  // (settle_after_int3) every thread let go from an int3 carries the trap flag; its single step is
+  // an event that comes within microseconds, and what waits is taken there.
   volatile s32 trap_steps_in_flight;
+  u8 settle_after_int3;
   s32 requested_frame;
 
   TicketLock lock;  // guards the three rings, the module free list and the evaluation requests
