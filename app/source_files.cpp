@@ -65,6 +65,12 @@ static void WatchSignalled(SourceTab *tab) {
 // Every watch tested with one wait per 64 tabs (each wait is a round trip to the system; under Wine
 // one to its server), not one per tab; each signalled one is handled and the rest tested again.
 static void PollWatches(AppState *app) {
+  // A look at the notifications is a call into the system (under Wine a round trip to its server,
+  // a large part of a frame): four times a second is soon enough for a file saved elsewhere.
+  static u64 last_poll_ms;
+  u64 now = GetTickCount64();
+  if (now - last_poll_ms < 250) return;
+  last_poll_ms = now;
   enum { kWaitMax = MAXIMUM_WAIT_OBJECTS };
   for (u32 first = 0; first < app->sources.count; first += kWaitMax) {
     HANDLE handles[kWaitMax];

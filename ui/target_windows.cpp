@@ -205,6 +205,62 @@ static void DrawFrameRow(AppState *app, TargetWindowRequests *requests, TargetTh
   ImGui::PopID();
 }
 
+// The number of text lines of each frame's row at "Detailed" (the parameters' lines, and the module
+// cell's), made once per stop and thread: the rows' heights differ, and only the rows in view are
+// drawn, the others standing as two spacer rows of their summed height.
+typedef struct DetailedRowLines {
+  u32 stop, symbols, thread_id, count;
+  u8 show_module;
+  u16 lines[kMaxStackFrames + 1];
+} DetailedRowLines;
+static DetailedRowLines g_row_lines;
+
+static const DetailedRowLines *RowLines(AppState *app, TargetThread *thread, const StackFrame *frames, u32 count) {
+  DetailedRowLines *r = &g_row_lines;
+  u32 stop = app->target->stop_generation, symbols = app->target->symbols_generation;
+  u8 show_module = app->settings.callstack_show_module_name;
+  if (r->stop == stop && r->symbols == symbols && r->thread_id == thread->id && r->count == count &&
+      r->show_module == show_module)
+    return r;
+  r->stop = stop;
+  r->symbols = symbols;
+  r->thread_id = thread->id;
+  r->count = count;
+  r->show_module = show_module;
+  for (u32 i = 0; i < count && i < KTRN_ARRAY_COUNT(r->lines); i++) {
+    u32 parameters = 0;
+    if (!frames[i].collapsed && frames[i].procedure) {
+      const FrameParameters *list = CachedParameters(app, thread, i);
+      FrameParameter p;
+      for (u32 offset = 0; FrameParameterNext(list, &offset, &p);) parameters++;
+    }
+    u32 lines = 1 + parameters;  // the function cell
+    if (show_module && !frames[i].collapsed && parameters >= 2) lines = parameters + 2;  // the module cell
+    r->lines[i] = (u16)lines;
+  }
+  return r;
+}
+
+// Every row at "Detailed", only those in view drawn.
+static void DrawDetailedRows(AppState *app, TargetWindowRequests *requests, TargetThread *thread,
+                             const StackFrame *frames, u32 count, s32 selected) {
+  if (count > KTRN_ARRAY_COUNT(g_row_lines.lines)) count = KTRN_ARRAY_COUNT(g_row_lines.lines);
+  const DetailedRowLines *r = RowLines(app, thread, frames, count);
+  float line = ImGui::GetFontSize(), padding = ImGui::GetStyle().CellPadding.y * 2.0f;
+  float top = ImGui::GetScrollY(), bottom = top + ImGui::GetWindowHeight();
+  float y = 0, above = 0;
+  u32 first = 0;
+  for (; first < count && y + r->lines[first] * line + padding < top; first++) y += r->lines[first] * line + padding;
+  above = y;
+  u32 end = first;
+  for (; end < count && y < bottom; end++) y += r->lines[end] * line + padding;
+  float below = 0;
+  for (u32 i = end; i < count; i++) below += r->lines[i] * line + padding;
+  if (above > 0) ImGui::TableNextRow(0, above);
+  for (u32 i = first; i < end; i++) DrawFrameRow(app, requests, thread, &frames[i], i, selected);
+  if (below > 0) ImGui::TableNextRow(0, below);
+}
+
 void DrawCallStackWindow(AppState *app, TargetWindowRequests *requests) {
   if (!LockStoppedTarget(app)) return;
   TargetThread *thread = app->target->current_thread;
@@ -226,14 +282,14 @@ void DrawCallStackWindow(AppState *app, TargetWindowRequests *requests) {
     if (s->callstack_show_address) ImGui::TableSetupColumn("Address");
     ImGui::TableHeadersRow();
     // Minimal rows are one line each and only the visible ones are drawn; with "Top Frame Detailed"
-    // the tall top row is drawn first, and with "Detailed" every row is drawn (their heights differ).
+    // the tall top row is drawn first; "Detailed" rows differ in height (DrawDetailedRows).
     u32 first = 0;
     if (s->callstack_verbosity == 1 && count) {
       DrawFrameRow(app, requests, thread, &frames[0], 0, selected);
       first = 1;
     }
-    if (s->callstack_verbosity == 2) {
-      for (u32 i = 0; i < count; i++) DrawFrameRow(app, requests, thread, &frames[i], i, selected);
+    if (s->callstack_verbosity == 2 && count) {
+      DrawDetailedRows(app, requests, thread, frames, count, selected);
     } else {
       ImGuiListClipper clipper;
       clipper.Begin((int)(count - first));
