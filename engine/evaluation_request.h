@@ -25,7 +25,7 @@ typedef struct EvaluationChildPage {
 // Which row of the expression's tree a request shows, and which of that row's children: the user
 // interface asks for the rows it draws (a million-element array expanded costs only what is seen).
 typedef struct EvaluationView {
-  u32 display_flags;  // DisplayFlag bits of the window (hexadecimal display and the like)
+  u32 display_flags;  // DisplayFlag bits of the window (hexadecimal display, column major display)
   u32 path_length;    // 0: the expression's own row; else the child path[0] of it, then path[1] of that...
   u64 path[kEvaluationPathCapacity];
   u64 children_first;  // the first child row wanted of the row shown

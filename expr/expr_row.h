@@ -41,7 +41,8 @@ struct ExprRow {
   u64 element_address;  // where the children start: the object, first element or pointee, or the view's start
   u8 failed;            // value_text holds the message; the type text may be empty
   u8 unreadable;        // the value's memory could not be read ("??? (unable to read process memory)")
-  u8 padding[6];
+  u8 padding[2];
+  u32 element_stride;   // arrays: bytes from one child to the next (a matrix's column); 0: the element's size
   char name[kExprRowNameCapacity];
   char value_text[kExprRowValueCapacity];
   char type_text[kExprRowTypeCapacity];

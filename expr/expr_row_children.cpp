@@ -56,7 +56,7 @@ bool ExprRowChild(ExprEvalContext *context, const ExprRow *parent, u64 index, Ex
   switch (parent->view) {
     case kExprRowAggregate: return Member(context, parent, index, out);
     case kExprRowArray: {
-      u64 size = ExprFacts(context, parent->element_type).size;
+      u64 size = parent->element_stride ? parent->element_stride : ExprFacts(context, parent->element_type).size;
       snprintf(out->name, sizeof out->name, "[%zd]", (size_t)index);
       Locate(&value, parent->element_type, parent->element_address + index * size);
       FillChild(context, parent, &value, out);

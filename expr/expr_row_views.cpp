@@ -225,6 +225,8 @@ void ExprMemoryRow(ExprEvalContext *context, const ExprRow *parent, u64 index, E
 
 // [SECTION] Matrices
 
+// The cells are floats stored row after row. Shown column-major, the matrix's rows are its
+// columns: row i of the view lists column i, its cells a whole stored row apart.
 static const u8 kMatrixShapes[3][2] = {{4, 4}, {4, 3}, {3, 4}};  // rows, columns
 
 void ExprApplyMatrix(ExprEvalContext *context, const ExprValue *value, const ExprNode *format, ExprRow *out) {
@@ -234,22 +236,27 @@ void ExprApplyMatrix(ExprEvalContext *context, const ExprValue *value, const Exp
     ExprTypeText(context, value->type, out->type_text, sizeof out->type_text);
     return ExprFailRow(out, kNotApplicable);
   }
+  bool by_column = out->display_flags & kDisplayFlagColumnMajor;
+  u32 rows = kMatrixShapes[kind][0], columns = kMatrixShapes[kind][1];
   out->value = *value;
   out->view = kExprRowMatrix;
   out->matrix_kind = kind;
-  out->columns = kMatrixShapes[kind][1];
+  out->columns = by_column ? rows : columns;
   out->element_type = kTypeFloat;
   out->element_address = address;
-  out->element_count = out->child_count = kMatrixShapes[kind][0];
+  out->element_count = out->child_count = by_column ? columns : rows;
   snprintf(out->value_text, sizeof out->value_text, "{ ... }");
-  snprintf(out->type_text, sizeof out->type_text, "%ux%u matrix", kMatrixShapes[kind][0], kMatrixShapes[kind][1]);
+  snprintf(out->type_text, sizeof out->type_text, "%ux%u matrix", rows, columns);
 }
 
 void ExprMatrixRow(ExprEvalContext *context, const ExprRow *parent, u64 index, ExprRow *out) {
-  u32 columns = parent->columns;
-  u64 address = parent->element_address + index * columns * 4;
-  snprintf(out->name, sizeof out->name, "[%zd]", (size_t)index);
-  snprintf(out->type_text, sizeof out->type_text, "float [%u]", columns);
+  bool by_column = parent->display_flags & kDisplayFlagColumnMajor;
+  u32 cells = parent->columns, stored_row = 4 * kMatrixShapes[parent->matrix_kind][1];
+  u32 stride = by_column ? stored_row : 4;
+  u64 address = parent->element_address + (by_column ? index * 4 : index * stored_row);
+  if (by_column) snprintf(out->name, sizeof out->name, "col %zd", (size_t)index);
+  else snprintf(out->name, sizeof out->name, "[%zd]", (size_t)index);
+  snprintf(out->type_text, sizeof out->type_text, "float [%u]", cells);
   out->value.type = kTypeFloat;
   out->value.is_location = 1;
   out->value.address = address;
@@ -257,17 +264,19 @@ void ExprMatrixRow(ExprEvalContext *context, const ExprRow *parent, u64 index, E
   out->view = kExprRowArray;
   out->element_type = kTypeFloat;
   out->element_address = address;
-  out->element_count = out->child_count = columns;
-  f32 cells[4];
-  if (!Read(context, address, cells, columns * 4)) {
+  out->element_stride = stride;
+  out->element_count = out->child_count = cells;
+  // One read spans the cells (a column's reaches into the last stored row).
+  f32 stored[16];
+  if (!Read(context, address, stored, (cells - 1) * stride + 4)) {
     snprintf(out->value_text, sizeof out->value_text, "%s", kUnreadable);
     out->unreadable = 1;
     return;
   }
   u32 used = 0;
-  for (u32 i = 0; i < columns; i++) {
+  for (u32 i = 0; i < cells; i++) {
     char cell[64];
-    ExprFormatBasic(context, kTypeFloat, (const u8 *)&cells[i], out->display_flags, cell, sizeof cell);
+    ExprFormatBasic(context, kTypeFloat, (const u8 *)&stored[i * stride / 4], out->display_flags, cell, sizeof cell);
     ExprAppend(out->value_text, sizeof out->value_text, &used, i ? ", %s" : "{ %s", cell);
   }
   ExprAppend(out->value_text, sizeof out->value_text, &used, " }");

@@ -15,6 +15,9 @@ enum DisplayFlag : u32 {
   kDisplayFlagBinary = 0x10000,
   kDisplayFlagDecimal = 0x40000,
   kDisplayFlagHResult = 0x80000,
+  // The watch window's "Column Major Display": no specifier sets it. A matrix's rows are then its
+  // columns.
+  kDisplayFlagColumnMajor = 0x100000,
 };
 
 struct FormatSpecifier {

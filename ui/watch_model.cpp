@@ -259,6 +259,7 @@ void WatchPanesBeginFrame(AppState *app) {
     pane->display_flags = 0;
     const WatchWindowSettings *options = p == kWatchLocalsPane ? &app->settings.locals : &app->settings.watch[p];
     if (options->hexadecimal) pane->display_flags |= kDisplayFlagHexLower;
+    if (options->column_major) pane->display_flags |= kDisplayFlagColumnMajor;
     if (pane->target != app->target) {
       // A run ended (its requests went with its target) or began: the texts stay, the requests
       // are asked for again by what is drawn.

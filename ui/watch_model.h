@@ -94,7 +94,7 @@ typedef struct WatchPane {
   WatchNode *nodes;
   u32 node_count, node_capacity;
   u32 next_key;
-  u32 display_flags;  // the window's (hexadecimal display)
+  u32 display_flags;  // the window's (hexadecimal display, column major display)
   WatchSlot *slots[kWatchSlotCapacity];
   WatchRun *runs;
   u32 run_count, run_capacity;

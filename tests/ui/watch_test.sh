@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
 # The watch windows and the locals window at a stop of the demo, as a user works them: rows typed
 # into "Watch 1", F5 to a breakpoint in TotalEnergy, a value against what the demo then prints, a
-# structure expanded, "Format As" > "Hexadecimal (lower)" from the rows' menu, rows that say why
-# they have no value, the locals window following the frame chosen in the call stack, values kept
-# (dimmed) while the demo runs on and drawn red at the next stop when they changed, and the rows
-# back after a restart.
+# matrix shown by rows and by columns, a structure expanded, "Format As" > "Hexadecimal (lower)"
+# from the rows' menu, rows that say why they have no value, the locals window following the frame
+# chosen in the call stack, values kept (dimmed) while the demo runs on and drawn red at the next
+# stop when they changed, and the rows back after a restart.
 # usage: watch_test.sh WINE_RUN KESTRUNE_EXE DEMO_EXE OUT_DIR
 set -u
 wine_run=$1 exe=$2 demo=$3 out=$4
@@ -24,7 +24,7 @@ wait_for start "[window Watch 1]"
 
 # Rows typed into the line below the last row (a click opens it for editing, Enter adds the row).
 y=443
-for text in g_system.seed g_system g_system.count no_such_name "1 +"; do
+for text in g_system.seed g_system g_system.count no_such_name "1 +" "g_system.particles, mtx3x4"; do
   click_until "edit-$y" 600 $y 1 "[edit]"
   xdotool type --delay 60 "$text"
   key Return
@@ -43,6 +43,27 @@ expect stopped "| no_such_name | Identifier \"no_such_name\" not found |  |" "| 
 count=$(cell stopped g_system.count)
 seed=$(cell stopped g_system.seed)
 [[ "$count" =~ ^[0-9]+$ && "$seed" =~ ^[0-9]+$ ]] || fail "g_system.count is '$count', g_system.seed '$seed'"
+
+# The particles' floats as a 3x4 matrix, expanded: its rows; with "Column Major Display" from the
+# rows' menu (it opens upward there), its rows are its columns, which must be the rows turned over.
+# The window has room for two of its rows: the wheel scrolls them into view, and back after.
+click_until matrix-open 541 533 1 "|   [0] |"
+click_until matrix 600 500 5 "|   [2] |"
+click_until matrix-menu 600 500 3 "[window watch menu]"
+xdotool mousemove --window "$window" 680 446 click 1
+wait_for column-major "|   col 3 |" 20
+for _ in 1 2 3 4 5; do xdotool mousemove --window "$window" 600 500 click 4; sleep 0.2; done
+python3 - "$out/dumps/matrix.txt" "$out/dumps/column-major.txt" <<'PY' || fail "the matrix's columns are not its rows turned over"
+import re, sys
+def rows(path, label):
+    found = {}
+    for line in open(path):
+        m = re.match(r'\|   ((?:\[|col )\d\]?) \| \{ (.*) \} \| float \[\d\] \|', line)
+        if m and m.group(1).startswith(label): found[m.group(1)] = m.group(2).split(', ')
+    return [found[k] for k in sorted(found)]
+r, c = rows(sys.argv[1], '['), rows(sys.argv[2], 'col')
+sys.exit(not (len(r) == 3 and len(c) == 4 and c == [list(column) for column in zip(*r)]))
+PY
 
 # g_system expanded: its members, the count among them.
 click_until expanded 541 461 1 "|   count | $count | int |"
