@@ -78,9 +78,18 @@ static void RaiseMsvcException(void) {
 
 static DWORD WINAPI ExitWithCode(void *code) { return (DWORD)(ULONG_PTR)code; }
 
+static volatile LONG g_idle_started;
+
 static DWORD WINAPI IdleThread(void *event) {
+  InterlockedIncrement(&g_idle_started);
   WaitForSingleObject((HANDLE)event, INFINITE);
   return 0;
+}
+
+// Until that many idle threads run: each thread's start has then reached the debugger, before
+// whatever the program does next (a fixed sleep was not enough on a loaded machine).
+static void WaitIdleThreads(LONG count) {
+  while (g_idle_started < count) Sleep(1);
 }
 
 static volatile LONG g_counts[3];
@@ -260,12 +269,14 @@ static int Priorities(void) {
   static const int priorities[] = {THREAD_PRIORITY_IDLE,         THREAD_PRIORITY_LOWEST,  THREAD_PRIORITY_BELOW_NORMAL,
                                    THREAD_PRIORITY_ABOVE_NORMAL, THREAD_PRIORITY_HIGHEST, THREAD_PRIORITY_TIME_CRITICAL};
   HANDLE never = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  LONG started = 0;
   for (int priority : priorities) {
     HANDLE t = CreateThread(nullptr, 0, IdleThread, never, CREATE_SUSPENDED, nullptr);
     SetThreadPriority(t, priority);
     ResumeThread(t);
+    started++;
   }
-  Sleep(50);
+  WaitIdleThreads(started);
   __debugbreak();
   return 0;
 }
@@ -361,7 +372,7 @@ int main(int argc, char **argv) {
   if (!strcmp(mode, "int3")) {
     HANDLE never = CreateEventW(nullptr, TRUE, FALSE, nullptr);
     CreateThread(nullptr, 0, IdleThread, never, 0, nullptr);
-    Sleep(50);
+    WaitIdleThreads(1);
     __debugbreak();  // INT3_LINE
     OutputDebugStringA("after int3\n");
     return 3;  // INT3_RETURN_LINE
@@ -371,8 +382,7 @@ int main(int argc, char **argv) {
     return 0;
   }
   if (!strcmp(mode, "int3tick")) {
-    // Each int3 passed is told by a "tick": under Wine a break-in thread now and then ends the
-    // whole process (exit code 0) as it exits, so the tests count what the program really did.
+    // Each int3 passed is told by a "tick": the tests count what the program really did.
     for (int i = 0; i < count; i++) {
       Sleep(1);
       __debugbreak();
