@@ -23,7 +23,7 @@ set_source_files_properties(resources/kestrune.rc PROPERTIES
   OBJECT_DEPENDS "${KTRN_GEN_DIR}/ui_vs.dxbc;${KTRN_GEN_DIR}/ui_ps.dxbc;${KTRN_GEN_DIR}/kestrune.ico;${KTRN_GEN_DIR}/symbols.ttf")
 
 enable_language(RC)
-add_executable(kestrune WIN32 main_win32.cpp debugging.cpp fonts.cpp source_files.cpp frame_probe.cpp shell_win32.cpp test_hook.cpp renderer_d3d11.cpp resources/kestrune.rc)
+add_executable(kestrune WIN32 main_win32.cpp debugging.cpp fonts.cpp source_files.cpp folder_watch.cpp frame_probe.cpp shell_win32.cpp test_hook.cpp renderer_d3d11.cpp resources/kestrune.rc)
 target_include_directories(kestrune PRIVATE ${KTRN_GEN_DIR})
 target_compile_options(kestrune PRIVATE $<$<COMPILE_LANGUAGE:CXX>:${KTRN_WARNINGS}>)
 target_link_libraries(kestrune PRIVATE ktrn_ui ktrn_ui_text ktrn_engine ktrn_app_formats ktrn_model ktrn_base imgui d3d11 dxgi uuid dxguid ole32 shell32 comdlg32)

@@ -28,6 +28,7 @@
 #include "app/command_words.h"
 #include "app/debugging.h"
 #include "app/fonts.h"
+#include "app/folder_watch.h"
 #include "app/frame_probe.h"
 #include "app/renderer_d3d11.h"
 #include "app/shell_win32.h"
@@ -812,6 +813,7 @@ int WINAPI wWinMain(HINSTANCE instance, HINSTANCE, PWSTR, int show_command) {
                                     app->placement.width, app->placement.height, nullptr, nullptr, instance, nullptr);
   UpdateTitle(program);
   ImGui_ImplWin32_Init(program->window);
+  (void)FolderWatchStart(Wake, program);  // without it each tab's folder is tested every frame
 
   program->symbol_font.data = FindRawResource(kSymbolFontResource, &program->symbol_font.size);
   RebuildFonts(program);  // before the renderer, which uploads the atlas
@@ -902,6 +904,7 @@ int WINAPI wWinMain(HINSTANCE instance, HINSTANCE, PWSTR, int show_command) {
   DestroyWindow(program->window);
   UnregisterClassW(kWindowClassName, instance);
   SourceFilesCloseAll(app);
+  FolderWatchStop();
   AppStateFree(app);
   free(program->processes);
   if (wide_argv) LocalFree(wide_argv);

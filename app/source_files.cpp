@@ -6,6 +6,7 @@
 #include <string.h>
 
 #include "app/debugging.h"
+#include "app/folder_watch.h"
 #include "engine/engine.h"
 #include "symbols/source_checksum.h"
 
@@ -39,11 +40,15 @@ static void WatchOpen(SourceTab *tab) {
   wchar_t wide[kSourceTabPathCapacity];
   if (MultiByteToWideChar(CP_UTF8, 0, folder, -1, wide, kSourceTabPathCapacity) <= 0) return;
   HANDLE watch = FindFirstChangeNotificationW(wide, FALSE, kWatchFilter);
-  if (watch != INVALID_HANDLE_VALUE) tab->watch = (intptr_t)watch;
+  if (watch == INVALID_HANDLE_VALUE) return;
+  tab->watch = (intptr_t)watch;
+  tab->watch_polled = !FolderWatchAdd(tab->watch);
 }
 
 static void WatchClose(SourceTab *tab) {
-  if (tab->watch) FindCloseChangeNotification((HANDLE)tab->watch);
+  if (!tab->watch) return;
+  if (!tab->watch_polled) FolderWatchRemove(tab->watch);
+  FindCloseChangeNotification((HANDLE)tab->watch);
   tab->watch = 0;
 }
 
@@ -62,22 +67,24 @@ static void WatchSignalled(SourceTab *tab) {
   tab->anchor_column = tab->cursor_column = 0;
 }
 
-// Every watch tested with one wait per 64 tabs (each wait is a round trip to the system; under Wine
-// one to its server), not one per tab; each signalled one is handled and the rest tested again.
+// Each frame: the watches the watching thread saw fire are handled (re-armed, the file reloaded if
+// its write time moved) and given back to it; any watch it had no room for is tested here, with one
+// wait per 64 of them (each wait is a round trip to the system; under Wine one to its server).
 static void PollWatches(AppState *app) {
-  // A look at the notifications is a call into the system (under Wine a round trip to its server,
-  // a large part of a frame): four times a second is soon enough for a file saved elsewhere.
-  static u64 last_poll_ms;
-  u64 now = GetTickCount64();
-  if (now - last_poll_ms < 250) return;
-  last_poll_ms = now;
+  intptr_t fired[kFolderWatchCapacity];
+  u32 fired_count = FolderWatchTakeFired(fired, kFolderWatchCapacity);
+  for (u32 f = 0; f < fired_count; f++) {
+    for (u32 i = 0; i < app->sources.count; i++)
+      if (app->sources.tabs[i]->watch == fired[f]) WatchSignalled(app->sources.tabs[i]);
+    FolderWatchRearm(fired[f]);
+  }
   enum { kWaitMax = MAXIMUM_WAIT_OBJECTS };
   for (u32 first = 0; first < app->sources.count; first += kWaitMax) {
     HANDLE handles[kWaitMax];
     SourceTab *owners[kWaitMax];
     u32 n = 0;
     for (u32 i = first; i < app->sources.count && i < first + kWaitMax; i++)
-      if (app->sources.tabs[i]->watch) {
+      if (app->sources.tabs[i]->watch && app->sources.tabs[i]->watch_polled) {
         owners[n] = app->sources.tabs[i];
         handles[n] = (HANDLE)owners[n]->watch;
         n++;

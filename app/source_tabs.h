@@ -28,6 +28,7 @@ typedef struct SourceTab {
   u8 focus;
   // The folder watch (a change-notification handle, 0 for none) and the last write time loaded.
   intptr_t watch;
+  u8 watch_polled;  // tested by the frame itself, not by the watching thread (it was full)
   u64 last_write_time;
   u8 checksum;          // SourceChecksumState
   u32 checksum_run;     // the run (AppState's run serial) and module count the state was made for
