@@ -33,6 +33,19 @@ select_step() {
   fail "step $step: $window_name selection is '$(selected "$step" "$window_name")', not '$rows'"
 }
 clipboard() { sed -n '/^\[window clipboard\]/,$p' "$out/dumps/$1.txt" | sed 1d | tr -d '\r' | grep -v '^$'; }
+# copy_step STEP FIELD ROWS: Ctrl+C (again if its Ctrl was lost), then dumps until the FIELDth cells
+# of the copied rows are ROWS.
+copy_step() {
+  for _ in 1 2 3; do
+    key ctrl+c
+    for _ in $(seq 1 10); do
+      dump "$1"
+      [ "$(clipboard "$1" | cut -f"$2" | tr '\n' ,)" = "$3" ] && return 0
+      sleep 0.5
+    done
+  done
+  fail "step $1: copied '$(clipboard "$1")', not the rows $3"
+}
 
 start "Z:$demo" 30
 wait_for first-start "[window Output]"
@@ -60,9 +73,7 @@ select_step module-click Modules "demo.exe,"
 select_step module-down Modules "ntdll.dll," Down
 xdotool mousemove --window "$window" 700 317 keydown shift click 1 keyup shift
 select_step module-range Modules "ntdll.dll,kernel32.dll,kernelbase.dll,"
-key ctrl+c
-wait_for module-copy "[window clipboard]"
-[ "$(clipboard module-copy | cut -f1 | tr '\n' ,)" = "ntdll.dll,kernel32.dll,kernelbase.dll," ] || fail "copied modules: $(clipboard module-copy)"
+copy_step module-copy 1 "ntdll.dll,kernel32.dll,kernelbase.dll,"
 clipboard module-copy | grep -qE '^kernel32\.dll	Z:.*kernel32\.dll	[0-9A-F]+-[0-9A-F]+		NoPdb$' || fail "the copied row: $(clipboard module-copy)"
 expect modules "| ID | Name | Module | Function Name | Last Known Caller | Address | Priority |" "Normal (0)"
 # The main thread is current (marked), the demo's worker is listed beside it.
@@ -95,7 +106,7 @@ select_step key-page-up Threads "Main Thread," Prior
 select_step key-down Threads "msvcrt.dll thread," Down
 select_step key-all Threads "Main Thread,msvcrt.dll thread," ctrl+a
 # The context menu's "Copy" copies both rows; a click on a selected row keeps the selection, a
-# Ctrl+click takes the worker out of it, and Enter makes the one thread left current.
+# Ctrl+click takes the worker out of it, Ctrl+C copies the one row left and Enter makes it current.
 click_until threads-menu 780 90 3 "[window threads-wnd]"
 menu_items=$(sed -n '/^\[window threads-wnd\]/,/^\[window /p' "$out/dumps/threads-menu.txt" | tr -d '\r' | grep -v '^$' | sed -n 2,4p | tr '\n' ,)
 [[ "$menu_items" =~ ^"Copy Ctrl+C,"-+",ID,"$ ]] || fail "the menu starts with $menu_items"
@@ -108,6 +119,7 @@ xdotool mousemove --window "$window" 780 90 click 1
 select_step click-selected Threads "Main Thread,msvcrt.dll thread,"
 xdotool mousemove --window "$window" 780 107 keydown ctrl click 1 keyup ctrl
 select_step ctrl-click Threads "Main Thread,"
+copy_step thread-copy 2 "Main Thread,"
 key Return
 wait_for enter "| int main("
 [[ "$(grep -F '| > |' "$out/dumps/enter.txt")" == *"Main Thread"* ]] || fail "Enter did not make the main thread current"
