@@ -3,8 +3,9 @@
 #include <windows.h>
 
 #include "base/types.h"
-
 #include "ui/text_capture.h"
+
+#include <imgui.h>
 #include <stdio.h>
 #include <string.h>
 
@@ -54,6 +55,12 @@ void TestHookBeginFrame(void) {
 
 void TestHookEndFrame(void) {
   if (!g_logging) return;
+  // What a "Copy" left there, as the user would paste it.
+  const char *clipboard = ImGui::GetClipboardText();
+  if (clipboard && clipboard[0]) {
+    TextCaptureWindow("clipboard");
+    TextCaptureLine(clipboard);
+  }
   TextCaptureStop();
   g_logging = false;
   // The dump appears whole or not at all.

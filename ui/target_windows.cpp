@@ -1,11 +1,13 @@
 #include "ui/target_windows.h"
 
 #include <imgui.h>
+#include <imgui_internal.h>
 #include <stdarg.h>
 #include <stdio.h>
 
 #include "engine/engine.h"
 #include "engine/frame_parameters.h"
+#include "ui/list_selection.h"
 #include "ui/text_capture.h"
 
 static const ImU32 kCurrentRowColour = IM_COL32(255, 216, 55, 255);
@@ -44,11 +46,22 @@ static void FrameFunction(const StackFrame *frame, char *out, u32 capacity) {
     snprintf(out, capacity, "%llX", (unsigned long long)frame->ip);
 }
 
+// A window's context menu. Its table fills it and scrolls in a child window of its own, which
+// Dear ImGui's window context menu does not count as the window: a right click over either opens it.
+static bool BeginWindowMenu(const char *id) {
+  if (ImGui::IsMouseReleased(ImGuiMouseButton_Right) &&
+      ImGui::IsWindowHovered(ImGuiHoveredFlags_ChildWindows | ImGuiHoveredFlags_AllowWhenBlockedByPopup))
+    ImGui::OpenPopup(id);
+  if (!ImGui::BeginPopup(id)) return false;
+  TextCaptureWindow(id);
+  return true;
+}
+
 // [SECTION] Call stack
 
 static void DrawCallStackMenu(AppState *app, TargetWindowRequests *requests, const TargetThread *thread,
                               s32 selected, u32 count) {
-  if (!ImGui::BeginPopupContextWindow("callstack-wnd")) return;
+  if (!BeginWindowMenu("callstack-wnd")) return;
   Settings *s = &app->settings;
   if (ImGui::MenuItem("Next Frame", "Ctrl+Up", false, selected > 0)) requests->select_frame = selected - 1;
   if (ImGui::MenuItem("Prev Frame", "Ctrl+Down", false, count && (u32)selected + 1 < count))
@@ -308,10 +321,96 @@ void DrawCallStackWindow(AppState *app, TargetWindowRequests *requests) {
   EngineUnlockModel(app->target);
 }
 
+// [SECTION] Copied rows
+
+// Rows as "Copy" writes them: the cells separated by tabs, one line a row, as spreadsheets and
+// editors take them in.
+static void AppendCopiedRow(ImGuiTextBuffer *out, const char *const *cells, u32 count) {
+  for (u32 i = 0; i < count; i++) out->appendf("%s%s", i ? "\t" : "", cells[i]);
+  out->append("\n");
+}
+
+// The rows of a list window fit the page keys' step: those in view less the header.
+static u32 RowsInView(void) {
+  float row = ImGui::GetTextLineHeight() + 2 * ImGui::GetStyle().CellPadding.y;
+  float rows = ImGui::GetContentRegionAvail().y / row;
+  return rows > 2 ? (u32)rows - 1 : 1;
+}
+
+// A click on a row's selectable (the right button too, so that the context menu acts on that row).
+static void ClickRow(ListSelection *selection, const u64 *rows, u32 row_count, u32 row, bool clicked) {
+  if (!clicked && !ImGui::IsItemClicked(ImGuiMouseButton_Right)) return;
+  const ImGuiIO &io = ImGui::GetIO();
+  ListSelectionClick(selection, rows, row_count, row, clicked && io.KeyCtrl, clicked && io.KeyShift);
+}
+
+// The table's own window takes the arrows, pages, Home and End as the selection keys, not as
+// Dear ImGui's keyboard navigation between the rows' buttons.
+static void TakeKeysFromNavigation(void) { ImGui::GetCurrentWindow()->Flags |= ImGuiWindowFlags_NoNavInputs; }
+
+// The last item (the row the keys moved to) centred when it is not wholly in view.
+static void ScrollIntoView(void) {
+  const ImRect &clip = ImGui::GetCurrentWindow()->ClipRect;
+  if (ImGui::GetItemRectMin().y < clip.Min.y || ImGui::GetItemRectMax().y > clip.Max.y) ImGui::SetScrollHereY(0.5f);
+}
+
+// The dumps' view of a row's highlight.
+static void MarkSelectedForTests(bool selected) {
+  if (selected && TextCaptureActive()) ImGui::LogText(" (selected)");
+}
+
 // [SECTION] Threads
 
-static void DrawThreadsMenu(Settings *s) {
-  if (!ImGui::BeginPopupContextWindow("threads-wnd")) return;
+static ListSelection g_thread_selection;  // by thread id
+
+// A thread's cells past its id, as its row shows them and "Copy" writes them. The stack is built
+// (once a stop) for the thread asked about only; a failed build shows no frames.
+struct ThreadCells {
+  char module[kModulePathCapacity];
+  char function[kCellCapacity];
+  char caller[kCellCapacity];
+  char address[24];
+  char priority[48];
+};
+
+static void ThreadCellsOf(Target *target, TargetThread *t, ThreadCells *c) {
+  const StackFrame *frames = nullptr;
+  u32 count = CallStackOfThread(target, t, &frames);
+  c->module[0] = c->function[0] = c->caller[0] = c->address[0] = 0;
+  if (count) {
+    snprintf(c->module, sizeof c->module, "%s", ModuleName(frames[0].module));
+    FrameFunction(&frames[0], c->function, sizeof c->function);
+    snprintf(c->address, sizeof c->address, "%llX", (unsigned long long)frames[0].ip);
+  }
+  u32 caller = 1;
+  while (caller < count && frames[caller].collapsed) caller++;
+  if (caller < count) FrameFunction(&frames[caller], c->caller, sizeof c->caller);
+  s32 priority = EngineThreadPriority(target, t);
+  const char *name = EngineThreadPriorityName(priority);
+  if (name[0]) snprintf(c->priority, sizeof c->priority, "%s (%d)", name, (int)priority);
+  else snprintf(c->priority, sizeof c->priority, "%d", (int)priority);
+}
+
+// Every column, shown or not, in the table's order.
+static void CopyThreadRows(Target *target, TargetThread *const *threads, u32 count) {
+  ImGuiTextBuffer text;
+  static ThreadCells cells;  // the user-interface thread's alone; too big for its stack
+  for (u32 i = 0; i < count; i++) {
+    TargetThread *t = threads[i];
+    if (!ListSelected(&g_thread_selection, t->id)) continue;
+    ThreadCellsOf(target, t, &cells);
+    char id[16];
+    snprintf(id, sizeof id, "%u", t->id);
+    const char *row[] = {id, t->name, cells.module, cells.function, cells.caller, cells.address, cells.priority};
+    AppendCopiedRow(&text, row, KTRN_ARRAY_COUNT(row));
+  }
+  ImGui::SetClipboardText(text.c_str());
+}
+
+static bool DrawThreadsMenu(Settings *s) {
+  if (!BeginWindowMenu("threads-wnd")) return false;
+  bool copy = ImGui::MenuItem("Copy", "Ctrl+C", false, g_thread_selection.count != 0);
+  ImGui::Separator();
   ImGui::MenuItem("ID", nullptr, true, false);
   struct Column { const char *label; u8 *shown; };
   const Column columns[] = {{"Name", &s->threads_show_name},
@@ -325,6 +424,7 @@ static void DrawThreadsMenu(Settings *s) {
     if (ImGui::MenuItem(c.label, nullptr, &on)) *c.shown = on;
   }
   ImGui::EndPopup();
+  return copy;
 }
 
 // A small button drawn in its colour while its state holds; true when clicked.
@@ -344,12 +444,25 @@ void DrawThreadsWindow(AppState *app, TargetWindowRequests *requests) {
   Target *target = app->target;
   Settings *s = &app->settings;
   const TargetThread *solo = nullptr;
-  for (TargetThread *t = target->threads; t; t = t->next)
+  // The rows: every thread in the engine's order, with their ids as the selection's keys.
+  static TargetThread *threads[kThreadPoolCount];
+  static u64 ids[kThreadPoolCount];
+  u32 thread_count = 0;
+  for (TargetThread *t = target->threads; t && thread_count < kThreadPoolCount; t = t->next) {
     if (t->solo) solo = t;
+    ids[thread_count] = t->id;
+    threads[thread_count++] = t;
+  }
+  ListSelection *selection = &g_thread_selection;
+  ListSelectionKeepRows(selection, ids, thread_count);
+  s32 moved_to = -1;
+  ListKeyAction action = kListKeyNone;
+  if (ImGui::IsWindowFocused(ImGuiFocusedFlags_ChildWindows) && !ImGui::IsPopupOpen(nullptr, ImGuiPopupFlags_AnyPopup))
+    action = ListSelectionKeys(selection, ids, thread_count, RowsInView(), &moved_to);
   int columns = 3 + s->threads_show_name + s->threads_show_module + s->threads_show_function_name +
                 s->threads_show_calling_function_name + s->threads_show_address + s->threads_show_priority;
-  static u32 selected_id;  // the clicked row's thread
   if (ImGui::BeginTable("tbl", columns, ImGuiTableFlags_Resizable | ImGuiTableFlags_ScrollY | ImGuiTableFlags_BordersInnerV)) {
+    TakeKeysFromNavigation();
     ImGui::TableSetupScrollFreeze(0, 1);
     ImGui::TableSetupColumn("", ImGuiTableColumnFlags_WidthFixed, kMarkerColumnWidth);
     ImGui::TableSetupColumn("", ImGuiTableColumnFlags_WidthFixed, 2 * kMarkerColumnWidth);
@@ -362,12 +475,12 @@ void DrawThreadsWindow(AppState *app, TargetWindowRequests *requests) {
     if (s->threads_show_priority) ImGui::TableSetupColumn("Priority");
     ImGui::TableHeadersRow();
     // Only the rows in view are drawn, and only their threads' stacks are built (under the lock
-    // held here, once a stop each): two thousand threads cost the rows on screen.
-    static TargetThread *threads[kThreadPoolCount];
-    u32 thread_count = 0;
-    for (TargetThread *t = target->threads; t && thread_count < kThreadPoolCount; t = t->next) threads[thread_count++] = t;
+    // held here, once a stop each): two thousand threads cost the rows on screen. A row the keys
+    // moved to is drawn too, to scroll it into view.
     ImGuiListClipper clipper;
     clipper.Begin((int)thread_count);
+    if (moved_to >= 0) clipper.IncludeItemByIndex(moved_to);
+    static ThreadCells cells;  // the user-interface thread's alone; too big for its stack
     while (clipper.Step()) {
       for (int row = clipper.DisplayStart; row < clipper.DisplayEnd; row++) {
         TargetThread *t = threads[row];
@@ -387,66 +500,52 @@ void DrawThreadsWindow(AppState *app, TargetWindowRequests *requests) {
         ImGui::TableNextColumn();
         char id[16];
         snprintf(id, sizeof id, "%u", t->id);
-        if (ImGui::Selectable(id, selected_id == t->id, ImGuiSelectableFlags_SpanAllColumns | ImGuiSelectableFlags_AllowDoubleClick)) {
-          selected_id = t->id;
-          if (ImGui::IsMouseDoubleClicked(ImGuiMouseButton_Left)) requests->select_thread = t->id;
-        }
-        const StackFrame *frames = nullptr;
-        u32 count = CallStackOfThread(target, t, &frames);  // a failed build shows no frames
-        char function[kCellCapacity];
+        bool selected = ListSelected(selection, t->id);
+        bool clicked = ImGui::Selectable(id, selected, ImGuiSelectableFlags_SpanAllColumns | ImGuiSelectableFlags_AllowDoubleClick);
+        ClickRow(selection, ids, thread_count, (u32)row, clicked);
+        if (clicked && ImGui::IsMouseDoubleClicked(ImGuiMouseButton_Left)) requests->select_thread = t->id;
+        if (row == moved_to) ScrollIntoView();
+        MarkSelectedForTests(selected);
+        ThreadCellsOf(target, t, &cells);
         if (s->threads_show_name) { ImGui::TableNextColumn(); ImGui::TextUnformatted(t->name); }
-        if (s->threads_show_module) {
-          ImGui::TableNextColumn();
-          if (count) ImGui::TextUnformatted(ModuleName(frames[0].module));
-        }
-        if (s->threads_show_function_name) {
-          ImGui::TableNextColumn();
-          if (count) { FrameFunction(&frames[0], function, sizeof function); ImGui::TextUnformatted(function); }
-        }
-        if (s->threads_show_calling_function_name) {
-          ImGui::TableNextColumn();
-          u32 caller = 1;
-          while (caller < count && frames[caller].collapsed) caller++;
-          if (caller < count) { FrameFunction(&frames[caller], function, sizeof function); ImGui::TextUnformatted(function); }
-        }
-        if (s->threads_show_address) {
-          ImGui::TableNextColumn();
-          if (count) ImGui::Text("%llX", (unsigned long long)frames[0].ip);
-        }
-        if (s->threads_show_priority) {
-          ImGui::TableNextColumn();
-          s32 priority = EngineThreadPriority(target, t);
-          const char *name = EngineThreadPriorityName(priority);
-          if (name[0]) ImGui::Text("%s (%d)", name, (int)priority);
-          else ImGui::Text("%d", (int)priority);
-        }
+        if (s->threads_show_module) { ImGui::TableNextColumn(); ImGui::TextUnformatted(cells.module); }
+        if (s->threads_show_function_name) { ImGui::TableNextColumn(); ImGui::TextUnformatted(cells.function); }
+        if (s->threads_show_calling_function_name) { ImGui::TableNextColumn(); ImGui::TextUnformatted(cells.caller); }
+        if (s->threads_show_address) { ImGui::TableNextColumn(); ImGui::TextUnformatted(cells.address); }
+        if (s->threads_show_priority) { ImGui::TableNextColumn(); ImGui::TextUnformatted(cells.priority); }
         ImGui::PopID();
       }
     }
     ImGui::EndTable();
   }
-  bool focused = ImGui::IsWindowFocused(ImGuiFocusedFlags_RootAndChildWindows);
-  if (focused && selected_id && ImGui::IsKeyPressed(ImGuiKey_Enter)) requests->select_thread = selected_id;
-  DrawThreadsMenu(s);
+  if (action == kListKeyActivate && selection->count == 1) requests->select_thread = (u32)selection->keys[0];
+  if (DrawThreadsMenu(s) || action == kListKeyCopy) CopyThreadRows(target, threads, thread_count);
   EngineUnlockModel(target);
 }
 
 // [SECTION] Modules
 
-// A module row as "Copy" writes it: the cells separated by tabs, the status by its short name.
-static void CopyModuleRow(const TargetModule *m) {
-  char row[kModulePathCapacity * 2 + 128];
-  snprintf(row, sizeof row, "%s\t%s\t%llX-%llX\t%s\t%s\n", ModuleName(m), m->symbols.image_path,
-           (unsigned long long)TargetModuleBase(m), (unsigned long long)TargetModuleEnd(m), m->symbols.pdb_path,
-           SymbolStatusName(m->symbols.status));
-  ImGui::SetClipboardText(row);
+static ListSelection g_module_selection;  // by module base
+
+// Every column, shown or not, in the table's order; the status by its short name.
+static void CopyModuleRows(TargetModule *modules) {
+  ImGuiTextBuffer text;
+  for (TargetModule *m = modules; m; m = m->next) {
+    if (!ListSelected(&g_module_selection, TargetModuleBase(m))) continue;
+    char range[48];
+    snprintf(range, sizeof range, "%llX-%llX", (unsigned long long)TargetModuleBase(m), (unsigned long long)TargetModuleEnd(m));
+    const char *row[] = {ModuleName(m), m->symbols.image_path, range, m->symbols.pdb_path, SymbolStatusName(m->symbols.status)};
+    AppendCopiedRow(&text, row, KTRN_ARRAY_COUNT(row));
+  }
+  ImGui::SetClipboardText(text.c_str());
 }
 
-static void DrawModulesMenu(Settings *s, TargetModule *selected, TargetWindowRequests *requests) {
-  if (!ImGui::BeginPopupContextWindow("modules-wnd")) return;
-  if (ImGui::MenuItem("Copy", "Ctrl+C", false, selected != nullptr)) CopyModuleRow(selected);
+// "Load Symbols From..." acts on one module: the one selected row.
+static bool DrawModulesMenu(Settings *s, TargetModule *only, TargetWindowRequests *requests) {
+  if (!BeginWindowMenu("modules-wnd")) return false;
+  bool copy = ImGui::MenuItem("Copy", "Ctrl+C", false, g_module_selection.count != 0);
   // The user's pick of a PDB for the module (taken without its GUID check), then its symbols anew.
-  if (ImGui::MenuItem("Load Symbols From...", nullptr, false, selected != nullptr)) requests->pick_symbols = selected;
+  if (ImGui::MenuItem("Load Symbols From...", nullptr, false, only != nullptr)) requests->pick_symbols = only;
   ImGui::Separator();
   ImGui::MenuItem("Name", nullptr, true, false);
   struct Column { const char *label; u8 *shown; };
@@ -459,15 +558,26 @@ static void DrawModulesMenu(Settings *s, TargetModule *selected, TargetWindowReq
     if (ImGui::MenuItem(c.label, nullptr, &on)) *c.shown = on;
   }
   ImGui::EndPopup();
+  return copy;
 }
 
 void DrawModulesWindow(AppState *app, TargetWindowRequests *requests) {
   if (!LockStoppedTarget(app)) return;
   Settings *s = &app->settings;
+  static u64 bases[kModulePoolCount];  // the rows' keys
+  u32 module_count = 0;
+  for (TargetModule *m = app->target->modules; m && module_count < kModulePoolCount; m = m->next)
+    bases[module_count++] = TargetModuleBase(m);
+  ListSelection *selection = &g_module_selection;
+  ListSelectionKeepRows(selection, bases, module_count);
+  s32 moved_to = -1;
+  ListKeyAction action = kListKeyNone;
+  if (ImGui::IsWindowFocused(ImGuiFocusedFlags_ChildWindows) && !ImGui::IsPopupOpen(nullptr, ImGuiPopupFlags_AnyPopup))
+    action = ListSelectionKeys(selection, bases, module_count, RowsInView(), &moved_to);
   int columns = 1 + s->modules_show_path + s->modules_show_address + s->modules_show_symbol_file + s->modules_show_status;
-  static u64 selected_base;  // the clicked row's module
-  TargetModule *selected = nullptr;
+  TargetModule *only = nullptr;
   if (ImGui::BeginTable("tbl", columns, ImGuiTableFlags_Resizable | ImGuiTableFlags_ScrollY | ImGuiTableFlags_BordersInnerV)) {
+    TakeKeysFromNavigation();
     ImGui::TableSetupScrollFreeze(0, 1);
     ImGui::TableSetupColumn("Name");
     if (s->modules_show_path) ImGui::TableSetupColumn("Path");
@@ -475,13 +585,17 @@ void DrawModulesWindow(AppState *app, TargetWindowRequests *requests) {
     if (s->modules_show_symbol_file) ImGui::TableSetupColumn("Symbol File");
     if (s->modules_show_status) ImGui::TableSetupColumn("Symbol Status");
     ImGui::TableHeadersRow();
-    for (TargetModule *m = app->target->modules; m; m = m->next) {
+    u32 row = 0;
+    for (TargetModule *m = app->target->modules; m && row < module_count; m = m->next, row++) {
       ImGui::TableNextRow();
       ImGui::TableNextColumn();
-      u64 base = TargetModuleBase(m);
+      u64 base = bases[row];
       ImGui::PushID((const void *)m);
-      if (ImGui::Selectable(ModuleName(m), selected_base == base, ImGuiSelectableFlags_SpanAllColumns)) selected_base = base;
-      if (selected_base == base) selected = m;
+      bool selected = ListSelected(selection, base);
+      ClickRow(selection, bases, module_count, row, ImGui::Selectable(ModuleName(m), selected, ImGuiSelectableFlags_SpanAllColumns));
+      if ((s32)row == moved_to) ScrollIntoView();
+      MarkSelectedForTests(selected);
+      if (selection->count == 1 && selection->keys[0] == base) only = m;
       ImGui::PopID();
       if (s->modules_show_path) { ImGui::TableNextColumn(); ImGui::TextUnformatted(m->symbols.image_path); }
       if (s->modules_show_address) {
@@ -493,9 +607,6 @@ void DrawModulesWindow(AppState *app, TargetWindowRequests *requests) {
     }
     ImGui::EndTable();
   }
-  if (selected && ImGui::IsWindowFocused(ImGuiFocusedFlags_ChildWindows) && ImGui::GetIO().KeyCtrl &&
-      ImGui::IsKeyPressed(ImGuiKey_C, false))
-    CopyModuleRow(selected);
-  DrawModulesMenu(s, selected, requests);
+  if (DrawModulesMenu(s, only, requests) || action == kListKeyCopy) CopyModuleRows(app->target->modules);
   EngineUnlockModel(app->target);
 }
