@@ -439,6 +439,15 @@ static bool FlagButton(const char *label, bool lit, ImU32 colour, ImU32 hovered,
   return clicked;
 }
 
+// A list window's selection kept on this frame's rows (by key), then the selection keys taken while
+// the window has focus and no menu is open.
+static ListKeyAction FollowRows(ListSelection *selection, const u64 *keys, u32 count, s32 *moved_to) {
+  ListSelectionKeepRows(selection, keys, count);
+  if (!ImGui::IsWindowFocused(ImGuiFocusedFlags_ChildWindows) || ImGui::IsPopupOpen(nullptr, ImGuiPopupFlags_AnyPopup))
+    return kListKeyNone;
+  return ListSelectionKeys(selection, keys, count, RowsInView(), moved_to);
+}
+
 void DrawThreadsWindow(AppState *app, TargetWindowRequests *requests) {
   if (!LockStoppedTarget(app)) return;
   Target *target = app->target;
@@ -454,11 +463,8 @@ void DrawThreadsWindow(AppState *app, TargetWindowRequests *requests) {
     threads[thread_count++] = t;
   }
   ListSelection *selection = &g_thread_selection;
-  ListSelectionKeepRows(selection, ids, thread_count);
   s32 moved_to = -1;
-  ListKeyAction action = kListKeyNone;
-  if (ImGui::IsWindowFocused(ImGuiFocusedFlags_ChildWindows) && !ImGui::IsPopupOpen(nullptr, ImGuiPopupFlags_AnyPopup))
-    action = ListSelectionKeys(selection, ids, thread_count, RowsInView(), &moved_to);
+  ListKeyAction action = FollowRows(selection, ids, thread_count, &moved_to);
   int columns = 3 + s->threads_show_name + s->threads_show_module + s->threads_show_function_name +
                 s->threads_show_calling_function_name + s->threads_show_address + s->threads_show_priority;
   if (ImGui::BeginTable("tbl", columns, ImGuiTableFlags_Resizable | ImGuiTableFlags_ScrollY | ImGuiTableFlags_BordersInnerV)) {
@@ -569,11 +575,8 @@ void DrawModulesWindow(AppState *app, TargetWindowRequests *requests) {
   for (TargetModule *m = app->target->modules; m && module_count < kModulePoolCount; m = m->next)
     bases[module_count++] = TargetModuleBase(m);
   ListSelection *selection = &g_module_selection;
-  ListSelectionKeepRows(selection, bases, module_count);
   s32 moved_to = -1;
-  ListKeyAction action = kListKeyNone;
-  if (ImGui::IsWindowFocused(ImGuiFocusedFlags_ChildWindows) && !ImGui::IsPopupOpen(nullptr, ImGuiPopupFlags_AnyPopup))
-    action = ListSelectionKeys(selection, bases, module_count, RowsInView(), &moved_to);
+  ListKeyAction action = FollowRows(selection, bases, module_count, &moved_to);
   int columns = 1 + s->modules_show_path + s->modules_show_address + s->modules_show_symbol_file + s->modules_show_status;
   TargetModule *only = nullptr;
   if (ImGui::BeginTable("tbl", columns, ImGuiTableFlags_Resizable | ImGuiTableFlags_ScrollY | ImGuiTableFlags_BordersInnerV)) {
