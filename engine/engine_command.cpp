@@ -131,19 +131,16 @@ EngineResult EngineLockStopped(Target *target) {
 
 static void Unlock(Target *target) { ReleaseSRWLockExclusive(&target->model_lock); }
 
-// Asks for a break-in while the target runs; the engine counts it down when it arrives. While the
-// target sits at an event, or a single step is on its way to one, nothing goes out: the engine
-// takes what waits at the event (and asks for the break-in itself right after continuing, should
-// it have just missed it).
+// Asks for a break-in while the target runs, unless one is on its way (the engine counts it down when
+// it arrives). While the target sits at an event, or a single step is on its way to one, nothing goes
+// out: the engine takes what waits at the event (and asks for the break-in itself right after
+// continuing, should it have just missed it).
 static bool BreakInIfRunning(Target *target) {
   if (!__atomic_load_n(&target->target_running, __ATOMIC_SEQ_CST)) return true;
   // A single step on its way is an event: the engine takes what waits there (or, should the step
   // not come soon, breaks in itself).
   if (__atomic_load_n(&target->trap_steps_in_flight, __ATOMIC_SEQ_CST)) return true;
-  __atomic_fetch_add(&target->break_ins_outstanding, 1, __ATOMIC_SEQ_CST);
-  if (DebugBreakProcess(target->process)) return true;
-  __atomic_fetch_sub(&target->break_ins_outstanding, 1, __ATOMIC_SEQ_CST);
-  return false;
+  return EngineBreakIn(target);
 }
 
 // [SECTION] Operations
@@ -390,7 +387,6 @@ EngineResult EngineQueueRequest(Target *target, const EngineRequest *request) {
   // or a break-in already on its way carries it; otherwise a silent one is asked for. The engine
   // counts a break-in down before it serves the ring, so a request seen as carried is served.
   if (EngineStoppedState(target) == kEngineOk) return kEngineOk;
-  if (__atomic_load_n(&target->break_ins_outstanding, __ATOMIC_SEQ_CST) > 0) return kEngineOk;
   return BreakInIfRunning(target) ? kEngineOk : kEngineSystemCallFailed;
 }
 

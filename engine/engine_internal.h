@@ -42,6 +42,9 @@ bool EngineIsBreakInThread(const Target *target, u32 thread_id);
 u64 EngineThreadIp(TargetThread *thread);
 // The stop a user's break asked for, shown on the thread a break shows (kind 1, reason 4).
 u32 EngineStopForUserBreak(Target *target);
+// Asks for a break-in unless one is already on its way (it carries whatever waits); either thread
+// calls it. False when the system refused.
+bool EngineBreakIn(Target *target);
 // The thread shown for a break: the first solo thread, else the first one not frozen, else none.
 TargetThread *EngineThreadToShow(Target *target);
 void EngineMakeStopped(Target *target, TargetThread *thread, u32 reason, u64 address, s32 frame, EngineEvent *event);

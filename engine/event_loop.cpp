@@ -380,10 +380,12 @@ static void SettleHeldThread(Target *target) {
   held->trap_in_flight = 1;
 }
 
-static void BreakInIfNoneOutstanding(Target *target) {
-  if (__atomic_load_n(&target->break_ins_outstanding, __ATOMIC_SEQ_CST) != 0) return;
+bool EngineBreakIn(Target *target) {
+  if (__atomic_load_n(&target->break_ins_outstanding, __ATOMIC_SEQ_CST) != 0) return true;
   __atomic_fetch_add(&target->break_ins_outstanding, 1, __ATOMIC_SEQ_CST);
-  if (!DebugBreakProcess(target->process)) __atomic_fetch_sub(&target->break_ins_outstanding, 1, __ATOMIC_SEQ_CST);
+  if (DebugBreakProcess(target->process)) return true;
+  __atomic_fetch_sub(&target->break_ins_outstanding, 1, __ATOMIC_SEQ_CST);
+  return false;
 }
 
 static bool SomethingWaits(Target *target);
@@ -420,7 +422,7 @@ static void Resume(Target *target, bool after_stop) {
   // too late for the look before continuing, is carried by a break-in now.
   __atomic_store_n(&target->target_running, 1, __ATOMIC_SEQ_CST);
   bool waits = SomethingWaits(target);
-  if (waits && trap_steps == 0) BreakInIfNoneOutstanding(target);
+  if (waits && trap_steps == 0) (void)EngineBreakIn(target);
 }
 
 // True when a break, a request or a detach waits for the engine.
@@ -561,7 +563,7 @@ void EngineRunLoop(Target *target) {
     bool stepping = __atomic_load_n(&target->trap_steps_in_flight, __ATOMIC_SEQ_CST) != 0;
     if (!target->wait_for_debug_event(ev, stepping ? kStepWaitMs : INFINITE)) {
       if (!stepping || GetLastError() != ERROR_SEM_TIMEOUT) return;
-      if (SomethingWaits(target)) BreakInIfNoneOutstanding(target);
+      if (SomethingWaits(target)) (void)EngineBreakIn(target);
       continue;
     }
     __atomic_store_n(&target->target_running, 0, __ATOMIC_SEQ_CST);
