@@ -92,6 +92,16 @@ static void CloseOnEscape(void) {
   if (ImGui::IsKeyPressed(ImGuiKey_Escape) && !io.KeyCtrl && !io.KeyShift && !io.KeyAlt) ImGui::CloseCurrentPopup();
 }
 
+// The start of a one-field popup: its text captured under name, the label, and the field that
+// follows it (width in font heights) taking the keyboard when the popup appears.
+static void FieldAfterLabel(const char *name, const char *label, float width) {
+  TextCaptureWindow(name);
+  ImGui::TextUnformatted(label);
+  ImGui::SameLine();
+  if (ImGui::IsWindowAppearing()) ImGui::SetKeyboardFocusHere();
+  ImGui::SetNextItemWidth(ImGui::GetFontSize() * width);
+}
+
 static void DrawFind(AppState *app, SourceViewState *view) {
   TextSearch *search = &app->sources.search;
   if (view->open_find) {
@@ -100,11 +110,7 @@ static void DrawFind(AppState *app, SourceViewState *view) {
   }
   if (view->find_next || view->find_previous) Search(app, view->find_next);
   if (!ImGui::BeginPopup("Find in File")) return;
-  TextCaptureWindow("Find in File");
-  ImGui::TextUnformatted("Find: ");
-  ImGui::SameLine();
-  if (ImGui::IsWindowAppearing()) ImGui::SetKeyboardFocusHere();
-  ImGui::SetNextItemWidth(ImGui::GetFontSize() * 20);
+  FieldAfterLabel("Find in File", "Find: ", 20);
   if (ImGui::InputText("##findinfile", search->pattern, sizeof search->pattern, ImGuiInputTextFlags_EnterReturnsTrue)) {
     Search(app, true);
     ImGui::SetKeyboardFocusHere(-1);
@@ -121,11 +127,7 @@ static void DrawGoto(AppState *app, SourceViewState *view) {
     view->goto_line = (s32)tab->cursor_line + 1;
   }
   if (!ImGui::BeginPopup("Goto Line###goto")) return;
-  TextCaptureWindow("Goto Line");
-  ImGui::TextUnformatted("Go To Line: ");
-  ImGui::SameLine();
-  if (ImGui::IsWindowAppearing()) ImGui::SetKeyboardFocusHere();
-  ImGui::SetNextItemWidth(ImGui::GetFontSize() * 8);
+  FieldAfterLabel("Goto Line", "Go To Line: ", 8);
   if (ImGui::InputInt("##gotoline", &view->goto_line, 1, 100, ImGuiInputTextFlags_EnterReturnsTrue) && tab) {
     s32 line = view->goto_line < 1 ? 1 : view->goto_line > (s32)tab->text.line_count ? (s32)tab->text.line_count : view->goto_line;
     tab->cursor_line = tab->anchor_line = (u32)line - 1;
