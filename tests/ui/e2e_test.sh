@@ -9,7 +9,6 @@ set -u
 wine_run=$1 exe=$2 demo=$3 source_dir=$4 out=$5
 . "$(dirname "$0")/ui_test_lib.sh"
 source="Z:$source_dir/examples/demo/demo.cpp"
-line_of() { grep -n -F -- "$1" "$source_dir/examples/demo/demo.cpp" | head -n 1 | cut -d: -f1; }
 format_line=$(line_of "snprintf(line")
 flush_line=$(line_of "fflush(stdout)")
 sleep_line=$(line_of "Sleep(1000)")

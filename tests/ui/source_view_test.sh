@@ -10,18 +10,13 @@ set -u
 wine_run=$1 exe=$2 demo=$3 source_dir=$4 out=$5
 . "$(dirname "$0")/ui_test_lib.sh"
 source="Z:$source_dir/examples/demo/demo.cpp"
-line_of() { grep -n -F -- "$1" "$source_dir/examples/demo/demo.cpp" | head -n 1 | cut -d: -f1; }
 step_line=$(line_of "StepParticles(&g_system")
 count_line=$(line_of "InterlockedIncrement(&g_frames)")
 sleep_line=$(line_of "Sleep(16)")
 
 # A session whose target command runs the demo for 30 s.
 work="$out/work.ktrn"
-python3 - "$work" "Z:$demo" <<'PY'
-import struct, sys
-text = lambda s: struct.pack('<I', len(s)) + s.encode()
-open(sys.argv[1], 'wb').write(b'KTRN' + text(sys.argv[2]) + text('30') + text('') + struct.pack('<II', 0, 0))
-PY
+demo_session "$work" 30
 start "Z:$work"
 wait_for first-start "[window Output]"
 forward open-file "$source" "$step_line"

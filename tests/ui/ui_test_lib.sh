@@ -37,6 +37,9 @@ open(sys.argv[1], 'wb').write(b'KTRN' + text(sys.argv[2]) + text(sys.argv[3]) + 
 PY2
 }
 
+# line_of TEXT: the first line of the demo's source ($source_dir/examples/demo/demo.cpp) holding TEXT.
+line_of() { grep -n -F -- "$1" "$source_dir/examples/demo/demo.cpp" | head -n 1 | cut -d: -f1; }
+
 # A source tab's geometry from a step's dump: layout STEP gives "X Y MARGIN LINE_HEIGHT" of line 1;
 # line_y STEP LINE the window y of a line's middle; text_x and margin_x a point in its text and margin.
 layout() { grep -m1 -o 'line 1 at [0-9-]*,[0-9-]*, margin [0-9]*, line height [0-9]*' "$out/dumps/$1.txt" | tr -c '0-9\n-' ' '; }

@@ -12,12 +12,7 @@ wine_run=$1 exe=$2 demo=$3 out=$4
 work="$out/work.ktrn"
 
 # A session whose target command runs the demo for 30 seconds.
-python3 - "$work" "Z:$demo" <<'PY'
-import struct, sys
-path, demo = sys.argv[1:]
-text = lambda s: struct.pack('<I', len(s)) + s.encode()
-open(path, 'wb').write(b'KTRN' + text(demo) + text('30') + text('') + struct.pack('<II', 0, 0))
-PY
+demo_session "$work" 30
 
 start "Z:$work"
 wait_for start "[window Watch 1]"
