@@ -162,6 +162,10 @@ static u32 DetailedFunctionCell(const char *function, const FrameParameters *lis
   return n;
 }
 
+// A detailed row's lines: the function and its return type, then one per parameter (the line number
+// ends the last).
+static u32 DetailedLines(u32 parameters) { return 1 + parameters; }
+
 static void DrawFrameRow(AppState *app, TargetWindowRequests *requests, TargetThread *thread, const StackFrame *frame,
                          u32 index, s32 selected) {
   const Settings *s = &app->settings;
@@ -186,9 +190,9 @@ static void DrawFrameRow(AppState *app, TargetWindowRequests *requests, TargetTh
   if (s->callstack_show_module_name) {
     ImGui::TableNextColumn();
     if (!frame->collapsed) {
-      // As tall as the function cell: one line break per parameter and one more.
+      // As tall as the function cell (DetailedLines).
       char module[256 + 80];
-      u32 breaks = parameters >= 2 ? parameters + 1 : 0;
+      u32 breaks = DetailedLines(parameters) - 1;
       int n = snprintf(module, sizeof module - 80, "%s", ModuleName(frame->module));
       for (u32 i = 0; i < breaks && n > 0 && (u32)n < sizeof module - 1; i++) module[n++] = '\n';
       module[n > 0 ? n : 0] = 0;
@@ -218,12 +222,10 @@ static void DrawFrameRow(AppState *app, TargetWindowRequests *requests, TargetTh
   ImGui::PopID();
 }
 
-// The number of text lines of each frame's row at "Detailed" (the parameters' lines, and the module
-// cell's), made once per stop and thread: the rows' heights differ, and only the rows in view are
+// The number of text lines of each frame's row at "Detailed", made once per stop and thread: the rows' heights differ, and only the rows in view are
 // drawn, the others standing as two spacer rows of their summed height.
 typedef struct DetailedRowLines {
   u32 stop, symbols, thread_id, count;
-  u8 show_module;
   u16 lines[kMaxStackFrames + 1];
 } DetailedRowLines;
 static DetailedRowLines g_row_lines;
@@ -231,15 +233,11 @@ static DetailedRowLines g_row_lines;
 static const DetailedRowLines *RowLines(AppState *app, TargetThread *thread, const StackFrame *frames, u32 count) {
   DetailedRowLines *r = &g_row_lines;
   u32 stop = app->target->stop_generation, symbols = app->target->symbols_generation;
-  u8 show_module = app->settings.callstack_show_module_name;
-  if (r->stop == stop && r->symbols == symbols && r->thread_id == thread->id && r->count == count &&
-      r->show_module == show_module)
-    return r;
+  if (r->stop == stop && r->symbols == symbols && r->thread_id == thread->id && r->count == count) return r;
   r->stop = stop;
   r->symbols = symbols;
   r->thread_id = thread->id;
   r->count = count;
-  r->show_module = show_module;
   for (u32 i = 0; i < count && i < KTRN_ARRAY_COUNT(r->lines); i++) {
     u32 parameters = 0;
     if (!frames[i].collapsed && frames[i].procedure) {
@@ -247,9 +245,7 @@ static const DetailedRowLines *RowLines(AppState *app, TargetThread *thread, con
       FrameParameter p;
       for (u32 offset = 0; FrameParameterNext(list, &offset, &p);) parameters++;
     }
-    u32 lines = 1 + parameters;  // the function cell
-    if (show_module && !frames[i].collapsed && parameters >= 2) lines = parameters + 2;  // the module cell
-    r->lines[i] = (u16)lines;
+    r->lines[i] = (u16)DetailedLines(parameters);
   }
   return r;
 }
